@@ -1,0 +1,24 @@
+.PHONY: build test run bench bootstrap clean
+
+build: bootstrap
+	cmake --preset release
+	cmake --build --preset release
+
+test: bootstrap
+	cmake --preset ci
+	cmake --build --preset ci
+	ctest --preset ci
+
+run: build
+	scripts/run
+
+bench: bootstrap
+	cmake --preset bench
+	cmake --build --preset bench
+	scripts/bench
+
+bootstrap:
+	scripts/bootstrap
+
+clean:
+	rm -rf build
