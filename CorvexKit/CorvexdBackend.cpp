@@ -163,6 +163,11 @@ std::optional<uint64_t> CorvexdBackend::deliveredSeq(uint64_t pane) const {
 
 bool CorvexdBackend::isConnected() const { return currentConnection() != nullptr; }
 
+bool CorvexdBackend::isReconnecting() const {
+    std::lock_guard guard(lock_);
+    return reconnecting_;
+}
+
 std::shared_ptr<ByteStream> CorvexdBackend::currentConnection() const {
     std::lock_guard guard(lock_);
     return connection_;

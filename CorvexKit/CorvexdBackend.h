@@ -86,6 +86,8 @@ public:
     std::optional<Hello> lastHello() const;
     std::optional<uint64_t> deliveredSeq(uint64_t pane) const;
     bool isConnected() const;
+    // A reconnect loop is at work (backing off, paused, or finishing a connect).
+    bool isReconnecting() const;
     RetryPolicy retryPolicy() const;
     void setFileChannel(std::shared_ptr<CorvexdFileChannel> channel);
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <sys/socket.h>
 #include <thread>
 
@@ -61,6 +62,10 @@ public:
             out.push_back(std::chrono::duration<double>(shared->opens[i] - shared->opens[i - 1]).count());
         }
         return out;
+    }
+    platform::TimePoint lastOpen() {
+        std::lock_guard guard(shared->mutex);
+        return shared->opens.back();
     }
     size_t openCount() {
         std::lock_guard guard(shared->mutex);
@@ -596,9 +601,10 @@ TEST_F(CorvexdBackendTest, ResubscribesWithHaveSeqOnlyForTheSameInstance) {
 
     // A late frame for the unsubscribed pane is forwarded and noted all the same.
     peer->sendRaw(makeOutputFrame(9, 5, "late"));
-    auto late = next<SessionEvent::Output>();
+    std::optional<SessionEvent::Output> late;
+    while ((late = next<SessionEvent::Output>()) && late->pane != 9) {
+    }
     ASSERT_TRUE(late);
-    EXPECT_EQ(late->pane, 9u);
     EXPECT_EQ(backend->deliveredSeq(9), 9u);
 
     auto resubscriptions = [&](int connection) {
@@ -673,6 +679,9 @@ TEST_F(CorvexdBackendTest, WaitingCallsFailWithTheCloseReasonAndTheLinkComesBack
         ASSERT_FALSE(got.empty());
         EXPECT_EQ(got.front(), SessionEvent(SessionEvent::Disconnected{cases[i].reason}));
         EXPECT_TRUE(logged("disconnected: " + cases[i].reason));
+        // A link lost while the loop is still finishing its connect is retried by that loop,
+        // without a disconnected event; wait for the loop to end so each case stands alone.
+        ASSERT_TRUE(waitUntil([&] { return backend->isConnected() && !backend->isReconnecting(); }));
     }
     EXPECT_EQ(transport->gaps(), (std::vector<double>{0, 0, 0})) << "a lost link is retried at once";
 }
@@ -697,7 +706,6 @@ TEST_F(CorvexdBackendTest, StopFailsWaitingCallsAndStartRestoresSubscriptions) {
     silent = false;
     backend->start();
     auto resubscribe = daemon.nextRequest("pane.subscribe");
-    resubscribe = daemon.nextRequest("pane.subscribe");
     ASSERT_TRUE(resubscribe);
     EXPECT_EQ(resubscribe->connection, 2);
     EXPECT_EQ(resubscribe->params, (json{{"pane", 7}, {"have_seq", 0}}));
@@ -801,10 +809,11 @@ TEST_F(CorvexdBackendTest, RemotePolicyPausesAndReconnectNowTriesOnceMore) {
     EXPECT_EQ(transport->openCount(), 3u) << "a pause waits to be asked";
 
     // The count of failures is kept: one more failure pauses again at once.
+    auto asked = clock->now();
     backend->reconnectNow();
     ASSERT_TRUE(next<SessionEvent::RetryPaused>());
     EXPECT_EQ(transport->openCount(), 4u);
-    EXPECT_LE(transport->gaps().back(), 0.1);
+    EXPECT_LE(transport->lastOpen() - asked, 100ms) << "the pause ends within one poll";
 
     daemon.listen();
     backend->reconnectNow();

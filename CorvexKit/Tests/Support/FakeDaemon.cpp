@@ -7,6 +7,7 @@
 
 #include "CorvexKit/Frame.h"
 #include "CorvexKit/FrameParser.h"
+#include "CorvexKit/SessionCodecJSON.h"
 
 using namespace std::chrono_literals;
 using json = nlohmann::json;
@@ -155,6 +156,8 @@ void FakeDaemon::handle(FakePeer& peer, const ReceivedRequest& request) {
     } else if (request.method == "events.subscribe") {
         peer.reply(request.id, json::object());
         if (state) peer.event("state", *state);
+    } else if (request.method == "state.get") {
+        peer.reply(request.id, toJSON(ModelState{}));
     } else if (request.method == "ping") {
         peer.reply(request.id, json::object());
     } else if (request.method == "pane.subscribe") {
