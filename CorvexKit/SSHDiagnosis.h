@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace corvex {
+
+// What a failed plain `ssh` test call says about the way to the machine, with a title for
+// a person and advice on what to do next. A password is never asked for and a host key is
+// never accepted on the user's behalf; the advice says how to do either by hand.
+struct SSHDiagnosis {
+    // In this order; `other` carries the line to show.
+    enum class Kind { other, noKey, authRejected, hostKeyUnknown, hostKeyChanged, unknownHost, refused, timedOut };
+
+    Kind kind = Kind::other;
+    std::string text; // only for `other`
+
+    static SSHDiagnosis other(std::string line) { return {Kind::other, std::move(line)}; }
+    static SSHDiagnosis of(Kind kind) { return {kind, {}}; }
+
+    // Reads what ssh printed on its standard error; the first matching finding wins.
+    static SSHDiagnosis classify(std::string_view stderrText, bool hasKeys);
+
+    // Whether this computer has a key to offer: a private key file "id_*" in <home>/.ssh,
+    // or else a key in the agent, as `ssh-add -l` (run from sshAddPath) tells.
+    static bool hasKeys();
+    static bool hasKeys(const std::string& home, const std::string& sshAddPath = "/usr/bin/ssh-add");
+
+    std::string title() const;
+    // The target goes into the commands the advice shows.
+    std::string advice(std::string_view target) const;
+
+    bool operator==(const SSHDiagnosis&) const = default;
+};
+
+} // namespace corvex
