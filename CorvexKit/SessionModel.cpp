@@ -42,6 +42,13 @@ constexpr std::string_view agentStates[] = {"starting", "running", "waiting", "d
 
 } // namespace
 
+std::string lastPathComponent(std::string_view path) {
+    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+    auto slash = path.rfind('/');
+    if (slash == std::string_view::npos || path.size() == 1) return std::string(path);
+    return std::string(path.substr(slash + 1));
+}
+
 std::string_view wireName(PullRequest::State state) { return pullRequestStates[static_cast<size_t>(state)]; }
 
 std::optional<PullRequest::State> parsePullRequestState(std::string_view text) {

@@ -13,6 +13,9 @@
 // in-process backend's state, the store's published state and the on-disk cache.
 namespace corvex {
 
+// The last component of a slash-separated path, ignoring trailing slashes ("/a/b/" gives "b").
+std::string lastPathComponent(std::string_view path);
+
 struct Focus {
     std::optional<uint64_t> workspace;
     std::optional<uint64_t> tab;

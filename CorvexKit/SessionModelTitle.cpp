@@ -32,12 +32,6 @@ std::u32string_view trimmed(std::u32string_view text) {
     return text;
 }
 
-std::string lastPathComponent(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    auto slash = path.rfind('/');
-    return slash == std::string::npos || path.size() == 1 ? path : path.substr(slash + 1);
-}
-
 } // namespace
 
 std::optional<std::string> Pane::displayTitle(const std::optional<std::string>& title,

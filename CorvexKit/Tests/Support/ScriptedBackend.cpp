@@ -27,12 +27,12 @@ void ScriptedBackend::failMove(std::optional<BackendError> error) {
     moveError_ = std::move(error);
 }
 
-void ScriptedBackend::setSettings(DaemonSettings settings) {
+void ScriptedBackend::scriptSettings(DaemonSettings settings) {
     std::lock_guard guard(mutex_);
     settings_ = std::move(settings);
 }
 
-void ScriptedBackend::setService(DaemonService service) {
+void ScriptedBackend::scriptService(DaemonService service) {
     std::lock_guard guard(mutex_);
     service_ = std::move(service);
 }

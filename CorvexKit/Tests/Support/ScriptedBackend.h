@@ -22,8 +22,8 @@ public:
     void failStart(std::optional<BackendError> error);
     void failFocus(std::optional<BackendError> error);
     void failMove(std::optional<BackendError> error);
-    void setSettings(DaemonSettings settings);
-    void setService(DaemonService service);
+    void scriptSettings(DaemonSettings settings);
+    void scriptService(DaemonService service);
 
     std::shared_ptr<SessionEventStream> events() override { return stream_; }
     void start() override;
