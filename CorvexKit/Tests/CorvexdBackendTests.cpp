@@ -91,6 +91,8 @@ protected:
     std::shared_ptr<TestTransport> transport = std::make_shared<TestTransport>(daemon.socketPath(), clock);
     std::shared_ptr<platform::Locked<std::vector<std::string>>> logs =
         std::make_shared<platform::Locked<std::vector<std::string>>>();
+    std::shared_ptr<platform::Locked<std::vector<std::string>>> traces =
+        std::make_shared<platform::Locked<std::vector<std::string>>>();
     std::shared_ptr<CorvexdBackend> backend;
     std::shared_ptr<SessionEventStream> events;
 
@@ -101,6 +103,9 @@ protected:
         configuration.clientName = "tests";
         configuration.log = [logs = logs](const std::string& line) {
             logs->withLock([&](auto& all) { all.push_back(line); });
+        };
+        configuration.trace = [traces = traces](const std::string& line) {
+            traces->withLock([&](auto& all) { all.push_back(line); });
         };
         configuration.retry = retry;
         if (!realTime) {
@@ -547,6 +552,11 @@ TEST_F(CorvexdBackendTest, SubscribeThenFramesInOrderWithDeliveredPositions) {
                                               SessionEvent::Snapshot{7, 500, 80, 24, Bytes{'s', 'c', 'r', 'e', 'e', 'n'}}}));
     EXPECT_EQ(*last, (SessionEvent::Output{7, 500, Bytes{'a', 'b', 'c'}}));
     EXPECT_EQ(backend->deliveredSeq(7), 503u) << "empty output leaves the position at its seq";
+
+    backend->sendInput(7, asBytes("\x1b[A and more than sixteen bytes"));
+    EXPECT_EQ(traces->copy(), (std::vector<std::string>{"\u2190 SNAPSHOT pane 7 seq 500 80x24 6B",
+                                                         "\u2190 OUTPUT pane 7 seq 500 3B", "\u2190 OUTPUT pane 7 seq 503 0B",
+                                                         "\u2192 INPUT pane 7 31B 1b5b4120616e64206d6f726520746861"}));
 }
 
 TEST_F(CorvexdBackendTest, ReplyHookRunsBeforeSubscribedAndBeforeTheCallerResumes) {

@@ -120,6 +120,10 @@ void FakeDaemon::serve(std::shared_ptr<FakePeer> peer) {
         if (count <= 0) return;
         bool ok = parser.append(std::string_view(buffer, static_cast<size_t>(count)), [&](uint8_t type, std::string_view body) {
             if (type == static_cast<uint8_t>(FrameType::input)) {
+                if (auto input = parseInputPayload(body)) {
+                    std::lock_guard guard(mutex_);
+                    input_[input->pane] += input->bytes;
+                }
                 ++inputFrames_;
                 return;
             }
@@ -196,6 +200,11 @@ std::optional<ReceivedRequest> FakeDaemon::nextRequest(const std::string& method
         if (next->method == method) return next;
     }
     return std::nullopt;
+}
+
+std::map<uint64_t, std::string> FakeDaemon::input() const {
+    std::lock_guard guard(mutex_);
+    return input_;
 }
 
 std::vector<ReceivedRequest> FakeDaemon::requests() const {

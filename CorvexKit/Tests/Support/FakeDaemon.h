@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -72,6 +73,8 @@ public:
     std::vector<ReceivedRequest> requests() const;
     int connectionCount() const { return connectionCount_; }
     int inputFrames() const { return inputFrames_; }
+    // The bytes of every input frame, by pane, in arrival order.
+    std::map<uint64_t, std::string> input() const;
 
     static nlohmann::json defaultHello(const std::string& instance = "A");
 
@@ -94,6 +97,7 @@ private:
     platform::Channel<std::shared_ptr<FakePeer>> connectionFeed_;
     std::atomic<int> connectionCount_{0};
     std::atomic<int> inputFrames_{0};
+    std::map<uint64_t, std::string> input_;
     bool stopping_ = false;
 };
 

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+
+#include "Tools/corvex/Arguments.h"
+#include "Tools/corvex/Cli.h"
+
+namespace corvex::cli {
+
+using CommandRun = std::function<int(CorvexdBackend& backend, Streams& io)>;
+
+struct CommandSpec {
+    // Reads the command's arguments (raising UsageError) and yields what runs it.
+    std::function<CommandRun(Arguments& args)> parse;
+    bool interactive = false;
+};
+
+// Every command by name.
+const std::map<std::string, CommandSpec>& commands();
+
+// Commands that stream: pane output, the whole terminal, events.
+CommandRun parseCat(Arguments& args);
+CommandRun parseAttach(Arguments& args);
+CommandRun parseRun(Arguments& args);
+CommandRun parseWatch(Arguments& args);
+
+} // namespace corvex::cli

@@ -1,0 +1,288 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "CorvexKit/CorvexdBackend.h"
+#include "CorvexKit/SessionCodecJSON.h"
+#include "Support/FakeDaemon.h"
+#include "Support/ScratchDirectory.h"
+#include "Tools/corvex/Cli.h"
+#include "Tools/corvex/EventLines.h"
+#include "Tools/corvex/Terminal.h"
+
+using namespace corvex;
+using namespace corvex::testing;
+using json = nlohmann::json;
+
+namespace {
+
+struct Result {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+class CorvexCliTest : public ::testing::Test {
+protected:
+    ScratchDirectory dir;
+    FakeDaemon daemon{dir.file("corvexd.sock")};
+
+    Result corvex(std::vector<std::string> args, const std::string& input = "") {
+        args.insert(args.begin(), {"--socket", daemon.socketPath()});
+        return corvexBare(args, input);
+    }
+
+    static Result corvexBare(const std::vector<std::string>& args, const std::string& input = "") {
+        std::istringstream in(input);
+        std::ostringstream out, err;
+        int status = cli::run(args, in, out, err);
+        return {status, out.str(), err.str()};
+    }
+
+    // Requests after the handshake, as method and params.
+    std::vector<std::pair<std::string, json>> commandRequests() {
+        std::vector<std::pair<std::string, json>> out;
+        for (const auto& request : daemon.requests()) {
+            if (request.method != "hello" && request.method != "events.subscribe" && request.method != "ping") {
+                out.emplace_back(request.method, request.params);
+            }
+        }
+        return out;
+    }
+};
+
+std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
+
+} // namespace
+
+TEST_F(CorvexCliTest, UsageErrorsExitWithTwoBeforeAnythingConnects) {
+    struct Case {
+        std::vector<std::string> args;
+        std::string message;
+    };
+    std::vector<Case> cases{
+        {{}, "corvex: missing command"},
+        {{"frob"}, "corvex: unknown command: frob"},
+        {{"--verbose", "state"}, "corvex: unknown option --verbose"},
+        {{"--socket", "/a", "--ssh", "h", "state"}, "corvex: --socket and --ssh exclude each other"},
+        {{"--remote-command", "x", "state"}, "corvex: --remote-command needs --ssh"},
+        {{"--socket"}, "corvex: --socket needs a value"},
+        {{"state", "extra"}, "corvex: unexpected argument: extra"},
+        {{"close", "pane"}, "corvex: missing identifier"},
+        {{"close", "window", "3"}, "corvex: bad kind: window (pane, tab or workspace)"},
+        {{"close", "pane", "x3"}, "corvex: bad identifier: x3"},
+        {{"split", "3", "--direction", "sideways"}, "corvex: bad direction: sideways (right, down, left or up)"},
+        {{"split", "3", "--ratio"}, "corvex: --ratio needs a value"},
+        {{"new-workspace", "--env", "NOEQUALS"}, "corvex: bad --env: NOEQUALS"},
+        {{"new-workspace", "--size", "80by24"}, "corvex: bad --size: 80by24"},
+        {{"move", "pane", "4"}, "corvex: missing --beside PANE"},
+        {{"move", "workspace", "1", "0", "--focus"}, "corvex: a workspace moves by index alone"},
+        {{"rename", "pane", "3", "x"}, "corvex: panes take their title from their program; rename a tab or workspace"},
+        {{"keys", "3"}, "corvex: missing keys"},
+        {{"search", "3", "q", "--before", "12"}, "corvex: bad --before: 12 (LINE:COL)"},
+        {{"watch", "--count", "-1x"}, "corvex: bad count: -1x"},
+        {{"text", "3", "--all"}, "corvex: unknown option --all"},
+    };
+    for (const auto& c : cases) {
+        Result result = corvexBare(c.args);
+        EXPECT_EQ(result.status, 2) << c.message;
+        EXPECT_EQ(firstLine(result.err), c.message);
+        EXPECT_NE(result.err.find("usage: corvex"), std::string::npos);
+    }
+    EXPECT_EQ(daemon.connectionCount(), 0);
+    Result help = corvexBare({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(firstLine(help.out).rfind("usage: corvex", 0), 0u);
+}
+
+TEST_F(CorvexCliTest, FailuresPrintTheirCodeAndMessage) {
+    Result absent = corvex({"state"});
+    EXPECT_EQ(absent.status, 1);
+    EXPECT_EQ(absent.err, "corvex: disconnected: can't connect to " + daemon.socketPath() + ": No such file or directory\n");
+
+    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+        if (request.method != "pane.close") return false;
+        peer.replyError(request.id, "not_found", "no pane 9");
+        return true;
+    });
+    daemon.listen();
+    Result refused = corvex({"close", "pane", "9"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "corvex: not_found: no pane 9\n");
+    EXPECT_TRUE(refused.out.empty());
+}
+
+TEST_F(CorvexCliTest, CommandsSendTheirRequestsAndPrintResultsAsJSON) {
+    PaneText text;
+    text.lines = {"$ ls", "a b"};
+    text.cols = 80;
+    text.rows = 2;
+    ModelState state;
+    state.rev = 4;
+    daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+        if (request.method == "workspace.create") peer.reply(request.id, json{{"workspace", 1}, {"tab", 2}, {"pane", 3}});
+        else if (request.method == "pane.split") peer.reply(request.id, json{{"pane", 4}, {"split", 5}});
+        else if (request.method == "pane.text") peer.reply(request.id, toJSON(text));
+        else if (request.method == "state.get") peer.reply(request.id, toJSON(state));
+        else return false;
+        return true;
+    });
+    daemon.listen();
+
+    Result created = corvex({"new-workspace", "--name", "dev", "--cwd", "/srv", "--env", "A=B=C", "--size", "100x30", "--",
+                             "zsh", "-l"});
+    EXPECT_EQ(created.status, 0) << created.err;
+    EXPECT_EQ(json::parse(created.out), (json{{"workspace", 1}, {"tab", 2}, {"pane", 3}}));
+    EXPECT_EQ(corvex({"split", "3", "--direction", "down", "--ratio", "0.25"}).out, "{\"pane\":4,\"split\":5}\n");
+    EXPECT_EQ(corvex({"state"}).out, toJSON(state).dump() + "\n");
+    EXPECT_EQ(corvex({"text", "3"}).out, "$ ls\na b\n");
+    EXPECT_EQ(corvex({"rename", "tab", "2"}).status, 0);
+    EXPECT_EQ(corvex({"focus", "workspace", "1"}).status, 0);
+    EXPECT_EQ(corvex({"move", "tab", "2", "3", "--workspace", "1", "--focus"}).status, 0);
+    EXPECT_EQ(corvex({"move", "tab-join", "2", "--beside", "3", "--direction", "up"}).status, 0);
+    EXPECT_EQ(corvex({"keys", "3", "Enter", "C-c", "--text", "hi"}).status, 0);
+    EXPECT_EQ(corvex({"search", "3", "err", "--regex", "--limit", "5", "--before", "10:2"}).status, 1)
+        << "the stand-in answers {} which is no search result";
+
+    std::vector<std::pair<std::string, json>> expected{
+        {"workspace.create",
+         {{"name", "dev"}, {"cwd", "/srv"}, {"env", {{"A", "B=C"}}}, {"cols", 100}, {"rows", 30}, {"command", {"zsh", "-l"}}}},
+        {"pane.split", {{"pane", 3}, {"direction", "down"}, {"ratio", 0.25}}},
+        {"state.get", nullptr},
+        {"pane.text", {{"pane", 3}}},
+        {"tab.rename", {{"tab", 2}}},
+        {"focus", {{"workspace", 1}}},
+        {"tab.move", {{"tab", 2}, {"index", 3}, {"workspace", 1}, {"focus", true}}},
+        {"tab.join", {{"tab", 2}, {"to_pane", 3}, {"direction", "up"}, {"focus", false}}},
+        {"pane.keys", {{"pane", 3}, {"keys", {"Enter", "C-c"}}, {"text", "hi"}}},
+        {"pane.search",
+         {{"pane", 3}, {"query", "err"}, {"regex", true}, {"case_sensitive", false}, {"limit", 5},
+          {"before", {{"line", 10}, {"col", 2}}}}},
+    };
+    EXPECT_EQ(commandRequests(), expected);
+}
+
+TEST_F(CorvexCliTest, SendDeliversBytesBeforeItExits) {
+    daemon.listen();
+    EXPECT_EQ(corvex({"send", "3", "-e", "-n", "echo", "\\x41\\tb\\\\"}).status, 0);
+    EXPECT_EQ(corvex({"send", "4"}, std::string("from\0stdin", 10)).status, 0);
+    EXPECT_EQ(corvex({"send", "5", "--", "-n", "literally"}).status, 0);
+    auto input = daemon.input();
+    EXPECT_EQ(input[3], "echo A\tb\\\r");
+    EXPECT_EQ(input[4], std::string("from\0stdin", 10));
+    EXPECT_EQ(input[5], "-n literally");
+}
+
+TEST_F(CorvexCliTest, CatStreamsThePaneUntilItsProgramExits) {
+    Pane exited;
+    exited.id = 7;
+    exited.exited = PaneExit{0, std::nullopt};
+    daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+        if (request.method != "pane.subscribe") return false;
+        peer.reply(request.id, json{{"mode", "snapshot"}, {"seq", 10}, {"cols", 80}, {"rows", 24}});
+        peer.sendRaw(makeSnapshotFrame(7, 10, 80, 24, "SCREEN|"));
+        peer.sendRaw(makeOutputFrame(8, 0, "other pane"));
+        peer.sendRaw(makeOutputFrame(7, 10, std::string("raw\0\xff", 5)));
+        peer.event("pane", toJSON(exited));
+        return true;
+    });
+    daemon.listen();
+    Result cat = corvex({"cat", "7"});
+    EXPECT_EQ(cat.status, 0) << cat.err;
+    EXPECT_EQ(cat.out, std::string("SCREEN|raw\0\xff", 12));
+}
+
+TEST_F(CorvexCliTest, WatchPrintsEventsAsJSONLines) {
+    daemon.setStateOnSubscribe(toJSON(ModelState{}));
+    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+        if (request.method != "events.subscribe") return false;
+        peer.reply(request.id, json::object());
+        peer.event("bell", json{{"pane", 3}});
+        return true;
+    });
+    daemon.listen();
+    Result watch = corvex({"watch", "--count", "2"});
+    EXPECT_EQ(watch.status, 0);
+    std::istringstream lines(watch.out);
+    std::string line;
+    std::vector<std::string> names;
+    while (std::getline(lines, line)) names.push_back(json::parse(line)["event"]);
+    EXPECT_EQ(names, (std::vector<std::string>{"connected", "bell"}));
+}
+
+TEST(CorvexCliEvents, LinesCarryTheirFieldsAndSurviveBadUTF8) {
+    EXPECT_EQ(cli::eventLine(SessionEvent::Clipboard{3, "hi", true}),
+              R"({"event":"clipboard","pane":3,"selection":true,"text":"hi"})");
+    EXPECT_EQ(cli::eventLine(SessionEvent::Output{3, 7, Bytes{'a', 0xff}}),
+              "{\"event\":\"output\",\"pane\":3,\"seq\":7,\"size\":2,\"text\":\"a\xef\xbf\xbd\"}");
+    EXPECT_EQ(cli::eventLine(SessionEvent::Agent{3, std::nullopt}), R"({"agent":null,"event":"agent","pane":3})");
+}
+
+TEST(CorvexCliAttach, DetachKeyIsFoundInsideTypedBytes) {
+    EXPECT_EQ(cli::findDetachKey("ls\r"), std::nullopt);
+    EXPECT_EQ(cli::findDetachKey("ab\x1c" "cd"), 2u);
+    EXPECT_EQ(cli::findDetachKey("\x1c"), 0u);
+}
+
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// Reads what the child wrote to its terminal until `wanted` shows up or time runs out.
+bool readUntil(int fd, std::string& seen, const std::string& wanted) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (seen.find(wanted) == std::string::npos) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        pollfd poller{fd, POLLIN, 0};
+        if (::poll(&poller, 1, 100) <= 0) continue;
+        char buffer[4096];
+        ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count <= 0) return seen.find(wanted) != std::string::npos;
+        seen.append(buffer, static_cast<size_t>(count));
+    }
+    return true;
+}
+
+} // namespace
+
+TEST_F(CorvexCliTest, AttachRunsInATerminalAndDetachesOnCtrlBackslash) {
+    const char* bin = std::getenv("CORVEX_BUILD_BIN");
+    if (!bin) GTEST_SKIP() << "needs the built corvex (run through ctest)";
+    std::string program = std::string(bin) + "/corvex";
+    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+        if (request.method != "pane.subscribe") return false;
+        peer.reply(request.id, json{{"mode", "snapshot"}, {"seq", 0}, {"cols", 100}, {"rows", 30}});
+        peer.sendRaw(makeSnapshotFrame(7, 0, 100, 30, "PROMPT$ "));
+        return true;
+    });
+    daemon.listen();
+
+    winsize size{};
+    size.ws_col = 100;
+    size.ws_row = 30;
+    int master = -1;
+    pid_t child = ::forkpty(&master, nullptr, nullptr, &size);
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::execl(program.c_str(), program.c_str(), "--socket", daemon.socketPath().c_str(), "attach", "7", nullptr);
+        ::_exit(127);
+    }
+    std::string seen;
+    EXPECT_TRUE(readUntil(master, seen, "PROMPT$ "));
+    std::string typed = "ls\r\x1c";
+    ASSERT_EQ(::write(master, typed.data(), typed.size()), static_cast<ssize_t>(typed.size()));
+    EXPECT_TRUE(readUntil(master, seen, "[detached from pane 7]"));
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ::close(master);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(daemon.input()[7], "ls\r") << "what came before the detach key";
+    std::vector<std::pair<std::string, json>> expected{
+        {"pane.resize", {{"pane", 7}, {"cols", 100}, {"rows", 30}}},
+        {"pane.subscribe", {{"pane", 7}, {"viewport", {{"cols", 100}, {"rows", 30}}}}},
+    };
+    EXPECT_EQ(commandRequests(), expected);
+}
