@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "CorvexKit/SessionBackend.h"
+#include "Support/ScriptedBackend.h"
+
+using namespace corvex;
+using namespace std::chrono_literals;
+
+namespace {
+
+template <typename Call>
+std::string unknownMethodText(Call&& call) {
+    try {
+        call();
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), "unknown_method");
+        EXPECT_STREQ(error.what(), error.message().c_str());
+        return error.message();
+    }
+    ADD_FAILURE() << "no error raised";
+    return "";
+}
+
+} // namespace
+
+TEST(SessionBackend, OptionalOperationsDefaultToUnknownMethodWithTheirOwnText) {
+    testkit::ScriptedBackend backend;
+    SessionBackend& base = backend;
+    // Qualified calls reach the interface's own defaults, whatever the backend overrides.
+    auto text = [&](auto call) { return unknownMethodText(call); };
+    EXPECT_EQ(text([&] { base.SessionBackend::dismissRestored(1); }), "this backend doesn't restore panes");
+    EXPECT_EQ(text([&] { base.SessionBackend::move(MoveRequest::moveWorkspace(1, 0)); }),
+              "this backend can't move tabs or workspaces");
+    EXPECT_EQ(text([&] { base.muteAgent(1, true); }), "this backend can't mute agents");
+    EXPECT_EQ(text([&] { base.paneText(1); }), "this backend can't read a pane's text");
+    EXPECT_EQ(text([&] { base.decide(1, "r", PermissionDecision::allow, std::nullopt); }),
+              "this backend can't answer permission requests");
+    EXPECT_EQ(text([&] { base.searchPane(1, "x", {}); }), "this backend can't search scrollback");
+    EXPECT_EQ(text([&] { base.agentHistory(1, std::nullopt, std::nullopt); }), "this backend keeps no agent history");
+    EXPECT_EQ(text([&] { base.sendKeys(1, "x", {"enter"}); }), "this backend can't send keys");
+    EXPECT_EQ(text([&] { base.SessionBackend::getSettings(); }), "this backend has no settings");
+    EXPECT_EQ(text([&] { base.SessionBackend::setSettings({}); }), "this backend has no settings");
+    EXPECT_EQ(text([&] { base.SessionBackend::serviceStatus(); }), "this backend can't start at login");
+    EXPECT_EQ(text([&] { base.SessionBackend::installService(); }), "this backend can't start at login");
+    EXPECT_EQ(text([&] { base.SessionBackend::uninstallService(); }), "this backend can't start at login");
+    EXPECT_EQ(text([&] { base.pushRegister({}); }), "this backend has no push alerts");
+    EXPECT_EQ(text([&] { base.pushUnregister("d"); }), "this backend has no push alerts");
+    EXPECT_EQ(text([&] { base.pushList(); }), "this backend has no push alerts");
+    EXPECT_EQ(text([&] { base.pushTest("d"); }), "this backend has no push alerts");
+    EXPECT_EQ(text([&] { base.pushActivity(1, "d", "t", std::nullopt); }), "this backend has no Live Activities");
+    EXPECT_EQ(text([&] { base.pushActivityEnd(1, "d"); }), "this backend has no Live Activities");
+    EXPECT_EQ(text([&] { base.pushActivities(); }), "this backend has no Live Activities");
+
+    // The quiet defaults do nothing and raise nothing.
+    base.reconnectNow();
+    base.SessionBackend::focusPane(1);
+    base.setTerminalColors(TerminalColors{});
+    base.ackAgent(1);
+}
+
+TEST(BackendError, EqualityTakesBothFieldsAndStaleIsOneExactCode) {
+    EXPECT_EQ(BackendError("not_found", "no pane 3"), BackendError("not_found", "no pane 3"));
+    EXPECT_FALSE(BackendError("not_found", "no pane 3") == BackendError("not_found", "no pane 4"));
+    EXPECT_FALSE(BackendError("a", "m") == BackendError("b", "m"));
+    EXPECT_TRUE(BackendError("stale", "x").isStale());
+    EXPECT_FALSE(BackendError("Stale", "x").isStale());
+    EXPECT_FALSE(BackendError("stale_source", "x").isStale());
+}
+
+TEST(HelloFeature, WireNamesAreExactAndCoverEveryCase) {
+    EXPECT_EQ(Hello::wireName(Hello::Feature::paneKeys), "pane.keys");
+    EXPECT_EQ(Hello::wireName(Hello::Feature::agentReportPid), "agent.report.pid");
+    EXPECT_EQ(Hello::wireName(Hello::Feature::splitSetRatio), "split.set_ratio");
+    EXPECT_EQ(Hello::wireName(Hello::Feature::clientColors), "client.colors");
+    EXPECT_EQ(Hello::wireName(Hello::Feature::paneFocus), "pane.focus");
+    std::set<std::string> names;
+    for (int i = 0; i <= static_cast<int>(Hello::Feature::paneFocus); ++i) {
+        auto feature = static_cast<Hello::Feature>(i);
+        names.insert(std::string(Hello::wireName(feature)));
+        EXPECT_EQ(Hello::parseFeature(Hello::wireName(feature)), feature);
+    }
+    EXPECT_EQ(names.size(), 21u);
+    EXPECT_EQ(Hello::parseFeature("Pane.Keys"), std::nullopt);
+}
+
+TEST(SessionEventStream, KeepsEachProducersOrderAndDrainsAfterFinish) {
+    SessionEventStream stream;
+    std::atomic<int> wakeups{0};
+    stream.setWakeup([&] { ++wakeups; });
+
+    constexpr int perProducer = 500;
+    auto produce = [&](uint64_t pane) {
+        for (int i = 0; i < perProducer; ++i) {
+            stream.push(SessionEvent::Output{pane, static_cast<uint64_t>(i), {}});
+        }
+    };
+    std::thread first(produce, 1);
+    std::thread second(produce, 2);
+    first.join();
+    second.join();
+    stream.finish();
+    EXPECT_FALSE(stream.push(SessionEvent::Bell{1}));
+
+    std::map<uint64_t, uint64_t> nextSeq;
+    int received = 0;
+    while (auto event = stream.next()) {
+        const auto* output = event->as<SessionEvent::Output>();
+        ASSERT_NE(output, nullptr);
+        EXPECT_EQ(output->seq, nextSeq[output->pane]++);
+        ++received;
+    }
+    EXPECT_EQ(received, 2 * perProducer);
+    EXPECT_TRUE(stream.isFinished());
+    EXPECT_EQ(wakeups.load(), 2 * perProducer + 1);
+}
+
+TEST(SessionEventStream, AWakeupSetLateFiresForWaitingEvents) {
+    SessionEventStream stream;
+    stream.push(SessionEvent::Progress{"dialing"});
+    int wakeups = 0;
+    stream.setWakeup([&] { ++wakeups; });
+    EXPECT_EQ(wakeups, 1);
+    EXPECT_EQ(stream.next(10ms), SessionEvent(SessionEvent::Progress{"dialing"}));
+    EXPECT_EQ(stream.next(1ms), std::nullopt);
+}

@@ -1,0 +1,247 @@
+#include <gtest/gtest.h>
+
+#include "CorvexKit/SessionModel.h"
+
+using namespace corvex;
+
+namespace {
+
+Pane pane(uint64_t id) {
+    Pane p;
+    p.id = id;
+    p.cols = 80;
+    p.rows = 24;
+    return p;
+}
+
+// Workspace 1 "One": tab 2 (pane 3) and tab 4 (panes 5 | 6 in split 7), tab 2 active.
+// Workspace 8 "Two": tab 9 (pane 10). Workspace 11 "Empty": no tabs. Focus on 1/2/3.
+ModelState sample() {
+    ModelState state;
+    state.rev = 42;
+    state.focus = Focus{1, 2, 3};
+    state.workspaces = {
+        Workspace{1, "One",
+                  {Tab{2, std::nullopt, 3, Layout::leaf(3)},
+                   Tab{4, "build", 5,
+                       Layout::split(7, Axis::horizontal, 0.5, Layout::leaf(5), Layout::leaf(6))}},
+                  2},
+        Workspace{8, "Two", {Tab{9, std::nullopt, 10, Layout::leaf(10)}}, 9},
+        Workspace{11, "Empty", {}, std::nullopt},
+    };
+    state.panes = {pane(3), pane(5), pane(6), pane(10)};
+    return state;
+}
+
+std::vector<uint64_t> tabIDs(const Workspace& workspace) {
+    std::vector<uint64_t> ids;
+    for (const auto& tab : workspace.tabs) ids.push_back(tab.id);
+    return ids;
+}
+
+} // namespace
+
+TEST(ModelState, LookupsFindByIdentifierAndTreatAbsentAsAbsent) {
+    auto state = sample();
+    ASSERT_NE(state.pane(6), nullptr);
+    EXPECT_EQ(state.pane(6)->id, 6u);
+    EXPECT_EQ(state.pane(std::nullopt), nullptr);
+    EXPECT_EQ(state.pane(99), nullptr);
+    ASSERT_NE(state.tab(4), nullptr);
+    EXPECT_EQ(state.tab(4)->title, "build");
+    EXPECT_EQ(state.tab(std::nullopt), nullptr);
+    EXPECT_EQ(state.workspace(8)->name, "Two");
+    EXPECT_EQ(state.workspace(std::nullopt), nullptr);
+
+    auto location = state.location(6);
+    ASSERT_TRUE(location);
+    EXPECT_EQ(location->workspace->id, 1u);
+    EXPECT_EQ(location->tab->id, 4u);
+    EXPECT_FALSE(state.location(99));
+    EXPECT_EQ(state.workspaceContaining(9)->id, 8u);
+    EXPECT_EQ(state.workspaceContaining(3), nullptr); // a pane identifier is no tab
+}
+
+TEST(ModelState, FocusingAPaneActivatesItsTabAndWorkspaceButKeepsRevAndPanes) {
+    auto state = sample();
+    auto next = state.focusing(FocusTarget::pane(6));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->focus, (Focus{1, 4, 6}));
+    EXPECT_EQ(next->tab(4)->activePane, 6u);
+    EXPECT_EQ(next->workspace(1)->activeTab, 4u);
+    EXPECT_EQ(next->rev, state.rev);
+    EXPECT_EQ(next->panes, state.panes);
+    EXPECT_EQ(next->workspaces[1], state.workspaces[1]);
+
+    EXPECT_FALSE(state.focusing(FocusTarget::pane(99)));
+    EXPECT_FALSE(state.focusing(FocusTarget::tab(3))); // a pane's identifier names no tab
+}
+
+TEST(ModelState, FocusingATabUsesItsActivePane) {
+    auto next = sample().focusing(FocusTarget::tab(4));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->focus, (Focus{1, 4, 5}));
+    EXPECT_EQ(next->workspace(1)->activeTab, 4u);
+}
+
+TEST(ModelState, FocusingAWorkspaceChoosesItsTabWithoutTouchingActiveTab) {
+    auto state = sample();
+    auto next = state.focusing(FocusTarget::workspace(8));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->focus, (Focus{8, 9, 10}));
+
+    // A stale activeTab falls back to the first tab, and stays stale: only the daemon moves it.
+    state.workspaces[0].activeTab = 77;
+    next = state.focusing(FocusTarget::workspace(1));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->focus, (Focus{1, 2, 3}));
+    EXPECT_EQ(next->workspace(1)->activeTab, 77u);
+
+    next = state.focusing(FocusTarget::workspace(11));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->focus, (Focus{11, std::nullopt, std::nullopt}));
+    EXPECT_FALSE(state.focusing(FocusTarget::workspace(99)));
+}
+
+TEST(ModelState, MovingAWorkspaceClampsTheIndexAndRejectsWhatItCantTell) {
+    auto state = sample();
+    auto next = state.moving(MoveRequest::moveWorkspace(1, 1000));
+    ASSERT_TRUE(next);
+    ASSERT_EQ(next->workspaces.size(), 3u);
+    EXPECT_EQ(next->workspaces[0].id, 8u);
+    EXPECT_EQ(next->workspaces[2].id, 1u);
+    EXPECT_EQ(next->focus, state.focus);
+
+    next = state.moving(MoveRequest::moveWorkspace(11, 0));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->workspaces[0].id, 11u);
+
+    EXPECT_FALSE(state.moving(MoveRequest::moveWorkspace(1, -1)));
+    EXPECT_FALSE(state.moving(MoveRequest::moveWorkspace(99, 0)));
+    EXPECT_FALSE(state.moving(MoveRequest::movePane(5, 10, Direction::right)));
+    EXPECT_FALSE(state.moving(MoveRequest::joinTab(4, 10, Direction::down)));
+}
+
+TEST(ModelState, MovingATabWithinItsWorkspace) {
+    auto state = sample();
+    auto next = state.moving(MoveRequest::moveTab(2, std::nullopt, 1000));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(tabIDs(next->workspaces[0]), (std::vector<uint64_t>{4, 2}));
+    EXPECT_EQ(next->focus, state.focus);
+    EXPECT_EQ(next->workspace(1)->activeTab, 2u);
+
+    // An unfocused tab moved without the flag leaves focus alone.
+    next = state.moving(MoveRequest::moveTab(4, std::nullopt, 0));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(tabIDs(next->workspaces[0]), (std::vector<uint64_t>{4, 2}));
+    EXPECT_EQ(next->focus, state.focus);
+    EXPECT_EQ(next->workspace(1)->activeTab, 2u);
+
+    // Replaying a move the daemon already made changes nothing.
+    EXPECT_EQ(next->moving(MoveRequest::moveTab(4, std::nullopt, 0)), next);
+
+    EXPECT_FALSE(state.moving(MoveRequest::moveTab(2, std::nullopt, -1)));
+    EXPECT_FALSE(state.moving(MoveRequest::moveTab(99, std::nullopt, 0)));
+    EXPECT_FALSE(state.moving(MoveRequest::moveTab(2, 99, 0)));
+}
+
+TEST(ModelState, MovingATabAcrossWorkspaces) {
+    auto state = sample();
+    state.focus = Focus{8, 9, 10};
+
+    // Tab 2 was workspace 1's active tab: the tab before its place takes over (none before
+    // index 0, so the first of those left).
+    auto next = state.moving(MoveRequest::moveTab(2, 8, 0));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(tabIDs(next->workspaces[0]), (std::vector<uint64_t>{4}));
+    EXPECT_EQ(next->workspace(1)->activeTab, 4u);
+    EXPECT_EQ(tabIDs(next->workspaces[1]), (std::vector<uint64_t>{2, 9}));
+    EXPECT_EQ(next->workspace(8)->activeTab, 9u); // the target had one; focus stays
+    EXPECT_EQ(next->focus, state.focus);
+
+    // Into a workspace without an active tab, the moved tab becomes it.
+    next = state.moving(MoveRequest::moveTab(4, 11, 5));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->workspace(11)->activeTab, 4u);
+    EXPECT_EQ(next->workspace(1)->activeTab, 2u);
+
+    // The only tab leaves its workspace without an active tab; the focused tab takes focus along.
+    next = state.moving(MoveRequest::moveTab(9, 1, 1));
+    ASSERT_TRUE(next);
+    EXPECT_TRUE(next->workspace(8)->tabs.empty());
+    EXPECT_EQ(next->workspace(8)->activeTab, std::nullopt);
+    EXPECT_EQ(tabIDs(next->workspaces[0]), (std::vector<uint64_t>{2, 9, 4}));
+    EXPECT_EQ(next->workspace(1)->activeTab, 9u);
+    EXPECT_EQ(next->focus, (Focus{1, 9, 10}));
+
+    // The flag makes an unfocused tab take focus too.
+    next = state.moving(MoveRequest::moveTab(4, 8, 1, true));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->focus, (Focus{8, 4, 5}));
+    EXPECT_EQ(next->workspace(8)->activeTab, 4u);
+}
+
+TEST(PaneGit, TextHelpers) {
+    PaneGit git;
+    git.repo = "corvex";
+    EXPECT_EQ(git.place(), "detached");
+    git.head = "1a2b3c";
+    EXPECT_EQ(git.place(), "@1a2b3c");
+    EXPECT_EQ(git.shortText(), "@1a2b3c");
+    EXPECT_EQ(git.summary(), "corvex · @1a2b3c");
+    git.branch = "main";
+    git.worktree = Worktree{"wt-spine", std::nullopt};
+    git.pr = PullRequest{12, PullRequest::State::open, std::nullopt, std::nullopt};
+    EXPECT_EQ(git.place(), "main");
+    EXPECT_EQ(git.shortText(), "main · #12");
+    EXPECT_EQ(git.summary(), "corvex · main · wt-spine");
+    EXPECT_EQ(git.searchText(), "main wt-spine #12");
+}
+
+TEST(PaneRestore, NoteNamesTheResumedAgent) {
+    PaneRestore restore;
+    EXPECT_EQ(restore.note(), "Restored after restart");
+    restore.agent = "claude";
+    EXPECT_EQ(restore.note(), "Restored after restart · resumed Claude Code session");
+    restore.agent = "aider";
+    EXPECT_EQ(restore.note(), "Restored after restart · resumed aider session");
+    restore.continued = true;
+    EXPECT_EQ(restore.note(), "Continued the latest conversation in this folder");
+}
+
+TEST(AgentInfo, KindNames) {
+    EXPECT_EQ(AgentInfo::kindName("claude"), "Claude Code");
+    EXPECT_EQ(AgentInfo::kindName("CODEX"), "Codex");
+    EXPECT_EQ(AgentInfo::kindName(""), "Agent");
+    EXPECT_EQ(AgentInfo::kindName("gemini"), "Gemini");
+    EXPECT_EQ(AgentInfo::shortName("Claude"), "Claude");
+    EXPECT_EQ(AgentInfo::shortName(""), "Agent");
+}
+
+TEST(PaneDisplayTitle, DropsALeadingStatusGlyph) {
+    auto shown = [](std::optional<std::string> title, std::optional<std::string> cwd = std::nullopt) {
+        return Pane::displayTitle(title, cwd);
+    };
+    EXPECT_EQ(shown(std::nullopt), std::nullopt);
+    EXPECT_EQ(shown("vim notes.md"), "vim notes.md");
+    EXPECT_EQ(shown("✳ Fixing the parser"), "Fixing the parser");   // U+2733, dingbats
+    EXPECT_EQ(shown("⠋  Working  "), "Working");                     // braille spinner, trimmed
+    EXPECT_EQ(shown("* task"), "task");
+    EXPECT_EQ(shown("· task"), "task");
+    EXPECT_EQ(shown("• task"), "task");
+    EXPECT_EQ(shown("∑ sums"), "sums");                               // Sm outside the ranges
+    EXPECT_EQ(shown("🤖 robot"), "robot");                             // So, astral
+    EXPECT_EQ(shown("é title"), "é title");                           // a letter stays
+    EXPECT_EQ(shown("✳Fixing"), "✳Fixing");                           // no blank after the glyph
+    EXPECT_EQ(shown("✳   "), std::nullopt);
+    EXPECT_EQ(shown(""), "");
+}
+
+TEST(PaneDisplayTitle, ShowsTheFolderInsteadOfTheAgentsProductTitle) {
+    EXPECT_EQ(Pane::displayTitle("✳ Claude Code", "/home/ann/corvex"), "corvex");
+    EXPECT_EQ(Pane::displayTitle("Claude Code", "/home/ann/corvex/"), "corvex");
+    EXPECT_EQ(Pane::displayTitle("Claude Code", "/"), "Claude Code");
+    EXPECT_EQ(Pane::displayTitle("Claude Code", ""), "Claude Code");
+    EXPECT_EQ(Pane::displayTitle("Claude Code", std::nullopt), "Claude Code");
+    EXPECT_EQ(Pane::displayTitle("Claude Codex", "/tmp"), "Claude Codex");
+}

@@ -1,0 +1,143 @@
+#include "Support/ScriptedBackend.h"
+
+namespace corvex::testkit {
+
+std::vector<std::string> ScriptedBackend::calls() const {
+    std::lock_guard guard(mutex_);
+    return calls_;
+}
+
+void ScriptedBackend::clearCalls() {
+    std::lock_guard guard(mutex_);
+    calls_.clear();
+}
+
+void ScriptedBackend::failStart(std::optional<BackendError> error) {
+    std::lock_guard guard(mutex_);
+    startError_ = std::move(error);
+}
+
+void ScriptedBackend::failFocus(std::optional<BackendError> error) {
+    std::lock_guard guard(mutex_);
+    focusError_ = std::move(error);
+}
+
+void ScriptedBackend::failMove(std::optional<BackendError> error) {
+    std::lock_guard guard(mutex_);
+    moveError_ = std::move(error);
+}
+
+void ScriptedBackend::scriptSettings(DaemonSettings settings) {
+    std::lock_guard guard(mutex_);
+    settings_ = std::move(settings);
+}
+
+void ScriptedBackend::scriptService(DaemonService service) {
+    std::lock_guard guard(mutex_);
+    service_ = std::move(service);
+}
+
+void ScriptedBackend::record(std::string call) {
+    std::lock_guard guard(mutex_);
+    calls_.push_back(std::move(call));
+}
+
+void ScriptedBackend::unscripted(const std::string& call) {
+    record(call);
+    throw BackendError("not_found", "not scripted: " + call);
+}
+
+void ScriptedBackend::start() {
+    record("start");
+    std::lock_guard guard(mutex_);
+    if (startError_) throw *startError_;
+}
+
+void ScriptedBackend::stop() { record("stop"); }
+
+void ScriptedBackend::focus(const FocusTarget& target) {
+    record("focus " + target.description());
+    std::lock_guard guard(mutex_);
+    if (focusError_) throw *focusError_;
+}
+
+void ScriptedBackend::move(const MoveRequest& request) {
+    record("move " + request.description());
+    std::lock_guard guard(mutex_);
+    if (moveError_) throw *moveError_;
+}
+
+void ScriptedBackend::focusPane(uint64_t pane) { record("focusPane " + std::to_string(pane)); }
+
+void ScriptedBackend::sendInput(uint64_t pane, ByteView bytes) {
+    record("input " + std::to_string(pane) + " " + std::string(bytes.begin(), bytes.end()));
+}
+
+DaemonSettings ScriptedBackend::getSettings() {
+    record("getSettings");
+    std::lock_guard guard(mutex_);
+    return settings_;
+}
+
+DaemonSettings ScriptedBackend::setSettings(const DaemonSettings::Change& change) {
+    record("setSettings");
+    std::lock_guard guard(mutex_);
+    if (change.scrollbackLines) settings_.scrollbackLines = *change.scrollbackLines;
+    return settings_;
+}
+
+DaemonService ScriptedBackend::serviceStatus() {
+    record("serviceStatus");
+    std::lock_guard guard(mutex_);
+    return service_;
+}
+
+DaemonService ScriptedBackend::installService() {
+    record("installService");
+    std::lock_guard guard(mutex_);
+    service_.installed = true;
+    return service_;
+}
+
+DaemonService ScriptedBackend::uninstallService() {
+    record("uninstallService");
+    std::lock_guard guard(mutex_);
+    service_.installed = false;
+    return service_;
+}
+
+ModelState ScriptedBackend::getState() { unscripted("getState"); }
+
+CreatedWorkspace ScriptedBackend::createWorkspace(const std::optional<std::string>&, const SpawnOptions&) {
+    unscripted("createWorkspace");
+}
+
+void ScriptedBackend::renameWorkspace(uint64_t, const std::string&) { unscripted("renameWorkspace"); }
+
+void ScriptedBackend::closeWorkspace(uint64_t) { unscripted("closeWorkspace"); }
+
+CreatedTab ScriptedBackend::createTab(uint64_t, const SpawnOptions&) { unscripted("createTab"); }
+
+void ScriptedBackend::renameTab(uint64_t, const std::optional<std::string>&) { unscripted("renameTab"); }
+
+void ScriptedBackend::closeTab(uint64_t) { unscripted("closeTab"); }
+
+CreatedSplit ScriptedBackend::split(uint64_t, Direction, std::optional<double>, const SpawnOptions&) {
+    unscripted("split");
+}
+
+void ScriptedBackend::closePane(uint64_t) { unscripted("closePane"); }
+
+void ScriptedBackend::setRatio(uint64_t, double) { unscripted("setRatio"); }
+
+Subscription ScriptedBackend::subscribe(uint64_t, std::optional<uint64_t>, std::optional<int>, std::optional<Size>) {
+    unscripted("subscribe");
+}
+
+void ScriptedBackend::unsubscribe(uint64_t) { unscripted("unsubscribe"); }
+
+void ScriptedBackend::setViewport(uint64_t, Size) { unscripted("setViewport"); }
+
+void ScriptedBackend::resize(uint64_t, Size) { unscripted("resize"); }
+
+} // namespace corvex::testkit

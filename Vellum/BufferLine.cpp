@@ -1,0 +1,389 @@
+#include "Vellum/BufferLine.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "Platform/Unicode.h"
+#include "Vellum/Diagnostics.h"
+
+namespace vellum {
+
+namespace {
+
+bool hasNonZeroScalar(PackedCell cell, const CellArena& arena) {
+    if (cell.tag() == PackedCell::scalarTag) return cell.value() != 0;
+    if (cell.tag() == PackedCell::graphemeTag) {
+        const CellArena::Scalars* cluster = arena.grapheme(cell.value());
+        return cluster && !cluster->empty() && cluster->front() != 0;
+    }
+    return false;
+}
+
+// Scans from the right for the last character; a wide one counts two columns, a spacer none.
+int trimmedLength(const CellStoragePage& page, bool clampToRow) {
+    for (int col = page.count() - 1; col >= 0; --col) {
+        PackedCell cell = page.cells[size_t(col)];
+        if (!hasNonZeroScalar(cell, *page.arena)) continue;
+        int step = cell.width();
+        return col + (clampToRow ? std::min(step, page.count() - col) : step);
+    }
+    return 0;
+}
+
+} // namespace
+
+BufferLine::RenderIdentity BufferLine::RenderIdentity::make() {
+    static std::atomic<uint64_t> counter{0};
+    return {++counter};
+}
+
+BufferLine::BufferLine(int cols, const std::optional<CharData>& fillData, bool isWrapped,
+                       BidiPresentationState bidiState, std::shared_ptr<CellArena> arena)
+    : renderIdentity(RenderIdentity::make()), isWrappedValue(isWrapped), bidiStateValue(bidiState) {
+    if (!arena) arena = std::make_shared<CellArena>();
+    const CharData& fill = fillData ? *fillData : CharData::Null;
+    storage = CellStoragePage(cols, PackedCell{}, std::move(arena));
+    PackedCell word = packOrFail(fill);
+    CharData blank;
+    blank.attribute = fill.attribute;
+    if (word == packOrFail(blank)) {
+        usedLength = 0;
+        tailBlankCell = word;
+    } else {
+        usedLength = count();
+        tailBlankCell = PackedCell{};
+    }
+    std::fill(storage.cells.begin(), storage.cells.end(), word);
+}
+
+BufferLine::BufferLine(const BufferLine& from)
+    : renderIdentity(RenderIdentity::make()),
+      isWrappedValue(from.isWrappedValue),
+      bidiStateValue(from.bidiStateValue),
+      renderModeValue(from.renderModeValue),
+      semanticMarksValue(from.semanticMarksValue),
+      semanticHardContinuationGroupValue(from.semanticHardContinuationGroupValue),
+      owningBufferRef(from.owningBufferRef),
+      recycleGeneration(from.recycleGeneration),
+      storage(from.storage),
+      usedLength(from.usedLength),
+      tailBlankCell(from.tailBlankCell),
+      imagesValue(from.imagesValue),
+      _generation(from._generation) {}
+
+PackedCell BufferLine::packOrFail(const CharData& data) const {
+    auto packed = storage.arena->pack(data);
+    if (!packed) fatalError("BufferLine: a cell could not be packed");
+    return *packed;
+}
+
+CharData BufferLine::operator[](int col) const {
+    if (count() == 0) return CharData::Null;
+    return storage.arena->unpack(storage.cells[size_t(std::clamp(col, 0, count() - 1))]);
+}
+
+void BufferLine::set(int col, const CharData& data) {
+    if (count() == 0) return;
+    if (col < 0 || col >= count()) {
+        diagnostic("BufferLine: You passed an index out of range, adjusting to prevent crash, but you should debug");
+        col = std::clamp(col, 0, count() - 1);
+    }
+    storage.cells[size_t(col)] = packOrFail(data);
+    usedLength = std::max(usedLength, col + 1);
+    ++_generation;
+}
+
+int BufferLine::getTrimmedLength() const { return trimmedLength(storage, false); }
+
+bool BufferLine::hasContent(int index) const {
+    PackedCell cell = storage.cells[size_t(index)];
+    if (cell.tag() == PackedCell::paletteBackgroundTag || cell.tag() == PackedCell::trueColorBackgroundTag) return true;
+    if (hasNonZeroScalar(cell, *storage.arena)) return true;
+    if (cell.styleID() == 0) return false;
+    Attribute a = storage.arena->attributeFor(cell.styleID());
+    return a.bg != Attribute::Color::defaultColor() || a.fg != Attribute::Color::defaultColor() || !a.style.isEmpty() ||
+           a.underlineStyle != UnderlineStyle::none || a.underlineColor.has_value();
+}
+
+bool BufferLine::hasAnyContent() const {
+    for (int col = 0; col < count(); ++col) {
+        if (hasContent(col)) return true;
+    }
+    return false;
+}
+
+std::vector<CharData> BufferLine::getData() const {
+    std::vector<CharData> out;
+    out.reserve(storage.cells.size());
+    for (PackedCell cell : storage.cells) out.push_back(storage.arena->unpack(cell));
+    return out;
+}
+
+std::string BufferLine::translateToString(bool trimRight, int startCol, int endCol, bool skipNullCellsFollowingWide,
+                                          const CharacterProvider& characterProvider,
+                                          const TextProvider& textProvider) const {
+    int end = endCol < 0 ? count() : std::min(endCol, count());
+    if (trimRight) end = std::min(end, trimmedLength(storage, skipNullCellsFollowingWide));
+    std::string out;
+    auto append = [&](int col) {
+        PackedCellView cell = view(col);
+        if (textProvider) {
+            out += textProvider(cell);
+        } else if (characterProvider) {
+            out += platform::unicode::encodeUtf8(characterProvider(cell));
+        } else {
+            std::string text = storage.arena->text(cell.cell);
+            out += text == std::string_view("\0", 1) ? " " : text;
+        }
+    };
+    for (int col = std::max(startCol, 0); col < end; ++col) {
+        append(col);
+        if (skipNullCellsFollowingWide && packedCell(col).isWideHead() && col + 1 < end &&
+            !hasNonZeroScalar(packedCell(col + 1), *storage.arena)) {
+            ++col;
+        }
+    }
+    return out;
+}
+
+bool BufferLine::copyFrom(BufferLine& src, int srcCol, int dstCol, int len) {
+    storage.copyCells(src.storage, srcCol, dstCol, len);
+    std::vector<SemanticMark> moving;
+    auto inRange = [&](const SemanticMark& m) { return m.column >= srcCol && m.column < srcCol + len; };
+    std::copy_if(src.semanticMarksValue.begin(), src.semanticMarksValue.end(), std::back_inserter(moving), inRange);
+    bool movedPromptStart = false;
+    if (!moving.empty()) {
+        std::erase_if(src.semanticMarksValue, inRange);
+        ++src._generation;
+        for (const SemanticMark& mark : moving) {
+            setSemanticMark(mark.kind, mark.column - srcCol + dstCol, mark.group);
+            movedPromptStart |= mark.kind == SemanticPromptKind::initial;
+        }
+    }
+    usedLength = std::max(usedLength, std::min(dstCol + len, count()));
+    ++_generation;
+    return movedPromptStart;
+}
+
+void BufferLine::copyFrom(const BufferLine& line) {
+    if (line.storage.arena == storage.arena) {
+        storage.cells = line.storage.cells;
+        tailBlankCell = line.tailBlankCell;
+    } else {
+        storage.cells.assign(line.storage.cells.size(), PackedCell{});
+        storage.copyCells(line.storage, 0, 0, line.count());
+        tailBlankCell = reencode(line.tailBlankCell, *line.storage.arena, *storage.arena);
+    }
+    usedLength = line.usedLength;
+    semanticMarksValue = line.semanticMarksValue;
+    semanticHardContinuationGroupValue = line.semanticHardContinuationGroupValue;
+    isWrappedValue = line.isWrappedValue;
+    bidiStateValue = line.bidiStateValue;
+    renderModeValue = line.renderModeValue;
+    imagesValue = line.imagesValue;
+    ++_generation;
+}
+
+void BufferLine::copyForSnapshot(const BufferLine& from, const std::shared_ptr<CellArena>& arena) {
+    if (arena != from.storage.arena && !arena->preservesEncoding(*from.storage.arena)) {
+        fatalError("BufferLine: a snapshot arena does not preserve the encoding of its source");
+    }
+    if (storage.arena == arena && storage.count() == from.count()) {
+        std::copy(from.storage.cells.begin(), from.storage.cells.end(), storage.cells.begin());
+    } else {
+        storage = CellStoragePage(from.storage.cells, arena);
+    }
+    usedLength = from.usedLength;
+    tailBlankCell = from.tailBlankCell;
+    isWrappedValue = from.isWrappedValue;
+    bidiStateValue = from.bidiStateValue;
+    renderModeValue = from.renderModeValue;
+    semanticMarksValue = from.semanticMarksValue;
+    semanticHardContinuationGroupValue = from.semanticHardContinuationGroupValue;
+    imagesValue = from.imagesValue;
+    recycleGeneration = from.recycleGeneration;
+    _generation = from._generation;
+}
+
+void BufferLine::adoptArena(const std::shared_ptr<CellArena>& arena) {
+    if (storage.arena == arena) return;
+    if (!arena->preservesEncoding(*storage.arena)) {
+        for (PackedCell& cell : storage.cells) cell = reencode(cell, *storage.arena, *arena);
+        tailBlankCell = reencode(tailBlankCell, *storage.arena, *arena);
+    }
+    storage.arena = arena;
+    ++_generation;
+}
+
+void BufferLine::fillRange(PackedCell with, int start, int end) {
+    start = std::max(start, 0);
+    end = std::min(end, count());
+    if (start < end) std::fill(storage.cells.begin() + start, storage.cells.begin() + end, with);
+}
+
+void BufferLine::fill(const CharData& with) { fill(packOrFail(with)); }
+void BufferLine::fill(const CharData& with, int atCol, int len) { fill(packOrFail(with), atCol, len); }
+
+void BufferLine::fill(PackedCell with) {
+    // Past usedLength the row already holds the tail blank.
+    fillRange(with, 0, with == tailBlankCell ? usedLength : count());
+    usedLength = 0;
+    tailBlankCell = with;
+    ++_generation;
+}
+
+void BufferLine::fill(PackedCell with, int atCol, int len) {
+    int start = std::max(atCol, 0);
+    int end = std::min(atCol + len, count());
+    if (start >= end) return;
+    if (with == tailBlankCell) {
+        fillRange(with, start, std::min(end, usedLength));
+        if (end == count()) usedLength = std::min(usedLength, start);
+    } else {
+        fillRange(with, start, end);
+        usedLength = std::max(usedLength, end);
+    }
+    ++_generation;
+}
+
+void BufferLine::repairWideSeam(int col) {
+    if (col < 1 || col > count()) return;
+    PackedCell& left = storage.cells[size_t(col - 1)];
+    if (!left.isWideHead()) return;
+    left = left.blanked();
+    if (col < count() && storage.cells[size_t(col)].isSpacerTail()) {
+        storage.cells[size_t(col)] = storage.cells[size_t(col)].blanked();
+    }
+    ++_generation;
+}
+
+void BufferLine::insertCells(int pos, int n, int rightMargin, const CharData& fill) {
+    insertPackedCells(pos, n, rightMargin, packOrFail(fill));
+}
+
+void BufferLine::insertPackedCells(int pos, int n, int rightMargin, PackedCell fill) {
+    if (count() == 0 || n <= 0) return;
+    rightMargin = std::clamp(rightMargin, 0, count() - 1);
+    pos = std::max(pos, 0) % (rightMargin + 1);
+    int range = rightMargin + 1 - pos;
+    repairWideSeam(pos);
+    repairWideSeam(rightMargin + 1);
+    auto cells = storage.cells.begin();
+    if (n < range) {
+        repairWideSeam(rightMargin + 1 - n);
+        std::copy_backward(cells + pos, cells + rightMargin + 1 - n, cells + rightMargin + 1);
+        fillRange(fill, pos, pos + n);
+    } else {
+        fillRange(fill, pos, rightMargin + 1);
+    }
+    marksShift(pos, n, rightMargin);
+    usedLength = count();
+    ++_generation;
+}
+
+void BufferLine::deleteCells(int pos, int n, int rightMargin, const CharData& fill) {
+    deletePackedCells(pos, n, rightMargin, packOrFail(fill));
+}
+
+void BufferLine::deletePackedCells(int pos, int n, int rightMargin, PackedCell fill) {
+    if (count() == 0 || n <= 0) return;
+    rightMargin = std::clamp(rightMargin, 0, count() - 1);
+    pos = std::max(pos, 0);
+    int reduced = pos % (rightMargin + 1);
+    int range = rightMargin + 1 - reduced;
+    repairWideSeam(pos);
+    repairWideSeam(pos + n);
+    repairWideSeam(rightMargin + 1);
+    auto cells = storage.cells.begin();
+    if (n < range) {
+        if (pos + n <= rightMargin) std::copy(cells + pos + n, cells + rightMargin + 1, cells + pos);
+        fillRange(fill, rightMargin + 1 - n, rightMargin + 1);
+    } else {
+        fillRange(fill, reduced, rightMargin + 1);
+    }
+    marksShift(pos, -n, rightMargin);
+    usedLength = count();
+    ++_generation;
+}
+
+void BufferLine::replaceCells(int start, int end, const CharData& fill) {
+    replacePackedCells(start, end, packOrFail(fill));
+}
+
+void BufferLine::replacePackedCells(int start, int end, PackedCell fill) {
+    end = std::min(end, count());
+    fillRange(fill, start, end);
+    usedLength = std::max(usedLength, end);
+    ++_generation;
+}
+
+void BufferLine::resize(int cols, const CharData& fillData) { resize(cols, packOrFail(fillData)); }
+
+void BufferLine::resize(int cols, PackedCell fill) {
+    cols = std::max(cols, 0);
+    if (cols != count()) {
+        bool narrower = cols < count();
+        storage = storage.resized(cols, fill);
+        if (narrower) marksClampTo(cols);
+        ++_generation;
+    }
+    usedLength = cols;
+}
+
+bool BufferLine::recycle(PackedCell with, bool isWrapped, BidiPresentationState bidiState) {
+    fillRange(with, 0, with == tailBlankCell && usedLength < count() ? usedLength : count());
+    usedLength = 0;
+    tailBlankCell = with;
+    bool hadImages = hasImages();
+    imagesValue.clear();
+    semanticMarksValue.clear();
+    semanticHardContinuationGroupValue.reset();
+    renderModeValue = RenderLineMode::single;
+    isWrappedValue = isWrapped;
+    bidiStateValue = bidiState;
+    ++recycleGeneration;
+    ++_generation;
+    return hadImages;
+}
+
+void BufferLine::sortMarks() {
+    std::stable_sort(semanticMarksValue.begin(), semanticMarksValue.end(),
+                     [](const SemanticMark& a, const SemanticMark& b) { return a.column < b.column; });
+}
+
+void BufferLine::setSemanticMark(SemanticPromptKind kind, int column, uint64_t group) {
+    std::erase_if(semanticMarksValue, [&](const SemanticMark& m) { return m.kind == kind; });
+    auto at = std::upper_bound(semanticMarksValue.begin(), semanticMarksValue.end(), column,
+                               [](int c, const SemanticMark& m) { return c < m.column; });
+    semanticMarksValue.insert(at, SemanticMark{kind, column, group});
+    ++_generation;
+}
+
+void BufferLine::attach(std::shared_ptr<const TerminalImage> image) {
+    imagesValue.push_back(std::move(image));
+    ++_generation;
+}
+
+void BufferLine::marksClampTo(int width) {
+    if (semanticMarksValue.empty()) return;
+    if (width < 1) {
+        semanticMarksValue.clear();
+    } else {
+        for (SemanticMark& mark : semanticMarksValue) mark.column = std::clamp(mark.column, 0, width - 1);
+    }
+    ++_generation;
+}
+
+void BufferLine::marksShift(int from, int by, int rightMargin) {
+    bool moved = false;
+    for (SemanticMark& mark : semanticMarksValue) {
+        if (mark.column < from || mark.column > rightMargin) continue;
+        mark.column = std::clamp(mark.column + by, from, std::max(from, rightMargin));
+        moved = true;
+    }
+    if (!moved) return;
+    sortMarks();
+    ++_generation;
+}
+
+} // namespace vellum

@@ -1,0 +1,341 @@
+#include "Vellum/CellArena.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+#include "Platform/Unicode.h"
+
+namespace vellum {
+
+using platform::unicode::isScalarValue;
+using Color = Attribute::Color;
+
+namespace {
+
+uint64_t colorCode(const Color& color) {
+    switch (color.kind()) {
+    case Color::Kind::defaultColor: return 0;
+    case Color::Kind::defaultInvertedColor: return 0x1000000;
+    case Color::Kind::ansi256: return 0x2000000 + color.code();
+    case Color::Kind::trueColor:
+        return 0x3000000 + (uint64_t(color.red()) << 16 | uint64_t(color.green()) << 8 | color.blue());
+    }
+    return 0;
+}
+
+CellArena::Identity nextIdentity() {
+    static std::atomic<CellArena::Identity> counter{0};
+    return ++counter;
+}
+
+bool isBlankRendition(const Attribute& a) {
+    return a.fg == Color::defaultColor() && a.style.isEmpty() && a.underlineStyle == UnderlineStyle::none &&
+           !a.underlineColor;
+}
+
+char32_t firstValidScalar(std::u32string_view scalars) {
+    for (char32_t s : scalars) {
+        if (isScalarValue(s)) return s;
+    }
+    return platform::unicode::replacementCharacter;
+}
+
+bool allScalarValues(std::u32string_view scalars) {
+    return std::all_of(scalars.begin(), scalars.end(), [](char32_t s) { return isScalarValue(s); });
+}
+
+std::optional<PackedCell> validated(PackedCell cell) {
+    if (!cell.hasValidEncoding()) return std::nullopt;
+    return cell;
+}
+
+} // namespace
+
+InternedAttributeKey::InternedAttributeKey(const Attribute& attribute)
+    : word0(colorCode(attribute.fg) | colorCode(attribute.bg) << 26 | uint64_t(attribute.style.rawValue) << 52 |
+            uint64_t(attribute.underlineStyle) << 60),
+      word1(attribute.underlineColor ? colorCode(*attribute.underlineColor) + 0x4000000 : 0) {}
+
+PackedAttributeRecord PackedAttributeRecord::from(const Attribute& attribute) {
+    PackedAttributeRecord record;
+    attribute.fg.writeImage(record.bytes);
+    attribute.bg.writeImage(record.bytes + 4);
+    record.bytes[8] = attribute.style.rawValue;
+    record.bytes[9] = uint8_t(attribute.underlineStyle);
+    Color::writeOptionalImage(attribute.underlineColor, record.bytes + 10);
+    return record;
+}
+
+Attribute PackedAttributeRecord::attribute() const {
+    Attribute a;
+    a.fg = Color::fromImage(bytes).value_or(Color::defaultColor());
+    a.bg = Color::fromImage(bytes + 4).value_or(Color::defaultColor());
+    a.style = CharacterStyle(bytes[8]);
+    a.underlineStyle = UnderlineStyle(bytes[9]);
+    a.underlineColor = Color::fromImage(bytes + 10);
+    return a;
+}
+
+void PackedCellView::getScalarValues(std::u32string& appending) const { arena->scalarValues(cell, appending); }
+std::string PackedCellView::text() const { return arena->text(cell); }
+Attribute PackedCellView::attribute() const { return arena->attribute(cell); }
+
+CellArena::CellArena(int styleCapacity, int graphemeCapacity)
+    : identity(nextIdentity()),
+      attributeCapacity(std::clamp(styleCapacity, 0, 65535)),
+      graphemeCapacity(std::clamp(graphemeCapacity, 0, 0xFFFFFF)),
+      graphemeBlockCapacity(std::max(1, (this->graphemeCapacity + graphemeBlockSize - 1) / graphemeBlockSize)),
+      isSnapshotCopy(false),
+      // Left uninitialised on purpose: a full table is 65,536 records and most terminals use few.
+      attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
+      graphemeBlocks(size_t(graphemeBlockCapacity)),
+      attributeCache(std::make_unique<std::array<AttributeCacheEntry, attributeCacheSize>>()) {
+    attributes[0] = PackedAttributeRecord::from(Attribute::empty);
+    attributeIdentifiers.emplace(InternedAttributeKey(), 0);
+}
+
+CellArena::CellArena(SnapshotTag, const CellArena& source)
+    : identity(nextIdentity()),
+      attributeCapacity(source.attributeCapacity),
+      graphemeCapacity(source.graphemeCapacity),
+      graphemeBlockCapacity(source.graphemeBlockCapacity),
+      snapshotSourceIdentity(source.identity),
+      isSnapshotCopy(true),
+      attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
+      graphemeBlocks(size_t(graphemeBlockCapacity)),
+      attributeCache(std::make_unique<std::array<AttributeCacheEntry, attributeCacheSize>>()) {
+    attributes[0] = PackedAttributeRecord::from(Attribute::empty);
+    attributeIdentifiers.emplace(InternedAttributeKey(), 0);
+    synchronizeSnapshotPrefix(source);
+}
+
+std::shared_ptr<CellArena> CellArena::makeSnapshot(const CellArena& source) {
+    return std::shared_ptr<CellArena>(new CellArena(SnapshotTag{}, source));
+}
+
+std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
+    InternedAttributeKey key(attributes);
+    if (key.isZero()) return 0;
+    AttributeCacheEntry& slot = (*attributeCache)[cacheHash(key) >> 54];
+    if (slot.identifierPlusOne != 0 && slot.word0 == key.word0 && slot.word1 == key.word1) {
+        return uint16_t(slot.identifierPlusOne - 1);
+    }
+    uint16_t identifier;
+    if (auto it = attributeIdentifiers.find(key); it != attributeIdentifiers.end()) {
+        identifier = it->second;
+    } else {
+        if (isSnapshotCopy || attributeCountValue > attributeCapacity) return std::nullopt;
+        identifier = uint16_t(attributeCountValue++);
+        this->attributes[identifier] = PackedAttributeRecord::from(attributes);
+        attributeIdentifiers.emplace(key, identifier);
+    }
+    slot = {key.word0, key.word1, uint32_t(identifier) + 1};
+    return identifier;
+}
+
+CellArena::SharedScalars& CellArena::graphemeSlot(uint32_t identifier) {
+    uint32_t index = identifier - 1;
+    auto& block = graphemeBlocks[index / graphemeBlockSize];
+    if (!block) {
+        block = std::make_unique<GraphemeBlock>();
+        allocatedGraphemeBlockCount = std::max(allocatedGraphemeBlockCount, int(index / graphemeBlockSize) + 1);
+    }
+    return (*block)[index % graphemeBlockSize];
+}
+
+std::optional<uint32_t> CellArena::intern(std::u32string_view graphemes) {
+    if (auto it = graphemeIdentifiers.find(graphemes); it != graphemeIdentifiers.end()) return it->second;
+    if (graphemes.empty() || isSnapshotCopy || graphemeCountValue >= uint32_t(graphemeCapacity)) return std::nullopt;
+    uint32_t identifier = graphemeCountValue + 1;
+    auto shared = std::make_shared<const Scalars>(graphemes);
+    graphemeSlot(identifier) = shared;
+    graphemeCountValue = identifier;
+    graphemeIdentifiers.emplace(std::move(shared), identifier);
+    return identifier;
+}
+
+const CellArena::Scalars* CellArena::grapheme(uint32_t identifier) const {
+    if (identifier == 0 || identifier > graphemeCountValue) return nullptr;
+    uint32_t index = identifier - 1;
+    const auto& block = graphemeBlocks[index / graphemeBlockSize];
+    if (!block) return nullptr;
+    return (*block)[index % graphemeBlockSize].get();
+}
+
+Attribute CellArena::attributeFor(uint16_t styleID) const {
+    if (styleID >= attributeCountValue) return Attribute::empty;
+    return attributes[styleID].attribute();
+}
+
+std::optional<PackedCell> CellArena::packInlineBackground(const Attribute& attribute, uint8_t widthState,
+                                                          uint16_t payloadCode, uint8_t semanticContentCode,
+                                                          bool isProtected) const {
+    if (!isBlankRendition(attribute)) return std::nullopt;
+    const Color& bg = attribute.bg;
+    if (bg.kind() == Color::Kind::ansi256) {
+        return PackedCell::make(PackedCell::paletteBackgroundTag, bg.code(), 0, widthState, isProtected, payloadCode,
+                                semanticContentCode);
+    }
+    if (bg.kind() == Color::Kind::trueColor) {
+        uint32_t value = uint32_t(bg.red()) | uint32_t(bg.green()) << 8 | uint32_t(bg.blue()) << 16;
+        return PackedCell::make(PackedCell::trueColorBackgroundTag, value, 0, widthState, isProtected, payloadCode,
+                                semanticContentCode);
+    }
+    return std::nullopt;
+}
+
+std::optional<PackedCell> CellArena::packCluster(uint16_t styleID, std::u32string_view scalars, uint8_t widthState,
+                                                 uint16_t payloadCode, uint8_t semanticContentCode, bool isProtected) {
+    if (auto identifier = intern(scalars)) {
+        if (*identifier > PackedCell::valueMask) return std::nullopt;
+        return validated(PackedCell::make(PackedCell::graphemeTag, *identifier, styleID, widthState, isProtected,
+                                          payloadCode, semanticContentCode));
+    }
+    return validated(PackedCell::make(PackedCell::scalarTag, firstValidScalar(scalars), styleID, widthState,
+                                      isProtected, payloadCode, semanticContentCode));
+}
+
+std::optional<PackedCell> CellArena::pack(const CharData& data) {
+    if (data.widthStateCode > 3) return std::nullopt;
+    if (data.graphemeScalarValues) {
+        uint16_t style = intern(data.attribute).value_or(0);
+        return packCluster(style, *data.graphemeScalarValues, data.widthStateCode, data.payload.code,
+                           data.semanticContentCode, data.isProtected);
+    }
+    if (data.code < 0 || !isScalarValue(uint32_t(data.code))) return std::nullopt;
+    if (data.code == 0) {
+        if (auto cell = packInlineBackground(data.attribute, data.widthStateCode, data.payload.code,
+                                             data.semanticContentCode, data.isProtected)) {
+            return validated(*cell);
+        }
+    }
+    uint16_t style = intern(data.attribute).value_or(0);
+    return validated(PackedCell::make(PackedCell::scalarTag, uint32_t(data.code), style, data.widthStateCode,
+                                      data.isProtected, data.payload.code, data.semanticContentCode));
+}
+
+std::optional<PackedCell> CellArena::pack(const Attribute& attribute, std::u32string_view character, uint8_t widthState,
+                                          uint16_t payloadCode, uint8_t semanticContentCode, bool isProtected) {
+    if (widthState > 3 || character.empty() || !allScalarValues(character)) return std::nullopt;
+    if (character.size() == 1 && character[0] == 0) {
+        if (auto cell = packInlineBackground(attribute, widthState, payloadCode, semanticContentCode, isProtected)) {
+            return validated(*cell);
+        }
+    }
+    return pack(intern(attribute).value_or(0), character, widthState, payloadCode, semanticContentCode, isProtected);
+}
+
+std::optional<PackedCell> CellArena::pack(uint16_t styleID, std::u32string_view character, uint8_t widthState,
+                                          uint16_t payloadCode, uint8_t semanticContentCode, bool isProtected) {
+    if (widthState > 3 || character.empty() || !allScalarValues(character)) return std::nullopt;
+    if (character.size() == 1) {
+        return validated(PackedCell::make(PackedCell::scalarTag, character[0], styleID, widthState, isProtected,
+                                          payloadCode, semanticContentCode));
+    }
+    return packCluster(styleID, character, widthState, payloadCode, semanticContentCode, isProtected);
+}
+
+Attribute CellArena::attribute(PackedCell cell) const {
+    switch (cell.tag()) {
+    case PackedCell::paletteBackgroundTag: {
+        Attribute a;
+        a.bg = Color::ansi256(uint8_t(cell.value()));
+        return a;
+    }
+    case PackedCell::trueColorBackgroundTag: {
+        Attribute a;
+        uint32_t v = cell.value();
+        a.bg = Color::trueColor(uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16));
+        return a;
+    }
+    default:
+        return attributeFor(cell.styleID());
+    }
+}
+
+CharData CellArena::unpack(PackedCell cell) const {
+    CharData data;
+    data.attribute = attribute(cell);
+    if (cell.tag() == PackedCell::scalarTag) {
+        data.code = int32_t(cell.value());
+    } else if (cell.tag() == PackedCell::graphemeTag) {
+        if (const Scalars* cluster = grapheme(cell.value()); cluster && !cluster->empty()) {
+            data.code = int32_t(cluster->front());
+            data.graphemeScalarValues = *cluster;
+        }
+    }
+    data.widthStateCode = cell.widthStateCode();
+    data.width = int8_t(cell.width());
+    data.semanticContentCode = cell.semanticContentCode() >= 7 ? 0 : cell.semanticContentCode();
+    data.payload = TinyAtom{cell.payloadCode()};
+    data.isProtected = cell.isProtected();
+    return data;
+}
+
+void CellArena::scalarValues(PackedCell cell, Scalars& appending) const {
+    if (cell.tag() == PackedCell::scalarTag) {
+        if (cell.value() != 0) appending.push_back(char32_t(cell.value()));
+    } else if (cell.tag() == PackedCell::graphemeTag) {
+        if (const Scalars* cluster = grapheme(cell.value())) appending += *cluster;
+    }
+}
+
+CellArena::Scalars CellArena::scalarValues(PackedCell cell) const {
+    Scalars out;
+    scalarValues(cell, out);
+    return out;
+}
+
+std::string CellArena::text(PackedCell cell) const {
+    if (cell.tag() == PackedCell::graphemeTag) {
+        const Scalars* cluster = grapheme(cell.value());
+        if (!cluster || !allScalarValues(*cluster)) return " ";
+        return platform::unicode::encodeUtf8(*cluster);
+    }
+    if (cell.tag() != PackedCell::scalarTag || cell.value() == 0) return std::string(1, '\0');
+    if (!isScalarValue(cell.value())) return " ";
+    std::string out;
+    platform::unicode::appendUtf8(out, char32_t(cell.value()));
+    return out;
+}
+
+std::optional<PackedCell> CellArena::replacingContent(PackedCell cell, std::u32string_view scalars, uint8_t widthState) {
+    if (scalars.empty() || widthState > 3 || cell.semanticContentCode() >= 7 || !allScalarValues(scalars)) {
+        return std::nullopt;
+    }
+    uint16_t style = cell.styleID();
+    if (cell.tag() == PackedCell::paletteBackgroundTag || cell.tag() == PackedCell::trueColorBackgroundTag) {
+        style = intern(attribute(cell)).value_or(0);
+    }
+    std::optional<PackedCell> content =
+        scalars.size() == 1 ? PackedCell::make(PackedCell::scalarTag, scalars[0], style, widthState, false, 0, 0)
+                            : packCluster(style, scalars, widthState, 0, 0, false);
+    if (!content) return std::nullopt;
+    return validated(PackedCell{(cell.raw & PackedCell::highBits) | content->raw});
+}
+
+bool CellArena::preservesEncoding(const CellArena& source) const {
+    return isSnapshotCopy && snapshotSourceIdentity == source.identity &&
+           attributeCountValue >= source.attributeCountValue && graphemeCountValue >= source.graphemeCountValue;
+}
+
+bool CellArena::synchronizeSnapshotPrefix(const CellArena& source) {
+    if (!isSnapshotCopy || snapshotSourceIdentity != source.identity) return false;
+    if (source.attributeCountValue < attributeCountValue || source.graphemeCountValue < graphemeCountValue) return false;
+    if (source.attributeCountValue > attributeCapacity + 1 || source.graphemeCountValue > uint32_t(graphemeCapacity)) {
+        return false;
+    }
+    std::memcpy(&attributes[attributeCountValue], &source.attributes[attributeCountValue],
+                sizeof(PackedAttributeRecord) * size_t(source.attributeCountValue - attributeCountValue));
+    attributeCountValue = source.attributeCountValue;
+    for (uint32_t identifier = graphemeCountValue + 1; identifier <= source.graphemeCountValue; ++identifier) {
+        uint32_t index = identifier - 1;
+        const auto& sourceBlock = source.graphemeBlocks[index / graphemeBlockSize];
+        if (sourceBlock) graphemeSlot(identifier) = (*sourceBlock)[index % graphemeBlockSize];
+    }
+    graphemeCountValue = source.graphemeCountValue;
+    return true;
+}
+
+} // namespace vellum

@@ -1,0 +1,157 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "Vellum/Attribute.h"
+#include "Vellum/CharData.h"
+#include "Vellum/PackedCell.h"
+
+namespace vellum {
+
+// The canonical form of an Attribute in two words, which is all the arena hashes and compares.
+// Colour codes (26 bits): default 0, inverted default 0x1000000, palette 0x2000000 + index,
+// true colour 0x3000000 + (r << 16 | g << 8 | b). word0: fg (0-25), bg (26-51), style byte (52-59),
+// underline style (60-63). word1: 0 without an underline colour, else its code with the kind
+// moved up by 0x4000000. Attribute::empty is the all-zero key and nothing else is.
+struct InternedAttributeKey {
+    uint64_t word0 = 0;
+    uint64_t word1 = 0;
+
+    InternedAttributeKey() = default;
+    explicit InternedAttributeKey(const Attribute& attribute);
+
+    bool isZero() const { return (word0 | word1) == 0; }
+    bool operator==(const InternedAttributeKey&) const = default;
+};
+
+// An attribute as the arena stores it: 14 bytes, colours in their four-byte images.
+struct PackedAttributeRecord {
+    uint8_t bytes[14];
+
+    static PackedAttributeRecord from(const Attribute& attribute);
+    Attribute attribute() const;
+};
+
+class CellArena;
+
+// A cell word with the arena that gives it meaning, for readers that do not unpack.
+struct PackedCellView {
+    PackedCell cell;
+    const CellArena* arena;
+
+    // Appends the cell's scalars (none for an empty cell or a dangling cluster).
+    void getScalarValues(std::u32string& appending) const;
+    std::string text() const;
+    Attribute attribute() const;
+};
+
+// The side store of one terminal: styles and grapheme clusters live here once and cells hold
+// their identifiers. Entries are never forgotten; a full table makes packing fall back (styles
+// to the default rendition, clusters to their first valid scalar). Not locked: it belongs to
+// the thread holding the terminal's lock. Readers elsewhere use a snapshot copy.
+class CellArena {
+public:
+    using Identity = uint64_t; // unique per arena object in this process
+    using Scalars = std::u32string; // may hold values that are no scalar; readers check
+    using SharedScalars = std::shared_ptr<const Scalars>; // immutable once interned
+
+    struct AttributeCacheEntry {
+        uint64_t word0 = 0;
+        uint64_t word1 = 0;
+        uint32_t identifierPlusOne = 0; // 0: empty slot
+    };
+    static constexpr int attributeCacheSize = 1024;
+    static constexpr int graphemeBlockSize = 256;
+    static constexpr int defaultCapacity = 65535;
+
+    CellArena(int styleCapacity = defaultCapacity, int graphemeCapacity = defaultCapacity);
+    CellArena(const CellArena&) = delete;
+    CellArena& operator=(const CellArena&) = delete;
+
+    // A read-only image of `source` for a reader on another thread.
+    static std::shared_ptr<CellArena> makeSnapshot(const CellArena& source);
+
+    std::optional<uint16_t> intern(const Attribute& attributes);
+    std::optional<uint32_t> intern(std::u32string_view graphemes);
+
+    std::optional<PackedCell> pack(const CharData& data);
+    std::optional<PackedCell> pack(const Attribute& attribute, std::u32string_view character, uint8_t widthState,
+                                   uint16_t payloadCode = 0, uint8_t semanticContentCode = 0, bool isProtected = false);
+    std::optional<PackedCell> pack(uint16_t styleID, std::u32string_view character, uint8_t widthState,
+                                   uint16_t payloadCode = 0, uint8_t semanticContentCode = 0, bool isProtected = false);
+    CharData unpack(PackedCell cell) const;
+
+    Scalars scalarValues(PackedCell cell) const;
+    void scalarValues(PackedCell cell, Scalars& appending) const;
+    std::string text(PackedCell cell) const;
+    Attribute attribute(PackedCell cell) const;
+
+    // The cell with new content (combining marks, variation selectors) and width state; keeps
+    // protection, payload and semantic code, and the style (an inline background is interned).
+    std::optional<PackedCell> replacingContent(PackedCell cell, std::u32string_view scalars, uint8_t widthState);
+
+    bool synchronizeSnapshotPrefix(const CellArena& source);
+    bool preservesEncoding(const CellArena& source) const;
+
+    // Table access. Style identifiers beyond the count read as the empty attribute.
+    Attribute attributeFor(uint16_t styleID) const;
+    // The cluster of a 1-based identifier, or null for a dangling one.
+    const Scalars* grapheme(uint32_t identifier) const;
+    int attributeCount() const { return attributeCountValue; }
+    uint32_t graphemeCount() const { return graphemeCountValue; }
+
+    const Identity identity;
+    const int attributeCapacity;
+    const int graphemeCapacity;
+    const int graphemeBlockCapacity;
+    const std::optional<Identity> snapshotSourceIdentity;
+    const bool isSnapshotCopy;
+
+private:
+    struct SnapshotTag {};
+    CellArena(SnapshotTag, const CellArena& source);
+
+    struct ScalarsHash {
+        using is_transparent = void;
+        size_t operator()(std::u32string_view s) const noexcept { return std::hash<std::u32string_view>()(s); }
+        size_t operator()(const SharedScalars& s) const noexcept { return (*this)(std::u32string_view(*s)); }
+    };
+    struct ScalarsEqual {
+        using is_transparent = void;
+        static std::u32string_view view(std::u32string_view s) { return s; }
+        static std::u32string_view view(const SharedScalars& s) { return *s; }
+        template <typename A, typename B>
+        bool operator()(const A& a, const B& b) const { return view(a) == view(b); }
+    };
+    struct KeyHash {
+        size_t operator()(const InternedAttributeKey& key) const noexcept { return cacheHash(key); }
+    };
+    using GraphemeBlock = std::array<SharedScalars, graphemeBlockSize>;
+
+    static uint64_t cacheHash(const InternedAttributeKey& key) {
+        return ((key.word1 * 0x9E3779B97F4A7C15ull) ^ key.word0) * 0xBF58476D1CE4E5B9ull;
+    }
+    std::optional<PackedCell> packCluster(uint16_t styleID, std::u32string_view scalars, uint8_t widthState,
+                                          uint16_t payloadCode, uint8_t semanticContentCode, bool isProtected);
+    std::optional<PackedCell> packInlineBackground(const Attribute& attribute, uint8_t widthState, uint16_t payloadCode,
+                                                   uint8_t semanticContentCode, bool isProtected) const;
+    SharedScalars& graphemeSlot(uint32_t identifier);
+
+    std::unique_ptr<PackedAttributeRecord[]> attributes;
+    int attributeCountValue = 1;
+    std::unordered_map<InternedAttributeKey, uint16_t, KeyHash> attributeIdentifiers;
+    std::vector<std::unique_ptr<GraphemeBlock>> graphemeBlocks;
+    int allocatedGraphemeBlockCount = 0;
+    uint32_t graphemeCountValue = 0;
+    std::unordered_map<SharedScalars, uint32_t, ScalarsHash, ScalarsEqual> graphemeIdentifiers;
+    std::unique_ptr<std::array<AttributeCacheEntry, attributeCacheSize>> attributeCache;
+};
+
+} // namespace vellum

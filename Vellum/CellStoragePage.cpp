@@ -1,0 +1,35 @@
+#include "Vellum/CellStoragePage.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "Vellum/Diagnostics.h"
+
+namespace vellum {
+
+PackedCell reencode(PackedCell cell, const CellArena& from, CellArena& to) {
+    if (&from == &to) return cell;
+    auto packed = to.pack(from.unpack(cell));
+    if (!packed) fatalError("CellStoragePage: a cell could not be packed in the target arena");
+    return *packed;
+}
+
+CellStoragePage CellStoragePage::resized(int to, PackedCell fill) const {
+    CellStoragePage page(to, fill, arena);
+    std::copy_n(cells.begin(), std::min(count(), page.count()), page.cells.begin());
+    return page;
+}
+
+void CellStoragePage::copyCells(const CellStoragePage& from, int sourceStart, int destinationStart, int count) {
+    count = std::min({count, from.count() - sourceStart, this->count() - destinationStart});
+    if (count <= 0 || sourceStart < 0 || destinationStart < 0) return;
+    if (from.arena == arena || !from.arena || !arena || arena->preservesEncoding(*from.arena)) {
+        std::memmove(data() + destinationStart, from.data() + sourceStart, sizeof(PackedCell) * size_t(count));
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        cells[size_t(destinationStart + i)] = reencode(from.cells[size_t(sourceStart + i)], *from.arena, *arena);
+    }
+}
+
+} // namespace vellum

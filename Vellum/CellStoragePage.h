@@ -1,0 +1,44 @@
+#pragma once
+
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "Vellum/CellArena.h"
+#include "Vellum/PackedCell.h"
+
+namespace vellum {
+
+// One row's cells as flat words, with the arena that gives them meaning. A page is moved or
+// swapped as a whole; words of one arena are never stored in a page of another.
+class CellStoragePage {
+public:
+    CellStoragePage() = default;
+    CellStoragePage(int count, PackedCell fill, std::shared_ptr<CellArena> arena)
+        : cells(size_t(std::max(count, 0)), fill), arena(std::move(arena)) {}
+    CellStoragePage(std::span<const PackedCell> copyingPacked, std::shared_ptr<CellArena> arena)
+        : cells(copyingPacked.begin(), copyingPacked.end()), arena(std::move(arena)) {}
+    CellStoragePage(const CellStoragePage& copying) = default;
+    CellStoragePage(CellStoragePage&&) noexcept = default;
+    CellStoragePage& operator=(const CellStoragePage&) = default;
+    CellStoragePage& operator=(CellStoragePage&&) noexcept = default;
+
+    int count() const { return int(cells.size()); }
+    PackedCell* data() { return cells.data(); }
+    const PackedCell* data() const { return cells.data(); }
+
+    // A page of `to` cells in the same arena: the fill, then the old cells up to the smaller width.
+    CellStoragePage resized(int to, PackedCell fill) const;
+
+    // Copies cells between pages; the words go as they are within one arena and are re-encoded
+    // across arenas. Overlapping copies within one page are safe.
+    void copyCells(const CellStoragePage& from, int sourceStart, int destinationStart, int count);
+
+    std::vector<PackedCell> cells;
+    std::shared_ptr<CellArena> arena;
+};
+
+// Re-encodes a cell of one arena in another; failing to do so is an internal error.
+PackedCell reencode(PackedCell cell, const CellArena& from, CellArena& to);
+
+} // namespace vellum
