@@ -7,6 +7,7 @@
 #include <stdlib.h>
 
 namespace fs = std::filesystem;
+using corvex::SSHCheck;
 using corvex::SSHDiagnosis;
 using Kind = SSHDiagnosis::Kind;
 
@@ -127,4 +128,39 @@ TEST(SSHDiagnosis, KeysComeFromTheSSHFolderOrTheAgent) {
     EXPECT_TRUE(SSHDiagnosis::hasKeys(home.string(), noAgent));
     EXPECT_TRUE(SSHDiagnosis::hasKeys(home.string(), missing));
     fs::remove_all(home);
+}
+
+TEST(SSHCheck, OnlySSHsOwnFailureIsAFailure) {
+    std::string pattern = (fs::temp_directory_path() / "ssh-check-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    fs::path folder = pattern;
+    // A stand-in for ssh that records its arguments and answers as told.
+    auto fakeSSH = [&](std::string_view stderrText, int status) {
+        fs::path path = folder / ("ssh-" + std::to_string(status));
+        std::ofstream(path) << "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" << (folder / "args").string() << "'\n"
+                            << "printf '" << stderrText << "' >&2\nexit " << status << "\n";
+        fs::permissions(path, fs::perms(0755));
+        return path.string();
+    };
+    auto withKeys = [] { return true; };
+    auto withoutKeys = [] { return false; };
+
+    EXPECT_TRUE(SSHCheck::run("me@box", fakeSSH("", 0), withKeys).ok());
+    std::ifstream recorded(folder / "args");
+    std::string args((std::istreambuf_iterator<char>(recorded)), {});
+    EXPECT_EQ(args, "-o\nBatchMode=yes\n-o\nConnectTimeout=8\n-o\nControlMaster=no\n-o\nControlPath=none\n--\nme@box\ntrue\n");
+
+    EXPECT_TRUE(SSHCheck::run("box", fakeSSH("some remote complaint\\n", 1), withKeys).ok())
+        << "the remote command failing still means the connection worked";
+    std::string denied = fakeSSH("me@box: Permission denied (publickey).\\n", 255);
+    EXPECT_EQ(SSHCheck::run("box", denied, withKeys).failure, SSHDiagnosis::of(Kind::authRejected));
+    EXPECT_EQ(SSHCheck::run("box", denied, withoutKeys).failure, SSHDiagnosis::of(Kind::noKey));
+    EXPECT_EQ(SSHCheck::run("box", fakeSSH("", 255), withKeys).failure,
+              SSHDiagnosis::other("ssh failed without saying why."));
+
+    auto missing = SSHCheck::run("box", (folder / "no-ssh").string(), withKeys);
+    ASSERT_FALSE(missing.ok());
+    EXPECT_EQ(missing.failure->kind, Kind::other);
+    EXPECT_NE(missing.failure->text.find("no-ssh"), std::string::npos);
+    fs::remove_all(folder);
 }
