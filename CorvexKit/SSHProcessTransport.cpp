@@ -1,0 +1,288 @@
+#include "CorvexKit/SSHProcessTransport.h"
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "CorvexKit/SessionBackend.h"
+#include "Platform/SerialQueue.h"
+#include "Platform/TimerThread.h"
+
+extern char** environ;
+
+namespace corvex {
+
+using namespace std::chrono_literals;
+
+// ---------------------------------------------------------------- StderrTail
+
+StderrTail::StderrTail(LineHandler onLine, size_t limit) : limit_(limit), onLine_(std::move(onLine)) {}
+
+void StderrTail::append(std::string_view bytes) {
+    std::vector<std::string> lines;
+    {
+        std::lock_guard guard(lock_);
+        data_.append(bytes);
+        if (data_.size() > limit_) data_.erase(0, data_.size() - limit_);
+        partial_.append(bytes);
+        size_t end;
+        while ((end = partial_.find('\n')) != std::string::npos) {
+            std::string line = partial_.substr(0, end);
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            lines.push_back(std::move(line));
+            partial_.erase(0, end + 1);
+        }
+    }
+    if (onLine_) {
+        for (const auto& line : lines) onLine_(line);
+    }
+}
+
+std::string StderrTail::text() const {
+    std::string text = data();
+    // Cutting to the limit may have split a UTF-8 sequence at the front.
+    size_t start = 0;
+    while (start < text.size() && (static_cast<uint8_t>(text[start]) & 0xc0) == 0x80) ++start;
+    const char* space = " \t\r\n\f\v";
+    size_t first = text.find_first_not_of(space, start);
+    if (first == std::string::npos) return {};
+    size_t last = text.find_last_not_of(space);
+    return text.substr(first, last - first + 1);
+}
+
+std::string StderrTail::data() const {
+    std::lock_guard guard(lock_);
+    return data_;
+}
+
+std::string StderrTail::partial() const {
+    std::lock_guard guard(lock_);
+    return partial_;
+}
+
+// ---------------------------------------------------------------- the ssh child
+
+namespace {
+
+// A spawned child, reaped by a waiter thread of its own. Signals go out only while the
+// child is known not to be reaped, so a recycled pid is never hit.
+class ChildProcess {
+public:
+    explicit ChildProcess(pid_t pid) : pid_(pid) {}
+
+    void startWaiter(const std::shared_ptr<ChildProcess>& self) {
+        std::thread([self] { self->waitForExit(); }).detach();
+    }
+
+    void signal(int number) {
+        std::lock_guard guard(mutex_);
+        if (!exited_) ::kill(pid_, number);
+    }
+
+    bool running() const {
+        std::lock_guard guard(mutex_);
+        return !exited_;
+    }
+
+    // The exit code, or the signal number for a child ended by a signal.
+    int waitStatus() {
+        std::unique_lock guard(mutex_);
+        exitedChanged_.wait(guard, [&] { return exited_; });
+        return status_;
+    }
+
+private:
+    void waitForExit() {
+        platform::setCurrentThreadName("corvex.ssh.reaper");
+        siginfo_t info{};
+        while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+        }
+        std::lock_guard guard(mutex_);
+        int raw = 0;
+        while (::waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
+        }
+        status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : WIFSIGNALED(raw) ? WTERMSIG(raw) : 0;
+        exited_ = true;
+        exitedChanged_.notify_all();
+    }
+
+    const pid_t pid_;
+    mutable std::mutex mutex_;
+    std::condition_variable exitedChanged_;
+    bool exited_ = false;
+    int status_ = 0;
+};
+
+// The child's standard error, drained by its own thread into the tail.
+struct StderrReader {
+    std::shared_ptr<StderrTail> tail;
+    std::mutex mutex;
+    std::condition_variable finished;
+    bool done = false;
+
+    static std::shared_ptr<StderrReader> start(int fd, std::shared_ptr<StderrTail> tail) {
+        auto reader = std::make_shared<StderrReader>();
+        reader->tail = std::move(tail);
+        std::thread([reader, fd] {
+            platform::setCurrentThreadName("corvex.ssh.stderr");
+            char buffer[4096];
+            for (;;) {
+                ssize_t count = ::read(fd, buffer, sizeof buffer);
+                if (count < 0 && errno == EINTR) continue;
+                if (count <= 0) break;
+                reader->tail->append(std::string_view(buffer, static_cast<size_t>(count)));
+            }
+            ::close(fd);
+            std::lock_guard guard(reader->mutex);
+            reader->done = true;
+            reader->finished.notify_all();
+        }).detach();
+        return reader;
+    }
+
+    // A process that ssh left behind (a control master) may hold stderr open for ever.
+    void waitBriefly() {
+        std::unique_lock guard(mutex);
+        finished.wait_for(guard, 1s, [&] { return done; });
+    }
+};
+
+struct Pipe {
+    int read = -1;
+    int write = -1;
+};
+
+Pipe makePipe() {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) < 0) throw BackendError("internal", std::string("pipe() failed: ") + std::strerror(errno));
+    return {fds[0], fds[1]};
+}
+
+void closeAll(std::initializer_list<int> fds) {
+    for (int fd : fds) {
+        if (fd >= 0) ::close(fd);
+    }
+}
+
+void ignoreSigpipeOnce() {
+    static std::once_flag once;
+    std::call_once(once, [] { ::signal(SIGPIPE, SIG_IGN); });
+}
+
+pid_t spawn(const std::string& program, const std::vector<std::string>& arguments, Pipe in, Pipe out, Pipe err) {
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(program.c_str()));
+    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in.read, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out.write, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err.write, STDERR_FILENO);
+
+    // The child starts with default signal handling, whatever this process ignores.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults, empty;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    sigaddset(&defaults, SIGINT);
+    sigaddset(&defaults, SIGTERM);
+    sigemptyset(&empty);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setsigmask(&attributes, &empty);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+
+    pid_t pid = -1;
+    int error = ::posix_spawnp(&pid, program.c_str(), &actions, &attributes, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    if (error != 0) {
+        closeAll({in.read, in.write, out.read, out.write, err.read, err.write});
+        throw BackendError("failed", "can't start " + program + ": " + std::strerror(error));
+    }
+    return pid;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- SSHProcessTransport
+
+const std::vector<std::string>& SSHProcessTransport::baseOptions() {
+    static const std::vector<std::string> options{"-T", "-o", "BatchMode=yes", "-o", "ConnectTimeout=10",
+                                                  "-o", "ServerAliveInterval=15", "-o", "ServerAliveCountMax=3"};
+    return options;
+}
+
+std::vector<std::string> SSHProcessTransport::arguments(const std::string& command) const {
+    std::vector<std::string> arguments = baseOptions();
+    arguments.insert(arguments.end(), extraOptions.begin(), extraOptions.end());
+    arguments.push_back("--");
+    arguments.push_back(target);
+    arguments.push_back(command);
+    return arguments;
+}
+
+std::optional<std::string> SSHProcessTransport::exitReason(const std::string& target, int status,
+                                                           const std::string& stderrText) {
+    std::string detail = stderrText.empty() ? "" : ": " + stderrText;
+    switch (status) {
+    case 0:
+        if (stderrText.empty()) return std::nullopt;
+        return stderrText;
+    case 255:
+        return "Can't reach " + target + " over SSH" + detail;
+    case 3:
+        return "The sessions on " + target + " use an older corvexd; restart them to finish upgrading";
+    default:
+        return "corvexd on " + target + " exited with " + std::to_string(status) + detail;
+    }
+}
+
+std::shared_ptr<ByteStream> SSHProcessTransport::open(const ProgressHandler& progress) {
+    if (prepare) prepare(progress);
+    if (progress) progress("Connecting");
+    std::string command = remoteCommand ? remoteCommand() : std::string();
+    ignoreSigpipeOnce();
+
+    Pipe in = makePipe();
+    Pipe out, err;
+    try {
+        out = makePipe();
+        err = makePipe();
+    } catch (...) {
+        closeAll({in.read, in.write, out.read, out.write});
+        throw;
+    }
+    pid_t pid = spawn(sshPath, arguments(command), in, out, err);
+    closeAll({in.read, out.write, err.write});
+
+    auto child = std::make_shared<ChildProcess>(pid);
+    child->startWaiter(child);
+    auto tail = std::make_shared<StderrTail>(onStderrLine);
+    auto stderrReader = StderrReader::start(err.read, tail);
+
+    auto onShutdown = [child] {
+        if (!child->running()) return;
+        child->signal(SIGTERM);
+        platform::TimerThread::shared().schedule(3s, [child] { child->signal(SIGKILL); });
+    };
+    auto closeReason = [child, stderrReader, tail, target = target, onExit = onExit]() -> std::optional<std::string> {
+        int status = child->waitStatus();
+        stderrReader->waitBriefly();
+        std::string text = tail->text();
+        if (onExit) onExit(status, text);
+        return exitReason(target, status, text);
+    };
+    return ByteStream::make(out.read, in.write, std::move(onShutdown), std::move(closeReason));
+}
+
+} // namespace corvex

@@ -1,0 +1,68 @@
+#include "CorvexKit/UnixSocketTransport.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "CorvexKit/SessionBackend.h"
+#include "Platform/System.h"
+
+namespace corvex {
+
+namespace {
+
+std::string joinPath(std::string dir, const std::string& name) {
+    while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+    return dir == "/" ? dir + name : dir + "/" + name;
+}
+
+} // namespace
+
+std::string defaultCorvexdSocketPath(const std::optional<std::string>& runtimeDir) {
+    if (runtimeDir) return joinPath(*runtimeDir, "corvexd.sock");
+    if (auto dir = platform::environmentValue("CORVEXD_RUNTIME_DIR"); !dir.empty()) return joinPath(dir, "corvexd.sock");
+    std::string path = joinPath(joinPath(platform::temporaryDirectory(), "corvexd"), "corvexd.sock");
+    if (path.size() < 100) return path;
+    return "/tmp/corvexd-" + std::to_string(platform::userId()) + "/corvexd.sock";
+}
+
+UnixSocketTransport::UnixSocketTransport(std::string socketPath, std::function<void()> startDaemon)
+    : socketPath_(std::move(socketPath)), startDaemon_(std::move(startDaemon)) {}
+
+int UnixSocketTransport::connect(const std::string& path) {
+    if (path.size() >= pathLimit) throw BackendError("bad_request", "socket path too long: " + path);
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) throw BackendError("internal", std::string("socket() failed: ") + std::strerror(errno));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    int result;
+    do {
+        result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    } while (result < 0 && errno == EINTR);
+    if (result < 0) {
+        int error = errno;
+        ::close(fd);
+        throw BackendError("disconnected", "can't connect to " + path + ": " + std::strerror(error));
+    }
+    return fd;
+}
+
+std::shared_ptr<ByteStream> UnixSocketTransport::open(const ProgressHandler& progress) {
+    int fd;
+    try {
+        fd = connect(socketPath_);
+    } catch (const BackendError& error) {
+        // Only a daemon that isn't there yet is worth starting; a bad path stays bad.
+        if (!startDaemon_ || error.code() != "disconnected") throw;
+        if (progress) progress("Starting corvexd");
+        startDaemon_();
+        fd = connect(socketPath_);
+    }
+    // Sends use MSG_NOSIGNAL, so a dead daemon yields an error rather than SIGPIPE.
+    return ByteStream::make(fd, fd, [fd] { ::shutdown(fd, SHUT_RDWR); });
+}
+
+} // namespace corvex
