@@ -519,3 +519,29 @@ TEST_F(LocalProcessTest, HostLoggingKeepsEachReadAndDebugReportsCount) {
     EXPECT_TRUE(has("received from host total="));
     fs::remove_all(pattern);
 }
+
+TEST_F(LocalProcessTest, ExitsRacingTeardownsAndRestartsLeaveNothingBehind) {
+    // Objects going away at every moment of a short child's life.
+    for (int round = 0; round < 30; ++round) {
+        auto process = LocalProcess::create(recorder);
+        ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "echo x"}), std::nullopt);
+        if (round % 3 == 1) process->terminate();
+        if (round % 3 == 2) std::this_thread::sleep_for(std::chrono::milliseconds(round % 7));
+    }
+
+    // A chain of sessions, each started from the previous one's report.
+    auto chained = std::make_shared<Recorder>();
+    auto process = LocalProcess::create(chained);
+    std::atomic<int> left{20};
+    std::function<void(LocalProcess&)> next = [&](LocalProcess& source) {
+        if (--left > 0) {
+            chained->onTerminated = next;
+            source.startProcess("/bin/sh", {"-c", "echo link"});
+        }
+    };
+    chained->onTerminated = next;
+    process->startProcess("/bin/sh", {"-c", "echo link"});
+    ASSERT_TRUE(chained->waitForExits(20));
+    EXPECT_EQ(process->generation(), 20u);
+    EXPECT_EQ(chained->exits(), std::vector<std::optional<int32_t>>(20, 0));
+}
