@@ -104,7 +104,7 @@ bool eventually(Pred pred) {
     return true;
 }
 
-const std::vector<unsigned char> bytes(std::string_view text) { return {text.begin(), text.end()}; }
+std::vector<unsigned char> bytes(std::string_view text) { return {text.begin(), text.end()}; }
 
 // Every test must leave no thread, descriptor or child behind once its processes are gone.
 class LocalProcessTest : public ::testing::Test {
@@ -202,6 +202,8 @@ TEST_F(LocalProcessTest, ExitCodesAndRefusedStarts) {
 
 TEST_F(LocalProcessTest, ChildSeesItsNameDirectorySizeAndEnvironment) {
     std::string folder = fs::canonical(fs::temp_directory_path()).string();
+    const char* user = std::getenv("USER");
+    std::string savedUser = user ? user : "";
     setenv("USER", "corvex-test", 1);
     auto process = LocalProcess::create(recorder);
     // A login shell is told so by a "-" in front of its name.
@@ -226,6 +228,11 @@ TEST_F(LocalProcessTest, ChildSeesItsNameDirectorySizeAndEnvironment) {
         ++users;
     }
     EXPECT_EQ(users, 2u) << "the default environment names USER twice";
+    if (user) {
+        setenv("USER", savedUser.c_str(), 1);
+    } else {
+        unsetenv("USER");
+    }
 
     // A given environment is used as it is, and the running child's directory can be read.
     ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "echo \"[$TERM][$HOME]\"; exec cat"},
@@ -284,8 +291,6 @@ TEST_F(LocalProcessTest, TerminateDuringTheStartEndsTheChildOnceItIsWatched) {
     *holder = process;
     ASSERT_EQ(process->startProcessChecked("/bin/cat"), std::nullopt);
     EXPECT_EQ(phaseSeen, static_cast<int>(LocalProcessPhase::starting));
-    EXPECT_TRUE(process->phase() == LocalProcessPhase::terminating || process->phase() == LocalProcessPhase::exited ||
-                process->phase() == LocalProcessPhase::windingDown || process->phase() == LocalProcessPhase::idle);
     ASSERT_TRUE(recorder->waitForExits(1));
     EXPECT_EQ(recorder->exits(), (std::vector<std::optional<int32_t>>{std::nullopt}));
 }
