@@ -10,16 +10,16 @@
 namespace corvex::RemoteSetup {
 
 // Kept to POSIX sh so that dash, bash and the BSD shells all run it. Values are printed with
-// printf, since dash's echo would read backslashes in a path as escapes. Programs it runs get
+// printf, since dash's echo would read backslashes in a path as escapes. The daemon gets
 // /dev/null as input: the script itself arrives on standard input and must not be eaten.
 const std::string_view probeScript = R"PROBE(echo corvexd-probe=1
-os=$(uname -s 2>/dev/null </dev/null)
+os=$(uname -s 2>/dev/null)
 case "$os" in
   Linux) os=linux ;;
   Darwin) os=macos ;;
   *) os=$(printf '%s' "$os" | tr '[:upper:]' '[:lower:]') ;;
 esac
-arch=$(uname -m 2>/dev/null </dev/null)
+arch=$(uname -m 2>/dev/null)
 case "$arch" in
   arm64|aarch64) arch=aarch64 ;;
   x86_64|amd64) arch=x86_64 ;;
@@ -54,11 +54,11 @@ printf 'fallback_installed=%s\n' "$(corvexd_builds_in "$fallback" keep-current)"
 if [ -n "${CORVEXD_RUNTIME_DIR:-}" ]; then
   runtime=$CORVEXD_RUNTIME_DIR
 elif [ "$os" = macos ]; then
-  runtime="$(getconf DARWIN_USER_TEMP_DIR 2>/dev/null </dev/null)corvexd"
+  runtime="$(getconf DARWIN_USER_TEMP_DIR 2>/dev/null)corvexd"
 else
   runtime="/tmp/corvexd-$(id -u)"
 fi
-current=$(readlink "$base/current" 2>/dev/null </dev/null)
+current=$(readlink "$base/current" 2>/dev/null)
 printf 'current=%s\n' "$current"
 printf 'runtime=%s\n' "$runtime"
 case "$current" in
@@ -66,16 +66,16 @@ case "$current" in
   *) current_exe="$base/$current/corvexd" ;;
 esac
 corvexd_alive_pid() {
-  pid=$(cat "$1" 2>/dev/null </dev/null)
+  pid=$(cat "$1" 2>/dev/null)
   case "$pid" in
     ''|*[!0-9]*) return 1 ;;
   esac
   kill -0 "$pid" 2>/dev/null
 }
 corvexd_exe_of() {
-  exe=$(readlink "/proc/$1/exe" 2>/dev/null </dev/null)
+  exe=$(readlink "/proc/$1/exe" 2>/dev/null)
   if [ -z "$exe" ]; then
-    exe=$(ps -o comm= -p "$1" 2>/dev/null </dev/null)
+    exe=$(ps -o comm= -p "$1" 2>/dev/null)
   fi
   printf '%s' "${exe% (deleted)}"
 }

@@ -8,6 +8,8 @@
 #include <initializer_list>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <cstring>
+#include <unistd.h>
 #include <vector>
 
 #include "Platform/System.h"
@@ -175,6 +177,58 @@ std::string SSHDiagnosis::advice(std::string_view target) const {
     case Kind::other: break;
     }
     return text;
+}
+
+std::vector<std::string> SSHCheck::arguments(std::string_view target) {
+    return {"-o", "BatchMode=yes", "-o", "ConnectTimeout=8", "-o", "ControlMaster=no",
+            "-o", "ControlPath=none", "--", std::string(target), "true"};
+}
+
+SSHCheck::Result SSHCheck::run(const std::string& target, const std::string& sshPath,
+                               const std::function<bool()>& hasKeys) {
+    auto cannotStart = [&](int error) {
+        return Result{SSHDiagnosis::other("Couldn't run " + sshPath + ": " + std::strerror(error))};
+    };
+    int errorPipe[2];
+    if (pipe2(errorPipe, O_CLOEXEC) != 0) return cannotStart(errno);
+
+    std::vector<std::string> args = arguments(target);
+    std::vector<char*> argv{const_cast<char*>(sshPath.c_str())};
+    for (auto& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, errorPipe[1], 2);
+    pid_t pid = 0;
+    int spawned = posix_spawn(&pid, sshPath.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(errorPipe[1]);
+    if (spawned != 0) {
+        close(errorPipe[0]);
+        return cannotStart(spawned);
+    }
+
+    std::string stderrText;
+    char buffer[4096];
+    for (;;) {
+        ssize_t n = read(errorPipe[0], buffer, sizeof(buffer));
+        if (n > 0) {
+            stderrText.append(buffer, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    close(errorPipe[0]);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return cannotStart(errno);
+    }
+    // Only 255 is ssh's own failure; any other status means the connection was made.
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 255) return {};
+    return {SSHDiagnosis::classify(stderrText, hasKeys())};
 }
 
 } // namespace corvex

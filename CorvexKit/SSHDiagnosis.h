@@ -1,7 +1,10 @@
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace corvex {
 
@@ -31,6 +34,23 @@ struct SSHDiagnosis {
     std::string advice(std::string_view target) const;
 
     bool operator==(const SSHDiagnosis&) const = default;
+};
+
+// One plain ssh call that tells whether this computer reaches a machine without any
+// prompt. It blocks until ssh has finished: run it on a background task.
+struct SSHCheck {
+    // Empty `failure` means ok: the connection was made, whatever the remote command did.
+    struct Result {
+        std::optional<SSHDiagnosis> failure;
+        bool ok() const { return !failure; }
+        bool operator==(const Result&) const = default;
+    };
+
+    // Batch mode forbids every prompt; no control master, so the answer is about a fresh
+    // connection and not one that happens to be open.
+    static std::vector<std::string> arguments(std::string_view target);
+    static Result run(const std::string& target, const std::string& sshPath = "/usr/bin/ssh",
+                      const std::function<bool()>& hasKeys = [] { return SSHDiagnosis::hasKeys(); });
 };
 
 } // namespace corvex

@@ -175,7 +175,22 @@ void read(const json& j, Focus& out) {
     out.pane = f.optional<uint64_t>("pane");
 }
 
+// A tree deeper than any window can show is refused before its decoding exhausts the stack.
+constexpr int maxLayoutDepth = 200;
+thread_local int layoutDepth = 0;
+
+struct LayoutDepth {
+    LayoutDepth() {
+        if (layoutDepth >= maxLayoutDepth) throw DecodingError("layout nested too deeply");
+        ++layoutDepth;
+    }
+    ~LayoutDepth() { --layoutDepth; }
+    LayoutDepth(const LayoutDepth&) = delete;
+    LayoutDepth& operator=(const LayoutDepth&) = delete;
+};
+
 void read(const json& j, Layout& out) {
+    LayoutDepth depth;
     Fields f(j, "layout");
     auto type = f.required<std::string>("type");
     if (type == "pane") {
@@ -961,7 +976,8 @@ T decodeJSON(const json& j) {
 
 template <typename T>
 std::string encodeText(const T& value) {
-    return toJSON(value).dump();
+    // Text that isn't UTF-8 is written with replacement characters rather than refused.
+    return toJSON(value).dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
 template <typename T>

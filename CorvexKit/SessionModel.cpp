@@ -22,6 +22,12 @@ std::string lowercased(std::string_view text) {
     return out;
 }
 
+std::string pullRequestNumber(const PullRequest& pr) {
+    std::string text = "#";
+    text += std::to_string(pr.number);
+    return text;
+}
+
 std::string firstLetterUppercased(std::string_view text) {
     std::string out(text);
     if (!out.empty()) out[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(out[0])));
@@ -111,7 +117,7 @@ std::string PaneGit::place() const {
 
 std::string PaneGit::shortText() const {
     std::vector<std::string> parts{place()};
-    if (pr) parts.push_back("#" + std::to_string(pr->number));
+    if (pr) parts.push_back(pullRequestNumber(*pr));
     return joined(parts, " · ");
 }
 
@@ -124,7 +130,7 @@ std::string PaneGit::summary() const {
 std::string PaneGit::searchText() const {
     std::vector<std::string> parts{place()};
     if (worktree) parts.push_back(worktree->name);
-    if (pr) parts.push_back("#" + std::to_string(pr->number));
+    if (pr) parts.push_back(pullRequestNumber(*pr));
     return joined(parts, " ");
 }
 

@@ -96,6 +96,7 @@ void BufferLine::set(int col, const CharData& data) {
 int BufferLine::getTrimmedLength() const { return trimmedLength(storage, false); }
 
 bool BufferLine::hasContent(int index) const {
+    if (index < 0 || index >= count()) return false;
     PackedCell cell = storage.cells[size_t(index)];
     if (cell.tag() == PackedCell::paletteBackgroundTag || cell.tag() == PackedCell::trueColorBackgroundTag) return true;
     if (hasNonZeroScalar(cell, *storage.arena)) return true;

@@ -65,6 +65,7 @@ public:
     // and reports the bad index.
     CharData operator[](int col) const;
     void set(int col, const CharData& data);
+    // Unchecked: col must lie in 0..<count().
     PackedCell packedCell(int col) const { return storage.cells[size_t(col)]; }
     PackedCellView view(int col) const { return {storage.cells[size_t(col)], storage.arena.get()}; }
 

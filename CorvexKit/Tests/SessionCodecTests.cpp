@@ -141,6 +141,31 @@ TEST(SessionCodec, UnknownLayoutNodesAndWordsFail) {
     EXPECT_NE(decodeFailure("state", state), "");
 
     EXPECT_THROW(decodeText<Subscription>(R"({"mode":"paused","seq":0,"cols":80,"rows":24})"), DecodingError);
+
+    // A hostile nesting depth is refused instead of overflowing the stack; a deep but sane one is read.
+    auto nested = [](int depth) {
+        json tree = {{"type", "pane"}, {"pane", 1}};
+        for (int i = 0; i < depth; ++i) {
+            json node = json::object();
+            node["type"] = "split";
+            node["id"] = 2;
+            node["axis"] = "vertical";
+            node["ratio"] = 0.5;
+            node["a"] = std::move(tree);
+            node["b"] = {{"type", "pane"}, {"pane", 3}};
+            tree = std::move(node);
+        }
+        return tree;
+    };
+    EXPECT_THROW(decodeJSON<Layout>(nested(5000)), DecodingError);
+    EXPECT_EQ(decodeJSON<Layout>(nested(100)).panes().size(), 101u);
+}
+
+TEST(SessionCodec, TextThatIsNotUtf8IsWrittenWithReplacements) {
+    Pane pane{4, 80, 24};
+    pane.title = std::string("bad \xff byte");
+    auto decoded = decodeText<Pane>(encodeText(pane));
+    EXPECT_EQ(decoded.title, "bad \uFFFD byte");
 }
 
 TEST(SessionCodec, AgentAndPullRequestStatesAreReadTolerantly) {

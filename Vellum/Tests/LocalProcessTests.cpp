@@ -1,0 +1,552 @@
+#include "Vellum/LocalProcess.h"
+#include "Vellum/LocalProcessChildReaper.h"
+#include "Vellum/PseudoTerminalHelpers.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <future>
+#include <pthread.h>
+#include <set>
+#include <sys/wait.h>
+#include <termios.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace vellum;
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Collects what a process reports, and lets a test wait for it.
+class Recorder : public LocalProcessDelegate {
+public:
+    void processTerminated(LocalProcess& source, std::optional<int32_t> exitCode) override {
+        std::function<void(LocalProcess&)> then;
+        {
+            std::lock_guard guard(mutex_);
+            exits_.push_back(exitCode);
+            then = std::move(onTerminated);
+            onTerminated = nullptr;
+        }
+        if (then) then(source);
+        changed_.notify_all();
+    }
+    void dataReceived(std::vector<unsigned char> slice) override {
+        std::lock_guard guard(mutex_);
+        output_.append(slice.begin(), slice.end());
+        changed_.notify_all();
+    }
+    winsize getWindowSize() override { return {24, 80, 0, 0}; }
+
+    template <typename Pred>
+    bool waitFor(Pred pred, std::chrono::milliseconds timeout = 10s) {
+        std::unique_lock guard(mutex_);
+        return changed_.wait_for(guard, timeout, [&] { return pred(); });
+    }
+    bool waitForOutput(const std::string& text) {
+        return waitFor([&] { return output_.find(text) != std::string::npos; });
+    }
+    bool waitForOutputSize(size_t size) {
+        return waitFor([&] { return output_.size() >= size; });
+    }
+    bool waitForExits(size_t count) {
+        return waitFor([&] { return exits_.size() >= count; });
+    }
+    std::string output() {
+        std::lock_guard guard(mutex_);
+        return output_;
+    }
+    std::vector<std::optional<int32_t>> exits() {
+        std::lock_guard guard(mutex_);
+        return exits_;
+    }
+
+    std::function<void(LocalProcess&)> onTerminated; // runs once, inside the report
+
+protected:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::string output_;
+    std::vector<std::optional<int32_t>> exits_;
+};
+
+size_t entriesIn(const char* folder) {
+    size_t count = 0;
+    for ([[maybe_unused]] auto& entry : fs::directory_iterator(folder)) ++count;
+    return count;
+}
+
+// 0: no child at all; otherwise the pid of some child, living or a zombie.
+pid_t anyChild() {
+    siginfo_t info{};
+    if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0) return 0;
+    return info.si_pid != 0 ? info.si_pid : -1; // -1: children exist, none has ended
+}
+
+template <typename Pred>
+bool eventually(Pred pred) {
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+std::vector<unsigned char> bytes(std::string_view text) { return {text.begin(), text.end()}; }
+
+// Every test must leave no thread, descriptor or child behind once its processes are gone.
+class LocalProcessTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        threads = entriesIn("/proc/self/task");
+        descriptors = entriesIn("/proc/self/fd");
+        ASSERT_EQ(anyChild(), 0);
+    }
+    void TearDown() override {
+        auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (std::chrono::steady_clock::now() < deadline &&
+               (entriesIn("/proc/self/task") != threads || entriesIn("/proc/self/fd") != descriptors || anyChild() != 0)) {
+            std::this_thread::sleep_for(10ms);
+        }
+        EXPECT_EQ(entriesIn("/proc/self/task"), threads) << "threads left running";
+        EXPECT_EQ(entriesIn("/proc/self/fd"), descriptors) << "descriptors left open";
+        EXPECT_EQ(anyChild(), 0) << "a child left running or unreaped";
+    }
+
+    std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+    size_t threads = 0, descriptors = 0;
+};
+
+} // namespace
+
+TEST_F(LocalProcessTest, CatEchoesWhatIsSentAndReportsItsEndOnce) {
+    auto process = LocalProcess::create(recorder);
+    ASSERT_EQ(process->startProcessChecked("/bin/cat"), std::nullopt);
+    EXPECT_EQ(process->phase(), LocalProcessPhase::running);
+    EXPECT_TRUE(process->running());
+    EXPECT_GT(process->shellPid(), 0);
+    EXPECT_GE(process->childfd(), 0);
+    EXPECT_EQ(process->generation(), 1u);
+
+    std::promise<LocalProcessSendResult> sent;
+    process->send(bytes("hello\n"), [&](LocalProcessSendResult result) { sent.set_value(result); });
+    auto result = sent.get_future().get();
+    EXPECT_EQ(result.bytesWritten, 6);
+    EXPECT_EQ(result.error, std::nullopt);
+    EXPECT_TRUE(recorder->waitForOutput("hello\r\nhello\r\n")) << "the terminal's echo, then cat's copy";
+
+    // Nothing to write completes at once and isn't counted.
+    std::optional<LocalProcessSendResult> empty;
+    process->send({}, [&](LocalProcessSendResult r) { empty = r; });
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(empty->bytesWritten, 0);
+    EXPECT_EQ(empty->error, std::nullopt);
+    EXPECT_EQ(process->sendCount(), 1);
+    EXPECT_EQ(process->totalWritten(), 6);
+    EXPECT_TRUE(process->updateWindowSize({40, 120, 0, 0}));
+
+    process->terminate();
+    EXPECT_EQ(process->phase(), LocalProcessPhase::terminating);
+    process->terminate(); // repeating is harmless
+    ASSERT_TRUE(recorder->waitForExits(1));
+    EXPECT_EQ(recorder->exits(), (std::vector<std::optional<int32_t>>{std::nullopt})) << "ended by a signal";
+    EXPECT_EQ(process->phase(), LocalProcessPhase::idle);
+    EXPECT_EQ(process->childfd(), -1);
+    EXPECT_EQ(process->shellPid(), 0);
+
+    // After the end nothing reaches a process any more.
+    std::optional<LocalProcessSendResult> late;
+    process->send(bytes("x"), [&](LocalProcessSendResult r) { late = r; });
+    ASSERT_TRUE(late);
+    EXPECT_EQ(late->error, LocalProcessError::notRunning());
+    EXPECT_FALSE(process->updateWindowSize({40, 120, 0, 0}));
+    EXPECT_EQ(process->terminalControlBytesForPaste(), std::nullopt);
+    EXPECT_EQ(process->currentWorkingDirectory(), std::nullopt);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(recorder->exits().size(), 1u);
+}
+
+TEST_F(LocalProcessTest, ExitCodesAndRefusedStarts) {
+    auto process = LocalProcess::create(recorder);
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "exit 3"}), std::nullopt);
+    ASSERT_TRUE(recorder->waitForExits(1));
+
+    // A missing program is a normal start whose child exits with 127.
+    ASSERT_EQ(process->startProcessChecked("/no/such/program"), std::nullopt);
+    ASSERT_TRUE(recorder->waitForExits(2));
+    EXPECT_EQ(recorder->exits(), (std::vector<std::optional<int32_t>>{3, 127}));
+
+    // A second start while one runs is refused and leaves the child alone.
+    ASSERT_EQ(process->startProcessChecked("/bin/cat"), std::nullopt);
+    pid_t pid = process->shellPid();
+    EXPECT_EQ(process->startProcessChecked("/bin/sh", {"-c", "exit 9"}), LocalProcessError::alreadyRunning());
+    EXPECT_EQ(process->shellPid(), pid);
+    process->send(bytes("still here\n"));
+    EXPECT_TRUE(recorder->waitForOutput("still here\r\nstill here\r\n"));
+    EXPECT_EQ(process->generation(), 3u);
+    process->terminate();
+    ASSERT_TRUE(recorder->waitForExits(3));
+}
+
+TEST_F(LocalProcessTest, ChildSeesItsNameDirectorySizeAndEnvironment) {
+    std::string folder = fs::canonical(fs::temp_directory_path()).string();
+    const char* user = std::getenv("USER");
+    std::string savedUser = user ? user : "";
+    setenv("USER", "corvex-test", 1);
+    auto process = LocalProcess::create(recorder);
+    // A login shell is told so by a "-" in front of its name.
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "echo \"name=$0\"; stty size; pwd"}, std::nullopt,
+                                           "-sh", folder),
+              std::nullopt);
+    ASSERT_TRUE(recorder->waitForExits(1));
+    std::string out = recorder->output();
+    EXPECT_NE(out.find("name=-sh\r\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("24 80\r\n"), std::string::npos) << "the delegate's size from the start";
+    EXPECT_NE(out.find("\r\n" + folder + "\r\n"), std::string::npos);
+
+    // The default environment, straight from the program (a shell would merge duplicates).
+    ASSERT_EQ(process->startProcessChecked("/usr/bin/env"), std::nullopt);
+    ASSERT_TRUE(recorder->waitForExits(2));
+    out = recorder->output();
+    EXPECT_NE(out.find("TERM=xterm-256color\r\n"), std::string::npos);
+    EXPECT_NE(out.find("COLORTERM=truecolor\r\n"), std::string::npos);
+    EXPECT_NE(out.find("LANG=en_US.UTF-8\r\n"), std::string::npos);
+    size_t users = 0;
+    for (size_t at = out.find("USER=corvex-test"); at != std::string::npos; at = out.find("USER=corvex-test", at + 1)) {
+        ++users;
+    }
+    EXPECT_EQ(users, 2u) << "the default environment names USER twice";
+    if (user) {
+        setenv("USER", savedUser.c_str(), 1);
+    } else {
+        unsetenv("USER");
+    }
+
+    // A given environment is used as it is, and the running child's directory can be read.
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "echo \"[$TERM][$HOME]\"; exec cat"},
+                                           std::vector<std::string>{"TERM=dumb"}, std::nullopt, "/"),
+              std::nullopt);
+    EXPECT_TRUE(recorder->waitForOutput("[dumb][]"));
+    EXPECT_EQ(process->currentWorkingDirectory(), "/");
+    process->terminate();
+    ASSERT_TRUE(recorder->waitForExits(3));
+}
+
+TEST_F(LocalProcessTest, WindowSizeChangesReachTheChild) {
+    auto process = LocalProcess::create(recorder);
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "read line; stty size; read line; stty size"}), std::nullopt);
+    EXPECT_TRUE(process->updateWindowSize({33, 99, 0, 0}));
+    process->send(bytes("\n"));
+    EXPECT_TRUE(recorder->waitForOutput("33 99\r\n"));
+    EXPECT_TRUE(process->updateWindowSize({50, 200, 0, 0}));
+    process->send(bytes("\n"));
+    EXPECT_TRUE(recorder->waitForOutput("50 200\r\n"));
+    ASSERT_TRUE(recorder->waitForExits(1));
+    EXPECT_EQ(recorder->exits().front(), 0);
+}
+
+TEST_F(LocalProcessTest, LargeWritesArriveWholeAndInOrder) {
+    auto process = LocalProcess::create(recorder);
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "stty raw -echo; echo ready; exec cat"}), std::nullopt);
+    ASSERT_TRUE(recorder->waitForOutput("ready\n"));
+    std::string data;
+    for (int line = 0; data.size() < 256 * 1024; ++line) data += "line " + std::to_string(line) + " of a long paste\n";
+    std::promise<LocalProcessSendResult> sent;
+    process->send(bytes(data.substr(0, 1000)));
+    process->send(bytes(data.substr(1000)), [&](LocalProcessSendResult r) { sent.set_value(r); });
+    auto result = sent.get_future().get();
+    EXPECT_EQ(result.error, std::nullopt);
+    EXPECT_EQ(result.bytesWritten, static_cast<int64_t>(data.size() - 1000));
+    EXPECT_TRUE(recorder->waitForOutputSize(data.size() + 6));
+    EXPECT_TRUE(recorder->output() == "ready\n" + data) << "bytes lost or reordered";
+    EXPECT_EQ(process->totalWritten(), static_cast<int64_t>(data.size()));
+    EXPECT_EQ(process->sendCount(), 2);
+    process->terminate();
+    ASSERT_TRUE(recorder->waitForExits(1));
+}
+
+TEST_F(LocalProcessTest, TerminateDuringTheStartEndsTheChildOnceItIsWatched) {
+    auto holder = std::make_shared<std::weak_ptr<LocalProcess>>();
+    std::atomic<int> phaseSeen{-1};
+    // The duplication runs between the fork and the end of the start: the moment to ask.
+    auto process = LocalProcess::create(recorder, nullptr, false, [holder, &phaseSeen](int fd) {
+        if (auto self = holder->lock()) {
+            phaseSeen = static_cast<int>(self->phase());
+            self->terminate();
+        }
+        return fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    });
+    *holder = process;
+    ASSERT_EQ(process->startProcessChecked("/bin/cat"), std::nullopt);
+    EXPECT_EQ(phaseSeen, static_cast<int>(LocalProcessPhase::starting));
+    ASSERT_TRUE(recorder->waitForExits(1));
+    EXPECT_EQ(recorder->exits(), (std::vector<std::optional<int32_t>>{std::nullopt}));
+}
+
+TEST_F(LocalProcessTest, AFailedLaunchKillsTheChildAndIsToldOnlyWhenAsked) {
+    std::atomic<bool> failDuplicate{true};
+    auto process = LocalProcess::create(recorder, nullptr, false, [&](int fd) {
+        if (failDuplicate) {
+            errno = EMFILE;
+            return -1;
+        }
+        return fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    });
+    EXPECT_EQ(process->startProcessChecked("/bin/cat"), LocalProcessError::writeChannelFailed(EMFILE));
+    EXPECT_EQ(process->phase(), LocalProcessPhase::idle);
+    EXPECT_EQ(process->generation(), 1u) << "a failed launch is a session of its own";
+
+    // Told: by default the failure is written into the terminal itself.
+    process->startProcess("/bin/cat");
+    EXPECT_TRUE(recorder->waitForOutput("\r\nProcess launch failed: writeChannelFailed(errno: 24)\r\n"));
+    EXPECT_TRUE(recorder->exits().empty());
+    EXPECT_TRUE(eventually([&] { return process->phase() == LocalProcessPhase::idle; }));
+
+    failDuplicate = false;
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "exit 5"}), std::nullopt);
+    ASSERT_TRUE(recorder->waitForExits(1));
+    EXPECT_EQ(recorder->exits().front(), 5);
+}
+
+TEST_F(LocalProcessTest, AChildIgnoringSIGTERMRunsOnUntilTheProcessGoes) {
+    auto process = LocalProcess::create(recorder);
+    process->setKillEscalationDelay(0.1);
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "trap '' TERM; echo ready; exec sleep 30"}), std::nullopt);
+    ASSERT_TRUE(recorder->waitForOutput("ready"));
+    pid_t pid = process->shellPid();
+    process->terminate();
+    process->terminate();
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(process->phase(), LocalProcessPhase::terminating);
+    EXPECT_EQ(kill(pid, 0), 0) << "no escalation while the object lives";
+
+    // Going away escalates to SIGKILL and reaps, telling nobody.
+    process.reset();
+    auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (anyChild() != 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(anyChild(), 0);
+    EXPECT_TRUE(recorder->exits().empty());
+}
+
+TEST_F(LocalProcessTest, GoingAwayWhileRunningEndsAndReapsAPlainChild) {
+    auto process = LocalProcess::create(recorder);
+    ASSERT_EQ(process->startProcessChecked("/bin/cat"), std::nullopt);
+    process->send(bytes("x\n"));
+    ASSERT_TRUE(recorder->waitForOutput("x\r\nx\r\n"));
+    process.reset(); // the fixture checks that cat, its threads and descriptors are gone
+}
+
+TEST_F(LocalProcessTest, ABackgroundJobHoldingTheTerminalDelaysTheReportOnlyUntilTheDrainTimeout) {
+    auto process = LocalProcess::create(recorder);
+    // The job ignores the hang-up that the shell's exit sends, so it keeps the terminal
+    // open and goes on writing after the shell has gone.
+    std::string script = "trap '' HUP; echo first; (while :; do echo old; sleep 0.1; done) & echo \"job=$!\"";
+    std::string secondOutput;
+    std::chrono::steady_clock::time_point reported;
+    auto started = std::chrono::steady_clock::now();
+    size_t outputAtRestart = 0;
+    recorder->onTerminated = [&](LocalProcess& source) {
+        reported = std::chrono::steady_clock::now();
+        outputAtRestart = recorder->output().size();
+        // The next session may start from inside the report.
+        EXPECT_EQ(source.startProcessChecked("/bin/sh", {"-c", "sleep 0.3; echo second"}), std::nullopt);
+    };
+    // The report is given outside the recorder's lock, so reading output there is safe.
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", script}), std::nullopt);
+    ASSERT_TRUE(recorder->waitForExits(2));
+    auto exits = recorder->exits();
+    EXPECT_EQ(exits, (std::vector<std::optional<int32_t>>{0, 0}));
+    auto waited = reported - started;
+    EXPECT_GE(waited, 450ms) << "the drain waited for the terminal's other holder";
+    EXPECT_LT(waited, 2500ms);
+
+    std::string out = recorder->output();
+    EXPECT_EQ(out.find("first\r\n"), 0u);
+    std::string after = out.substr(outputAtRestart);
+    EXPECT_EQ(after, "second\r\n") << "nothing of the first session comes after its report";
+    size_t job = out.find("job=");
+    ASSERT_NE(job, std::string::npos);
+    kill(std::atoi(out.c_str() + job + 4), SIGKILL);
+}
+
+TEST_F(LocalProcessTest, PasteControlBytesFollowTheTerminalsSettings) {
+    EXPECT_EQ(PseudoTerminalHelpers::terminalControlBytesForPaste(-1), std::nullopt);
+    auto process = LocalProcess::create(recorder);
+    ASSERT_EQ(process->startProcessChecked("/bin/cat"), std::nullopt);
+    auto defaults = process->terminalControlBytesForPaste();
+    ASSERT_TRUE(defaults);
+    for (unsigned char c : {3, 4, 21, 26, 28, 127}) EXPECT_TRUE(defaults->count(c)) << int(c);
+
+    int fd = process->childfd();
+    termios attributes{};
+    ASSERT_EQ(tcgetattr(fd, &attributes), 0);
+    attributes.c_cc[VINTR] = static_cast<cc_t>(fpathconf(fd, _PC_VDISABLE));
+    attributes.c_cc[VDISCARD] = 15;
+    attributes.c_cc[VQUIT] = 'q'; // printable: never a control byte
+    ASSERT_EQ(tcsetattr(fd, TCSANOW, &attributes), 0);
+    auto changed = process->terminalControlBytesForPaste();
+    ASSERT_TRUE(changed);
+    EXPECT_FALSE(changed->count(3)) << "a disabled character is no control byte";
+    EXPECT_TRUE(changed->count(15));
+    EXPECT_FALSE(changed->count('q'));
+    EXPECT_FALSE(changed->count(0));
+    for (unsigned char c : *changed) EXPECT_TRUE(c < 32 || c == 127);
+    process->terminate();
+    ASSERT_TRUE(recorder->waitForExits(1));
+}
+
+namespace {
+
+// Takes the bytes on the reading thread, without a copy.
+class BorrowingRecorder : public Recorder, public LocalProcessBorrowedDataDelegate {
+public:
+    void dataReceivedBorrowed(std::span<const unsigned char> slice) override {
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof(name));
+        std::lock_guard guard(mutex_);
+        threadNames.insert(name);
+        output_.append(slice.begin(), slice.end());
+        changed_.notify_all();
+    }
+    std::set<std::string> threadNames;
+};
+
+} // namespace
+
+TEST_F(LocalProcessTest, DirectDeliveryLendsTheBytesOnTheReadingThread) {
+    auto borrowing = std::make_shared<BorrowingRecorder>();
+    auto process = LocalProcess::create(borrowing, nullptr, true);
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "echo lent"}), std::nullopt);
+    ASSERT_TRUE(borrowing->waitForExits(1));
+    EXPECT_EQ(borrowing->output(), "lent\r\n");
+    // Linux keeps 15 bytes of a thread's name.
+    EXPECT_EQ(borrowing->threadNames, (std::set<std::string>{std::string("vellum-io-gather").substr(0, 15)}));
+
+    // Once the delegate is gone, output and the end fall on nothing.
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "sleep 0.2; echo unseen"}), std::nullopt);
+    borrowing.reset();
+    EXPECT_TRUE(eventually([&] { return process->phase() == LocalProcessPhase::idle; }));
+}
+
+TEST_F(LocalProcessTest, TheReaperNeverSignalsAReapedChild) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        pause();
+        _exit(0);
+    }
+    auto reaper = std::make_shared<LocalProcessChildReaper>(pid);
+    EXPECT_TRUE(reaper->signal(0));
+    EXPECT_FALSE(reaper->awaitExit(0.05));
+
+    // A waiter blocks without the lock, so a signal still gets through while it waits.
+    std::promise<std::optional<int>> status;
+    std::thread waiter([&] { status.set_value(reaper->wait()); });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(reaper->signal(SIGUSR1));
+    auto reaped = status.get_future().get();
+    waiter.join();
+    ASSERT_TRUE(reaped);
+    EXPECT_TRUE(WIFSIGNALED(*reaped));
+    EXPECT_EQ(WTERMSIG(*reaped), SIGUSR1);
+
+    EXPECT_FALSE(reaper->signalAllowed());
+    EXPECT_FALSE(reaper->signal(SIGKILL));
+    EXPECT_EQ(reaper->wait(), std::nullopt) << "a second wait reaps nothing";
+    EXPECT_TRUE(reaper->awaitExit(0));
+    EXPECT_EQ(reaper->whileAlive([](pid_t) { return 1; }), std::nullopt);
+}
+
+TEST_F(LocalProcessTest, HelpersForkAndExecWithArgumentsAsGiven) {
+    auto child = PseudoTerminalHelpers::forkAndExec("/bin/sh", {"my-name", "-c", "printf 'argv0=%s\\n' \"$0\"; read x"}, {},
+                                                    std::nullopt, winsize{10, 20, 0, 0});
+    ASSERT_TRUE(child);
+    std::string out;
+    char buffer[256];
+    while (out.find('\n') == std::string::npos) {
+        ssize_t n = read(child->master, buffer, sizeof(buffer));
+        if (n <= 0) break;
+        out.append(buffer, static_cast<size_t>(n));
+    }
+    EXPECT_EQ(out, "argv0=my-name\r\n") << "no name is put in front";
+    EXPECT_EQ(fcntl(child->master, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(PseudoTerminalHelpers::setWinSize(child->master, {11, 22, 0, 0}), 0);
+    auto [status, size] = PseudoTerminalHelpers::availableBytes(child->master);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(size, 0);
+    EXPECT_EQ(PseudoTerminalHelpers::workingDirectory(child->pid), fs::current_path().string());
+    EXPECT_EQ(write(child->master, "\n", 1), 1);
+    int waitStatus = 0;
+    EXPECT_EQ(waitpid(child->pid, &waitStatus, 0), child->pid);
+    close(child->master);
+    EXPECT_EQ(PseudoTerminalHelpers::availableBytes(-1).first, -1);
+}
+
+TEST_F(LocalProcessTest, HostLoggingKeepsEachReadAndDebugReportsCount) {
+    std::string pattern = (fs::temp_directory_path() / "host-log-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    auto lines = std::make_shared<platform::Locked<std::vector<std::string>>>();
+    LocalProcess::setLogger([lines](const std::string& line) { lines->withLock([&](auto& all) { all.push_back(line); }); });
+
+    auto process = LocalProcess::create(recorder);
+    process->setHostLogging(pattern);
+    process->setDebugIO(true);
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "read x; echo got"}), std::nullopt);
+    process->send(bytes("ok\n"));
+    ASSERT_TRUE(recorder->waitForExits(1));
+    LocalProcess::setLogger(nullptr);
+
+    std::string logged;
+    for (size_t i = 0; fs::exists(fs::path(pattern) / ("log-" + std::to_string(i))); ++i) {
+        std::ifstream file(fs::path(pattern) / ("log-" + std::to_string(i)), std::ios::binary);
+        logged.append(std::istreambuf_iterator<char>(file), {});
+    }
+    EXPECT_EQ(logged, recorder->output()) << "every read, each in a file of its own, in order";
+
+    auto all = lines->copy();
+    auto has = [&](std::string_view text) {
+        return std::any_of(all.begin(), all.end(), [&](auto& line) { return line.find(text) != std::string::npos; });
+    };
+    EXPECT_TRUE(has("[SEND-1] Queuing data to client: ok\n"));
+    EXPECT_TRUE(has("[SEND-1] completed bytes=3"));
+    EXPECT_TRUE(has("[READ] count="));
+    EXPECT_TRUE(has("received from host total="));
+    fs::remove_all(pattern);
+}
+
+TEST_F(LocalProcessTest, ExitsRacingTeardownsAndRestartsLeaveNothingBehind) {
+    // Objects going away at every moment of a short child's life.
+    for (int round = 0; round < 30; ++round) {
+        auto process = LocalProcess::create(recorder);
+        ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "echo x"}), std::nullopt);
+        if (round % 3 == 1) process->terminate();
+        if (round % 3 == 2) std::this_thread::sleep_for(std::chrono::milliseconds(round % 7));
+    }
+
+    // A chain of sessions, each started from the previous one's report.
+    auto chained = std::make_shared<Recorder>();
+    auto process = LocalProcess::create(chained);
+    std::atomic<int> left{20};
+    std::function<void(LocalProcess&)> next = [&](LocalProcess& source) {
+        if (--left > 0) {
+            chained->onTerminated = next;
+            source.startProcess("/bin/sh", {"-c", "echo link"});
+        }
+    };
+    chained->onTerminated = next;
+    process->startProcess("/bin/sh", {"-c", "echo link"});
+    ASSERT_TRUE(chained->waitForExits(20));
+    EXPECT_EQ(process->generation(), 20u);
+    EXPECT_EQ(chained->exits(), std::vector<std::optional<int32_t>>(20, 0));
+}
