@@ -45,6 +45,9 @@ public:
 
 // A session backend that speaks to one corvexd over a transport, keeps it reachable while
 // started, and restores its pane subscriptions after each reconnect.
+// Events are pushed while the backend's lock is held, which keeps them in step with the
+// state they describe; an event stream's wake-up handler must therefore not call back into
+// the backend on the pushing thread.
 class CorvexdBackend final : public SessionBackend, public std::enable_shared_from_this<CorvexdBackend> {
 public:
     static constexpr int protocolVersion = 1;
@@ -75,7 +78,8 @@ public:
 
     // The one way a request is made: the reply's `result`, uninterpreted. `subscribing`
     // marks a pane subscribe; `onReply` runs on the reader thread before any later frame is
-    // read and before the caller resumes.
+    // read and before the caller resumes. Blocks until the reply or the loss of the link, so
+    // it must never be called from the reader thread (a hook, the file channel).
     nlohmann::json request(const std::string& method, const nlohmann::json& params,
                            std::optional<uint64_t> subscribing = std::nullopt, ReplyHook onReply = {});
     nlohmann::json request(const std::string& method);

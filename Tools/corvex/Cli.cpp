@@ -86,6 +86,7 @@ std::shared_ptr<CorvexdBackend> makeBackend(const Invocation& invocation) {
     if (invocation.sshTarget) {
         auto ssh = std::make_shared<SSHProcessTransport>();
         ssh->target = *invocation.sshTarget;
+        ssh->sshPath = "ssh"; // the user's own, found on PATH
         std::string command = invocation.remoteCommand.value_or(RemoteSetup::bridgeCommand("corvexd", ""));
         ssh->remoteCommand = [command] { return command; };
         configuration.transport = ssh;

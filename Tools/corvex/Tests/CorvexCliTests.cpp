@@ -286,3 +286,50 @@ TEST_F(CorvexCliTest, AttachRunsInATerminalAndDetachesOnCtrlBackslash) {
     };
     EXPECT_EQ(commandRequests(), expected);
 }
+
+namespace {
+
+// Stands in for ssh: relays standard input and output to the Unix socket named by the
+// remote command, or fails as an unreachable host does.
+const char* relayingSSH = R"(#!/bin/sh
+for last; do :; done
+if [ "$last" = unreachable ]; then echo "Permission denied (publickey)." >&2; exit 255; fi
+exec python3 -c '
+import os, socket, sys, threading
+s = socket.socket(socket.AF_UNIX)
+s.connect(sys.argv[1])
+def up():
+    while True:
+        b = os.read(0, 65536)
+        if not b:
+            s.shutdown(socket.SHUT_WR)
+            return
+        s.sendall(b)
+threading.Thread(target=up, daemon=True).start()
+while True:
+    b = s.recv(65536)
+    if not b:
+        break
+    os.write(1, b)
+' "$last"
+)";
+
+} // namespace
+
+TEST_F(CorvexCliTest, SSHTargetsGoThroughTheSSHProgramOnPath) {
+    if (std::system("python3 -c pass >/dev/null 2>&1") != 0) GTEST_SKIP() << "the relay needs python3";
+    ScratchDirectory bin;
+    bin.writeExecutable("ssh", relayingSSH);
+    std::string savedPath = std::getenv("PATH") ? std::getenv("PATH") : "";
+    ::setenv("PATH", (bin.path() + ":" + savedPath).c_str(), 1);
+    daemon.listen();
+
+    Result hello = corvexBare({"--ssh", "devbox", "--remote-command", daemon.socketPath(), "hello"});
+    EXPECT_EQ(hello.status, 0) << hello.err;
+    EXPECT_EQ(json::parse(hello.out)["instance"], "A");
+
+    Result unreachable = corvexBare({"--ssh", "devbox", "--remote-command", "unreachable", "state"});
+    EXPECT_EQ(unreachable.status, 1);
+    EXPECT_EQ(unreachable.err, "corvex: disconnected: Can't reach devbox over SSH: Permission denied (publickey).\n");
+    ::setenv("PATH", savedPath.c_str(), 1);
+}
