@@ -70,6 +70,10 @@ void ByteStream::readLoop(const DataHandler& onData, const CloseHandler& onClose
     } else {
         reason = "the connection closed";
     }
+    {
+        std::lock_guard guard(lock_);
+        finalReason_ = reason;
+    }
     onClose(reason);
 }
 
@@ -100,6 +104,11 @@ void ByteStream::shutdown() {
         action = std::move(onShutdown_);
     }
     if (action) action();
+}
+
+std::optional<std::string> ByteStream::finalReason() const {
+    std::lock_guard guard(lock_);
+    return finalReason_;
 }
 
 bool ByteStream::isClosed() const {

@@ -43,6 +43,8 @@ public:
     // Marks the stream closed by this side and runs onShutdown, both only the first time.
     void shutdown();
     bool isClosed() const;
+    // The reason handed to onClose, once the reader has ended.
+    std::optional<std::string> finalReason() const;
 
 private:
     ByteStream(int readFD, int writeFD, ShutdownAction onShutdown, CloseReason closeReason);
@@ -56,6 +58,7 @@ private:
     bool closed_ = false;
     bool reading_ = false;
     bool readClosed_ = false;
+    std::optional<std::string> finalReason_;
     bool writeIsSocket_ = true;
 };
 

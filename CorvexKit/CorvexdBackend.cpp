@@ -7,7 +7,6 @@
 
 #include "CorvexKit/SessionCodecJSON.h"
 #include "CorvexKit/UnixSocketTransport.h"
-#include "Platform/WorkerPool.h"
 
 namespace corvex {
 
@@ -495,7 +494,8 @@ void CorvexdBackend::connect(std::shared_ptr<ByteStream>& opened) {
         std::thread([weak, weakStream, interval] { heartbeat(weak, weakStream, interval); }).detach();
     }
 
-    Hello hello = decodeJSON<Hello>(request("hello", json{{"protocol", protocolVersion}, {"client", configuration_.clientName}}));
+    Hello hello = decodeJSON<Hello>(requestDuringConnect(
+        stream, "hello", json{{"protocol", protocolVersion}, {"client", configuration_.clientName}}));
 
     std::vector<Resubscription> list;
     std::optional<TerminalColors> colors;
@@ -514,8 +514,21 @@ void CorvexdBackend::connect(std::shared_ptr<ByteStream>& opened) {
     log("connected to corvexd " + hello.version + " pid " + (hello.pid ? std::to_string(*hello.pid) : "?") +
         " instance " + hello.instance);
     if (colors && hello.has(Hello::Feature::clientColors)) sendColors(*colors);
-    request("events.subscribe");
+    requestDuringConnect(stream, "events.subscribe", json());
     resubscribe(list);
+}
+
+json CorvexdBackend::requestDuringConnect(const std::shared_ptr<ByteStream>& stream, const std::string& method,
+                                          const json& params) {
+    try {
+        return request(method, params);
+    } catch (const BackendError& error) {
+        if (error.code() != "disconnected") throw;
+        // Either the stream closed before the request went out, or while it waited: the
+        // stream's own reason says more than "not connected".
+        if (auto reason = stream->finalReason()) throw BackendError("disconnected", *reason);
+        throw;
+    }
 }
 
 void CorvexdBackend::sendColors(const TerminalColors& colors) {
@@ -709,7 +722,7 @@ bool CorvexdBackend::answersWithin(platform::Duration limit) {
         std::optional<bool> answered;
     };
     auto outcome = std::make_shared<Outcome>();
-    platform::WorkerPool::shared().detach([weak = weak_from_this(), outcome] {
+    std::thread([weak = weak_from_this(), outcome] {
         bool answered = false;
         if (auto self = weak.lock()) {
             try {
@@ -720,7 +733,7 @@ bool CorvexdBackend::answersWithin(platform::Duration limit) {
         }
         std::lock_guard guard(outcome->mutex);
         outcome->answered = answered;
-    });
+    }).detach();
     auto deadline = now() + limit;
     for (;;) {
         {
@@ -862,9 +875,9 @@ void CorvexdBackend::setTerminalColors(const std::optional<TerminalColors>& colo
         sendNow = connection_ && colors && lastHello_ && lastHello_->has(Hello::Feature::clientColors);
     }
     if (!sendNow) return;
-    platform::WorkerPool::shared().detach([weak = weak_from_this(), colors = *colors] {
+    std::thread([weak = weak_from_this(), colors = *colors] {
         if (auto self = weak.lock()) self->sendColors(colors);
-    });
+    }).detach();
 }
 
 void CorvexdBackend::dismissRestored(uint64_t pane) { request("pane.dismiss_restored", json{{"pane", pane}}); }

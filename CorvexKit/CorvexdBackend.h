@@ -192,6 +192,10 @@ private:
     void trace(const std::string& text) const;
     platform::TimePoint now() const { return configuration_.clock->now(); }
     bool hasFeature(Hello::Feature feature) const;
+    // A request of the connect sequence: it belongs to the stream just opened, and a stream
+    // that has died already fails it with its own close reason.
+    nlohmann::json requestDuringConnect(const std::shared_ptr<ByteStream>& stream, const std::string& method,
+                                        const nlohmann::json& params);
     void failWaiting(const std::map<int64_t, std::shared_ptr<PendingReply>>& pending, const BackendError& error);
     std::shared_ptr<ByteStream> currentConnection() const;
     void sendOn(const std::shared_ptr<ByteStream>& stream, std::string frame);

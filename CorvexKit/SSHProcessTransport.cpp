@@ -13,7 +13,6 @@
 
 #include "CorvexKit/SessionBackend.h"
 #include "Platform/SerialQueue.h"
-#include "Platform/TimerThread.h"
 
 extern char** environ;
 
@@ -89,6 +88,12 @@ public:
     bool running() const {
         std::lock_guard guard(mutex_);
         return !exited_;
+    }
+
+    // True once the child has ended, waiting up to the timeout.
+    bool waitStatusFor(std::chrono::steady_clock::duration timeout) {
+        std::unique_lock guard(mutex_);
+        return exitedChanged_.wait_for(guard, timeout, [&] { return exited_; });
     }
 
     // The exit code, or the signal number for a child ended by a signal.
@@ -270,10 +275,14 @@ std::shared_ptr<ByteStream> SSHProcessTransport::open(const ProgressHandler& pro
     auto tail = std::make_shared<StderrTail>(onStderrLine);
     auto stderrReader = StderrReader::start(err.read, tail);
 
+    // The follow-up kill waits on a thread of its own rather than a shared timer, which may
+    // already be gone when a stream is shut down while the process exits.
     auto onShutdown = [child] {
         if (!child->running()) return;
         child->signal(SIGTERM);
-        platform::TimerThread::shared().schedule(3s, [child] { child->signal(SIGKILL); });
+        std::thread([child] {
+            if (!child->waitStatusFor(3s)) child->signal(SIGKILL);
+        }).detach();
     };
     auto closeReason = [child, stderrReader, tail, target = target, onExit = onExit]() -> std::optional<std::string> {
         int status = child->waitStatus();
