@@ -104,6 +104,8 @@ std::vector<T> decodedList(const json& result, const char* key) {
 
 std::string errorText(const std::exception& error) { return error.what(); }
 
+constexpr const char* notConnected = "not connected to corvexd";
+
 } // namespace
 
 // ---------------------------------------------------------------- construction
@@ -231,7 +233,7 @@ json CorvexdBackend::request(const std::string& method, const json& params, std:
     int64_t id;
     {
         std::lock_guard guard(lock_);
-        if (!connection_) throw BackendError("disconnected", "not connected to corvexd");
+        if (!connection_) throw BackendError("disconnected", notConnected);
         stream = connection_;
         id = nextRequestID_++;
         pending_[id] = waiter;
@@ -523,9 +525,8 @@ json CorvexdBackend::requestDuringConnect(const std::shared_ptr<ByteStream>& str
     try {
         return request(method, params);
     } catch (const BackendError& error) {
-        if (error.code() != "disconnected") throw;
-        // Either the stream closed before the request went out, or while it waited: the
-        // stream's own reason says more than "not connected".
+        // The stream closed before the request could go out: its own reason says more.
+        if (error.code() != "disconnected" || error.message() != notConnected) throw;
         if (auto reason = stream->finalReason()) throw BackendError("disconnected", *reason);
         throw;
     }
@@ -541,6 +542,11 @@ void CorvexdBackend::sendColors(const TerminalColors& colors) {
 
 void CorvexdBackend::resubscribe(const std::vector<Resubscription>& list) {
     for (const auto& item : list) {
+        {
+            // Unsubscribed while the connect was under way.
+            std::lock_guard guard(lock_);
+            if (!subscriptions_.count(item.pane)) continue;
+        }
         std::string from = item.delivered ? std::to_string(*item.delivered) : "nothing";
         try {
             Subscription subscription = subscribe(item.pane, item.delivered, item.entry.scrollback, item.entry.viewport);

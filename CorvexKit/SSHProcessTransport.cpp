@@ -222,9 +222,10 @@ pid_t spawn(const std::string& program, const std::vector<std::string>& argument
 // ---------------------------------------------------------------- SSHProcessTransport
 
 const std::vector<std::string>& SSHProcessTransport::baseOptions() {
-    static const std::vector<std::string> options{"-T", "-o", "BatchMode=yes", "-o", "ConnectTimeout=10",
-                                                  "-o", "ServerAliveInterval=15", "-o", "ServerAliveCountMax=3"};
-    return options;
+    // Never destroyed: a reconnect thread may open a stream while the process exits.
+    static const auto* options = new std::vector<std::string>{"-T", "-o", "BatchMode=yes", "-o", "ConnectTimeout=10",
+                                                              "-o", "ServerAliveInterval=15", "-o", "ServerAliveCountMax=3"};
+    return *options;
 }
 
 std::vector<std::string> SSHProcessTransport::arguments(const std::string& command) const {
