@@ -864,3 +864,36 @@ TEST_F(CorvexdBackendTest, HeartbeatDropsAPeerThatGoesSilent) {
     ASSERT_TRUE(next<SessionEvent::Connected>());
     EXPECT_EQ(daemon.connectionCount(), 2);
 }
+
+// ---------------------------------------------------------------- file layer hook
+
+TEST_F(CorvexdBackendTest, FileFramesAndEventsReachTheFileChannelWhichFailsWithTheLink) {
+    struct Channel final : CorvexdFileChannel {
+        platform::Locked<std::vector<std::string>> seen;
+        void fileData(const FileDataFrame& frame) override {
+            seen.withLock([&](auto& all) {
+                all.push_back("data " + std::to_string(frame.stream) + "@" + std::to_string(frame.offset) +
+                              (frame.fin ? " fin " : " ") + std::string(frame.bytes));
+            });
+        }
+        void fileEvent(const std::string& name, const json& data) override {
+            seen.withLock([&](auto& all) { all.push_back(name + " " + data.dump()); });
+        }
+        void failAll(const BackendError& error) override {
+            seen.withLock([&](auto& all) { all.push_back("fail " + error.code() + ": " + error.message()); });
+        }
+    };
+    auto channel = std::make_shared<Channel>();
+    backend->setFileChannel(channel);
+    startConnected();
+    auto peer = daemon.nextConnection();
+    peer->sendRaw(makeFileDataFrame(4, 65536, false, "chunk"));
+    peer->event("fs.ack", json{{"stream", 4}, {"offset", 65541}});
+    peer->sendRaw(makeFileDataFrame(4, 65541, true, ""));
+    peer->close();
+    ASSERT_TRUE(next<SessionEvent::Connected>());
+    backend->stop();
+    EXPECT_EQ(channel->seen.copy(), (std::vector<std::string>{"data 4@65536 chunk", R"(fs.ack {"offset":65541,"stream":4})",
+                                                              "data 4@65541 fin ", "fail disconnected: the connection closed",
+                                                              "fail disconnected: the backend was stopped"}));
+}
