@@ -52,11 +52,11 @@ struct CorvexdBackend::PendingReply {
 
 namespace {
 
+// Identifiers and positions: a JSON integer that isn't negative (the parser keeps those
+// as unsigned).
 std::optional<uint64_t> unsignedField(const json& object, const char* key) {
     auto found = object.find(key);
-    if (found == object.end() || !found->is_number_integer() || (found->is_number_integer() && !found->is_number_unsigned() && found->get<int64_t>() < 0)) {
-        return std::nullopt;
-    }
+    if (found == object.end() || !found->is_number_unsigned()) return std::nullopt;
     return found->get<uint64_t>();
 }
 

@@ -252,7 +252,7 @@ TEST_F(CorvexdBackendTest, TerminalColorsAreSentOnceForEqualValuesAndAgainAtEach
 }
 
 TEST_F(CorvexdBackendTest, RepliesAndEventsAreToldApartAndJunkIsDropped) {
-    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "state.get") return false;
         // Before the answer: a reply nobody waits for (with an event name, still a reply),
         // an event with a non-numeric id, and frames that must be dropped one by one.
@@ -331,7 +331,7 @@ TEST_F(CorvexdBackendTest, EventTableWithWhatIsDropped) {
 
 TEST_F(CorvexdBackendTest, ErrorsFromTheDaemonAndFromNoConnection) {
     EXPECT_EQ(failure([&] { backend->getState(); }), BackendError("disconnected", "not connected to corvexd"));
-    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method == "workspace.close") {
             peer.replyError(request.id, "not_found", "no workspace 3");
         } else if (request.method == "tab.close") {
@@ -382,7 +382,7 @@ TEST_F(CorvexdBackendTest, EveryOperationSpeaksItsMethodWithItsParams) {
         {"service.status", toJSON(service)},            {"service.install", toJSON(service)},
         {"service.uninstall", toJSON(service)},         {"push.list", json{{"devices", {toJSON(device)}}}},
     };
-    daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
         auto result = results.find(request.method);
         if (result == results.end()) return false;
         peer.reply(request.id, result->second);
@@ -517,7 +517,7 @@ TEST_F(CorvexdBackendTest, EveryOperationSpeaksItsMethodWithItsParams) {
 }
 
 TEST_F(CorvexdBackendTest, PingFallsBackToStateGetOnAnOlderDaemon) {
-    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "ping") return false;
         peer.replyError(request.id, "unknown_method", "ping");
         return true;
@@ -530,7 +530,7 @@ TEST_F(CorvexdBackendTest, PingFallsBackToStateGetOnAnOlderDaemon) {
 // ---------------------------------------------------------------- pane data
 
 TEST_F(CorvexdBackendTest, SubscribeThenFramesInOrderWithDeliveredPositions) {
-    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "pane.subscribe") return false;
         peer.reply(request.id, json{{"mode", "snapshot"}, {"seq", 500}, {"cols", 80}, {"rows", 24}});
         peer.sendRaw(makeSnapshotFrame(7, 500, 80, 24, "screen"));
@@ -577,7 +577,7 @@ TEST_F(CorvexdBackendTest, ReplyHookRunsBeforeSubscribedAndBeforeTheCallerResume
 
 TEST_F(CorvexdBackendTest, FailedSubscribeRaisesPushesNothingAndIsRetriedAtReconnect) {
     std::atomic<int> refusals{1};
-    daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "pane.subscribe" || refusals-- <= 0) return false;
         peer.replyError(request.id, "not_found", "no pane 11");
         return true;
@@ -675,7 +675,7 @@ TEST_F(CorvexdBackendTest, WaitingCallsFailWithTheCloseReasonAndTheLinkComesBack
          "protocol error"},
     };
     std::atomic<size_t> current{0};
-    daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "state.get") return false;
         cases[current].misbehave(peer, request.id);
         return true;
@@ -698,7 +698,7 @@ TEST_F(CorvexdBackendTest, WaitingCallsFailWithTheCloseReasonAndTheLinkComesBack
 
 TEST_F(CorvexdBackendTest, StopFailsWaitingCallsAndStartRestoresSubscriptions) {
     std::atomic<bool> silent{true};
-    daemon.setHandler([&](FakePeer&, const ReceivedRequest& request) { return request.method == "state.get" && silent; });
+    auto handler = daemon.setHandler([&](FakePeer&, const ReceivedRequest& request) { return request.method == "state.get" && silent; });
     startConnected();
     backend->subscribe(7);
 
@@ -733,7 +733,7 @@ TEST_F(CorvexdBackendTest, CloseOfAStreamThatIsNoLongerCurrentChangesNothing) {
 
     std::atomic<bool> hold{true};
     std::promise<std::pair<std::shared_ptr<FakePeer>, int64_t>> held;
-    daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "state.get" || !hold) return false;
         hold = false;
         held.set_value({std::shared_ptr<FakePeer>(std::shared_ptr<FakePeer>{}, &peer), request.id});
@@ -761,7 +761,7 @@ TEST_F(CorvexdBackendTest, CloseOfAStreamThatIsNoLongerCurrentChangesNothing) {
 
 TEST_F(CorvexdBackendTest, ALinkThatDiesRightAfterConnectingIsRetriedWithoutWaiting) {
     std::atomic<int> drops{2};
-    daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "events.subscribe" || drops-- <= 0) return false;
         peer.reply(request.id, json::object());
         peer.close();
@@ -854,7 +854,7 @@ TEST_F(CorvexdBackendTest, HeartbeatDropsAPeerThatGoesSilent) {
     transport->heartbeat = 0.1;
     makeBackend(std::nullopt, true);
     std::atomic<bool> silent{true};
-    daemon.setHandler([&](FakePeer&, const ReceivedRequest& request) { return request.method == "ping" && silent; });
+    auto handler = daemon.setHandler([&](FakePeer&, const ReceivedRequest& request) { return request.method == "ping" && silent; });
     startConnected();
     auto dropped = next<SessionEvent::Disconnected>();
     ASSERT_TRUE(dropped);
@@ -896,4 +896,27 @@ TEST_F(CorvexdBackendTest, FileFramesAndEventsReachTheFileChannelWhichFailsWithT
     EXPECT_EQ(channel->seen.copy(), (std::vector<std::string>{"data 4@65536 chunk", R"(fs.ack {"offset":65541,"stream":4})",
                                                               "data 4@65541 fin ", "fail disconnected: the connection closed",
                                                               "fail disconnected: the backend was stopped"}));
+}
+
+TEST_F(CorvexdBackendTest, AFailedHandshakeFailsTheAttemptAndTheLoopTriesAgain) {
+    daemon.setHello(json{{"protocol", 1}, {"daemon", "corvexd"}});
+    daemon.listen();
+    EXPECT_THROW(backend->start(), DecodingError);
+    ASSERT_TRUE(waitUntil([&] { return daemon.connectionCount() >= 2; }));
+
+    std::atomic<bool> refuse{true};
+    auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+        if (request.method != "hello" || !refuse) return false;
+        peer.replyError(request.id, "unsupported", "protocol 1 is too old");
+        return true;
+    });
+    daemon.setHello(FakeDaemon::defaultHello());
+    auto refused = next<SessionEvent::Disconnected>();
+    while (refused && refused->reason != "protocol 1 is too old") refused = next<SessionEvent::Disconnected>();
+    ASSERT_TRUE(refused);
+    refuse = false;
+    ASSERT_TRUE(next<SessionEvent::Connected>());
+    ASSERT_TRUE(daemon.nextRequest("events.subscribe"));
+    auto sent = methods();
+    EXPECT_EQ(std::count(sent.begin(), sent.end(), "events.subscribe"), 1) << "nothing follows a failed hello";
 }

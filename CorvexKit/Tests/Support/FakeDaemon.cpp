@@ -144,16 +144,17 @@ void FakeDaemon::serve(std::shared_ptr<FakePeer> peer) {
 }
 
 void FakeDaemon::handle(FakePeer& peer, const ReceivedRequest& request) {
-    Handler handler;
     json hello;
     std::optional<json> state;
     {
         std::lock_guard guard(mutex_);
-        handler = handler_;
         hello = hello_;
         state = stateOnSubscribe_;
     }
-    if (handler && handler(peer, request)) return;
+    {
+        std::shared_lock running(handlerLock_);
+        if (handler_ && handler_(peer, request)) return;
+    }
     const json& params = request.params;
     if (request.method == "hello") {
         peer.reply(request.id, hello);
@@ -175,9 +176,15 @@ void FakeDaemon::handle(FakePeer& peer, const ReceivedRequest& request) {
     }
 }
 
-void FakeDaemon::setHandler(Handler handler) {
-    std::lock_guard guard(mutex_);
+FakeDaemon::HandlerScope FakeDaemon::setHandler(Handler handler) {
+    std::unique_lock guard(handlerLock_);
     handler_ = std::move(handler);
+    return HandlerScope(*this);
+}
+
+void FakeDaemon::clearHandler() {
+    std::unique_lock guard(handlerLock_);
+    handler_ = nullptr;
 }
 
 void FakeDaemon::setHello(json hello) {

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <functional>
+#include <shared_mutex>
+#include <utility>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -62,7 +64,24 @@ public:
 
     const std::string& socketPath() const { return socketPath_; }
 
-    void setHandler(Handler handler);
+    // Removes the handler when it goes, waiting for a call in progress: declared after what
+    // the handler captures, it keeps the daemon's threads from reaching a finished test.
+    class [[nodiscard]] HandlerScope {
+    public:
+        explicit HandlerScope(FakeDaemon& daemon) : daemon_(&daemon) {}
+        HandlerScope(HandlerScope&& other) noexcept : daemon_(std::exchange(other.daemon_, nullptr)) {}
+        HandlerScope(const HandlerScope&) = delete;
+        HandlerScope& operator=(const HandlerScope&) = delete;
+        ~HandlerScope() {
+            if (daemon_) daemon_->clearHandler();
+        }
+
+    private:
+        FakeDaemon* daemon_;
+    };
+
+    HandlerScope setHandler(Handler handler);
+    void clearHandler();
     void setHello(nlohmann::json hello);
     void setStateOnSubscribe(std::optional<nlohmann::json> state);
 
@@ -89,6 +108,7 @@ private:
     std::thread acceptThread_;
     std::vector<std::thread> serveThreads_;
     std::vector<std::shared_ptr<FakePeer>> peers_;
+    std::shared_mutex handlerLock_; // held shared while a handler runs
     Handler handler_;
     nlohmann::json hello_ = defaultHello();
     std::optional<nlohmann::json> stateOnSubscribe_;

@@ -100,7 +100,7 @@ TEST_F(CorvexCliTest, FailuresPrintTheirCodeAndMessage) {
     EXPECT_EQ(absent.status, 1);
     EXPECT_EQ(absent.err, "corvex: disconnected: can't connect to " + daemon.socketPath() + ": No such file or directory\n");
 
-    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "pane.close") return false;
         peer.replyError(request.id, "not_found", "no pane 9");
         return true;
@@ -119,7 +119,7 @@ TEST_F(CorvexCliTest, CommandsSendTheirRequestsAndPrintResultsAsJSON) {
     text.rows = 2;
     ModelState state;
     state.rev = 4;
-    daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method == "workspace.create") peer.reply(request.id, json{{"workspace", 1}, {"tab", 2}, {"pane", 3}});
         else if (request.method == "pane.split") peer.reply(request.id, json{{"pane", 4}, {"split", 5}});
         else if (request.method == "pane.text") peer.reply(request.id, toJSON(text));
@@ -177,7 +177,7 @@ TEST_F(CorvexCliTest, CatStreamsThePaneUntilItsProgramExits) {
     Pane exited;
     exited.id = 7;
     exited.exited = PaneExit{0, std::nullopt};
-    daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "pane.subscribe") return false;
         peer.reply(request.id, json{{"mode", "snapshot"}, {"seq", 10}, {"cols", 80}, {"rows", 24}});
         peer.sendRaw(makeSnapshotFrame(7, 10, 80, 24, "SCREEN|"));
@@ -194,7 +194,7 @@ TEST_F(CorvexCliTest, CatStreamsThePaneUntilItsProgramExits) {
 
 TEST_F(CorvexCliTest, WatchPrintsEventsAsJSONLines) {
     daemon.setStateOnSubscribe(toJSON(ModelState{}));
-    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "events.subscribe") return false;
         peer.reply(request.id, json::object());
         peer.event("bell", json{{"pane", 3}});
@@ -252,7 +252,7 @@ TEST_F(CorvexCliTest, AttachRunsInATerminalAndDetachesOnCtrlBackslash) {
     const char* bin = std::getenv("CORVEX_BUILD_BIN");
     if (!bin) GTEST_SKIP() << "needs the built corvex (run through ctest)";
     std::string program = std::string(bin) + "/corvex";
-    daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+    auto handler = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method != "pane.subscribe") return false;
         peer.reply(request.id, json{{"mode", "snapshot"}, {"seq", 0}, {"cols", 100}, {"rows", 30}});
         peer.sendRaw(makeSnapshotFrame(7, 0, 100, 30, "PROMPT$ "));
