@@ -202,7 +202,7 @@ CommandTree::Activation CommandTree::activate() {
     if (!machine || !machine->workspaces) return Activation::connect(selection_->machine);
     if (machine->workspaces->empty()) return Activation::open(*selection_);
     expanded_.insert(*selection_);
-    return Activation::expandedRow();
+    return Activation::expanded();
 }
 
 void CommandTree::showMachines() {

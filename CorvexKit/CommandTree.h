@@ -98,7 +98,7 @@ public:
 
         static Activation open(Node node) { return {Kind::open, std::move(node), {}}; }
         static Activation connect(std::string machine) { return {Kind::connect, std::nullopt, std::move(machine)}; }
-        static Activation expandedRow() { return {Kind::expanded, std::nullopt, {}}; }
+        static Activation expanded() { return {Kind::expanded, std::nullopt, {}}; }
         static Activation nothing() { return {}; }
 
         bool operator==(const Activation&) const = default;

@@ -30,7 +30,7 @@ std::vector<std::u32string> queryKeys(std::u32string_view query) {
     std::vector<std::u32string> keys;
     for (auto character : unicode::graphemeClusters(query)) {
         if (folding::isWhitespace(character[0])) continue;
-        keys.push_back(folding::canonicalDecomposition(folding::lowercased(character)));
+        keys.push_back(folding::lowercasedKey(character));
     }
     return keys;
 }
@@ -60,7 +60,7 @@ std::optional<FuzzyMatch::Match> FuzzyMatch::match(std::u32string_view query, st
 
     std::vector<std::u32string> lower;
     lower.reserve(n);
-    for (auto character : t) lower.push_back(folding::canonicalDecomposition(folding::lowercased(character)));
+    for (auto character : t) lower.push_back(folding::lowercasedKey(character));
     auto boundary = boundaries(t);
 
     // Row-major m x n tables: the best score of an alignment of q[0...qi] ending at text

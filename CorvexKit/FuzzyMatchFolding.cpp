@@ -118,12 +118,13 @@ bool isLetterOrNumber(char32_t scalar) {
                                GeneralCategory::Lo, GeneralCategory::Nd, GeneralCategory::Nl, GeneralCategory::No});
 }
 
-std::vector<std::u32string> lowercasedCharacterKeys(std::u32string_view text) {
-    std::vector<std::u32string> keys;
-    for (auto cluster : unicode::graphemeClusters(text)) {
-        keys.push_back(canonicalDecomposition(lowercased(cluster)));
+std::u32string lowercasedKey(std::u32string_view character) {
+    // Most titles are ASCII: skip the table searches for them.
+    if (character.size() == 1 && character[0] < 0x80) {
+        char32_t scalar = character[0];
+        return std::u32string(1, scalar >= U'A' && scalar <= U'Z' ? scalar + 0x20 : scalar);
     }
-    return keys;
+    return canonicalDecomposition(lowercased(character));
 }
 
 size_t characterCount(std::string_view utf8) {

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
 // Text comparison for the command bar: a character is an extended grapheme cluster, and two
 // characters are the same when their canonical decompositions are (so "é" precomposed equals
@@ -27,9 +26,8 @@ bool isBlank(char32_t scalar);
 bool isPunctuation(char32_t scalar);
 bool isLetterOrNumber(char32_t scalar);
 
-// The text's characters, each in the form that compares by canonical equivalence after
-// lower-casing it on its own.
-std::vector<std::u32string> lowercasedCharacterKeys(std::u32string_view text);
+// One character lower-cased on its own, in the form that compares by canonical equivalence.
+std::u32string lowercasedKey(std::u32string_view character);
 // How many characters (extended grapheme clusters) a UTF-8 text holds.
 size_t characterCount(std::string_view utf8);
 

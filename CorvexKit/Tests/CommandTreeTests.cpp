@@ -183,9 +183,9 @@ TEST(CommandTree, ReturnConnectsOpensOrExpands) {
     EXPECT_EQ(tree.activate(), Activation::open(Node::machineNode("empty")));
     tree.select(2);
     EXPECT_EQ(tree.selection(), Node::machineNode("local"));
-    EXPECT_EQ(tree.activate(), Activation::expandedRow());
+    EXPECT_EQ(tree.activate(), Activation::expanded());
     EXPECT_TRUE(tree.expanded().contains(Node::machineNode("local")));
-    EXPECT_EQ(tree.activate(), Activation::expandedRow());
+    EXPECT_EQ(tree.activate(), Activation::expanded());
 
     EXPECT_EQ(CommandTree(Outline{}, "local").activate(), Activation::nothing());
 }

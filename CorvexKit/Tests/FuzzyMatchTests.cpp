@@ -96,6 +96,9 @@ TEST(FuzzyMatch, CharactersAreGraphemeClustersComparedCanonically) {
     EXPECT_EQ(match("\u00E9", "Cafe\u0301"), (Match{-2, {3}}));
     EXPECT_EQ(match("E\u0301", "caf\u00E9"), (Match{-2, {3}}));
     EXPECT_EQ(match("\u00C9T\u00C9", "\u00E9t\u00E9"), (Match{35, {0, 1, 2}}));
+    // Marks compare in canonical order, and Hangul syllables as their jamo.
+    EXPECT_EQ(match("\u1EB9\u0301", "e\u0301\u0323"), (Match{21, {0}}));
+    EXPECT_EQ(match("\uD55C", "\u1112\u1161\u11AB"), (Match{21, {0}}));
     // A base letter isn't the same character as the letter with its accent.
     EXPECT_EQ(match("e", "caf\u00E9"), std::nullopt);
     // Cyrillic folds like Latin.
