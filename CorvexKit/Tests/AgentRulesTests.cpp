@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "CorvexKit/AgentEntry.h"
+#include "CorvexKit/AgentMenu.h"
 #include "CorvexKit/AgentRules.h"
 
 using namespace corvex;
@@ -253,4 +254,35 @@ TEST(AgentEntries, EntriesComeFromLivePanesWithAgents) {
     EXPECT_EQ(agentBadge(state, {1, 2}), AgentColor::accent);
     EXPECT_EQ(agentBadge(state, {1, 3}), AgentColor::warning);
     EXPECT_EQ(agentBadge(state, {2, 99}), std::nullopt);
+}
+
+TEST(AgentEntries, MenuOffersWhatTheAgentAndDaemonAllow) {
+    using Action = AgentMenuItem::Action;
+    auto actionsOf = [](const std::vector<AgentMenuItem>& items) {
+        std::vector<Action> out;
+        for (const auto& item : items) out.push_back(item.action);
+        return out;
+    };
+    auto idle = entry("m", 1, agent(State::running));
+    EXPECT_EQ(actionsOf(agentMenu(idle, true, false)), (std::vector<Action>{Action::open}));
+    idle.canMute = true;
+    EXPECT_EQ(actionsOf(agentMenu(idle, true, true)), (std::vector<Action>{Action::open, Action::mute, Action::history}));
+    idle.info.muted = true;
+    EXPECT_EQ(agentMenu(idle, true, false)[1], (AgentMenuItem{Action::unmute, "Unmute", {}, {}, {}}));
+
+    auto asking = entry("m", 2, agent(State::waiting, true));
+    asking.info.source = "hook";
+    asking.canReply = true;
+    asking.info.requests = std::vector<PermissionRequest>{{"r7", "Bash", std::nullopt}, {"r8", "Edit", std::nullopt}};
+    auto menu = agentMenu(asking, true, false);
+    EXPECT_EQ(actionsOf(menu), (std::vector<Action>{Action::open, Action::resolve, Action::promptReply, Action::pressKey,
+                                                    Action::pressKey, Action::pressKey, Action::pressKey,
+                                                    Action::pressKey, Action::allow, Action::deny}));
+    EXPECT_EQ(menu[2].title, "Reply\u2026");
+    EXPECT_EQ(menu[3], (AgentMenuItem{Action::pressKey, "Press 1 (usually Yes)", "1", "1", {}}));
+    EXPECT_EQ(menu[7], (AgentMenuItem{Action::pressKey, "Press Esc (cancel or deny)", "Esc", "escape", {}}));
+    EXPECT_EQ(menu[9], (AgentMenuItem{Action::deny, "Deny", {}, {}, "r7"}));
+    // A daemon that can't decide gets no Allow or Deny; a guessed wait gets no replies.
+    asking.info.source.reset();
+    EXPECT_EQ(actionsOf(agentMenu(asking, false, false)), (std::vector<Action>{Action::open, Action::resolve}));
 }
