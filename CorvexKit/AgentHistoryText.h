@@ -1,6 +1,5 @@
 #pragma once
 
-#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
