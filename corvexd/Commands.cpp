@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <iostream>
 #include <optional>
 #include <poll.h>
@@ -197,6 +198,16 @@ int start() {
     return 0;
 }
 
+// True while the process exists and isn't a zombie waiting for its parent.
+bool processLives(pid_t pid) {
+    if (::kill(pid, 0) != 0) return false;
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    auto close = line.rfind(')');
+    return close == std::string::npos || close + 2 >= line.size() || line[close + 2] != 'Z';
+}
+
 // Signals the running daemon and waits until it has let go of its pid file.
 int terminate(bool forceAfterTimeout) {
     auto directory = RuntimeDirectory::existing(RuntimeDirectory::defaultPath());
@@ -215,6 +226,8 @@ int terminate(bool forceAfterTimeout) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    // The lock goes a moment before the process does; callers expect it gone.
+    while (processLives(*running) && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return 0;
 }
 
