@@ -1,0 +1,354 @@
+#include "corvexd/Server.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <random>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include "CorvexKit/FrameParser.h"
+#include "CorvexKit/SessionCodecJSON.h"
+#include "Platform/System.h"
+#include "corvexd/RuntimeDirectory.h"
+
+namespace corvexd {
+
+using nlohmann::json;
+
+namespace {
+
+constexpr int protocolVersion = 1;
+constexpr size_t readChunk = 65536;
+
+// An error reply: the request was understood well enough to be answered.
+struct RequestError {
+    std::string code;
+    std::string message;
+};
+
+std::string randomInstance() {
+    std::random_device device;
+    uint64_t value = (static_cast<uint64_t>(device()) << 32) ^ device();
+    char text[17];
+    std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(value));
+    return text;
+}
+
+std::string lowercase(std::string text) {
+    for (auto& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+corvex::Hello::Machine thisMachine() {
+    corvex::Hello::Machine machine;
+    machine.hostname = platform::hostName();
+    if (machine.hostname.empty()) machine.hostname = "localhost";
+    utsname names{};
+    if (::uname(&names) == 0) {
+        machine.os = lowercase(names.sysname);
+        machine.arch = names.machine;
+    }
+    machine.home = platform::homeDirectory();
+    return machine;
+}
+
+std::string dump(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
+
+int listenOn(const std::string& path) {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) throw DaemonError(std::string("socket: ") + std::strerror(errno));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        ::close(fd);
+        throw DaemonError("socket path too long: " + path);
+    }
+    std::memcpy(address.sun_path, path.data(), path.size());
+    // The caller holds the pid file's lock, so a socket left at the path is a dead daemon's.
+    ::unlink(path.c_str());
+    // Bound with a private mode from the start: no moment exists where others could connect.
+    mode_t previous = ::umask(0177);
+    int bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    int bindError = errno;
+    ::umask(previous);
+    if (bound != 0 || ::listen(fd, 128) != 0) {
+        int error = bound != 0 ? bindError : errno;
+        ::close(fd);
+        throw DaemonError("can't listen on " + path + ": " + std::strerror(error));
+    }
+    return fd;
+}
+
+bool sameUser(int fd) {
+    ucred credentials{};
+    socklen_t length = sizeof(credentials);
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return false;
+    return credentials.uid == ::getuid();
+}
+
+std::optional<uint64_t> requestID(const json& message) {
+    auto found = message.find("id");
+    if (found == message.end()) return std::nullopt;
+    if (found->is_number_unsigned()) return found->get<uint64_t>();
+    if (found->is_number_integer() && found->get<int64_t>() >= 0) return static_cast<uint64_t>(found->get<int64_t>());
+    return std::nullopt;
+}
+
+} // namespace
+
+struct Server::Client {
+    uint64_t id = 0;
+    int fd = -1;
+    corvex::FrameParser parser;
+    std::string out;
+    size_t sent = 0; // bytes of `out` already written
+    bool events = false;
+    bool closing = false;
+
+    size_t pending() const { return out.size() - sent; }
+};
+
+Server::Server(ServerOptions options) : options_(std::move(options)), instance_(randomInstance()) {
+    listenFd_ = listenOn(options_.socketPath);
+    wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeFd_ < 0) {
+        ::close(listenFd_);
+        throw DaemonError(std::string("eventfd: ") + std::strerror(errno));
+    }
+}
+
+Server::~Server() {
+    for (auto& [id, client] : clients_) ::close(client->fd);
+    if (listenFd_ >= 0) {
+        ::close(listenFd_);
+        ::unlink(options_.socketPath.c_str());
+    }
+    if (wakeFd_ >= 0) ::close(wakeFd_);
+}
+
+void Server::stop() {
+    {
+        std::lock_guard guard(postedLock_);
+        stopRequested_ = true;
+    }
+    wake();
+}
+
+void Server::post(std::function<void()> work) {
+    {
+        std::lock_guard guard(postedLock_);
+        posted_.push_back(std::move(work));
+    }
+    wake();
+}
+
+void Server::wake() {
+    uint64_t one = 1;
+    [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof(one));
+}
+
+void Server::runPosted() {
+    uint64_t count;
+    [[maybe_unused]] auto drained = ::read(wakeFd_, &count, sizeof(count));
+    std::vector<std::function<void()>> work;
+    {
+        std::lock_guard guard(postedLock_);
+        work.swap(posted_);
+        if (stopRequested_) stopping_ = true;
+    }
+    for (auto& item : work) item();
+}
+
+void Server::run() {
+    std::vector<pollfd> fds;
+    std::vector<uint64_t> order;
+    while (!stopping_) {
+        fds.clear();
+        order.clear();
+        fds.push_back({listenFd_, POLLIN, 0});
+        fds.push_back({wakeFd_, POLLIN, 0});
+        fds.push_back({options_.stopFd, POLLIN, 0});
+        for (auto& [id, client] : clients_) {
+            short events = POLLIN;
+            if (client->pending() > 0) events |= POLLOUT;
+            fds.push_back({client->fd, events, 0});
+            order.push_back(id);
+        }
+        if (::poll(fds.data(), fds.size(), -1) < 0) {
+            if (errno == EINTR) continue;
+            throw DaemonError(std::string("poll: ") + std::strerror(errno));
+        }
+        if (fds[2].revents) {
+            stopping_ = true;
+            break;
+        }
+        if (fds[1].revents & POLLIN) runPosted();
+        for (size_t i = 0; i < order.size(); ++i) {
+            auto found = clients_.find(order[i]);
+            if (found == clients_.end()) continue;
+            Client& client = *found->second;
+            short revents = fds[3 + i].revents;
+            if (revents & POLLOUT) flush(client);
+            if (!client.closing && (revents & (POLLIN | POLLHUP | POLLERR))) readFrom(client);
+        }
+        if (fds[0].revents & POLLIN) acceptClients();
+
+        std::vector<uint64_t> closing;
+        for (auto& [id, client] : clients_) {
+            if (client->closing) closing.push_back(id);
+        }
+        for (auto id : closing) closeClient(id);
+        if (options_.ephemeral && servedAnyone_ && clients_.empty()) stopping_ = true;
+    }
+}
+
+void Server::acceptClients() {
+    while (true) {
+        int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0) return; // EAGAIN, or a peer that left before we took it
+        if (!sameUser(fd)) {
+            ::close(fd);
+            continue;
+        }
+        auto client = std::make_unique<Client>();
+        client->id = nextClientID_++;
+        client->fd = fd;
+        clients_.emplace(client->id, std::move(client));
+        servedAnyone_ = true;
+    }
+}
+
+void Server::closeClient(uint64_t id) {
+    auto found = clients_.find(id);
+    if (found == clients_.end()) return;
+    ::close(found->second->fd);
+    clients_.erase(found);
+}
+
+void Server::readFrom(Client& client) {
+    char buffer[readChunk];
+    ssize_t count = ::recv(client.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (count <= 0) {
+        client.closing = true;
+        return;
+    }
+    bool framed = client.parser.append(std::string_view(buffer, static_cast<size_t>(count)),
+        [&](uint8_t type, std::string_view payload) {
+            if (!client.closing) handleFrame(client, type, payload);
+        });
+    if (!framed) client.closing = true;
+}
+
+void Server::handleFrame(Client& client, uint8_t type, std::string_view payload) {
+    switch (static_cast<corvex::FrameType>(type)) {
+    case corvex::FrameType::json:
+        handleJSON(client, payload);
+        break;
+    case corvex::FrameType::input:
+        // Panes come with the session core; until then there is no pane to write to.
+        break;
+    default:
+        // Kinds a client doesn't send, or doesn't send yet: room for new ones.
+        break;
+    }
+}
+
+void Server::handleJSON(Client& client, std::string_view text) {
+    json message = json::parse(text, nullptr, false);
+    auto id = message.is_object() ? requestID(message) : std::nullopt;
+    if (!id) {
+        client.closing = true;
+        return;
+    }
+    auto method = message.find("method");
+    auto params = message.find("params");
+    json reply = {{"id", *id}};
+    std::function<void()> after;
+    try {
+        if (method == message.end() || !method->is_string()) throw RequestError{"bad_request", "a request needs a method"};
+        if (params != message.end() && !params->is_object() && !params->is_null()) {
+            throw RequestError{"bad_request", "params must be an object"};
+        }
+        const std::string& name = method->get_ref<const std::string&>();
+        if (name == "hello") {
+            corvex::Hello hello;
+            hello.protocol = protocolVersion;
+            hello.protocolMin = protocolVersion;
+            hello.protocolMax = protocolVersion;
+            hello.daemon = "corvexd";
+            hello.version = options_.version;
+            hello.instance = instance_;
+            hello.pid = static_cast<int32_t>(::getpid());
+            hello.machine = thisMachine();
+            hello.featureNames = std::vector<std::string>{"ping"};
+            hello.exe = options_.executable;
+            hello.build = options_.buildId;
+            corvex::Hello::Holder holder;
+            holder.pid = hello.pid;
+            holder.version = options_.version;
+            holder.protocol = protocolVersion;
+            holder.exe = options_.executable;
+            holder.build = options_.buildId;
+            holder.canUpgrade = false;
+            holder.outdated = false;
+            hello.holder = holder;
+            hello.holderOutdated = false;
+            reply["result"] = corvex::toJSON(hello);
+        } else if (name == "ping") {
+            reply["result"] = json::object();
+        } else if (name == "state.get") {
+            reply["result"] = corvex::toJSON(corvex::ModelState{});
+        } else if (name == "events.subscribe") {
+            reply["result"] = json::object();
+            client.events = true;
+            after = [this, &client] {
+                json event = {{"event", "state"}, {"data", corvex::toJSON(corvex::ModelState{})}};
+                enqueue(client, corvex::makeJSONFrame(dump(event)));
+            };
+        } else {
+            throw RequestError{"unknown_method", "unknown method " + name};
+        }
+    } catch (const RequestError& error) {
+        reply.erase("result");
+        reply["error"] = {{"code", error.code}, {"message", error.message}};
+    }
+    enqueue(client, corvex::makeJSONFrame(dump(reply)));
+    if (after) after();
+}
+
+void Server::enqueue(Client& client, std::string frame) {
+    if (client.closing) return;
+    if (client.pending() + frame.size() > options_.clientQueueLimit) {
+        client.closing = true;
+        return;
+    }
+    if (client.sent > 0 && client.sent * 2 >= client.out.size()) {
+        client.out.erase(0, client.sent);
+        client.sent = 0;
+    }
+    client.out += frame;
+    flush(client);
+}
+
+void Server::flush(Client& client) {
+    while (client.pending() > 0) {
+        ssize_t count = ::send(client.fd, client.out.data() + client.sent, client.pending(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count < 0) {
+            if (errno == EINTR) continue;
+            if (errno != EAGAIN) client.closing = true;
+            return;
+        }
+        client.sent += static_cast<size_t>(count);
+    }
+    client.out.clear();
+    client.sent = 0;
+}
+
+} // namespace corvexd

@@ -1,0 +1,60 @@
+#include <gtest/gtest.h>
+
+#include "CorvexKit/CorvexdBackend.h"
+#include "Support/DaemonHarness.h"
+
+using namespace corvexd::testing;
+using corvex::SessionEvent;
+
+namespace {
+
+template <typename T>
+std::optional<T> nextOf(corvex::SessionEventStream& events, std::chrono::milliseconds timeout = 15s) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (true) {
+        auto left = deadline - std::chrono::steady_clock::now();
+        if (left <= 0ms) return std::nullopt;
+        auto event = events.next(left);
+        if (!event) return std::nullopt;
+        if (auto* found = event->as<T>()) return *found;
+    }
+}
+
+} // namespace
+
+// The client library against the real daemon: it starts the daemon on first contact, sees
+// the hello and the state, and after a daemon restart comes back to a new instance.
+TEST(CorvexdBackendAgainstDaemon, ConnectsStartsAndFollowsARestart) {
+    DaemonHarness daemon;
+    auto configuration = corvex::CorvexdBackend::Configuration::socket(daemon.socketPath(), "tests", {}, [&] {
+        auto started = daemon.run({"start"});
+        if (started.status != 0) throw corvex::BackendError("failed", started.err);
+    });
+    auto backend = corvex::CorvexdBackend::make(configuration);
+    auto events = backend->events();
+    backend->start();
+
+    auto connected = nextOf<SessionEvent::Connected>(*events);
+    ASSERT_TRUE(connected) << "the backend started the daemon and shook hands";
+    EXPECT_EQ(connected->hello.daemon, "corvexd");
+    EXPECT_TRUE(connected->hello.has(corvex::Hello::Feature::ping));
+    auto state = nextOf<SessionEvent::State>(*events);
+    ASSERT_TRUE(state);
+    EXPECT_TRUE(state->state.workspaces.empty());
+    EXPECT_NO_THROW(backend->ping());
+    EXPECT_TRUE(backend->getState().workspaces.empty());
+    try {
+        backend->agentHistory(1, std::nullopt, std::nullopt);
+        ADD_FAILURE() << "an unimplemented method must fail";
+    } catch (const corvex::BackendError& error) {
+        EXPECT_EQ(error.code(), "unknown_method");
+    }
+
+    ASSERT_EQ(daemon.run({"stop"}).status, 0);
+    EXPECT_TRUE(nextOf<SessionEvent::Disconnected>(*events));
+    auto again = nextOf<SessionEvent::Connected>(*events);
+    ASSERT_TRUE(again) << "the backend reconnects, starting the daemon again";
+    EXPECT_NE(again->hello.instance, connected->hello.instance);
+    EXPECT_TRUE(nextOf<SessionEvent::State>(*events));
+    backend->stop();
+}

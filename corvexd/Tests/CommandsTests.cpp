@@ -1,0 +1,164 @@
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Support/DaemonHarness.h"
+
+using namespace corvexd::testing;
+
+namespace {
+
+bool lives(pid_t pid) {
+    if (::kill(pid, 0) != 0) return false;
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    auto close = line.rfind(')');
+    return close == std::string::npos || close + 2 >= line.size() || line[close + 2] != 'Z';
+}
+
+mode_t modeOf(const std::string& path) {
+    struct stat info{};
+    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
+    return info.st_mode & 0777;
+}
+
+} // namespace
+
+TEST(CorvexdCommands, StartFindsTheRunningDaemonAndStopEndsIt) {
+    DaemonHarness daemon;
+    auto id = daemon.run({"build-id"});
+    EXPECT_EQ(id.status, 0);
+    auto dash = id.out.find('-');
+    ASSERT_NE(dash, std::string::npos) << id.out;
+    EXPECT_EQ(std::count(id.out.begin(), id.out.begin() + static_cast<long>(dash), '.'), 2) << id.out;
+    std::string hash = id.out.substr(dash + 1);
+    EXPECT_TRUE(hash == "dev\n" || (hash.size() > 1 && hash.find_first_not_of("0123456789abcdef\n") == std::string::npos)) << id.out;
+
+    auto socket = daemon.run({"status", "--print-socket"});
+    EXPECT_EQ(socket.out, daemon.socketPath() + "\n");
+
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    pid_t first = daemon.daemonPid();
+    ASSERT_GT(first, 0);
+    EXPECT_EQ(::kill(first, 0), 0);
+    EXPECT_EQ(modeOf(daemon.runtimeDir()), 0700u);
+    EXPECT_EQ(modeOf(daemon.socketPath()), 0600u);
+    EXPECT_TRUE(RawClient(daemon.socketPath(), 0ms).connected()) << "start returns only once the socket accepts";
+
+    auto again = daemon.run({"start"});
+    EXPECT_EQ(again.status, 0) << again.err;
+    EXPECT_EQ(daemon.daemonPid(), first) << "a second start uses the running daemon";
+    auto serveAgain = daemon.run({"serve"});
+    EXPECT_EQ(serveAgain.status, 1);
+    EXPECT_NE(serveAgain.err.find("already running"), std::string::npos) << serveAgain.err;
+
+    auto builds = daemon.run({"status", "--print-builds"});
+    std::string build = id.out.substr(0, id.out.size() - 1);
+    EXPECT_EQ(builds.out, "serve=" + build + "\nholder=" + build + "\n");
+
+    EXPECT_EQ(daemon.run({"stop"}).status, 0);
+    EXPECT_FALSE(lives(first)) << "stop returns once the daemon has gone";
+    EXPECT_FALSE(std::filesystem::exists(daemon.socketPath()));
+    EXPECT_EQ(daemon.run({"status"}).out, "not running\n");
+    EXPECT_EQ(daemon.run({"stop"}).status, 0) << "stopping nothing is not an error";
+    EXPECT_NE(daemon.run({"status", "--print-builds"}).status, 0);
+
+    ASSERT_EQ(daemon.run({"start"}).status, 0) << "a stopped daemon starts again";
+    EXPECT_NE(daemon.daemonPid(), first);
+    EXPECT_EQ(daemon.run({"shutdown"}).status, 0);
+    EXPECT_EQ(daemon.run({"status"}).status, 1);
+}
+
+TEST(CorvexdCommands, ConcurrentStartsLeaveOneDaemon) {
+    DaemonHarness daemon;
+    std::vector<std::thread> starts;
+    std::vector<int> statuses(4, -1);
+    for (size_t i = 0; i < statuses.size(); ++i) {
+        starts.emplace_back([&, i] { statuses[i] = daemon.run({"start"}).status; });
+    }
+    for (auto& start : starts) start.join();
+    for (int status : statuses) EXPECT_EQ(status, 0);
+    auto builds = daemon.run({"status", "--print-builds"});
+    EXPECT_EQ(builds.status, 0);
+    pid_t pid = daemon.daemonPid();
+    EXPECT_EQ(daemon.run({"stop"}).status, 0);
+    EXPECT_FALSE(lives(pid));
+    EXPECT_FALSE(RawClient(daemon.socketPath(), 0ms).connected()) << "no second daemon was left behind";
+}
+
+TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
+    DaemonHarness daemon;
+    std::string real = daemon.base() + "/real";
+    ASSERT_EQ(::mkdir(real.c_str(), 0700), 0);
+
+    std::string link = daemon.base() + "/link";
+    ASSERT_EQ(::symlink(real.c_str(), link.c_str()), 0);
+    daemon.setRuntimeDir(link);
+    auto linked = daemon.run({"start"});
+    EXPECT_EQ(linked.status, 1);
+    EXPECT_NE(linked.err.find("symbolic link"), std::string::npos) << linked.err;
+    EXPECT_FALSE(std::filesystem::exists(real + "/corvexd.sock"));
+
+    std::string loose = daemon.base() + "/loose";
+    ASSERT_EQ(::mkdir(loose.c_str(), 0777), 0);
+    ASSERT_EQ(::chmod(loose.c_str(), 0777), 0);
+    daemon.setRuntimeDir(loose);
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    EXPECT_EQ(modeOf(loose), 0700u) << "a folder of ours that others could enter is closed";
+    EXPECT_EQ(daemon.run({"stop"}).status, 0);
+
+    std::string file = daemon.base() + "/file";
+    ASSERT_TRUE(std::ofstream(file).good());
+    daemon.setRuntimeDir(file);
+    EXPECT_EQ(daemon.run({"start"}).status, 1);
+
+    daemon.setRuntimeDir(daemon.base() + "/" + std::string(120, 'x'));
+    auto tooLong = daemon.run({"start"});
+    EXPECT_EQ(tooLong.status, 1);
+    EXPECT_NE(tooLong.err.find("too long"), std::string::npos) << tooLong.err;
+
+    if (::getuid() == 0) {
+        std::string foreign = daemon.base() + "/foreign";
+        ASSERT_EQ(::mkdir(foreign.c_str(), 0700), 0);
+        ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
+        daemon.setRuntimeDir(foreign);
+        auto refused = daemon.run({"start"});
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_NE(refused.err.find("owned by another user"), std::string::npos) << refused.err;
+        EXPECT_FALSE(std::filesystem::exists(foreign + "/corvexd.sock"));
+    }
+    daemon.setRuntimeDir(daemon.base() + "/run");
+}
+
+TEST(CorvexdCommands, UsageErrorsExitTwo) {
+    DaemonHarness daemon;
+    EXPECT_EQ(daemon.run({}).status, 2);
+    EXPECT_EQ(daemon.run({"frobnicate"}).status, 2);
+}
+
+TEST(CorvexdCommands, BridgeStartsTheDaemonAndRelaysBothWays) {
+    DaemonHarness daemon;
+    std::string input = corvex::makeJSONFrame(R"({"id":1,"method":"hello","params":{"protocol":1,"client":"t"}})") +
+                        corvex::makeJSONFrame(R"({"id":2,"method":"ping"})");
+    auto bridged = daemon.run({"bridge"}, {}, input);
+    EXPECT_EQ(bridged.status, 0) << bridged.err;
+    std::vector<json> replies;
+    corvex::FrameParser parser;
+    EXPECT_TRUE(parser.append(bridged.out, [&](uint8_t type, std::string_view payload) {
+        EXPECT_EQ(type, 1);
+        replies.push_back(json::parse(payload));
+    }));
+    EXPECT_EQ(parser.buffered(), 0u);
+    ASSERT_EQ(replies.size(), 2u);
+    EXPECT_EQ(replies[0]["id"], 1);
+    EXPECT_EQ(replies[0]["result"]["daemon"], "corvexd");
+    EXPECT_EQ(replies[1]["id"], 2);
+    EXPECT_TRUE(replies[1].contains("result"));
+    EXPECT_GT(daemon.daemonPid(), 0) << "the bridge left its daemon running";
+    EXPECT_EQ(daemon.run({"status"}).status, 0);
+}
