@@ -20,9 +20,9 @@ constexpr size_t retainedTailLength = 4;
 
 bool isDigit(uint8_t b) { return b >= '0' && b <= '9'; }
 
+// Saturates at 65,535 and stays there; the value never exceeds it, so the product cannot overflow.
 int64_t appendDigit(int64_t value, uint8_t digit) {
-    int64_t d = digit - '0';
-    return value <= (maximumParameterValue - d) / 10 ? value * 10 + d : maximumParameterValue;
+    return std::min<int64_t>(value * 10 + (digit - '0'), maximumParameterValue);
 }
 
 bool hasProgramStatusPrefix(std::span<const uint8_t> payload) {
@@ -138,6 +138,10 @@ void EscapeSequenceParser::parseBorrowed(std::span<const uint8_t> bytes, ParserT
             if (run.printStart >= 0) {
                 flushPrint(run);
                 continue; // a reset during the print call may have changed the state
+            }
+            if (b == ESC && run.index + 1 < n && p[run.index + 1] == '[') {
+                parseCsiDirectly(run);
+                continue;
             }
         } else if (run.state == S::csiParam && isDigit(b)) {
             accumulateDigits(run);
@@ -272,13 +276,7 @@ void EscapeSequenceParser::performAction(Run& run, ParserAction action, ParserSt
         return;
     case A::csiDispatch:
         run.state = next;
-        if (!run.hot.parameterLimitExceeded) {
-            if (byte == 'm') _parsColonMask = run.hot.colonMask;
-            currentState = next;
-            run.terminal.dispatchCsi(byte, run.pars(), run.collect());
-            if (resetHappened(run)) return;
-        }
-        endStringSequence(run);
+        dispatchCsiSequence(run, byte);
         return;
     case A::param:
         run.state = next;
@@ -324,6 +322,53 @@ void EscapeSequenceParser::performAction(Run& run, ParserAction action, ParserSt
     case A::dcsUnhook:
         dcsUnhook(run, byte);
         return;
+    }
+}
+
+void EscapeSequenceParser::dispatchCsiSequence(Run& run, uint8_t code) {
+    if (!run.hot.parameterLimitExceeded) {
+        if (code == 'm') _parsColonMask = run.hot.colonMask;
+        currentState = run.state;
+        run.terminal.dispatchCsi(code, run.pars(), run.collect());
+        if (resetHappened(run)) return;
+    }
+    endStringSequence(run);
+}
+
+// The common shape ESC [ marker? parameters final, read without table lookups. It takes the
+// same steps the table would, and leaves anything unusual (intermediates, controls, the end of
+// the chunk) to the table in the state reached so far.
+void EscapeSequenceParser::parseCsiDirectly(Run& run) {
+    const uint8_t* p = run.bytes;
+    const size_t n = run.size;
+    HotFields& hot = run.hot;
+    hot.pars.reset();
+    hot.colonMask = 0;
+    hot.collect.clear();
+    hot.parameterLimitExceeded = false;
+    run.state = S::csiEntry;
+    run.index += 2;
+    if (run.index < n && p[run.index] >= 0x3C && p[run.index] <= 0x3F) {
+        hot.collect.push_back(p[run.index++]);
+        run.state = S::csiParam;
+    }
+    while (run.index < n) {
+        uint8_t c = p[run.index];
+        if (isDigit(c)) {
+            run.state = S::csiParam;
+            accumulateDigits(run);
+        } else if (c == ';' || (c == ':' && run.state == S::csiParam)) {
+            run.state = S::csiParam;
+            addParameterSeparator(run, c);
+            ++run.index;
+        } else {
+            if (c >= 0x40 && c <= 0x7E) {
+                ++run.index;
+                run.state = S::ground;
+                dispatchCsiSequence(run, c);
+            }
+            return;
+        }
     }
 }
 

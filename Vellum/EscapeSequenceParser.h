@@ -126,6 +126,8 @@ private:
     void flushDcsPayload(Run& run);
     bool resetHappened(Run& run);
     void performAction(Run& run, ParserAction action, ParserState next, uint8_t byte);
+    void dispatchCsiSequence(Run& run, uint8_t code);
+    void parseCsiDirectly(Run& run);
     void accumulateDigits(Run& run);
     void addParameterSeparator(Run& run, uint8_t byte);
     void reportError(Run& run, uint8_t byte);
