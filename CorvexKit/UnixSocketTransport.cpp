@@ -23,8 +23,12 @@ std::string joinPath(std::string dir, const std::string& name) {
 std::string defaultCorvexdSocketPath(const std::optional<std::string>& runtimeDir) {
     if (runtimeDir) return joinPath(*runtimeDir, "corvexd.sock");
     if (auto dir = platform::environmentValue("CORVEXD_RUNTIME_DIR"); !dir.empty()) return joinPath(dir, "corvexd.sock");
+#ifdef __APPLE__
+    // The temporary folder is the user's own there.
     std::string path = joinPath(joinPath(platform::temporaryDirectory(), "corvexd"), "corvexd.sock");
     if (path.size() < 100) return path;
+#endif
+    // /tmp is shared by every user here, so the folder carries the user's number.
     return "/tmp/corvexd-" + std::to_string(platform::userId()) + "/corvexd.sock";
 }
 

@@ -265,9 +265,14 @@ TEST(UnixSocketTransport, DefaultSocketPath) {
     EXPECT_EQ(defaultCorvexdSocketPath("/given"), "/given/corvexd.sock");
     ::unsetenv("CORVEXD_RUNTIME_DIR");
     ::setenv("TMPDIR", "/short/", 1);
+    std::string own = "/tmp/corvexd-" + std::to_string(::getuid()) + "/corvexd.sock";
+#ifdef __APPLE__
     EXPECT_EQ(defaultCorvexdSocketPath(), "/short/corvexd/corvexd.sock");
+#else
+    EXPECT_EQ(defaultCorvexdSocketPath(), own) << "what the daemon itself uses, whatever TMPDIR says";
+#endif
     ::setenv("TMPDIR", ("/" + std::string(80, 'd')).c_str(), 1);
-    EXPECT_EQ(defaultCorvexdSocketPath(), "/tmp/corvexd-" + std::to_string(::getuid()) + "/corvexd.sock");
+    EXPECT_EQ(defaultCorvexdSocketPath(), own);
 
     auto restore = [](const char* name, const std::string& value) {
         if (value.empty()) ::unsetenv(name);

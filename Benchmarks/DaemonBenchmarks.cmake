@@ -1,0 +1,4 @@
+# The daemon benchmarks start the corvexd built beside them.
+if(TARGET corvexd)
+  add_dependencies(DaemonBenchmarks corvexd)
+endif()

@@ -1,0 +1,397 @@
+// A real corvexd, real shells, and the clients users have: CorvexdBackend and `corvex`.
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <pty.h>
+#include <sstream>
+
+#include "CorvexKit/Frame.h"
+#include "CorvexKit/Layout.h"
+#include "CorvexKit/ModelStore.h"
+#include "CorvexKit/Tests/Support/RecordingSink.h"
+#include "Platform/MainQueue.h"
+#include "corvexd/Tests/EndToEndDaemon.h"
+
+namespace corvex::endtoend {
+namespace {
+
+using ::testing::HasSubstr;
+using json = nlohmann::json;
+
+std::string text(uint64_t id) { return std::to_string(id); }
+
+class EndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!isBuilt("corvexd") || !isBuilt("corvex")) GTEST_SKIP() << "corvexd and corvex are not built";
+        daemon.serve();
+    }
+
+    const Tab* tabOf(const ModelState& state, uint64_t pane) {
+        auto where = state.location(pane);
+        return where ? where->tab : nullptr;
+    }
+
+    Daemon daemon;
+};
+
+// Whole lines of numbers "n1", "n2", ... in the text, checked to run on from `first`
+// without a gap or a repeat; yields the last, or 0 on a fault (reported).
+int countedUpTo(const std::string& bytes, int first) {
+    std::istringstream words(bytes);
+    std::string word;
+    int expected = first;
+    while (words >> word) {
+        if (word.size() < 2 || word[0] != 'n') continue;
+        int got = std::atoi(word.c_str() + 1);
+        if (got != expected) {
+            ADD_FAILURE() << "counted " << got << " where " << expected << " was due";
+            return 0;
+        }
+        ++expected;
+    }
+    return expected - 1;
+}
+
+TEST_F(EndToEnd, TypedInputComesBackThroughTheShellToBothClients) {
+    auto client = daemon.connect("typist");
+    Watcher watch(client);
+    CreatedWorkspace created;
+    CORVEX_OR_SKIP(created = client->createWorkspace("first", plainShell()));
+    CORVEX_OR_SKIP(client->subscribe(created.pane));
+    client->sendInput(created.pane, asBytes("echo $((6*7))z\r"));
+    EXPECT_TRUE(watch.untilOutput(created.pane, "42z")) << watch.output(created.pane);
+
+    // The command line reaches the same shell, and reads what it shows.
+    Ran sent = daemon.corvex({"send", "-n", text(created.pane), "echo from-$((1+1))-cli"});
+    EXPECT_EQ(sent.status, 0) << sent.err;
+    EXPECT_TRUE(watch.untilOutput(created.pane, "from-2-cli")) << watch.output(created.pane);
+    Ran shown = daemon.corvex({"text", text(created.pane)});
+    EXPECT_EQ(shown.status, 0) << shown.err;
+    EXPECT_THAT(shown.out, HasSubstr("42z"));
+    EXPECT_THAT(shown.out, HasSubstr("from-2-cli"));
+
+    Ran state = daemon.corvex({"state"});
+    ASSERT_EQ(state.status, 0) << state.err;
+    auto tree = json::parse(state.out);
+    ASSERT_EQ(tree["workspaces"].size(), 1u);
+    EXPECT_EQ(tree["workspaces"][0]["name"], "first");
+
+    Ran missing = daemon.corvex({"text", "987654"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_THAT(missing.err, HasSubstr("corvex: not_found: no pane 987654"));
+    EXPECT_THAT(watch.faults(), ::testing::IsEmpty());
+}
+
+TEST_F(EndToEnd, SplitFocusMoveAndCloseReshapeOneTab) {
+    auto client = daemon.connect("shaper");
+    CreatedWorkspace created;
+    CORVEX_OR_SKIP(created = client->createWorkspace("shapes", plainShell()));
+    uint64_t a = created.pane;
+    uint64_t b = client->split(a, Direction::right, 0.5, plainShell()).pane;
+    uint64_t c = client->split(b, Direction::down, std::nullopt, plainShell()).pane;
+    ModelState state = client->getState();
+    ASSERT_NE(tabOf(state, c), nullptr);
+    EXPECT_EQ(tabOf(state, c)->layout.panes(), (std::vector<uint64_t>{a, b, c}));
+
+    client->focus(FocusTarget::pane(a));
+    EXPECT_EQ(client->getState().focus.pane, a);
+
+    CORVEX_OR_SKIP(client->move(MoveRequest::movePane(c, a, Direction::left)));
+    state = client->getState();
+    EXPECT_EQ(tabOf(state, a)->layout.panes(), (std::vector<uint64_t>{c, a, b}));
+
+    client->closePane(b);
+    state = client->getState();
+    EXPECT_EQ(state.pane(b), nullptr);
+    EXPECT_EQ(tabOf(state, a)->layout.panes(), (std::vector<uint64_t>{c, a}));
+
+    // The same operations through the command line.
+    Ran focused = daemon.corvex({"focus", "pane", text(c)});
+    EXPECT_EQ(focused.status, 0) << focused.err;
+    EXPECT_EQ(client->getState().focus.pane, c);
+    Ran closed = daemon.corvex({"close", "pane", text(c)});
+    EXPECT_EQ(closed.status, 0) << closed.err;
+    state = client->getState();
+    EXPECT_EQ(tabOf(state, a)->layout.panes(), (std::vector<uint64_t>{a}));
+    EXPECT_EQ(state.focus.pane, a) << "focus moves to what is left";
+    Ran again = daemon.corvex({"close", "pane", text(c)});
+    EXPECT_EQ(again.status, 1);
+    EXPECT_THAT(again.err, HasSubstr("not_found"));
+}
+
+// One client reads part of a stream and goes; the next picks up where it stopped, from
+// retained bytes (replay) or from the present (live), and the two together hold every
+// byte once.
+TEST_F(EndToEnd, ResubscribingFromADeliveredPositionLosesAndRepeatsNothing) {
+    auto first = daemon.connect("first");
+    Watcher firstWatch(first);
+    SpawnOptions counter = plainShell();
+    counter.command = std::vector<std::string>{
+        "/bin/sh", "-c",
+        "i=0; for round in 1 2 3; do read go; j=0; while [ $j -lt 3000 ]; do i=$((i+1)); j=$((j+1)); echo n$i; done; done; sleep 600"};
+    CreatedWorkspace created;
+    CORVEX_OR_SKIP(created = first->createWorkspace("counting", counter));
+    uint64_t pane = created.pane;
+    CORVEX_OR_SKIP(first->subscribe(pane));
+    first->sendInput(pane, asBytes("\r"));
+    ASSERT_TRUE(firstWatch.untilOutput(pane, "n3000\r\n"));
+    uint64_t delivered = first->deliveredSeq(pane).value_or(0);
+    std::string seenFirst = firstWatch.output(pane);
+    first->stop();
+
+    // Replay: the next round is written while no one watches.
+    auto second = daemon.connect("second");
+    Watcher secondWatch(second);
+    second->sendInput(pane, asBytes("\r"));
+    ASSERT_TRUE(secondWatch.until([&] {
+        std::this_thread::sleep_for(20ms);
+        return second->paneText(pane).text().find("n6000") != std::string::npos;
+    }));
+    Subscription replay = second->subscribe(pane, delivered);
+    EXPECT_EQ(replay.mode, Subscription::Mode::replay);
+    EXPECT_EQ(replay.seq, delivered);
+    ASSERT_TRUE(secondWatch.untilOutput(pane, "n6000\r\n"));
+    uint64_t secondDelivered = second->deliveredSeq(pane).value_or(0);
+    std::string seenSecond = secondWatch.output(pane);
+    second->stop();
+
+    // Live: nothing was written since, so what follows is all there is to send.
+    auto third = daemon.connect("third");
+    Watcher thirdWatch(third);
+    Subscription live = third->subscribe(pane, secondDelivered);
+    EXPECT_EQ(live.mode, Subscription::Mode::live);
+    EXPECT_EQ(live.seq, secondDelivered);
+    third->sendInput(pane, asBytes("\r"));
+    ASSERT_TRUE(thirdWatch.untilOutput(pane, "n9000\r\n"));
+
+    EXPECT_EQ(countedUpTo(seenFirst + seenSecond + thirdWatch.output(pane), 1), 9000);
+    for (auto* watch : {&firstWatch, &secondWatch, &thirdWatch}) EXPECT_THAT(watch->faults(), ::testing::IsEmpty());
+}
+
+// A backend that loses its daemon reconnects to the next one; the new run's byte positions
+// mean nothing to the old, so every pane view is told to start over and panes come back
+// as snapshots.
+TEST_F(EndToEnd, ARestartedDaemonIsReachedAgainAndPaneViewsStartOver) {
+    auto client = daemon.connect("survivor");
+    platform::ManualMainQueue mainQueue;
+    ModelStore store(client, mainQueue);
+    store.start();
+    ASSERT_TRUE(mainQueue.runUntil([&] { return store.isConnected(); }, 10s));
+    std::string before = store.hello()->instance;
+
+    CreatedWorkspace created;
+    CORVEX_OR_SKIP(created = client->createWorkspace("kept", plainShell()));
+    auto sink = std::make_shared<testkit::RecordingSink>();
+    store.registerSink(created.pane, sink);
+    client->subscribe(created.pane);
+    client->sendInput(created.pane, asBytes("echo before-restart\r"));
+    auto saw = [&](const std::string& prefix) {
+        return std::any_of(sink->calls.begin(), sink->calls.end(),
+                           [&](const std::string& call) { return call.rfind(prefix, 0) == 0; });
+    };
+    ASSERT_TRUE(mainQueue.runUntil([&] { return saw("subscribed snapshot"); }, 10s));
+
+    daemon.kill(SIGKILL);
+    ASSERT_TRUE(mainQueue.runUntil([&] { return !store.isConnected(); }, 10s));
+    sink->calls.clear();
+    daemon.serve();
+    ASSERT_TRUE(mainQueue.runUntil([&] { return store.isConnected(); }, 20s)) << daemon.log();
+    EXPECT_NE(store.hello()->instance, before);
+    EXPECT_TRUE(mainQueue.runUntil([&] { return saw("reset"); }, 10s));
+    ASSERT_FALSE(sink->calls.empty());
+    EXPECT_EQ(sink->calls.front(), "reset") << "nothing of the new run comes before the reset";
+
+    if (!client->getState().pane(created.pane)) {
+        store.stop();
+        GTEST_SKIP() << "the daemon does not restore its tree across a restart yet";
+    }
+    EXPECT_TRUE(mainQueue.runUntil([&] { return saw("subscribed snapshot"); }, 10s));
+    store.stop();
+}
+
+TEST_F(EndToEnd, TwoClientsSeeTheSameTreeAndEachOthersChanges) {
+    auto left = daemon.connect("left");
+    auto right = daemon.connect("right");
+    Watcher rightWatch(right);
+    CreatedWorkspace created;
+    CORVEX_OR_SKIP(created = left->createWorkspace("shared", plainShell()));
+    CreatedSplit split = left->split(created.pane, Direction::down, std::nullopt, plainShell());
+
+    EXPECT_TRUE(rightWatch.untilEvent<SessionEvent::State>(
+        [&](auto& event) { return event.state.pane(split.pane) != nullptr; }));
+    EXPECT_EQ(left->getState().workspaces, right->getState().workspaces);
+
+    // Output typed through one shows up at the other.
+    right->subscribe(split.pane);
+    left->sendInput(split.pane, asBytes("echo seen-by-$((2+3))\r"));
+    EXPECT_TRUE(rightWatch.untilOutput(split.pane, "seen-by-5"));
+
+    right->closePane(created.pane);
+    Watcher leftWatch(left);
+    EXPECT_TRUE(leftWatch.untilEvent<SessionEvent::State>(
+        [&](auto& event) { return event.state.pane(created.pane) == nullptr; }));
+    EXPECT_EQ(left->getState().workspaces, right->getState().workspaces);
+}
+
+// A raw connection that breaks the framing is closed, and only it: the other client and
+// its shell go on.
+TEST_F(EndToEnd, ABrokenFrameCutsOffOnlyItsSender) {
+    auto good = daemon.connect("good");
+    Watcher watch(good);
+
+    int bad = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, daemon.socketPath().c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::connect(bad, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    std::string hello = makeJSONFrame(R"({"id":1,"method":"hello","params":{"protocol":1,"client":"bad"}})");
+    std::string broken = makeJSONFrame("{\"id\":2,\"method\":");
+    std::string unknownType = makeFrame(static_cast<FrameType>(0x7f), "junk");
+    ASSERT_EQ(::write(bad, hello.data(), hello.size()), static_cast<ssize_t>(hello.size()));
+    ASSERT_EQ(::write(bad, broken.data(), broken.size()), static_cast<ssize_t>(broken.size()));
+    ::write(bad, unknownType.data(), unknownType.size());
+
+    bool closed = false;
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!closed && std::chrono::steady_clock::now() < deadline) {
+        pollfd fd{bad, POLLIN, 0};
+        if (::poll(&fd, 1, 100) <= 0) continue;
+        char buffer[4096];
+        ssize_t count = ::read(bad, buffer, sizeof buffer);
+        closed = count == 0 || (count < 0 && errno == ECONNRESET);
+    }
+    ::close(bad);
+    EXPECT_TRUE(closed) << "the daemon kept a connection that sent a broken frame";
+
+    EXPECT_NO_THROW(good->ping());
+    EXPECT_TRUE(good->isConnected());
+    CreatedWorkspace created;
+    CORVEX_OR_SKIP(created = good->createWorkspace("after", plainShell()));
+    good->subscribe(created.pane);
+    good->sendInput(created.pane, asBytes("echo still-$((3*3))\r"));
+    EXPECT_TRUE(watch.untilOutput(created.pane, "still-9"));
+}
+
+// Each `corvex` run is a client that comes and goes; the shell it made stays with the daemon.
+TEST_F(EndToEnd, AShellOutlivesTheClientThatMadeIt) {
+    Ran made = daemon.corvex({"new-workspace", "--name", "lasting", "--", "/bin/sh"});
+    if (made.status == 1 && made.err.find("unknown_method") != std::string::npos) {
+        GTEST_SKIP() << "the daemon does not serve this yet: " << made.err;
+    }
+    ASSERT_EQ(made.status, 0) << made.err;
+    uint64_t pane = json::parse(made.out)["pane"].get<uint64_t>();
+
+    Ran set = daemon.corvex({"send", "-n", text(pane), "kept=still-here"});
+    ASSERT_EQ(set.status, 0) << set.err;
+    Ran echo = daemon.corvex({"send", "-n", text(pane), "echo \"[$kept]\""});
+    ASSERT_EQ(echo.status, 0) << echo.err;
+
+    // The shell keeps its variable between clients: it is one process throughout.
+    std::string shown;
+    for (int tries = 0; tries < 100 && shown.find("[still-here]") == std::string::npos; ++tries) {
+        shown = daemon.corvex({"text", text(pane)}).out;
+        std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_THAT(shown, HasSubstr("[still-here]"));
+    Ran state = daemon.corvex({"state"});
+    auto tree = json::parse(state.out);
+    ASSERT_EQ(tree["panes"].size(), 1u);
+    EXPECT_EQ(tree["panes"][0]["id"], pane);
+    EXPECT_FALSE(tree["panes"][0].contains("exited"));
+}
+
+// `corvex run` in a terminal of its own, as `make run` starts it.
+class RunInTerminal {
+public:
+    explicit RunInTerminal(const std::map<std::string, std::string>& env) {
+        std::vector<std::string> argv{builtProgram("corvex"), "run"};
+        auto environment = environmentWith(env);
+        auto args = pointers(argv);
+        auto envp = pointers(environment);
+        winsize size{30, 100, 0, 0};
+        pid_ = ::forkpty(&master_, nullptr, nullptr, &size);
+        if (pid_ == 0) {
+            ::execve(args[0], args.data(), envp.data());
+            ::_exit(127);
+        }
+    }
+    ~RunInTerminal() {
+        if (pid_ > 0 && !waitForExit(pid_, 0ms)) {
+            ::kill(pid_, SIGKILL);
+            waitForExit(pid_, 5s);
+        }
+        ::close(master_);
+    }
+
+    void type(const std::string& text) { (void)!::write(master_, text.data(), text.size()); }
+    // Reads the terminal until `text` shows; false at the deadline or when it closes first.
+    bool until(const std::string& text, std::chrono::milliseconds timeout = 15s) {
+        auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (screen.find(text) == std::string::npos) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            pollfd fd{master_, POLLIN, 0};
+            if (::poll(&fd, 1, 50) <= 0) continue;
+            char buffer[4096];
+            ssize_t count = ::read(master_, buffer, sizeof buffer);
+            if (count <= 0) return screen.find(text) != std::string::npos;
+            screen.append(buffer, static_cast<size_t>(count));
+        }
+        return true;
+    }
+    std::optional<int> exitStatus(std::chrono::milliseconds timeout) {
+        auto status = waitForExit(pid_, timeout);
+        if (status) pid_ = -1;
+        return status;
+    }
+
+    std::string screen;
+
+private:
+    int master_ = -1;
+    pid_t pid_ = -1;
+};
+
+// No daemon runs: the first run starts one and makes a workspace; detaching leaves the
+// shell, and the next run finds it with its screen as it was.
+TEST(EndToEndRun, RunStartsTheDaemonAndReattachesToTheSameShell) {
+    if (!isBuilt("corvexd") || !isBuilt("corvex")) GTEST_SKIP() << "corvexd and corvex are not built";
+    testing::ScratchDirectory scratch;
+    std::map<std::string, std::string> env{{"CORVEXD_RUNTIME_DIR", scratch.file("run")}, {"SHELL", "/bin/sh"},
+                                           {"PS1", "$ "}, {"ENV", ""}, {"CORVEXD_EPHEMERAL", ""}};
+    struct Shutdown {
+        std::map<std::string, std::string> env;
+        ~Shutdown() { runProgram({builtProgram("corvexd"), "shutdown"}, env); }
+    } shutdown{env};
+
+    {
+        RunInTerminal first(env);
+        bool attached = first.until("\x1b[H\x1b[2J");
+        if (!attached && first.screen.find("unknown_method") != std::string::npos) {
+            GTEST_SKIP() << "the daemon does not serve this yet: " << first.screen;
+        }
+        ASSERT_TRUE(attached) << first.screen;
+        first.type("echo mark-$((40+2))\r");
+        ASSERT_TRUE(first.until("mark-42")) << first.screen;
+        first.type("\x1c");
+        EXPECT_TRUE(first.until("[detached from pane")) << first.screen;
+        EXPECT_EQ(first.exitStatus(10s), 0);
+    }
+    {
+        RunInTerminal second(env);
+        EXPECT_TRUE(second.until("mark-42")) << "the screen comes back as it was: " << second.screen;
+        second.type("echo again-$((1+1))\r");
+        EXPECT_TRUE(second.until("again-2")) << second.screen;
+        second.type("\x1c");
+        EXPECT_EQ(second.exitStatus(10s), 0);
+    }
+    auto socket = CorvexdBackend::defaultSocketPath(scratch.file("run"));
+    Ran state = runProgram({builtProgram("corvex"), "--socket", socket, "state"}, env);
+    ASSERT_EQ(state.status, 0) << state.err;
+    EXPECT_EQ(json::parse(state.out)["workspaces"].size(), 1u) << "the second run made no workspace of its own";
+}
+
+} // namespace
+} // namespace corvex::endtoend
