@@ -52,8 +52,9 @@ public:
     void closePane(uint64_t id) override { core_->closePane(id); }
     void setRatio(uint64_t split, double ratio) override { core_->setRatio(split, ratio); }
     void focus(const FocusTarget& target) override;
-    Subscription subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<int> scrollback,
-                           std::optional<Size> viewport) override;
+    Subscription subscribe(uint64_t pane, std::optional<uint64_t> haveSeq = std::nullopt,
+                           std::optional<int> scrollback = std::nullopt,
+                           std::optional<Size> viewport = std::nullopt) override;
     void unsubscribe(uint64_t pane) override { core_->unsubscribe(pane); }
     void setViewport(uint64_t pane, Size size) override { core_->setViewport(pane, size); }
     void resize(uint64_t pane, Size size) override { core_->resize(pane, size); }
