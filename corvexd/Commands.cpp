@@ -24,6 +24,9 @@
 #include "corvexd/BuildInfo.h"
 #include "corvexd/RuntimeDirectory.h"
 #include "corvexd/Server.h"
+#include "corvexd/SessionService.h"
+#include "CorvexFake/LocalPaneHost.h"
+#include "CorvexFake/SessionCore.h"
 
 namespace corvexd {
 
@@ -134,8 +137,12 @@ int serve() {
     options.stopFd = stopFd;
     {
         Server server(options);
+        auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(), corvex::currentSessionCoreEnvironment());
+        serveSession(server, core);
         pid.write(::getpid());
         server.run();
+        // The shells end with the daemon: their terminals hang up.
+        core->stop();
     }
     pid.clear();
     ::close(stopFd);

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <random>
+#include <set>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -108,7 +109,7 @@ struct Server::Client {
     size_t sent = 0; // bytes of `out` already written
     bool events = false;
     bool closing = false;
-    std::set<uint64_t> panes; // subscribed pane streams
+    std::map<uint64_t, uint64_t> panes; // subscribed pane streams, to the next position owed
 
     size_t pending() const { return out.size() - sent; }
 };
@@ -155,6 +156,16 @@ void Server::wake() {
 void Server::runPosted() {
     uint64_t count;
     [[maybe_unused]] auto drained = ::read(wakeFd_, &count, sizeof(count));
+    drainPosted();
+}
+
+void Server::deliver(std::function<void()> work) {
+    if (std::this_thread::get_id() != serveThread_) return post(std::move(work));
+    drainPosted();
+    work();
+}
+
+void Server::drainPosted() {
     std::vector<std::function<void()>> work;
     {
         std::lock_guard guard(postedLock_);
@@ -165,6 +176,7 @@ void Server::runPosted() {
 }
 
 void Server::run() {
+    serveThread_ = std::this_thread::get_id();
     std::vector<pollfd> fds;
     std::vector<uint64_t> order;
     while (!stopping_) {
@@ -250,8 +262,8 @@ void Server::addFeatures(const std::vector<std::string>& names) {
     }
 }
 
-void Server::subscribePane(ClientID id, uint64_t pane) {
-    if (auto* found = client(id)) found->panes.insert(pane);
+void Server::subscribePane(ClientID id, uint64_t pane, uint64_t from) {
+    if (auto* found = client(id)) found->panes[pane] = from;
 }
 
 void Server::unsubscribePane(ClientID id, uint64_t pane) {
@@ -260,7 +272,7 @@ void Server::unsubscribePane(ClientID id, uint64_t pane) {
 
 void Server::broadcastEvent(const std::string& name, json data) {
     auto frame = std::make_shared<std::string>(corvex::makeJSONFrame(dump({{"event", name}, {"data", std::move(data)}})));
-    post([this, frame] {
+    deliver([this, frame] {
         for (auto& [id, client] : clients_) {
             if (client->events) enqueue(*client, *frame);
         }
@@ -268,22 +280,42 @@ void Server::broadcastEvent(const std::string& name, json data) {
 }
 
 void Server::publishOutput(uint64_t pane, uint64_t seq, std::string bytes) {
-    publishFrame(pane, corvex::makeOutputFrame(pane, seq, bytes));
+    deliver([this, pane, seq, bytes = std::move(bytes)] { deliverToPane(pane, seq, bytes); });
 }
 
-void Server::publishFrame(uint64_t pane, std::string frame) {
-    post([this, pane, frame = std::move(frame)] { deliverToPane(pane, frame); });
+void Server::publishPaneEvent(uint64_t pane, const std::string& name, json data) {
+    auto frame = std::make_shared<std::string>(corvex::makeJSONFrame(dump({{"event", name}, {"data", std::move(data)}})));
+    deliver([this, pane, frame] {
+        for (auto& [id, client] : clients_) {
+            if (client->panes.count(pane)) enqueue(*client, *frame);
+        }
+    });
 }
 
-void Server::deliverToPane(uint64_t pane, const std::string& frame) {
+void Server::resync(Client& client, uint64_t pane) {
+    client.panes.erase(pane);
+    enqueue(client, corvex::makeJSONFrame(dump({{"event", "pane.resync"}, {"data", {{"pane", pane}}}})));
+}
+
+void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes) {
+    std::string whole;
     for (auto& [id, client] : clients_) {
-        if (!client->panes.count(pane)) continue;
-        if (client->pending() + frame.size() > options_.paneQueueLimit) {
-            client->panes.erase(pane);
-            enqueue(*client, corvex::makeJSONFrame(dump({{"event", "pane.resync"}, {"data", {{"pane", pane}}}})));
+        auto found = client->panes.find(pane);
+        if (found == client->panes.end()) continue;
+        uint64_t& next = found->second;
+        uint64_t end = seq + bytes.size();
+        if (end <= next && !bytes.empty()) continue; // already sent by the subscribe
+        if (seq > next || client->pending() + bytes.size() > options_.paneQueueLimit) {
+            resync(*client, pane);
             continue;
         }
-        enqueue(*client, frame);
+        if (seq < next) {
+            enqueue(*client, corvex::makeOutputFrame(pane, next, std::string_view(bytes).substr(next - seq)));
+        } else {
+            if (whole.empty()) whole = corvex::makeOutputFrame(pane, seq, bytes);
+            enqueue(*client, whole);
+        }
+        next = end;
     }
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <set>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
@@ -80,7 +81,9 @@ public:
 
     // Serving thread only: pane output for `client` starts or stops. Output published for a
     // pane goes to every client subscribed to it.
-    void subscribePane(ClientID client, uint64_t pane);
+    // `from` is the position of the first byte the client is still owed: output published
+    // before it is skipped, so a stream never repeats a byte the subscribe already sent.
+    void subscribePane(ClientID client, uint64_t pane, uint64_t from);
     void unsubscribePane(ClientID client, uint64_t pane);
 
     // From any thread. An event goes to every client that asked for events; pane output to
@@ -88,7 +91,8 @@ public:
     // bound loses that pane's stream with "pane.resync" instead of holding up anyone.
     void broadcastEvent(const std::string& name, nlohmann::json data);
     void publishOutput(uint64_t pane, uint64_t seq, std::string bytes);
-    void publishFrame(uint64_t pane, std::string frame);
+    // An event for the pane's subscribers, in order with its output.
+    void publishPaneEvent(uint64_t pane, const std::string& name, nlohmann::json data);
 
 private:
     struct Client;
@@ -103,8 +107,13 @@ private:
     void enqueue(Client& client, std::string frame);
     void closeClient(uint64_t id);
     void runPosted();
+    void drainPosted();
+    // Runs at once when called on the serving thread (after what others posted before it,
+    // so the order of events holds), else posts.
+    void deliver(std::function<void()> work);
     void wake();
-    void deliverToPane(uint64_t pane, const std::string& frame);
+    void deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes);
+    void resync(Client& client, uint64_t pane);
     Client* client(ClientID id);
 
     ServerOptions options_;
@@ -112,6 +121,7 @@ private:
     int listenFd_ = -1;
     int wakeFd_ = -1;
     bool stopping_ = false;
+    std::thread::id serveThread_;
     bool servedAnyone_ = false;
     uint64_t nextClientID_ = 1;
     std::map<uint64_t, std::unique_ptr<Client>> clients_;

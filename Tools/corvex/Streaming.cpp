@@ -81,6 +81,10 @@ int attachPane(CorvexdBackend& backend, uint64_t pane) {
     Size size = terminalSize();
     backend.resize(pane, size);
 
+    // Events from before the pane was chosen, such as the empty state seen at connect, don't
+    // tell of this pane.
+    while (backend.events()->tryNext()) {
+    }
     RawTerminal raw;
     writeAll(STDOUT_FILENO, clearScreen);
     backend.subscribe(pane, std::nullopt, std::nullopt, size);

@@ -30,7 +30,7 @@ public:
         server->addMethod("pane.subscribe", [this](MethodCall& call) {
             uint64_t pane = call.params.at("pane").get<uint64_t>();
             if (pane == 0) throw corvexd::MethodError{"not_found", "no pane 0"};
-            server->subscribePane(call.client, pane);
+            server->subscribePane(call.client, pane, 5);
             call.framesAfterReply.push_back(corvex::makeOutputFrame(pane, 0, "first"));
             return json{{"mode", "replay"}, {"seq", 0}, {"cols", 80}, {"rows", 24}};
         });

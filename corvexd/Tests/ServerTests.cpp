@@ -41,7 +41,8 @@ TEST(CorvexdServer, HelloDescribesThisRunAndOnlyWhatIsImplemented) {
     EXPECT_EQ(result["pid"], daemon.daemonPid());
     EXPECT_EQ(result["build"], build);
     EXPECT_EQ(result["holder"]["build"], build);
-    EXPECT_EQ(result["features"], json::array({"ping"}));
+    EXPECT_EQ(result["features"], json::array({"ping", "pane.keys", "split.set_ratio", "move", "pane.move"}))
+        << "exactly what is served";
     EXPECT_FALSE(result["machine"]["hostname"].get<std::string>().empty());
     EXPECT_EQ(result["machine"]["os"], "linux");
     std::string instance = result["instance"];
