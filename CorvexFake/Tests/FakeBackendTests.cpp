@@ -122,3 +122,18 @@ TEST(FakeBackend, AMissingProgramStillMakesAPaneThatEndsWith127) {
     EXPECT_TRUE(backend->getState().workspaces[0].tabs.empty());
     backend->stop();
 }
+
+TEST(FakeBackend, TheWorkingDirectoryPollFollowsTheShell) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(std::nullopt, shell());
+    EXPECT_EQ(backend->getState().pane(created.pane)->cwd, "/tmp");
+    backend->sendInput(created.pane, asBytes("cd /\n"));
+    readUntil(*events, [&](const SessionEvent& event) {
+        auto changed = event.as<SessionEvent::PaneChanged>();
+        return changed && changed->pane.cwd == "/";
+    });
+    EXPECT_EQ(backend->getState().pane(created.pane)->cwd, "/");
+    backend->stop();
+}
