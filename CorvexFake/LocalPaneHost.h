@@ -1,0 +1,13 @@
+#pragma once
+
+#include "CorvexFake/SessionCore.h"
+
+namespace corvex {
+
+// Panes as real programs on pseudo-terminals in this process.
+class LocalPaneHost : public PaneHost {
+public:
+    std::shared_ptr<PaneProcess> spawn(const PaneLaunch& launch, PaneProcessEvents events) override;
+};
+
+} // namespace corvex

@@ -1,0 +1,786 @@
+#include "CorvexFake/SessionCore.h"
+
+#include <algorithm>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "CorvexKit/SessionModel.h"
+
+extern char** environ;
+
+namespace corvex {
+
+namespace {
+
+[[noreturn]] void notFound(const char* kind, uint64_t id) {
+    throw BackendError("not_found", "no " + std::string(kind) + " " + std::to_string(id));
+}
+
+bool startsWith(const std::string& text, std::string_view prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::optional<size_t> indexOfPane(const ModelState& state, uint64_t pane) {
+    for (size_t i = 0; i < state.panes.size(); ++i) {
+        if (state.panes[i].id == pane) return i;
+    }
+    return std::nullopt;
+}
+
+struct TabIndex {
+    size_t workspace = 0;
+    size_t tab = 0;
+};
+
+std::optional<TabIndex> tabHolding(const ModelState& state, uint64_t pane) {
+    for (size_t w = 0; w < state.workspaces.size(); ++w) {
+        const auto& tabs = state.workspaces[w].tabs;
+        for (size_t t = 0; t < tabs.size(); ++t) {
+            if (tabs[t].layout.contains(pane)) return TabIndex{w, t};
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<TabIndex> tabIndex(const ModelState& state, uint64_t tab) {
+    for (size_t w = 0; w < state.workspaces.size(); ++w) {
+        const auto& tabs = state.workspaces[w].tabs;
+        for (size_t t = 0; t < tabs.size(); ++t) {
+            if (tabs[t].id == tab) return TabIndex{w, t};
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<size_t> workspaceIndex(const ModelState& state, uint64_t id) {
+    for (size_t w = 0; w < state.workspaces.size(); ++w) {
+        if (state.workspaces[w].id == id) return w;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+Environment paneEnvironment(const Environment& inherited, uint64_t pane, const std::optional<Environment>& overrides) {
+    Environment env;
+    for (const auto& [key, value] : inherited) {
+        if (startsWith(key, "CORVEX_") || startsWith(key, "DROVER_")) continue;
+        env[key] = value;
+    }
+    env["TERM"] = "xterm-256color";
+    env["COLORTERM"] = "truecolor";
+    env["TERM_PROGRAM"] = "corvex";
+    env["CORVEX_PANE"] = std::to_string(pane);
+    if (auto lang = inherited.find("LANG"); lang == inherited.end()) env["LANG"] = "en_US.UTF-8";
+    if (overrides) {
+        for (const auto& [key, value] : *overrides) env[key] = value;
+    }
+    return env;
+}
+
+std::optional<LaunchCommand> launchCommand(const std::vector<std::string>& command) {
+    if (command.empty()) return std::nullopt;
+    if (command.size() == 2 && command[1] == "-l") {
+        return LaunchCommand{command[0], {}, "-" + lastPathComponent(command[0])};
+    }
+    return LaunchCommand{command[0], {command.begin() + 1, command.end()}, std::nullopt};
+}
+
+Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t seq, uint64_t retainedStart) {
+    if (!haveSeq) return Subscription::Mode::snapshot;
+    if (*haveSeq == seq) return Subscription::Mode::live;
+    if (*haveSeq < seq && seq - *haveSeq <= OutputRetention::replayLimit && *haveSeq >= retainedStart) {
+        return Subscription::Mode::replay;
+    }
+    return Subscription::Mode::snapshot;
+}
+
+uint64_t OutputRetention::append(ByteView bytes) {
+    uint64_t before = seq_;
+    seq_ += bytes.size();
+    buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
+    // Cut in one step well below the limit, so the copy stays rare on a busy pane.
+    if (buffer_.size() > retainedBytes) buffer_.erase(buffer_.begin(), buffer_.end() - trimmedBytes);
+    return before;
+}
+
+Bytes OutputRetention::bytesFrom(uint64_t position) const {
+    if (position <= start()) return buffer_;
+    if (position >= seq_) return {};
+    return Bytes(buffer_.end() - static_cast<std::ptrdiff_t>(seq_ - position), buffer_.end());
+}
+
+SessionCoreEnvironment currentSessionCoreEnvironment() {
+    SessionCoreEnvironment out;
+    for (char** entry = environ; entry && *entry; ++entry) {
+        std::string text = *entry;
+        auto equals = text.find('=');
+        if (equals == std::string::npos) continue;
+        out.variables.emplace(text.substr(0, equals), text.substr(equals + 1));
+    }
+    if (auto home = out.variables.find("HOME"); home != out.variables.end() && !home->second.empty()) {
+        out.home = home->second;
+    } else if (const passwd* entry = getpwuid(getuid()); entry && entry->pw_dir) {
+        out.home = entry->pw_dir;
+    }
+    if (auto shell = out.variables.find("SHELL"); shell != out.variables.end() && !shell->second.empty()) {
+        out.defaultShell = shell->second;
+    } else if (const passwd* entry = getpwuid(getuid()); entry && entry->pw_shell && *entry->pw_shell) {
+        out.defaultShell = entry->pw_shell;
+    }
+    out.isDirectory = [](const std::string& path) {
+        struct stat info {};
+        return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    };
+    return out;
+}
+
+// Events gathered under the state lock and delivered after it is let go, in order.
+class SessionCore::Batch {
+public:
+    explicit Batch(SessionCore& core) : core_(core), lock_(core.lock_) {}
+    Batch(const Batch&) = delete;
+    Batch& operator=(const Batch&) = delete;
+
+    ~Batch() {
+        std::unique_lock delivery(core_.deliveryLock_);
+        Listener listener = core_.stopped_ ? Listener{} : core_.listener_;
+        lock_.unlock();
+        if (listener) {
+            for (const auto& event : events_) listener(event);
+        }
+        delivery.unlock();
+        for (const auto& process : hangUps_) process->hangUp();
+    }
+
+    void push(SessionEvent event) { events_.push_back(std::move(event)); }
+    void hangUp(std::vector<std::shared_ptr<PaneProcess>> processes) {
+        hangUps_.insert(hangUps_.end(), processes.begin(), processes.end());
+    }
+
+private:
+    SessionCore& core_;
+    std::unique_lock<std::mutex> lock_;
+    std::vector<SessionEvent> events_;
+    std::vector<std::shared_ptr<PaneProcess>> hangUps_;
+};
+
+std::shared_ptr<SessionCore> SessionCore::create(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment) {
+    return std::shared_ptr<SessionCore>(new SessionCore(std::move(host), std::move(environment)));
+}
+
+SessionCore::SessionCore(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment)
+    : host_(std::move(host)), environment_(std::move(environment)) {}
+
+void SessionCore::setListener(Listener listener) {
+    std::scoped_lock both(lock_, deliveryLock_);
+    listener_ = std::move(listener);
+}
+
+void SessionCore::stop() {
+    std::vector<std::shared_ptr<PaneProcess>> processes;
+    {
+        std::scoped_lock both(lock_, deliveryLock_);
+        stopped_ = true;
+        listener_ = nullptr;
+        for (auto& [id, pane] : panes_) processes.push_back(pane.process);
+        panes_.clear();
+    }
+    for (const auto& process : processes) {
+        if (process) process->hangUp();
+    }
+}
+
+ModelState SessionCore::state() const {
+    std::lock_guard guard(lock_);
+    return state_;
+}
+
+void SessionCore::publishState(Batch& batch) {
+    for (auto& workspace : state_.workspaces) {
+        if (state_.focus.workspace == workspace.id) {
+            workspace.activeTab = state_.focus.tab;
+            continue;
+        }
+        bool named = workspace.activeTab && workspace.tab(*workspace.activeTab);
+        if (!named) {
+            workspace.activeTab =
+                workspace.tabs.empty() ? std::nullopt : std::optional<uint64_t>(workspace.tabs.front().id);
+        }
+    }
+    ++state_.rev;
+    batch.push(SessionEvent::State{state_});
+}
+
+void SessionCore::publishPane(Batch& batch, uint64_t pane) {
+    ++state_.rev;
+    batch.push(SessionEvent::PaneChanged{statePane(pane), state_.rev});
+}
+
+Pane& SessionCore::statePane(uint64_t pane) {
+    auto index = indexOfPane(state_, pane);
+    if (!index) notFound("pane", pane);
+    return state_.panes[*index];
+}
+
+SessionCore::PaneRecord& SessionCore::record(uint64_t pane) {
+    auto found = panes_.find(pane);
+    if (found == panes_.end()) notFound("pane", pane);
+    return found->second;
+}
+
+void SessionCore::requirePane(uint64_t pane) const {
+    std::lock_guard guard(lock_);
+    if (!indexOfPane(state_, pane)) notFound("pane", pane);
+}
+
+uint64_t SessionCore::spawnPane(const SpawnOptions& options) {
+    uint64_t id = takeID();
+    Size size{options.cols.value_or(80), options.rows.value_or(24)};
+    auto command = options.command.value_or(std::vector<std::string>{environment_.defaultShell, "-l"});
+    std::string cwd = options.cwd.value_or(environment_.home);
+    if (environment_.isDirectory && !environment_.isDirectory(cwd)) cwd = environment_.home;
+
+    auto failed = [&] {
+        std::string words;
+        for (const auto& word : command) words += (words.empty() ? "" : " ") + word;
+        return BackendError("failed", "couldn't start " + words);
+    };
+    auto launch = launchCommand(command);
+    if (!launch) throw failed();
+
+    std::weak_ptr<SessionCore> weak = weak_from_this();
+    PaneProcessEvents events{
+        [weak, id](ByteView bytes) {
+            if (auto core = weak.lock()) core->paneOutput(id, bytes);
+        },
+        [weak, id](std::optional<int32_t> code) {
+            if (auto core = weak.lock()) core->paneTerminated(id, code);
+        },
+    };
+    PaneLaunch request{id, command, *launch, paneEnvironment(environment_.variables, id, options.env), cwd, size};
+    // Starting the program is a fork, not a wait; its first report blocks on this lock
+    // until the pane is entered.
+    auto process = host_->spawn(request, std::move(events));
+    if (!process) throw failed();
+
+    panes_[id] = PaneRecord{process, size, {}, false};
+    Pane pane;
+    pane.id = id;
+    pane.cols = size.cols;
+    pane.rows = size.rows;
+    pane.pid = process->pid();
+    pane.command = command;
+    pane.cwd = cwd;
+    state_.panes.push_back(std::move(pane));
+    return id;
+}
+
+CreatedWorkspace SessionCore::createWorkspace(const std::optional<std::string>& name, const SpawnOptions& spawn) {
+    Batch batch(*this);
+    uint64_t workspaceID = takeID();
+    uint64_t tabID = takeID();
+    uint64_t pane = spawnPane(spawn);
+    Workspace workspace;
+    workspace.id = workspaceID;
+    workspace.name = name.value_or("Session " + std::to_string(state_.workspaces.size() + 1));
+    workspace.tabs.push_back(Tab{tabID, std::nullopt, pane, Layout::leaf(pane)});
+    state_.workspaces.push_back(std::move(workspace));
+    state_.focus = Focus{workspaceID, tabID, pane};
+    publishState(batch);
+    return {workspaceID, tabID, pane};
+}
+
+void SessionCore::renameWorkspace(uint64_t id, const std::string& name) {
+    Batch batch(*this);
+    auto index = workspaceIndex(state_, id);
+    if (!index) notFound("workspace", id);
+    state_.workspaces[*index].name = name;
+    publishState(batch);
+}
+
+void SessionCore::closeWorkspace(uint64_t id) {
+    Batch batch(*this);
+    auto index = workspaceIndex(state_, id);
+    if (!index) notFound("workspace", id);
+    std::vector<uint64_t> panes;
+    for (const auto& tab : state_.workspaces[*index].tabs) {
+        auto ids = tab.layout.panes();
+        panes.insert(panes.end(), ids.begin(), ids.end());
+    }
+    state_.workspaces.erase(state_.workspaces.begin() + static_cast<std::ptrdiff_t>(*index));
+    batch.hangUp(detach(panes));
+    repairFocus();
+    publishState(batch);
+}
+
+CreatedTab SessionCore::createTab(uint64_t workspace, const SpawnOptions& spawn) {
+    Batch batch(*this);
+    auto index = workspaceIndex(state_, workspace);
+    if (!index) notFound("workspace", workspace);
+    uint64_t tabID = takeID();
+    uint64_t pane = spawnPane(spawn);
+    state_.workspaces[*index].tabs.push_back(Tab{tabID, std::nullopt, pane, Layout::leaf(pane)});
+    state_.focus = Focus{workspace, tabID, pane};
+    publishState(batch);
+    return {tabID, pane};
+}
+
+void SessionCore::renameTab(uint64_t id, const std::optional<std::string>& title) {
+    Batch batch(*this);
+    auto index = tabIndex(state_, id);
+    if (!index) notFound("tab", id);
+    state_.workspaces[index->workspace].tabs[index->tab].title = title;
+    publishState(batch);
+}
+
+void SessionCore::closeTab(uint64_t id) {
+    Batch batch(*this);
+    auto index = tabIndex(state_, id);
+    if (!index) notFound("tab", id);
+    auto& tabs = state_.workspaces[index->workspace].tabs;
+    auto panes = tabs[index->tab].layout.panes();
+    tabs.erase(tabs.begin() + static_cast<std::ptrdiff_t>(index->tab));
+    batch.hangUp(detach(panes));
+    repairFocus();
+    publishState(batch);
+}
+
+Layout SessionCore::splitBeside(const Layout& leaf, uint64_t id, Direction direction, double ratio, Layout moved) {
+    double r = Layout::clampRatio(ratio);
+    if (newPaneIsSecond(direction)) return Layout::split(id, axisOf(direction), r, leaf, std::move(moved));
+    return Layout::split(id, axisOf(direction), 1 - r, std::move(moved), leaf);
+}
+
+CreatedSplit SessionCore::split(uint64_t pane, Direction direction, std::optional<double> ratio,
+                                const SpawnOptions& spawn) {
+    Batch batch(*this);
+    auto where = tabHolding(state_, pane);
+    if (!where) notFound("pane", pane);
+    SpawnOptions options = spawn;
+    if (!options.cwd) {
+        if (const Pane* old = state_.pane(pane)) options.cwd = old->cwd;
+    }
+    uint64_t newPane = spawnPane(options);
+    uint64_t splitID = takeID();
+    auto& workspace = state_.workspaces[where->workspace];
+    auto& tab = workspace.tabs[where->tab];
+    tab.layout = tab.layout.replacing(pane, [&](const Layout& leaf) {
+        return splitBeside(leaf, splitID, direction, ratio.value_or(0.5), Layout::leaf(newPane));
+    });
+    tab.activePane = newPane;
+    state_.focus = Focus{workspace.id, tab.id, newPane};
+    publishState(batch);
+    return {newPane, splitID};
+}
+
+void SessionCore::closePane(uint64_t id) {
+    Batch batch(*this);
+    if (!indexOfPane(state_, id)) notFound("pane", id);
+    batch.hangUp(detach({id}));
+    removeFromLayout(id);
+    publishState(batch);
+}
+
+std::vector<std::shared_ptr<PaneProcess>> SessionCore::detach(const std::vector<uint64_t>& panes) {
+    std::vector<std::shared_ptr<PaneProcess>> out;
+    for (uint64_t id : panes) {
+        std::erase_if(state_.panes, [id](const Pane& pane) { return pane.id == id; });
+        if (auto found = panes_.find(id); found != panes_.end()) {
+            out.push_back(found->second.process);
+            panes_.erase(found);
+        }
+    }
+    return out;
+}
+
+void SessionCore::removeFromLayout(uint64_t pane) {
+    std::erase_if(state_.panes, [pane](const Pane& p) { return p.id == pane; });
+    auto where = tabHolding(state_, pane);
+    if (!where) return;
+    auto& tabs = state_.workspaces[where->workspace].tabs;
+    auto& tab = tabs[where->tab];
+    auto remaining = tab.layout.removing(pane);
+    if (!remaining) {
+        tabs.erase(tabs.begin() + static_cast<std::ptrdiff_t>(where->tab));
+    } else {
+        Layout old = tab.layout;
+        tab.layout = *remaining;
+        if (tab.activePane == pane) {
+            auto sibling = old.sibling(pane);
+            auto next = sibling ? sibling->firstPane() : std::nullopt;
+            tab.activePane = next ? *next : remaining->firstPane().value_or(0);
+        }
+    }
+    repairFocus();
+}
+
+void SessionCore::removeTab(size_t workspace, size_t tab) {
+    auto& target = state_.workspaces[workspace];
+    uint64_t id = target.tabs[tab].id;
+    target.tabs.erase(target.tabs.begin() + static_cast<std::ptrdiff_t>(tab));
+    if (target.activeTab != id) return;
+    if (target.tabs.empty()) {
+        target.activeTab = std::nullopt;
+    } else {
+        target.activeTab = target.tabs[tab > 0 ? tab - 1 : 0].id;
+    }
+}
+
+void SessionCore::repairFocus() {
+    auto& focus = state_.focus;
+    const Workspace* workspace = state_.workspace(focus.workspace);
+    if (!workspace && !state_.workspaces.empty()) workspace = &state_.workspaces.front();
+    if (!workspace) {
+        focus = Focus{};
+        return;
+    }
+    const Tab* tab = focus.tab ? workspace->tab(*focus.tab) : nullptr;
+    if (!tab && !workspace->tabs.empty()) tab = &workspace->tabs.back();
+    if (!tab) {
+        focus = Focus{workspace->id, std::nullopt, std::nullopt};
+        return;
+    }
+    uint64_t pane = focus.pane && tab->layout.contains(*focus.pane) ? *focus.pane : tab->activePane;
+    focus = Focus{workspace->id, tab->id, pane};
+}
+
+void SessionCore::setRatio(uint64_t split, double ratio) {
+    Batch batch(*this);
+    double r = Layout::clampRatio(ratio);
+    for (auto& workspace : state_.workspaces) {
+        for (auto& tab : workspace.tabs) {
+            if (auto changed = tab.layout.settingRatio(split, r)) {
+                tab.layout = *changed;
+                publishState(batch);
+                return;
+            }
+        }
+    }
+    notFound("split", split);
+}
+
+void SessionCore::focus(const FocusTarget& target) {
+    Batch batch(*this);
+    switch (target.kind) {
+    case FocusTarget::Kind::pane: {
+        auto where = tabHolding(state_, target.id);
+        if (!where) notFound("pane", target.id);
+        auto& workspace = state_.workspaces[where->workspace];
+        auto& tab = workspace.tabs[where->tab];
+        tab.activePane = target.id;
+        state_.focus = Focus{workspace.id, tab.id, target.id};
+        break;
+    }
+    case FocusTarget::Kind::tab: {
+        auto where = tabIndex(state_, target.id);
+        if (!where) notFound("tab", target.id);
+        auto& workspace = state_.workspaces[where->workspace];
+        state_.focus = Focus{workspace.id, target.id, workspace.tabs[where->tab].activePane};
+        break;
+    }
+    case FocusTarget::Kind::workspace: {
+        const Workspace* workspace = state_.workspace(target.id);
+        if (!workspace) notFound("workspace", target.id);
+        const Tab* tab = workspace->activeTab ? workspace->tab(*workspace->activeTab) : nullptr;
+        if (!tab && !workspace->tabs.empty()) tab = &workspace->tabs.front();
+        state_.focus = tab ? Focus{workspace->id, tab->id, tab->activePane} : Focus{workspace->id, {}, {}};
+        break;
+    }
+    }
+    publishState(batch);
+}
+
+void SessionCore::move(const MoveRequest& request) {
+    if (request.kind == MoveRequest::Kind::pane || request.kind == MoveRequest::Kind::tabJoin) {
+        graft(request);
+        return;
+    }
+    Batch batch(*this);
+    if (request.index < 0) throw BackendError("bad_request", "negative index");
+    auto moved = state_.moving(request);
+    if (!moved) {
+        if (request.kind == MoveRequest::Kind::workspace) notFound("workspace", request.id);
+        if (!state_.tab(request.id)) notFound("tab", request.id);
+        notFound("workspace", request.workspace.value_or(0));
+    }
+    state_ = *moved;
+    publishState(batch);
+}
+
+void SessionCore::graft(const MoveRequest& request) {
+    Batch batch(*this);
+    bool movingPane = request.kind == MoveRequest::Kind::pane;
+    Layout moved;
+    uint64_t movedActive = 0;
+    if (movingPane) {
+        if (request.id == request.beside) throw BackendError("bad_request", "pane is to_pane");
+        if (!tabHolding(state_, request.id)) notFound("pane", request.id);
+        moved = Layout::leaf(request.id);
+        movedActive = request.id;
+    } else {
+        const Tab* tab = state_.tab(request.id);
+        if (!tab) notFound("tab", request.id);
+        if (tab->layout.contains(request.beside)) throw BackendError("bad_request", "to_pane is in the tab");
+        moved = tab->layout;
+        movedActive = tab->activePane;
+    }
+    if (!tabHolding(state_, request.beside)) notFound("pane", request.beside);
+
+    if (movingPane) {
+        Pane kept = statePane(request.id);
+        removeFromLayout(request.id);
+        state_.panes.push_back(std::move(kept));
+    } else {
+        auto where = tabIndex(state_, request.id);
+        removeTab(where->workspace, where->tab);
+        repairFocus();
+    }
+
+    auto target = tabHolding(state_, request.beside);
+    uint64_t splitID = takeID();
+    auto& workspace = state_.workspaces[target->workspace];
+    auto& tab = workspace.tabs[target->tab];
+    tab.layout = tab.layout.replacing(request.beside, [&](const Layout& leaf) {
+        return splitBeside(leaf, splitID, request.direction, request.ratio.value_or(0.5), moved);
+    });
+    if (request.focus) {
+        tab.activePane = movedActive;
+        state_.focus = Focus{workspace.id, tab.id, movedActive};
+    }
+    repairFocus();
+    publishState(batch);
+}
+
+Subscription SessionCore::subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<Size> viewport) {
+    std::shared_ptr<PaneProcess> resizeProcess;
+    std::optional<Size> resizeTo;
+    Subscription subscription;
+    {
+        Batch batch(*this);
+        if (viewport) {
+            auto& entry = record(pane);
+            if (entry.size != *viewport) {
+                entry.size = *viewport;
+                auto& statePaneRef = statePane(pane);
+                statePaneRef.cols = viewport->cols;
+                statePaneRef.rows = viewport->rows;
+                publishPane(batch, pane);
+                resizeProcess = entry.process;
+                resizeTo = *viewport;
+            }
+        }
+        auto& entry = record(pane);
+        entry.subscribed = true;
+        const auto& output = entry.output;
+        auto mode = subscriptionMode(haveSeq, output.seq(), output.start());
+        uint64_t from = mode == Subscription::Mode::replay ? *haveSeq : output.seq();
+        subscription = Subscription{mode, from, entry.size.cols, entry.size.rows};
+        batch.push(SessionEvent::Subscribed{pane, subscription});
+        if (mode == Subscription::Mode::snapshot) {
+            batch.push(SessionEvent::Snapshot{pane, output.seq(), entry.size.cols, entry.size.rows, output.bytes()});
+        } else if (mode == Subscription::Mode::replay) {
+            batch.push(SessionEvent::Output{pane, *haveSeq, output.bytesFrom(*haveSeq)});
+        }
+    }
+    if (resizeProcess) resizeProcess->resize(*resizeTo);
+    return subscription;
+}
+
+void SessionCore::unsubscribe(uint64_t pane) {
+    std::lock_guard guard(lock_);
+    record(pane).subscribed = false;
+}
+
+void SessionCore::setViewport(uint64_t pane, Size size) { applySize(pane, size, true); }
+void SessionCore::resize(uint64_t pane, Size size) { applySize(pane, size, true); }
+
+void SessionCore::applySize(uint64_t pane, Size size, bool notifySubscriber) {
+    std::shared_ptr<PaneProcess> process;
+    {
+        Batch batch(*this);
+        auto& entry = record(pane);
+        if (entry.size == size) return;
+        entry.size = size;
+        auto& state = statePane(pane);
+        state.cols = size.cols;
+        state.rows = size.rows;
+        if (notifySubscriber && entry.subscribed) {
+            batch.push(SessionEvent::Resized{pane, size.cols, size.rows, entry.output.seq()});
+        }
+        publishPane(batch, pane);
+        process = entry.process;
+    }
+    // Last, so that the published size and the event precede the terminal's own change.
+    if (process) process->resize(size);
+}
+
+bool SessionCore::isReport(ByteView bytes) {
+    if (bytes.size() < 3 || bytes[0] != 0x1b || bytes[1] != '[') return false;
+    uint8_t third = bytes[2];
+    return third == '<' || third == 'I' || third == 'M' || third == 'O';
+}
+
+void SessionCore::sendInput(uint64_t pane, ByteView bytes) {
+    std::shared_ptr<PaneProcess> process;
+    {
+        Batch batch(*this);
+        auto found = panes_.find(pane);
+        if (found == panes_.end()) return; // a write to a pane that has gone is dropped
+        process = found->second.process;
+        if (!isReport(bytes)) {
+            auto& state = statePane(pane);
+            if (state.agent && state.agent->attention.value_or(false)) {
+                state.agent->attention = false;
+                publishPane(batch, pane);
+            }
+        }
+    }
+    if (process) process->write(bytes);
+}
+
+void SessionCore::sendKeys(uint64_t pane, const std::optional<std::string>& text, const std::vector<std::string>& keys) {
+    static const std::map<std::string, uint8_t> named = {
+        {"enter", 0x0d}, {"escape", 0x1b}, {"esc", 0x1b}, {"tab", 0x09}, {"backspace", 0x7f}};
+    Bytes keyBytes;
+    for (const auto& key : keys) {
+        auto found = named.find(key);
+        if (found == named.end()) throw BackendError("bad_request", "unknown key " + key);
+        keyBytes.push_back(found->second);
+    }
+    requirePane(pane);
+    if (text) sendInput(pane, asBytes(*text));
+    if (!keyBytes.empty()) sendInput(pane, keyBytes);
+}
+
+void SessionCore::ackAgent(uint64_t pane) {
+    Batch batch(*this);
+    auto& state = statePane(pane);
+    if (state.agent && state.agent->attention.value_or(false)) {
+        state.agent->attention = false;
+        publishPane(batch, pane);
+    }
+}
+
+void SessionCore::muteAgent(uint64_t pane, bool muted) {
+    Batch batch(*this);
+    auto index = indexOfPane(state_, pane);
+    if (!index || !state_.panes[*index].agent) {
+        throw BackendError("not_found", "no agent in pane " + std::to_string(pane));
+    }
+    auto& agent = *state_.panes[*index].agent;
+    agent.muted = muted;
+    publishPane(batch, pane);
+    batch.push(SessionEvent::Agent{pane, agent});
+}
+
+void SessionCore::decide(uint64_t pane, const std::string& request) {
+    Batch batch(*this);
+    auto index = indexOfPane(state_, pane);
+    auto answered = [&] { return BackendError("not_found", request + " was already answered or retired"); };
+    if (!index || !state_.panes[*index].agent || !state_.panes[*index].agent->requests) throw answered();
+    auto& agent = *state_.panes[*index].agent;
+    auto& requests = *agent.requests;
+    auto found = std::find_if(requests.begin(), requests.end(), [&](const auto& r) { return r.id == request; });
+    if (found == requests.end()) throw answered();
+    requests.erase(found);
+    publishPane(batch, pane);
+    batch.push(SessionEvent::Agent{pane, agent});
+}
+
+void SessionCore::dismissRestored(uint64_t pane) {
+    Batch batch(*this);
+    statePane(pane).restored = std::nullopt;
+    publishPane(batch, pane);
+}
+
+void SessionCore::setAgent(uint64_t pane, const std::optional<AgentInfo>& info) {
+    Batch batch(*this);
+    statePane(pane).agent = info;
+    publishPane(batch, pane);
+    batch.push(SessionEvent::Agent{pane, info});
+}
+
+void SessionCore::setRestored(uint64_t pane, const std::optional<PaneRestore>& restored) {
+    Batch batch(*this);
+    statePane(pane).restored = restored;
+    publishPane(batch, pane);
+}
+
+void SessionCore::setGit(uint64_t pane, const std::optional<PaneGit>& git) {
+    Batch batch(*this);
+    statePane(pane).git = git;
+    publishPane(batch, pane);
+}
+
+void SessionCore::paneOutput(uint64_t pane, ByteView bytes) {
+    Batch batch(*this);
+    auto found = panes_.find(pane);
+    if (found == panes_.end()) return;
+    auto& entry = found->second;
+    uint64_t before = entry.output.append(bytes);
+    if (entry.subscribed) batch.push(SessionEvent::Output{pane, before, Bytes(bytes.begin(), bytes.end())});
+    // The position moves silently: a busy pane causes no state traffic.
+    if (auto index = indexOfPane(state_, pane)) state_.panes[*index].seq = entry.output.seq();
+}
+
+void SessionCore::paneTerminated(uint64_t pane, std::optional<int32_t> exitCode) {
+    Batch batch(*this);
+    if (!panes_.count(pane) || !indexOfPane(state_, pane)) return;
+    statePane(pane).exited = PaneExit{exitCode, std::nullopt};
+    publishPane(batch, pane);
+    panes_.erase(pane);
+    removeFromLayout(pane);
+    publishState(batch);
+}
+
+void SessionCore::paneChanged(uint64_t pane, const std::optional<std::string>& title,
+                              const std::optional<std::string>& cwd, bool bell) {
+    Batch batch(*this);
+    if (!panes_.count(pane)) return;
+    auto index = indexOfPane(state_, pane);
+    if (!index) return;
+    auto& state = state_.panes[*index];
+    bool changed = false;
+    if (title && state.title != title) {
+        state.title = title;
+        changed = true;
+    }
+    if (cwd && state.cwd != cwd) {
+        state.cwd = cwd;
+        changed = true;
+    }
+    if (changed) publishPane(batch, pane);
+    if (bell) batch.push(SessionEvent::Bell{pane});
+}
+
+void SessionCore::paneClipboard(uint64_t pane, const std::vector<std::string>& texts) {
+    Batch batch(*this);
+    auto found = panes_.find(pane);
+    if (found == panes_.end() || !found->second.subscribed) return;
+    for (const auto& text : texts) {
+        if (!text.empty()) batch.push(SessionEvent::Clipboard{pane, text, false});
+    }
+}
+
+void SessionCore::pollWorkingDirectories() {
+    std::vector<std::pair<uint64_t, std::shared_ptr<PaneProcess>>> processes;
+    {
+        std::lock_guard guard(lock_);
+        for (const auto& [id, entry] : panes_) processes.emplace_back(id, entry.process);
+    }
+    for (const auto& [id, process] : processes) {
+        auto cwd = process->workingDirectory();
+        if (!cwd) continue;
+        Batch batch(*this);
+        auto found = panes_.find(id);
+        if (found == panes_.end() || found->second.process != process) continue;
+        auto index = indexOfPane(state_, id);
+        if (!index || state_.panes[*index].cwd == cwd) continue;
+        state_.panes[*index].cwd = cwd;
+        publishPane(batch, id);
+    }
+}
+
+} // namespace corvex

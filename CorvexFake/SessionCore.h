@@ -1,0 +1,194 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CorvexKit/SessionBackend.h"
+
+// The session semantics that both the in-process backend and the daemon serve: identifiers,
+// the tree and its operations, panes' retained output and subscriptions. The core knows
+// nothing of where its events go; a listener carries them to a reader or to a socket.
+namespace corvex {
+
+using Environment = std::map<std::string, std::string>;
+
+// The environment a pane's program starts with: the parent's without our own variables,
+// then the terminal's identity, the pane's identifier and a language, and last the
+// caller's overrides.
+Environment paneEnvironment(const Environment& inherited, uint64_t pane, const std::optional<Environment>& overrides);
+
+// How a command's words become a program start. A login shell (a program and "-l") starts
+// with no arguments and an argv[0] of "-" and its base name.
+struct LaunchCommand {
+    std::string executable;
+    std::vector<std::string> args;
+    std::optional<std::string> argv0;
+
+    bool operator==(const LaunchCommand&) const = default;
+};
+std::optional<LaunchCommand> launchCommand(const std::vector<std::string>& command);
+
+// Where a subscribe starts, from what the client holds and what the pane retains.
+Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t seq, uint64_t retainedStart);
+
+// The tail of a pane's output. Holds the bytes from seq() - size() up to seq().
+class OutputRetention {
+public:
+    static constexpr size_t retainedBytes = 0x400000;
+    static constexpr size_t trimmedBytes = 0x300000;
+    static constexpr uint64_t replayLimit = 0x100000;
+
+    // Returns the position of the chunk's first byte.
+    uint64_t append(ByteView bytes);
+    uint64_t seq() const { return seq_; }
+    uint64_t start() const { return seq_ - buffer_.size(); }
+    size_t size() const { return buffer_.size(); }
+    const Bytes& bytes() const { return buffer_; }
+    Bytes bytesFrom(uint64_t position) const;
+
+private:
+    uint64_t seq_ = 0;
+    Bytes buffer_;
+};
+
+// A running pane program, as a host started it.
+class PaneProcess {
+public:
+    virtual ~PaneProcess() = default;
+    virtual std::optional<int32_t> pid() const = 0;
+    virtual void write(ByteView bytes) = 0;
+    virtual void resize(Size size) = 0;
+    virtual void hangUp() = 0;
+    virtual std::optional<std::string> workingDirectory() const = 0;
+};
+
+// What a pane's program reports. Called on any thread, never under the core's lock.
+struct PaneProcessEvents {
+    std::function<void(ByteView bytes)> output;
+    std::function<void(std::optional<int32_t> exitCode)> terminated;
+};
+
+struct PaneLaunch {
+    uint64_t pane = 0;
+    std::vector<std::string> command;
+    LaunchCommand launch;
+    Environment environment;
+    std::string cwd;
+    Size size;
+};
+
+class PaneHost {
+public:
+    virtual ~PaneHost() = default;
+    // Null when the program couldn't be started. Must not call back synchronously.
+    virtual std::shared_ptr<PaneProcess> spawn(const PaneLaunch& launch, PaneProcessEvents events) = 0;
+};
+
+// Where the core finds the things it takes from the system.
+struct SessionCoreEnvironment {
+    Environment variables;
+    std::string home = "/";
+    std::string defaultShell = "/bin/sh";
+    std::function<bool(const std::string&)> isDirectory;
+};
+SessionCoreEnvironment currentSessionCoreEnvironment();
+
+class SessionCore : public std::enable_shared_from_this<SessionCore> {
+public:
+    using Listener = std::function<void(const SessionEvent&)>;
+
+    static std::shared_ptr<SessionCore> create(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment);
+
+    // Events arrive in the order of the changes, outside the core's lock but one batch at a
+    // time; a listener must not call back into the core.
+    void setListener(Listener listener);
+    // Ends every pane; events stop.
+    void stop();
+
+    ModelState state() const;
+    CreatedWorkspace createWorkspace(const std::optional<std::string>& name, const SpawnOptions& spawn);
+    void renameWorkspace(uint64_t id, const std::string& name);
+    void closeWorkspace(uint64_t id);
+    CreatedTab createTab(uint64_t workspace, const SpawnOptions& spawn);
+    void renameTab(uint64_t id, const std::optional<std::string>& title);
+    void closeTab(uint64_t id);
+    CreatedSplit split(uint64_t pane, Direction direction, std::optional<double> ratio, const SpawnOptions& spawn);
+    void closePane(uint64_t id);
+    void setRatio(uint64_t split, double ratio);
+    void focus(const FocusTarget& target);
+    void move(const MoveRequest& request);
+
+    Subscription subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<Size> viewport);
+    void unsubscribe(uint64_t pane);
+    void setViewport(uint64_t pane, Size size);
+    void resize(uint64_t pane, Size size);
+    void sendInput(uint64_t pane, ByteView bytes);
+    void sendKeys(uint64_t pane, const std::optional<std::string>& text, const std::vector<std::string>& keys);
+
+    void ackAgent(uint64_t pane);
+    void muteAgent(uint64_t pane, bool muted);
+    // The answered request; raises when the pane has no such request.
+    void decide(uint64_t pane, const std::string& request);
+    void dismissRestored(uint64_t pane);
+    void setAgent(uint64_t pane, const std::optional<AgentInfo>& info);
+    void setRestored(uint64_t pane, const std::optional<PaneRestore>& restored);
+    void setGit(uint64_t pane, const std::optional<PaneGit>& git);
+    // Raises when the pane is unknown.
+    void requirePane(uint64_t pane) const;
+
+    // Asks each pane's program for its directory and publishes the changes.
+    void pollWorkingDirectories();
+    // What a pane's terminal learned from the output.
+    void paneChanged(uint64_t pane, const std::optional<std::string>& title, const std::optional<std::string>& cwd,
+                     bool bell);
+    void paneClipboard(uint64_t pane, const std::vector<std::string>& texts);
+
+    // Whether a write is a mouse or focus report rather than a keystroke.
+    static bool isReport(ByteView bytes);
+
+private:
+    struct PaneRecord {
+        std::shared_ptr<PaneProcess> process;
+        Size size;
+        OutputRetention output;
+        bool subscribed = false;
+    };
+    class Batch;
+
+    SessionCore(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment);
+
+    uint64_t takeID() { return nextID_++; }
+    uint64_t spawnPane(const SpawnOptions& options);
+    void paneOutput(uint64_t pane, ByteView bytes);
+    void paneTerminated(uint64_t pane, std::optional<int32_t> exitCode);
+
+    void publishState(Batch& batch);
+    void publishPane(Batch& batch, uint64_t pane);
+    void repairFocus();
+    void removeFromLayout(uint64_t pane);
+    void removeTab(size_t workspace, size_t tab);
+    std::vector<std::shared_ptr<PaneProcess>> detach(const std::vector<uint64_t>& panes);
+    void applySize(uint64_t pane, Size size, bool notifySubscriber);
+    void graft(const MoveRequest& request);
+    Pane& statePane(uint64_t pane);
+    PaneRecord& record(uint64_t pane);
+    static Layout splitBeside(const Layout& leaf, uint64_t id, Direction direction, double ratio, Layout moved);
+
+    std::shared_ptr<PaneHost> host_;
+    SessionCoreEnvironment environment_;
+    mutable std::mutex lock_;
+    std::mutex deliveryLock_; // keeps batches in order once the state lock is let go
+    Listener listener_;
+    bool stopped_ = false;
+    ModelState state_;
+    uint64_t nextID_ = 1;
+    std::map<uint64_t, PaneRecord> panes_;
+};
+
+} // namespace corvex

@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "CorvexFake/FakeBackend.h"
+
+using namespace corvex;
+using namespace std::chrono_literals;
+
+namespace {
+
+SpawnOptions shell() { return SpawnOptions{.command = std::vector<std::string>{"/bin/sh"}, .cwd = "/tmp"}; }
+
+// Reads events until one satisfies the predicate; fails after a generous wait.
+template <typename Predicate>
+std::vector<SessionEvent> readUntil(SessionEventStream& events, Predicate done) {
+    std::vector<SessionEvent> seen;
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < deadline) {
+        auto event = events.next(100ms);
+        if (!event) continue;
+        seen.push_back(*event);
+        if (done(*event)) return seen;
+    }
+    ADD_FAILURE() << "event never came";
+    return seen;
+}
+
+} // namespace
+
+TEST(FakeBackend, ShellEchoesThroughAPseudoTerminalAndItsEndIsReportedOnce) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto hello = events->next(1s);
+    ASSERT_TRUE(hello && hello->as<SessionEvent::Connected>());
+    EXPECT_EQ(hello->as<SessionEvent::Connected>()->hello.daemon, "corvex-fake");
+    ASSERT_TRUE(events->next(1s)->as<SessionEvent::State>());
+
+    auto created = backend->createWorkspace("w", shell());
+    auto pane = *backend->getState().pane(created.pane);
+    ASSERT_TRUE(pane.pid);
+    EXPECT_GT(*pane.pid, 0);
+    EXPECT_EQ(backend->subscribe(created.pane).mode, Subscription::Mode::snapshot);
+
+    backend->sendInput(created.pane, asBytes("echo \"h\"i $CORVEX_PANE $TERM_PROGRAM\n"));
+    std::string expected = "hi " + std::to_string(created.pane) + " corvex";
+    std::string text;
+    readUntil(*events, [&](const SessionEvent& event) {
+        if (auto output = event.as<SessionEvent::Output>(); output && output->pane == created.pane) {
+            text.append(output->bytes.begin(), output->bytes.end());
+        }
+        return text.find(expected) != std::string::npos;
+    });
+    EXPECT_NE(text.find(expected), std::string::npos) << text;
+
+    // A second pane, then the first one's program ends: reported once, the pane is gone and
+    // focus falls to the survivor.
+    auto split = backend->split(created.pane, Direction::right, shell());
+    backend->sendInput(created.pane, asBytes("exit 3\n"));
+    auto seen = readUntil(*events, [&](const SessionEvent& event) {
+        auto state = event.as<SessionEvent::State>();
+        return state && !state->state.pane(created.pane);
+    });
+    int exits = 0;
+    for (const auto& event : seen) {
+        if (auto changed = event.as<SessionEvent::PaneChanged>(); changed && changed->pane.exited) {
+            ++exits;
+            EXPECT_EQ(changed->pane.exited->code, 3);
+        }
+    }
+    EXPECT_EQ(exits, 1);
+    auto state = backend->getState();
+    EXPECT_EQ(state.focus.pane, split.pane);
+    EXPECT_EQ(state.panes.size(), 1u);
+
+    backend->stop();
+    while (events->next(1s)) {
+    }
+    EXPECT_TRUE(events->isFinished());
+}
+
+TEST(FakeBackend, ResizeReachesTheTerminalAndUnknownPanesAreRefused) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(std::nullopt, shell());
+    backend->subscribe(created.pane, std::nullopt, std::nullopt, Size{91, 17});
+    backend->sendInput(created.pane, asBytes("stty size\n"));
+    std::string text;
+    readUntil(*events, [&](const SessionEvent& event) {
+        if (auto output = event.as<SessionEvent::Output>()) text.append(output->bytes.begin(), output->bytes.end());
+        return text.find("17 91") != std::string::npos;
+    });
+    try {
+        backend->resize(999, {10, 10});
+        ADD_FAILURE();
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.message(), "no pane 999");
+    }
+    backend->focusPane(created.pane);
+    EXPECT_EQ(backend->focusedPanes(), std::vector<uint64_t>{created.pane});
+    backend->setTerminalColors(TerminalColors{.foreground = 0xffffff});
+    EXPECT_EQ(backend->terminalColorsCalls(), 1);
+    backend->closeWorkspace(created.workspace);
+    EXPECT_TRUE(backend->getState().panes.empty());
+    backend->stop();
+}
+
+TEST(FakeBackend, AMissingProgramStillMakesAPaneThatEndsWith127) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(
+        std::nullopt, SpawnOptions{.command = std::vector<std::string>{"/no/such/program"}});
+    auto seen = readUntil(*events, [&](const SessionEvent& event) {
+        auto changed = event.as<SessionEvent::PaneChanged>();
+        return changed && changed->pane.id == created.pane && changed->pane.exited;
+    });
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(seen.back().as<SessionEvent::PaneChanged>()->pane.exited->code, 127);
+    EXPECT_TRUE(backend->getState().workspaces[0].tabs.empty());
+    backend->stop();
+}

@@ -1,0 +1,399 @@
+#include <gtest/gtest.h>
+
+#include "CorvexFake/SessionCore.h"
+#include "CorvexFake/Tests/Support/ScriptedPaneHost.h"
+
+using namespace corvex;
+using corvex::testing::ScriptedPaneHost;
+
+namespace {
+
+struct CoreFixture : ::testing::Test {
+    std::shared_ptr<ScriptedPaneHost> host = std::make_shared<ScriptedPaneHost>();
+    std::shared_ptr<SessionCore> core;
+    std::mutex mutex;
+    std::vector<SessionEvent> events;
+
+    void SetUp() override {
+        SessionCoreEnvironment environment;
+        environment.variables = {{"HOME", "/home/u"}, {"PATH", "/bin"}};
+        environment.home = "/home/u";
+        environment.defaultShell = "/bin/zsh";
+        environment.isDirectory = [](const std::string& path) { return path == "/home/u" || path == "/tmp"; };
+        core = SessionCore::create(host, environment);
+        core->setListener([this](const SessionEvent& event) {
+            std::lock_guard guard(mutex);
+            events.push_back(event);
+        });
+    }
+
+    std::vector<SessionEvent> take() {
+        std::lock_guard guard(mutex);
+        return std::exchange(events, {});
+    }
+
+    void output(uint64_t pane, size_t count, uint8_t fill = 'x') {
+        Bytes bytes(count, fill);
+        host->process(pane)->events.output(bytes);
+    }
+
+    const Tab& tabOf(const ModelState& state, uint64_t pane) { return *state.location(pane)->tab; }
+};
+
+void expectError(const std::function<void()>& operation, const std::string& code, const std::string& message) {
+    try {
+        operation();
+        ADD_FAILURE() << "no error, expected " << message;
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), code);
+        EXPECT_EQ(error.message(), message);
+    }
+}
+
+} // namespace
+
+TEST(PaneEnvironment, DropsOurVariablesSetsTerminalIdentityAndLetsOverridesWin) {
+    Environment inherited = {{"PATH", "/bin"},        {"CORVEX_SOCKET", "/s"}, {"DROVER_X", "1"},
+                             {"CORVEXISH", "kept"},   {"TERM", "dumb"},        {"LANG", "de_DE.UTF-8"}};
+    auto env = paneEnvironment(inherited, 42, Environment{{"TERM", "vt100"}, {"EXTRA", "1"}});
+    EXPECT_EQ(env.count("CORVEX_SOCKET"), 0u);
+    EXPECT_EQ(env.count("DROVER_X"), 0u);
+    EXPECT_EQ(env.at("CORVEXISH"), "kept");
+    EXPECT_EQ(env.at("PATH"), "/bin");
+    EXPECT_EQ(env.at("TERM"), "vt100");
+    EXPECT_EQ(env.at("COLORTERM"), "truecolor");
+    EXPECT_EQ(env.at("TERM_PROGRAM"), "corvex");
+    EXPECT_EQ(env.at("CORVEX_PANE"), "42");
+    EXPECT_EQ(env.at("LANG"), "de_DE.UTF-8");
+    EXPECT_EQ(env.at("EXTRA"), "1");
+
+    auto bare = paneEnvironment({}, 7, std::nullopt);
+    EXPECT_EQ(bare.at("LANG"), "en_US.UTF-8");
+    EXPECT_EQ(bare.at("TERM"), "xterm-256color");
+}
+
+TEST(LaunchCommand, LoginShellGetsDashedArgv0AndOtherCommandsKeepTheirWords) {
+    EXPECT_EQ(launchCommand({"/bin/zsh", "-l"}), (LaunchCommand{"/bin/zsh", {}, "-zsh"}));
+    EXPECT_EQ(launchCommand({"/bin/zsh", "-c", "ls"}), (LaunchCommand{"/bin/zsh", {"-c", "ls"}, std::nullopt}));
+    EXPECT_EQ(launchCommand({"/bin/zsh"}), (LaunchCommand{"/bin/zsh", {}, std::nullopt}));
+    EXPECT_EQ(launchCommand({"-l", "x"}), (LaunchCommand{"-l", {"x"}, std::nullopt}));
+    EXPECT_FALSE(launchCommand({}));
+}
+
+TEST(OutputRetention, FiveMebibytesAreRetainedAsAtMostFour) {
+    OutputRetention retention;
+    Bytes chunk(64 * 1024);
+    for (size_t i = 0; i < 80; ++i) {
+        std::fill(chunk.begin(), chunk.end(), static_cast<uint8_t>(i));
+        EXPECT_EQ(retention.append(chunk), i * chunk.size());
+        EXPECT_LE(retention.size(), OutputRetention::retainedBytes);
+    }
+    EXPECT_EQ(retention.seq(), 5u * 1024 * 1024);
+    EXPECT_GT(retention.start(), 0u);
+    EXPECT_EQ(retention.seq() - retention.start(), retention.size());
+    // The tail is the newest bytes, in order.
+    EXPECT_EQ(retention.bytes().back(), 79);
+    EXPECT_EQ(retention.bytesFrom(retention.seq() - 3), Bytes(3, 79));
+}
+
+TEST(SubscriptionMode, ChoosesLiveReplayOrSnapshot) {
+    using Mode = Subscription::Mode;
+    const uint64_t mib = 0x100000;
+    EXPECT_EQ(subscriptionMode(std::nullopt, 100, 0), Mode::snapshot);
+    EXPECT_EQ(subscriptionMode(100, 100, 0), Mode::live);
+    EXPECT_EQ(subscriptionMode(0, 0, 0), Mode::live);
+    EXPECT_EQ(subscriptionMode(50, 100, 0), Mode::replay);
+    EXPECT_EQ(subscriptionMode(101, 100, 0), Mode::snapshot); // from a daemon run that got further
+    EXPECT_EQ(subscriptionMode(40, 100, 50), Mode::snapshot);  // no longer retained
+    EXPECT_EQ(subscriptionMode(3 * mib, 4 * mib, 0), Mode::replay);
+    EXPECT_EQ(subscriptionMode(3 * mib - 1, 4 * mib, 0), Mode::snapshot); // retained, but too far behind
+}
+
+TEST_F(CoreFixture, IdentifiersFollowCreationOrderAndSpawnGetsTheSplitPanesDirectory) {
+    auto created = core->createWorkspace(std::nullopt, SpawnOptions{.cwd = "/tmp"});
+    EXPECT_EQ(created, (CreatedWorkspace{1, 2, 3}));
+    auto tab = core->createTab(1, {});
+    EXPECT_EQ(tab, (CreatedTab{4, 5}));
+    auto split = core->split(3, Direction::right, std::nullopt, {});
+    EXPECT_EQ(split, (CreatedSplit{6, 7}));
+    auto second = core->createWorkspace(std::nullopt, SpawnOptions{.cwd = "/no/such/place"});
+
+    auto state = core->state();
+    EXPECT_EQ(state.workspaces[0].name, "Session 1");
+    EXPECT_EQ(state.workspaces[1].name, "Session 2");
+    EXPECT_EQ(state.pane(6)->cwd, "/tmp");          // inherited from the split pane
+    EXPECT_EQ(state.pane(second.pane)->cwd, "/home/u"); // a missing folder falls back home
+    auto launch = host->process(3)->launch;
+    EXPECT_EQ(launch.command, (std::vector<std::string>{"/bin/zsh", "-l"}));
+    EXPECT_EQ(launch.launch.argv0, "-zsh");
+    EXPECT_EQ(launch.environment.at("CORVEX_PANE"), "3");
+    EXPECT_EQ(launch.size, (Size{80, 24}));
+
+    host->failNext = true;
+    expectError([&] { core->createTab(1, SpawnOptions{.command = std::vector<std::string>{"/x", "a b"}}); },
+                "failed", "couldn't start /x a b");
+    EXPECT_EQ(core->state().workspaces, state.workspaces);
+    expectError([&] { core->createTab(99, {}); }, "not_found", "no workspace 99");
+    expectError([&] { core->renameTab(99, "t"); }, "not_found", "no tab 99");
+    expectError([&] { core->closePane(99); }, "not_found", "no pane 99");
+    expectError([&] { core->setRatio(99, 0.3); }, "not_found", "no split 99");
+}
+
+TEST_F(CoreFixture, SplitsHonourDirectionAndClampedRatio) {
+    auto created = core->createWorkspace("w", {});
+    auto right = core->split(created.pane, Direction::right, 0.3, {});
+    auto left = core->split(right.pane, Direction::left, 0.99, {});
+    auto state = core->state();
+    const auto& layout = tabOf(state, created.pane).layout;
+    const SplitNode* outer = layout.splitNode();
+    ASSERT_TRUE(outer);
+    EXPECT_EQ(outer->axis, Axis::horizontal);
+    EXPECT_DOUBLE_EQ(outer->ratio, 0.3);
+    EXPECT_EQ(outer->a, Layout::leaf(created.pane));
+    const SplitNode* inner = outer->b.splitNode();
+    ASSERT_TRUE(inner);
+    EXPECT_NEAR(inner->ratio, 0.05, 1e-9); // 0.99 clamped to 0.95, the new pane first
+    EXPECT_EQ(inner->a, Layout::leaf(left.pane));
+    EXPECT_EQ(inner->b, Layout::leaf(right.pane));
+    EXPECT_EQ(state.focus, (Focus{created.workspace, created.tab, left.pane}));
+    EXPECT_EQ(tabOf(state, created.pane).activePane, left.pane);
+
+    auto down = core->split(created.pane, Direction::down, std::nullopt, {});
+    EXPECT_EQ(core->state().location(down.pane)->tab->layout.splitNode()->a.splitNode()->axis, Axis::vertical);
+    core->setRatio(outer->id, 0.01);
+    EXPECT_DOUBLE_EQ(core->state().location(down.pane)->tab->layout.splitNode()->ratio, 0.05);
+}
+
+TEST_F(CoreFixture, ClosingPanesRepairsActivePaneTabsAndFocus) {
+    auto created = core->createWorkspace("w", {});
+    auto second = core->createTab(created.workspace, {});
+    auto split = core->split(second.pane, Direction::right, std::nullopt, {});
+    auto third = core->createTab(created.workspace, {});
+    core->focus(FocusTarget::pane(split.pane));
+
+    // A pane that isn't active goes without moving activePane or focus.
+    core->closePane(second.pane);
+    auto state = core->state();
+    EXPECT_EQ(state.focus, (Focus{created.workspace, second.tab, split.pane}));
+    EXPECT_EQ(tabOf(state, split.pane).layout, Layout::leaf(split.pane));
+    EXPECT_FALSE(state.pane(second.pane));
+    EXPECT_TRUE(host->process(second.pane)->hungUp);
+
+    // The last pane of the focused tab takes the tab; focus moves to the workspace's last tab.
+    core->closePane(split.pane);
+    state = core->state();
+    ASSERT_EQ(state.workspaces[0].tabs.size(), 2u);
+    EXPECT_EQ(state.focus, (Focus{created.workspace, third.tab, third.pane}));
+    EXPECT_EQ(state.workspaces[0].activeTab, third.tab);
+
+    // Closing the focused pane of a split activates its sibling.
+    auto a = core->split(third.pane, Direction::down, std::nullopt, {});
+    auto b = core->split(a.pane, Direction::right, std::nullopt, {});
+    core->focus(FocusTarget::pane(a.pane));
+    core->closePane(a.pane);
+    state = core->state();
+    EXPECT_EQ(tabOf(state, b.pane).activePane, b.pane);
+    EXPECT_EQ(state.focus.pane, b.pane);
+
+    core->closeWorkspace(created.workspace);
+    state = core->state();
+    EXPECT_TRUE(state.workspaces.empty());
+    EXPECT_TRUE(state.panes.empty());
+    EXPECT_EQ(state.focus, Focus{});
+    EXPECT_TRUE(host->process(created.pane)->hungUp);
+}
+
+TEST_F(CoreFixture, EventsArriveInOrderWithRisingRevisions) {
+    auto created = core->createWorkspace("w", {});
+    core->renameWorkspace(created.workspace, "renamed");
+    core->setAgent(created.pane, AgentInfo{.kind = "claude"});
+    core->resize(created.pane, {100, 30});
+    core->resize(created.pane, {100, 30}); // same size: nothing
+    auto events = take();
+    ASSERT_EQ(events.size(), 5u);
+    ASSERT_TRUE(events[0].as<SessionEvent::State>());
+    EXPECT_EQ(events[1].as<SessionEvent::State>()->state.workspaces[0].name, "renamed");
+    EXPECT_EQ(events[2].as<SessionEvent::PaneChanged>()->pane.agent->kind, "claude");
+    EXPECT_TRUE(events[3].as<SessionEvent::Agent>());
+    EXPECT_EQ(events[4].as<SessionEvent::PaneChanged>()->pane.cols, 100);
+    EXPECT_EQ(events[0].as<SessionEvent::State>()->state.rev, 1u);
+    EXPECT_EQ(events[1].as<SessionEvent::State>()->state.rev, 2u);
+    EXPECT_EQ(events[2].as<SessionEvent::PaneChanged>()->rev, 3u);
+    EXPECT_EQ(events[4].as<SessionEvent::PaneChanged>()->rev, 4u);
+    EXPECT_EQ(host->process(created.pane)->resizes, (std::vector<Size>{{100, 30}}));
+}
+
+TEST_F(CoreFixture, MovesAndJoinsGraftSubtreesBesideAPane) {
+    auto created = core->createWorkspace("w", {});
+    auto other = core->createTab(created.workspace, {});
+    auto split = core->split(other.pane, Direction::down, std::nullopt, {});
+
+    // A pane moves beside another and leaves a tab of one leaf behind.
+    core->move(MoveRequest::movePane(split.pane, created.pane, Direction::left, 0.25, true));
+    auto state = core->state();
+    const auto& moved = tabOf(state, created.pane);
+    EXPECT_EQ(moved.layout.panes(), (std::vector<uint64_t>{split.pane, created.pane}));
+    EXPECT_DOUBLE_EQ(moved.layout.splitNode()->ratio, 0.75);
+    EXPECT_EQ(state.focus, (Focus{created.workspace, created.tab, split.pane}));
+    EXPECT_EQ(tabOf(state, other.pane).layout, Layout::leaf(other.pane));
+    EXPECT_TRUE(state.pane(split.pane));
+
+    // A whole tab joins another; the emptied tab is gone, nothing else is.
+    core->move(MoveRequest::joinTab(other.tab, created.pane, Direction::down));
+    state = core->state();
+    ASSERT_EQ(state.workspaces[0].tabs.size(), 1u);
+    EXPECT_EQ(state.workspaces[0].tabs[0].layout.panes(),
+              (std::vector<uint64_t>{split.pane, created.pane, other.pane}));
+    EXPECT_EQ(state.panes.size(), 3u);
+    EXPECT_EQ(state.focus.tab, created.tab);
+
+    expectError([&] { core->move(MoveRequest::movePane(created.pane, created.pane, Direction::left)); },
+                "bad_request", "pane is to_pane");
+    expectError([&] { core->move(MoveRequest::joinTab(created.tab, created.pane, Direction::left)); },
+                "bad_request", "to_pane is in the tab");
+    expectError([&] { core->move(MoveRequest::movePane(created.pane, 99, Direction::left)); }, "not_found",
+                "no pane 99");
+    EXPECT_EQ(core->state().workspaces, state.workspaces);
+
+    auto second = core->createWorkspace("second", {});
+    core->move(MoveRequest::moveWorkspace(second.workspace, 0));
+    EXPECT_EQ(core->state().workspaces[0].id, second.workspace);
+    try {
+        core->move(MoveRequest::moveWorkspace(second.workspace, -1));
+        ADD_FAILURE();
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), "bad_request");
+        EXPECT_TRUE(error.message().ends_with(" index"));
+    }
+}
+
+TEST_F(CoreFixture, FocusByTabAndWorkspaceAndPublishedActiveTabs) {
+    auto first = core->createWorkspace("a", {});
+    auto tab = core->createTab(first.workspace, {});
+    auto second = core->createWorkspace("b", {});
+    core->focus(FocusTarget::workspace(first.workspace));
+    EXPECT_EQ(core->state().focus, (Focus{first.workspace, tab.tab, tab.pane}));
+    core->focus(FocusTarget::tab(first.tab));
+    auto state = core->state();
+    EXPECT_EQ(state.focus, (Focus{first.workspace, first.tab, first.pane}));
+    EXPECT_EQ(state.workspaces[0].activeTab, first.tab);
+    EXPECT_EQ(state.workspaces[1].activeTab, second.tab); // an unfocused workspace gets its first tab
+    expectError([&] { core->focus(FocusTarget::pane(77)); }, "not_found", "no pane 77");
+}
+
+TEST_F(CoreFixture, SubscribeModesAndRetainedOutput) {
+    auto created = core->createWorkspace("w", {});
+    uint64_t pane = created.pane;
+    output(pane, 100, 'a');
+    take();
+
+    auto snapshot = core->subscribe(pane, std::nullopt, std::nullopt);
+    EXPECT_EQ(snapshot, (Subscription{Subscription::Mode::snapshot, 100, 80, 24}));
+    auto events = take();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1].as<SessionEvent::Snapshot>()->bytes, Bytes(100, 'a'));
+
+    // An exact match sends nothing but the subscription.
+    EXPECT_EQ(core->subscribe(pane, 100, std::nullopt).mode, Subscription::Mode::live);
+    events = take();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_TRUE(events[0].as<SessionEvent::Subscribed>());
+
+    auto replay = core->subscribe(pane, 90, std::nullopt);
+    EXPECT_EQ(replay.mode, Subscription::Mode::replay);
+    EXPECT_EQ(replay.seq, 90u);
+    events = take();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(*events[1].as<SessionEvent::Output>(), (SessionEvent::Output{pane, 90, Bytes(10, 'a')}));
+
+    EXPECT_EQ(core->subscribe(pane, 101, std::nullopt).mode, Subscription::Mode::snapshot);
+    take();
+
+    // Live output reaches a subscriber with its position; the state's seq moves silently.
+    output(pane, 5, 'b');
+    events = take();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(*events[0].as<SessionEvent::Output>(), (SessionEvent::Output{pane, 100, Bytes(5, 'b')}));
+    EXPECT_EQ(core->state().pane(pane)->seq, 105u);
+    core->unsubscribe(pane);
+    output(pane, 2 * 1024 * 1024);
+    EXPECT_TRUE(take().empty());
+
+    // Far behind yet still retained: a snapshot.
+    EXPECT_EQ(core->subscribe(pane, 100, std::nullopt).mode, Subscription::Mode::snapshot);
+    core->resize(pane, {120, 40});
+    events = take();
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(*events[2].as<SessionEvent::Resized>(), (SessionEvent::Resized{pane, 120, 40, 105 + 2 * 1024 * 1024}));
+    EXPECT_TRUE(events[3].as<SessionEvent::PaneChanged>());
+
+    auto viewport = core->subscribe(pane, std::nullopt, Size{50, 10});
+    EXPECT_EQ(viewport.cols, 50);
+    events = take();
+    EXPECT_TRUE(events[0].as<SessionEvent::PaneChanged>()); // applied without a resized event
+    EXPECT_TRUE(events[1].as<SessionEvent::Subscribed>());
+}
+
+TEST_F(CoreFixture, ReportsLeaveAgentAttentionAloneAndKeystrokesClearIt) {
+    auto created = core->createWorkspace("w", {});
+    uint64_t pane = created.pane;
+    core->setAgent(pane, AgentInfo{.kind = "codex", .attention = true});
+    take();
+    core->sendInput(pane, asBytes("\x1b[<0;3;4M"));
+    core->sendInput(pane, asBytes("\x1b[I"));
+    core->sendInput(pane, asBytes("\x1b[M !!"));
+    EXPECT_TRUE(take().empty());
+    EXPECT_TRUE(core->state().pane(pane)->agent->attention.value_or(false));
+    core->sendInput(pane, asBytes("\x1b[A")); // an arrow key is an answer
+    EXPECT_FALSE(core->state().pane(pane)->agent->attention.value_or(false));
+    EXPECT_EQ(take().size(), 1u);
+
+    core->sendKeys(pane, std::string("ls"), {"enter", "tab", "esc", "backspace"});
+    expectError([&] { core->sendKeys(pane, std::string("no"), {"enter", "f13"}); }, "bad_request", "unknown key f13");
+    auto written = host->process(pane)->written;
+    EXPECT_EQ(std::string(written.begin(), written.end()),
+              "\x1b[<0;3;4M\x1b[I\x1b[M !!\x1b[Als\r\t\x1b\x7f");
+    core->sendInput(99, asBytes("dropped")); // a pane that has gone takes writes silently
+}
+
+TEST_F(CoreFixture, AgentRequestsMutingAndRestoreNotes) {
+    auto created = core->createWorkspace("w", {});
+    uint64_t pane = created.pane;
+    expectError([&] { core->muteAgent(pane, true); }, "not_found", "no agent in pane " + std::to_string(pane));
+    AgentInfo agent{.kind = "claude"};
+    agent.requests = std::vector<PermissionRequest>{{"r1", "Bash", std::nullopt}};
+    core->setAgent(pane, agent);
+    core->decide(pane, "r1");
+    EXPECT_TRUE(core->state().pane(pane)->agent->requests->empty());
+    expectError([&] { core->decide(pane, "r1"); }, "not_found", "r1 was already answered or retired");
+    core->muteAgent(pane, true);
+    EXPECT_EQ(core->state().pane(pane)->agent->muted, true);
+
+    core->setRestored(pane, PaneRestore{.at = 1, .agent = "claude"});
+    core->dismissRestored(pane);
+    EXPECT_FALSE(core->state().pane(pane)->restored);
+}
+
+TEST_F(CoreFixture, ProcessEndRemovesThePaneOnceAndLateReportsAreHarmless) {
+    auto created = core->createWorkspace("w", {});
+    auto split = core->split(created.pane, Direction::right, std::nullopt, {});
+    take();
+    auto process = host->process(split.pane);
+    process->events.terminated(3);
+    process->events.terminated(3);
+    process->events.output(asBytes("late"));
+    auto events = take();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].as<SessionEvent::PaneChanged>()->pane.exited, (PaneExit{3, std::nullopt}));
+    auto state = events[1].as<SessionEvent::State>()->state;
+    EXPECT_FALSE(state.pane(split.pane));
+    EXPECT_EQ(state.focus, (Focus{created.workspace, created.tab, created.pane}));
+
+    core->paneChanged(created.pane, std::string("vim"), std::string("/tmp"), true);
+    events = take();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].as<SessionEvent::PaneChanged>()->pane.title, "vim");
+    EXPECT_TRUE(events[1].as<SessionEvent::Bell>());
+    core->paneChanged(created.pane, std::string("vim"), std::string("/tmp"), false);
+    EXPECT_TRUE(take().empty());
+}
