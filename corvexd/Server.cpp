@@ -1,5 +1,6 @@
 #include "corvexd/Server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include "CorvexKit/FrameParser.h"
+#include "CorvexKit/SessionBackend.h"
 #include "CorvexKit/SessionCodecJSON.h"
 #include "Platform/System.h"
 #include "corvexd/RuntimeDirectory.h"
@@ -26,11 +28,7 @@ namespace {
 constexpr int protocolVersion = 1;
 constexpr size_t readChunk = 65536;
 
-// An error reply: the request was understood well enough to be answered.
-struct RequestError {
-    std::string code;
-    std::string message;
-};
+using RequestError = MethodError;
 
 std::string randomInstance() {
     std::random_device device;
@@ -110,6 +108,7 @@ struct Server::Client {
     size_t sent = 0; // bytes of `out` already written
     bool events = false;
     bool closing = false;
+    std::set<uint64_t> panes; // subscribed pane streams
 
     size_t pending() const { return out.size() - sent; }
 };
@@ -229,6 +228,63 @@ void Server::closeClient(uint64_t id) {
     if (found == clients_.end()) return;
     ::close(found->second->fd);
     clients_.erase(found);
+    if (clientGoneHandler_) clientGoneHandler_(id);
+}
+
+Server::Client* Server::client(ClientID id) {
+    auto found = clients_.find(id);
+    return found == clients_.end() ? nullptr : found->second.get();
+}
+
+void Server::addMethod(const std::string& name, MethodHandler handler) { methods_[name] = std::move(handler); }
+
+void Server::setInputHandler(std::function<void(ClientID, uint64_t, std::string_view)> handler) {
+    inputHandler_ = std::move(handler);
+}
+
+void Server::setClientGoneHandler(std::function<void(ClientID)> handler) { clientGoneHandler_ = std::move(handler); }
+
+void Server::addFeatures(const std::vector<std::string>& names) {
+    for (const auto& name : names) {
+        if (std::find(features_.begin(), features_.end(), name) == features_.end()) features_.push_back(name);
+    }
+}
+
+void Server::subscribePane(ClientID id, uint64_t pane) {
+    if (auto* found = client(id)) found->panes.insert(pane);
+}
+
+void Server::unsubscribePane(ClientID id, uint64_t pane) {
+    if (auto* found = client(id)) found->panes.erase(pane);
+}
+
+void Server::broadcastEvent(const std::string& name, json data) {
+    auto frame = std::make_shared<std::string>(corvex::makeJSONFrame(dump({{"event", name}, {"data", std::move(data)}})));
+    post([this, frame] {
+        for (auto& [id, client] : clients_) {
+            if (client->events) enqueue(*client, *frame);
+        }
+    });
+}
+
+void Server::publishOutput(uint64_t pane, uint64_t seq, std::string bytes) {
+    publishFrame(pane, corvex::makeOutputFrame(pane, seq, bytes));
+}
+
+void Server::publishFrame(uint64_t pane, std::string frame) {
+    post([this, pane, frame = std::move(frame)] { deliverToPane(pane, frame); });
+}
+
+void Server::deliverToPane(uint64_t pane, const std::string& frame) {
+    for (auto& [id, client] : clients_) {
+        if (!client->panes.count(pane)) continue;
+        if (client->pending() + frame.size() > options_.paneQueueLimit) {
+            client->panes.erase(pane);
+            enqueue(*client, corvex::makeJSONFrame(dump({{"event", "pane.resync"}, {"data", {{"pane", pane}}}})));
+            continue;
+        }
+        enqueue(*client, frame);
+    }
 }
 
 void Server::readFrom(Client& client) {
@@ -252,12 +308,53 @@ void Server::handleFrame(Client& client, uint8_t type, std::string_view payload)
         handleJSON(client, payload);
         break;
     case corvex::FrameType::input:
-        // Panes come with the session core; until then there is no pane to write to.
+        if (auto input = corvex::parseInputPayload(payload); input && inputHandler_) {
+            inputHandler_(client.id, input->pane, input->bytes);
+        }
         break;
     default:
         // Kinds a client doesn't send, or doesn't send yet: room for new ones.
         break;
     }
+}
+
+json Server::builtInMethod(Client& client, const std::string& name, MethodCall& call) {
+    if (name == "hello") return helloJSON();
+    if (name == "ping") return json::object();
+    if (name == "state.get") return corvex::toJSON(corvex::ModelState{});
+    if (name == "events.subscribe") {
+        client.events = true;
+        json state = methods_.count("state.get") ? methods_["state.get"](call) : corvex::toJSON(corvex::ModelState{});
+        call.framesAfterReply.push_back(corvex::makeJSONFrame(dump({{"event", "state"}, {"data", std::move(state)}})));
+        return json::object();
+    }
+    throw RequestError{"unknown_method", "unknown method " + name};
+}
+
+json Server::helloJSON() const {
+    corvex::Hello hello;
+    hello.protocol = protocolVersion;
+    hello.protocolMin = protocolVersion;
+    hello.protocolMax = protocolVersion;
+    hello.daemon = "corvexd";
+    hello.version = options_.version;
+    hello.instance = instance_;
+    hello.pid = static_cast<int32_t>(::getpid());
+    hello.machine = thisMachine();
+    hello.featureNames = features_;
+    hello.exe = options_.executable;
+    hello.build = options_.buildId;
+    corvex::Hello::Holder holder;
+    holder.pid = hello.pid;
+    holder.version = options_.version;
+    holder.protocol = protocolVersion;
+    holder.exe = options_.executable;
+    holder.build = options_.buildId;
+    holder.canUpgrade = false;
+    holder.outdated = false;
+    hello.holder = holder;
+    hello.holderOutdated = false;
+    return corvex::toJSON(hello);
 }
 
 void Server::handleJSON(Client& client, std::string_view text) {
@@ -269,58 +366,36 @@ void Server::handleJSON(Client& client, std::string_view text) {
     }
     auto method = message.find("method");
     auto params = message.find("params");
+    static const json noParams = json::object();
+    MethodCall call{client.id, params != message.end() && params->is_object() ? *params : noParams, {}};
     json reply = {{"id", *id}};
-    std::function<void()> after;
     try {
         if (method == message.end() || !method->is_string()) throw RequestError{"bad_request", "a request needs a method"};
         if (params != message.end() && !params->is_object() && !params->is_null()) {
             throw RequestError{"bad_request", "params must be an object"};
         }
         const std::string& name = method->get_ref<const std::string&>();
-        if (name == "hello") {
-            corvex::Hello hello;
-            hello.protocol = protocolVersion;
-            hello.protocolMin = protocolVersion;
-            hello.protocolMax = protocolVersion;
-            hello.daemon = "corvexd";
-            hello.version = options_.version;
-            hello.instance = instance_;
-            hello.pid = static_cast<int32_t>(::getpid());
-            hello.machine = thisMachine();
-            hello.featureNames = std::vector<std::string>{"ping"};
-            hello.exe = options_.executable;
-            hello.build = options_.buildId;
-            corvex::Hello::Holder holder;
-            holder.pid = hello.pid;
-            holder.version = options_.version;
-            holder.protocol = protocolVersion;
-            holder.exe = options_.executable;
-            holder.build = options_.buildId;
-            holder.canUpgrade = false;
-            holder.outdated = false;
-            hello.holder = holder;
-            hello.holderOutdated = false;
-            reply["result"] = corvex::toJSON(hello);
-        } else if (name == "ping") {
-            reply["result"] = json::object();
-        } else if (name == "state.get") {
-            reply["result"] = corvex::toJSON(corvex::ModelState{});
-        } else if (name == "events.subscribe") {
-            reply["result"] = json::object();
-            client.events = true;
-            after = [this, &client] {
-                json event = {{"event", "state"}, {"data", corvex::toJSON(corvex::ModelState{})}};
-                enqueue(client, corvex::makeJSONFrame(dump(event)));
-            };
+        if (auto handler = methods_.find(name); handler != methods_.end()) {
+            reply["result"] = handler->second(call);
         } else {
-            throw RequestError{"unknown_method", "unknown method " + name};
+            reply["result"] = builtInMethod(client, name, call);
         }
     } catch (const RequestError& error) {
         reply.erase("result");
         reply["error"] = {{"code", error.code}, {"message", error.message}};
+        call.framesAfterReply.clear();
+    } catch (const corvex::BackendError& error) {
+        reply.erase("result");
+        reply["error"] = {{"code", error.code()}, {"message", error.message()}};
+        call.framesAfterReply.clear();
+    } catch (const json::exception& error) {
+        // A handler read a param of the wrong shape.
+        reply.erase("result");
+        reply["error"] = {{"code", "bad_request"}, {"message", error.what()}};
+        call.framesAfterReply.clear();
     }
     enqueue(client, corvex::makeJSONFrame(dump(reply)));
-    if (after) after();
+    for (auto& frame : call.framesAfterReply) enqueue(client, std::move(frame));
 }
 
 void Server::enqueue(Client& client, std::string frame) {

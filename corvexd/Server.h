@@ -7,7 +7,11 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <set>
+#include <string_view>
 #include <vector>
+
+#include <nlohmann/json_fwd.hpp>
 
 namespace corvexd {
 
@@ -21,8 +25,29 @@ struct ServerOptions {
     // A descriptor that becomes readable when the daemon should end (a signalfd), or -1.
     int stopFd = -1;
     // Bytes a client may have waiting to be sent before it is given up on.
-    size_t clientQueueLimit = 16u << 20;
+    size_t clientQueueLimit = 32u << 20;
+    // Bytes waiting beyond which a client's pane streams are given up with "pane.resync".
+    size_t paneQueueLimit = 8u << 20;
 };
+
+using ClientID = uint64_t;
+
+// What a method handler gets: the asking client, its params (an object, empty when absent),
+// and room for frames that must follow the reply, such as a subscription's first bytes.
+struct MethodCall {
+    ClientID client = 0;
+    const nlohmann::json& params;
+    std::vector<std::string> framesAfterReply;
+};
+
+// Raised by a method handler for an error reply.
+struct MethodError {
+    std::string code;
+    std::string message;
+};
+
+// Handlers run on the serving thread and return the reply's result.
+using MethodHandler = std::function<nlohmann::json(MethodCall&)>;
 
 // The protocol server: one thread polls the listening socket and every client. Sockets are
 // non-blocking and each client has its own bounded queue of outgoing bytes, so a client that
@@ -45,6 +70,26 @@ public:
 
     const std::string& instance() const { return instance_; }
 
+    // The session layer plugs in here, before run(). A method of the same name as a built-in
+    // one replaces it.
+    void addMethod(const std::string& name, MethodHandler handler);
+    void setInputHandler(std::function<void(ClientID, uint64_t pane, std::string_view bytes)> handler);
+    void setClientGoneHandler(std::function<void(ClientID)> handler);
+    // The features announced in hello, beyond "ping".
+    void addFeatures(const std::vector<std::string>& names);
+
+    // Serving thread only: pane output for `client` starts or stops. Output published for a
+    // pane goes to every client subscribed to it.
+    void subscribePane(ClientID client, uint64_t pane);
+    void unsubscribePane(ClientID client, uint64_t pane);
+
+    // From any thread. An event goes to every client that asked for events; pane output to
+    // the pane's subscribers, in the order published. A client whose queue passes the pane
+    // bound loses that pane's stream with "pane.resync" instead of holding up anyone.
+    void broadcastEvent(const std::string& name, nlohmann::json data);
+    void publishOutput(uint64_t pane, uint64_t seq, std::string bytes);
+    void publishFrame(uint64_t pane, std::string frame);
+
 private:
     struct Client;
 
@@ -52,11 +97,15 @@ private:
     void readFrom(Client& client);
     void handleFrame(Client& client, uint8_t type, std::string_view payload);
     void handleJSON(Client& client, std::string_view text);
+    nlohmann::json builtInMethod(Client& client, const std::string& name, MethodCall& call);
+    nlohmann::json helloJSON() const;
     void flush(Client& client);
     void enqueue(Client& client, std::string frame);
     void closeClient(uint64_t id);
     void runPosted();
     void wake();
+    void deliverToPane(uint64_t pane, const std::string& frame);
+    Client* client(ClientID id);
 
     ServerOptions options_;
     std::string instance_;
@@ -66,6 +115,10 @@ private:
     bool servedAnyone_ = false;
     uint64_t nextClientID_ = 1;
     std::map<uint64_t, std::unique_ptr<Client>> clients_;
+    std::map<std::string, MethodHandler> methods_;
+    std::function<void(ClientID, uint64_t, std::string_view)> inputHandler_;
+    std::function<void(ClientID)> clientGoneHandler_;
+    std::vector<std::string> features_{"ping"};
 
     std::mutex postedLock_;
     std::vector<std::function<void()>> posted_;

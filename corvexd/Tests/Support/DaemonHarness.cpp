@@ -156,6 +156,12 @@ bool RawClient::pump(std::chrono::milliseconds timeout) {
         return false;
     }
     bool ok = parser_.append(std::string_view(buffer, static_cast<size_t>(count)), [&](uint8_t type, std::string_view payload) {
+        if (type == static_cast<uint8_t>(corvex::FrameType::output)) {
+            if (auto output = corvex::parseOutputPayload(payload)) {
+                outputs_.push_back({output->pane, output->seq, std::string(output->bytes), replies_.size()});
+            }
+            return;
+        }
         if (type != static_cast<uint8_t>(corvex::FrameType::json)) return;
         json message = json::parse(payload, nullptr, false);
         if (message.contains("id")) {

@@ -82,6 +82,16 @@ public:
     std::optional<json> nextEvent(std::chrono::milliseconds timeout = 10s);
     // True when the daemon closes the connection within the timeout (reading what comes).
     bool closedByPeer(std::chrono::milliseconds timeout = 10s);
+    struct Output {
+        uint64_t pane = 0;
+        uint64_t seq = 0;
+        std::string bytes;
+        size_t afterReplies = 0; // replies received before this frame
+    };
+    // Output frames received so far, in order.
+    const std::vector<Output>& outputs() const { return outputs_; }
+    // Reads whatever arrives within the timeout.
+    void drain(std::chrono::milliseconds timeout) { while (pump(timeout)) {} }
     // JSON frames received so far that were replies, in order.
     const std::vector<json>& replies() const { return replies_; }
     bool closed() const { return closed_; }
@@ -96,6 +106,7 @@ private:
     corvex::FrameParser parser_;
     std::deque<json> events_;
     std::vector<json> replies_;
+    std::vector<Output> outputs_;
 };
 
 } // namespace corvexd::testing
