@@ -158,12 +158,15 @@ public:
     void hangUp(std::vector<std::shared_ptr<PaneProcess>> processes) {
         hangUps_.insert(hangUps_.end(), processes.begin(), processes.end());
     }
+    // Keeps a process until the lock is let go, so that its teardown happens outside it.
+    void release(std::shared_ptr<PaneProcess> process) { released_.push_back(std::move(process)); }
 
 private:
     SessionCore& core_;
     std::unique_lock<std::mutex> lock_;
     std::vector<SessionEvent> events_;
     std::vector<std::shared_ptr<PaneProcess>> hangUps_;
+    std::vector<std::shared_ptr<PaneProcess>> released_; // destroyed after the lock is let go
 };
 
 std::shared_ptr<SessionCore> SessionCore::create(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment) {
@@ -730,6 +733,7 @@ void SessionCore::paneTerminated(uint64_t pane, std::optional<int32_t> exitCode)
     if (!panes_.count(pane) || !indexOfPane(state_, pane)) return;
     statePane(pane).exited = PaneExit{exitCode, std::nullopt};
     publishPane(batch, pane);
+    batch.release(panes_.at(pane).process);
     panes_.erase(pane);
     removeFromLayout(pane);
     publishState(batch);

@@ -122,3 +122,47 @@ TEST(FakeBackend, AMissingProgramStillMakesAPaneThatEndsWith127) {
     EXPECT_TRUE(backend->getState().workspaces[0].tabs.empty());
     backend->stop();
 }
+
+TEST(FakeBackend, TheWorkingDirectoryPollFollowsTheShell) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(std::nullopt, shell());
+    EXPECT_EQ(backend->getState().pane(created.pane)->cwd, "/tmp");
+    backend->sendInput(created.pane, asBytes("cd /\n"));
+    readUntil(*events, [&](const SessionEvent& event) {
+        auto changed = event.as<SessionEvent::PaneChanged>();
+        return changed && changed->pane.cwd == "/";
+    });
+    EXPECT_EQ(backend->getState().pane(created.pane)->cwd, "/");
+    backend->stop();
+}
+
+TEST(FakeBackend, AFloodArrivesContiguouslyAndAResubscribeReplaysOrSnapshots) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    // Quiet once the flood is over, so the position stays put for the checks at the end.
+    auto created = backend->createWorkspace(
+        std::nullopt, SpawnOptions{.command = std::vector<std::string>{
+                                       "/bin/sh", "-c", "head -c 3000000 /dev/zero | tr '\\0' x; echo END; sleep 30"}});
+    auto first = backend->subscribe(created.pane);
+    uint64_t next = first.seq;
+    std::string tail;
+    readUntil(*events, [&](const SessionEvent& event) {
+        auto output = event.as<SessionEvent::Output>();
+        if (!output) return false;
+        EXPECT_EQ(output->seq, next); // no gap, no overlap, in order
+        next = output->seq + output->bytes.size();
+        tail.append(output->bytes.begin(), output->bytes.end());
+        if (tail.size() > 64) tail.erase(0, tail.size() - 64);
+        return tail.find("END") != std::string::npos;
+    });
+    EXPECT_GT(next, 3000000u);
+    EXPECT_EQ(backend->getState().pane(created.pane)->seq, next);
+
+    EXPECT_EQ(backend->subscribe(created.pane, next - 100).mode, Subscription::Mode::replay);
+    EXPECT_EQ(backend->subscribe(created.pane, next - 2000000).mode, Subscription::Mode::snapshot);
+    EXPECT_EQ(backend->subscribe(created.pane, next).mode, Subscription::Mode::live);
+    backend->stop();
+}
