@@ -144,13 +144,12 @@ public:
     Batch& operator=(const Batch&) = delete;
 
     ~Batch() {
-        std::unique_lock delivery(core_.deliveryLock_);
-        Listener listener = core_.stopped_ ? Listener{} : core_.listener_;
-        lock_.unlock();
-        if (listener) {
-            for (const auto& event : events_) listener(event);
+        if (!events_.empty()) {
+            std::lock_guard outbox(core_.outboxLock_);
+            for (auto& event : events_) core_.outbox_.push_back(std::move(event));
         }
-        delivery.unlock();
+        lock_.unlock();
+        core_.deliver();
         for (const auto& process : hangUps_) process->hangUp();
     }
 
@@ -158,12 +157,15 @@ public:
     void hangUp(std::vector<std::shared_ptr<PaneProcess>> processes) {
         hangUps_.insert(hangUps_.end(), processes.begin(), processes.end());
     }
+    // Keeps a process until the lock is let go, so that its teardown happens outside it.
+    void release(std::shared_ptr<PaneProcess> process) { released_.push_back(std::move(process)); }
 
 private:
     SessionCore& core_;
     std::unique_lock<std::mutex> lock_;
     std::vector<SessionEvent> events_;
     std::vector<std::shared_ptr<PaneProcess>> hangUps_;
+    std::vector<std::shared_ptr<PaneProcess>> released_; // destroyed after the lock is let go
 };
 
 std::shared_ptr<SessionCore> SessionCore::create(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment) {
@@ -174,16 +176,33 @@ SessionCore::SessionCore(std::shared_ptr<PaneHost> host, SessionCoreEnvironment 
     : host_(std::move(host)), environment_(std::move(environment)) {}
 
 void SessionCore::setListener(Listener listener) {
-    std::scoped_lock both(lock_, deliveryLock_);
+    std::lock_guard guard(outboxLock_);
     listener_ = std::move(listener);
+}
+
+// Whoever finds nobody delivering sends everything queued, in order and outside every lock,
+// so a listener may even call back into the core; others leave their events to it.
+void SessionCore::deliver() {
+    std::unique_lock guard(outboxLock_);
+    if (delivering_) return;
+    delivering_ = true;
+    while (!outbox_.empty() && listener_) {
+        std::deque<SessionEvent> batch;
+        batch.swap(outbox_);
+        Listener listener = listener_;
+        guard.unlock();
+        for (const auto& event : batch) listener(event);
+        guard.lock();
+    }
+    delivering_ = false;
 }
 
 void SessionCore::stop() {
     std::vector<std::shared_ptr<PaneProcess>> processes;
     {
-        std::scoped_lock both(lock_, deliveryLock_);
-        stopped_ = true;
+        std::scoped_lock both(lock_, outboxLock_);
         listener_ = nullptr;
+        outbox_.clear();
         for (auto& [id, pane] : panes_) processes.push_back(pane.process);
         panes_.clear();
     }
@@ -730,6 +749,7 @@ void SessionCore::paneTerminated(uint64_t pane, std::optional<int32_t> exitCode)
     if (!panes_.count(pane) || !indexOfPane(state_, pane)) return;
     statePane(pane).exited = PaneExit{exitCode, std::nullopt};
     publishPane(batch, pane);
+    batch.release(panes_.at(pane).process);
     panes_.erase(pane);
     removeFromLayout(pane);
     publishState(batch);

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <unistd.h>
 
 #include "CorvexFake/FakeBackend.h"
 
@@ -121,4 +125,97 @@ TEST(FakeBackend, AMissingProgramStillMakesAPaneThatEndsWith127) {
     EXPECT_EQ(seen.back().as<SessionEvent::PaneChanged>()->pane.exited->code, 127);
     EXPECT_TRUE(backend->getState().workspaces[0].tabs.empty());
     backend->stop();
+}
+
+TEST(FakeBackend, TheWorkingDirectoryPollFollowsTheShell) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(std::nullopt, shell());
+    EXPECT_EQ(backend->getState().pane(created.pane)->cwd, "/tmp");
+    backend->sendInput(created.pane, asBytes("cd /\n"));
+    readUntil(*events, [&](const SessionEvent& event) {
+        auto changed = event.as<SessionEvent::PaneChanged>();
+        return changed && changed->pane.cwd == "/";
+    });
+    EXPECT_EQ(backend->getState().pane(created.pane)->cwd, "/");
+    backend->stop();
+}
+
+TEST(FakeBackend, AFloodArrivesContiguouslyAndAResubscribeReplaysOrSnapshots) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    // Quiet once the flood is over, so the position stays put for the checks at the end.
+    auto created = backend->createWorkspace(
+        std::nullopt, SpawnOptions{.command = std::vector<std::string>{
+                                       "/bin/sh", "-c", "head -c 3000000 /dev/zero | tr '\\0' x; echo END; sleep 30"}});
+    auto first = backend->subscribe(created.pane);
+    uint64_t next = first.seq;
+    std::string tail;
+    readUntil(*events, [&](const SessionEvent& event) {
+        auto output = event.as<SessionEvent::Output>();
+        if (!output) return false;
+        EXPECT_EQ(output->seq, next); // no gap, no overlap, in order
+        next = output->seq + output->bytes.size();
+        tail.append(output->bytes.begin(), output->bytes.end());
+        if (tail.size() > 64) tail.erase(0, tail.size() - 64);
+        return tail.find("END") != std::string::npos;
+    });
+    EXPECT_GT(next, 3000000u);
+    EXPECT_EQ(backend->getState().pane(created.pane)->seq, next);
+
+    EXPECT_EQ(backend->subscribe(created.pane, next - 100).mode, Subscription::Mode::replay);
+    EXPECT_EQ(backend->subscribe(created.pane, next - 2000000).mode, Subscription::Mode::snapshot);
+    EXPECT_EQ(backend->subscribe(created.pane, next).mode, Subscription::Mode::live);
+    backend->stop();
+}
+
+namespace {
+
+size_t entries(const char* folder) {
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder)) ++count;
+    return count;
+}
+
+size_t childProcesses() {
+    size_t count = 0;
+    std::string self = std::to_string(getpid());
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::ifstream status(entry.path() / "status");
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.rfind("PPid:", 0) == 0) {
+                if (line.substr(line.find_first_not_of(" \t", 5)) == self) ++count;
+                break;
+            }
+        }
+    }
+    return count;
+}
+
+} // namespace
+
+TEST(FakeBackend, LeavesNoDescriptorThreadOrChildBehind) {
+    size_t descriptors = entries("/proc/self/fd");
+    size_t threads = entries("/proc/self/task");
+    {
+        auto backend = FakeBackend::create();
+        backend->start();
+        auto created = backend->createWorkspace(std::nullopt, shell());
+        backend->split(created.pane, Direction::down, shell());
+        backend->createTab(created.workspace, SpawnOptions{.command = std::vector<std::string>{"/bin/sh", "-c",
+                                                                                                "trap '' TERM; sleep 30"}});
+        EXPECT_GE(childProcesses(), 3u); // earlier tests' children may still be winding down
+        backend->stop();
+    }
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < deadline &&
+           (entries("/proc/self/fd") > descriptors || entries("/proc/self/task") > threads || childProcesses() > 0)) {
+        std::this_thread::sleep_for(20ms);
+    }
+    EXPECT_LE(entries("/proc/self/fd"), descriptors);
+    EXPECT_LE(entries("/proc/self/task"), threads);
+    EXPECT_EQ(childProcesses(), 0u);
 }
