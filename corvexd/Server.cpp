@@ -16,6 +16,7 @@
 
 #include "CorvexKit/FrameParser.h"
 #include "CorvexKit/SessionBackend.h"
+#include "CorvexKit/SessionCodec.h"
 #include "CorvexKit/SessionCodecJSON.h"
 #include "Platform/System.h"
 #include "corvexd/RuntimeDirectory.h"
@@ -424,6 +425,15 @@ void Server::handleJSON(Client& client, std::string_view text) {
         // A handler read a param of the wrong shape.
         reply.erase("result");
         reply["error"] = {{"code", "bad_request"}, {"message", error.what()}};
+        call.framesAfterReply.clear();
+    } catch (const corvex::DecodingError& error) {
+        reply.erase("result");
+        reply["error"] = {{"code", "bad_request"}, {"message", error.what()}};
+        call.framesAfterReply.clear();
+    } catch (const std::exception& error) {
+        // One request failed; the daemon and its other clients go on.
+        reply.erase("result");
+        reply["error"] = {{"code", "internal"}, {"message", error.what()}};
         call.framesAfterReply.clear();
     }
     enqueue(client, corvex::makeJSONFrame(dump(reply)));

@@ -56,6 +56,9 @@ TEST(CorvexdServerFuzz, RandomFramesNeverBringTheDaemonDown) {
     RawClient keeper(daemon.socketPath());
     ASSERT_TRUE(keeper.request("events.subscribe"));
     std::string instance = keeper.request("hello", {{"protocol", 1}, {"client", "keeper"}}).value()["result"]["instance"];
+    auto created = keeper.request("workspace.create", {{"name", "kept"}, {"command", {"/bin/sh"}}});
+    ASSERT_TRUE(created && created->contains("result")) << created.value_or(json());
+    uint64_t pane = (*created)["result"]["pane"];
 
     std::mt19937 random(20261122);
     for (int round = 0; round < 400; ++round) {
@@ -73,4 +76,9 @@ TEST(CorvexdServerFuzz, RandomFramesNeverBringTheDaemonDown) {
     auto hello = keeper.request("hello", {{"protocol", 1}, {"client", "keeper"}});
     ASSERT_TRUE(hello);
     EXPECT_EQ((*hello)["result"]["instance"], instance) << "the same daemon served all along";
+    auto state = keeper.request("state.get");
+    ASSERT_TRUE(state);
+    bool kept = false;
+    for (const auto& each : (*state)["result"]["panes"]) kept = kept || each["id"] == pane;
+    EXPECT_TRUE(kept) << "the keeper's shell is still there";
 }

@@ -45,7 +45,7 @@ DaemonHarness::~DaemonHarness() {
         }
     }
     std::error_code ignored;
-    std::filesystem::remove_all(base_, ignored);
+    if (!std::getenv("CORVEXD_TEST_KEEP")) std::filesystem::remove_all(base_, ignored);
 }
 
 pid_t DaemonHarness::spawn(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& env,
