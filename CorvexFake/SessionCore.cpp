@@ -144,13 +144,12 @@ public:
     Batch& operator=(const Batch&) = delete;
 
     ~Batch() {
-        std::unique_lock delivery(core_.deliveryLock_);
-        Listener listener = core_.stopped_ ? Listener{} : core_.listener_;
-        lock_.unlock();
-        if (listener) {
-            for (const auto& event : events_) listener(event);
+        if (!events_.empty()) {
+            std::lock_guard outbox(core_.outboxLock_);
+            for (auto& event : events_) core_.outbox_.push_back(std::move(event));
         }
-        delivery.unlock();
+        lock_.unlock();
+        core_.deliver();
         for (const auto& process : hangUps_) process->hangUp();
     }
 
@@ -177,16 +176,33 @@ SessionCore::SessionCore(std::shared_ptr<PaneHost> host, SessionCoreEnvironment 
     : host_(std::move(host)), environment_(std::move(environment)) {}
 
 void SessionCore::setListener(Listener listener) {
-    std::scoped_lock both(lock_, deliveryLock_);
+    std::lock_guard guard(outboxLock_);
     listener_ = std::move(listener);
+}
+
+// Whoever finds nobody delivering sends everything queued, in order and outside every lock,
+// so a listener may even call back into the core; others leave their events to it.
+void SessionCore::deliver() {
+    std::unique_lock guard(outboxLock_);
+    if (delivering_) return;
+    delivering_ = true;
+    while (!outbox_.empty() && listener_) {
+        std::deque<SessionEvent> batch;
+        batch.swap(outbox_);
+        Listener listener = listener_;
+        guard.unlock();
+        for (const auto& event : batch) listener(event);
+        guard.lock();
+    }
+    delivering_ = false;
 }
 
 void SessionCore::stop() {
     std::vector<std::shared_ptr<PaneProcess>> processes;
     {
-        std::scoped_lock both(lock_, deliveryLock_);
-        stopped_ = true;
+        std::scoped_lock both(lock_, outboxLock_);
         listener_ = nullptr;
+        outbox_.clear();
         for (auto& [id, pane] : panes_) processes.push_back(pane.process);
         panes_.clear();
     }

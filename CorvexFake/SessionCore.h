@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -105,8 +106,8 @@ public:
 
     static std::shared_ptr<SessionCore> create(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment);
 
-    // Events arrive in the order of the changes, outside the core's lock but one batch at a
-    // time; a listener must not call back into the core.
+    // Events arrive in the order of the changes, one at a time and outside the core's locks;
+    // a listener may call back into the core.
     void setListener(Listener listener);
     // Ends every pane; events stop.
     void stop();
@@ -165,6 +166,7 @@ private:
 
     uint64_t takeID() { return nextID_++; }
     uint64_t spawnPane(const SpawnOptions& options);
+    void deliver();
     void paneOutput(uint64_t pane, ByteView bytes);
     void paneTerminated(uint64_t pane, std::optional<int32_t> exitCode);
 
@@ -183,9 +185,10 @@ private:
     std::shared_ptr<PaneHost> host_;
     SessionCoreEnvironment environment_;
     mutable std::mutex lock_;
-    std::mutex deliveryLock_; // keeps batches in order once the state lock is let go
+    std::mutex outboxLock_; // taken after lock_ when both are held, never before it
+    std::deque<SessionEvent> outbox_;
+    bool delivering_ = false;
     Listener listener_;
-    bool stopped_ = false;
     ModelState state_;
     uint64_t nextID_ = 1;
     std::map<uint64_t, PaneRecord> panes_;

@@ -211,7 +211,7 @@ std::optional<LocalProcessError> LocalProcess::startProcessWithForkpty(
         return std::pair{state.generation, requested};
     });
 
-    auto pipeline = LocalProcessReader::create(master, std::weak_ptr<LocalProcessReaderDelegate>(shared_from_this()));
+    auto pipeline = TerminalIOPipeline::create(master, std::weak_ptr<TerminalIOPipelineDelegate>(shared_from_this()));
     session_.withLock([&](SessionState& state) { state.pipeline = pipeline; });
     pipeline->start();
 
@@ -262,7 +262,7 @@ void LocalProcess::startChildWaiter(uint64_t generation, std::shared_ptr<LocalPr
 }
 
 void LocalProcess::childDidExit(uint64_t generation, std::optional<int> status) {
-    std::shared_ptr<LocalProcessReader> pipeline;
+    std::shared_ptr<TerminalIOPipeline> pipeline;
     double drainTimeout = 0;
     bool current = session_.withLock([&](SessionState& state) {
         if (state.generation != generation || !isLive(state.phase)) return false;
@@ -403,7 +403,7 @@ void LocalProcess::setDebugIO(bool on) {
     session_.withLock([&](SessionState& state) { state.debugIO = on; });
 }
 
-void LocalProcess::readerReceived(LocalProcessReader& reader, std::span<const unsigned char> bytes) {
+void LocalProcess::pipelineReceived(TerminalIOPipeline& reader, std::span<const unsigned char> bytes) {
     std::optional<std::string> logPath;
     std::optional<int64_t> total;
     bool current = session_.withLock([&](SessionState& state) {
@@ -444,7 +444,7 @@ void LocalProcess::readerReceived(LocalProcessReader& reader, std::span<const un
     dispatchQueue_->sync([&] { target->dataReceived(std::move(copy)); });
 }
 
-void LocalProcess::readerReachedEOF(LocalProcessReader& reader) {
+void LocalProcess::pipelineReachedEOF(TerminalIOPipeline& reader) {
     session_.withLock([&](SessionState& state) {
         if (state.pipeline.get() == &reader) state.childfd = -1;
     });

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Platform/Locked.h"
-#include "Vellum/LocalProcessReader.h"
+#include "Vellum/TerminalIOPipeline.h"
 
 namespace platform {
 class SerialQueue;
@@ -84,7 +84,7 @@ std::vector<std::string> terminalEnvironmentVariables(const std::optional<std::s
 // reference, so a running session never keeps the object alive; when the object goes
 // with a child still running, the child gets SIGTERM, then SIGKILL after
 // killEscalationDelay, and is reaped without anyone being told.
-class LocalProcess : public LocalProcessReaderDelegate, public std::enable_shared_from_this<LocalProcess> {
+class LocalProcess : public TerminalIOPipelineDelegate, public std::enable_shared_from_this<LocalProcess> {
 public:
     using DuplicateDescriptor = std::function<int(int)>;
 
@@ -137,8 +137,8 @@ public:
     // The child's working directory, while it hasn't been reaped.
     std::optional<std::string> currentWorkingDirectory() const;
 
-    void readerReceived(LocalProcessReader& reader, std::span<const unsigned char> bytes) override;
-    void readerReachedEOF(LocalProcessReader& reader) override;
+    void pipelineReceived(TerminalIOPipeline& reader, std::span<const unsigned char> bytes) override;
+    void pipelineReachedEOF(TerminalIOPipeline& reader) override;
 
     // Where "Error writing data to the child" and the debug reports go; stderr by default.
     static void setLogger(std::function<void(const std::string&)> logger);
@@ -151,7 +151,7 @@ private:
         pid_t shellPid = 0;
         bool terminateRequestedDuringStart = false;
         std::shared_ptr<LocalProcessChildReaper> reaper;
-        std::shared_ptr<LocalProcessReader> pipeline;
+        std::shared_ptr<TerminalIOPipeline> pipeline;
         std::shared_ptr<LocalProcessWriteChannel> writeChannel;
         std::shared_ptr<LocalProcessExitMonitor> childMonitor;
         double drainTimeout = 0.5;

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <unistd.h>
 
 #include "CorvexFake/FakeBackend.h"
 
@@ -165,4 +169,53 @@ TEST(FakeBackend, AFloodArrivesContiguouslyAndAResubscribeReplaysOrSnapshots) {
     EXPECT_EQ(backend->subscribe(created.pane, next - 2000000).mode, Subscription::Mode::snapshot);
     EXPECT_EQ(backend->subscribe(created.pane, next).mode, Subscription::Mode::live);
     backend->stop();
+}
+
+namespace {
+
+size_t entries(const char* folder) {
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder)) ++count;
+    return count;
+}
+
+size_t childProcesses() {
+    size_t count = 0;
+    std::string self = std::to_string(getpid());
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::ifstream status(entry.path() / "status");
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.rfind("PPid:", 0) == 0) {
+                if (line.substr(line.find_first_not_of(" \t", 5)) == self) ++count;
+                break;
+            }
+        }
+    }
+    return count;
+}
+
+} // namespace
+
+TEST(FakeBackend, LeavesNoDescriptorThreadOrChildBehind) {
+    size_t descriptors = entries("/proc/self/fd");
+    size_t threads = entries("/proc/self/task");
+    {
+        auto backend = FakeBackend::create();
+        backend->start();
+        auto created = backend->createWorkspace(std::nullopt, shell());
+        backend->split(created.pane, Direction::down, shell());
+        backend->createTab(created.workspace, SpawnOptions{.command = std::vector<std::string>{"/bin/sh", "-c",
+                                                                                                "trap '' TERM; sleep 30"}});
+        EXPECT_GE(childProcesses(), 3u); // earlier tests' children may still be winding down
+        backend->stop();
+    }
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < deadline &&
+           (entries("/proc/self/fd") > descriptors || entries("/proc/self/task") > threads || childProcesses() > 0)) {
+        std::this_thread::sleep_for(20ms);
+    }
+    EXPECT_LE(entries("/proc/self/fd"), descriptors);
+    EXPECT_LE(entries("/proc/self/task"), threads);
+    EXPECT_EQ(childProcesses(), 0u);
 }

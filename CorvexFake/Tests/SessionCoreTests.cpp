@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <thread>
+
 #include "CorvexFake/SessionCore.h"
 #include "CorvexFake/Tests/Support/ScriptedPaneHost.h"
 
@@ -396,4 +399,45 @@ TEST_F(CoreFixture, ProcessEndRemovesThePaneOnceAndLateReportsAreHarmless) {
     EXPECT_TRUE(events[1].as<SessionEvent::Bell>());
     core->paneChanged(created.pane, std::string("vim"), std::string("/tmp"), false);
     EXPECT_TRUE(take().empty());
+}
+
+TEST_F(CoreFixture, ListenersMayCallBackAndConcurrentChangesArriveInRevisionOrder) {
+    auto created = core->createWorkspace("w", {});
+    std::vector<uint64_t> revs;
+    std::vector<uint64_t> outputSeqs;
+    bool renamed = false;
+    core->setListener([&](const SessionEvent& event) {
+        if (auto state = event.as<SessionEvent::State>()) revs.push_back(state->state.rev);
+        if (auto pane = event.as<SessionEvent::PaneChanged>()) revs.push_back(pane->rev);
+        if (auto output = event.as<SessionEvent::Output>()) outputSeqs.push_back(output->seq);
+        if (!renamed) {
+            renamed = true;
+            core->renameWorkspace(created.workspace, "from the listener");
+        }
+    });
+    core->subscribe(created.pane, std::nullopt, std::nullopt);
+
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50; ++i) {
+                if (t == 0) {
+                    output(created.pane, 10);
+                } else {
+                    core->resize(created.pane, {80 + t, 24 + i});
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(core->state().workspaces[0].name, "from the listener");
+    ASSERT_FALSE(revs.empty());
+    EXPECT_TRUE(std::is_sorted(revs.begin(), revs.end()));
+    EXPECT_EQ(std::adjacent_find(revs.begin(), revs.end()), revs.end());
+    ASSERT_EQ(outputSeqs.size(), 50u);
+    for (size_t i = 0; i < outputSeqs.size(); ++i) EXPECT_EQ(outputSeqs[i], i * 10);
+
+    core->stop();
+    core->renameWorkspace(created.workspace, "after stop");
+    EXPECT_EQ(revs.back(), core->state().rev - 1); // nothing is told after stop
 }

@@ -1,0 +1,133 @@
+// What the I/O pipeline costs: `cat` of a generated 32 MiB file on a real pseudo-terminal,
+// gathered and handed under the terminal lock to a target that only counts (so the figure
+// is the pipeline's and the kernel's, without a parser), beside a plain blocking read loop
+// on the same kind of terminal as the ceiling.
+#include <benchmark/benchmark.h>
+
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Vellum/PseudoTerminalHelpers.h"
+#include "Vellum/TerminalIOPipeline.h"
+#include "Vellum/TerminalIOPipelineFeed.h"
+#include "Vellum/TerminalLock.h"
+
+using namespace vellum;
+
+namespace {
+
+constexpr size_t streamSize = 32u << 20;
+
+// Plain text with newlines; the terminal turns each into CR LF.
+const std::string& streamFile() {
+    static const std::string path = [] {
+        std::string file = "/tmp/vellum-pipeline-bench-" + std::to_string(getpid());
+        std::string line;
+        for (int i = 0; i < 119; ++i) line += static_cast<char>('a' + i % 26);
+        line += '\n';
+        std::ofstream out(file, std::ios::binary);
+        for (size_t written = 0; written < streamSize; written += line.size()) out << line;
+        return file;
+    }();
+    return path;
+}
+
+PseudoTerminalChild spawnCat() {
+    winsize size{40, 120, 0, 0};
+    auto spawned = PseudoTerminalHelpers::spawn("/bin/cat", {"/bin/cat", streamFile()}, {"PATH=/usr/bin:/bin"},
+                                                std::nullopt, size);
+    if (!spawned.child) std::abort();
+    return *spawned.child;
+}
+
+class CountingTarget : public TerminalFeedTarget {
+public:
+    void feed(std::span<const unsigned char> bytes) override {
+        bytes_ += bytes.size();
+        ++deliveries_;
+    }
+    void finished() {
+        std::lock_guard guard(mutex_);
+        done_ = true;
+        changed_.notify_all();
+    }
+    void waitUntilFinished() {
+        std::unique_lock guard(mutex_);
+        changed_.wait(guard, [&] { return done_; });
+    }
+    size_t bytes_ = 0;
+    size_t deliveries_ = 0;
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool done_ = false;
+};
+
+void BM_PipelineCatIntoCountingTarget(benchmark::State& state) {
+    size_t bytes = 0, deliveries = 0, naps = 0, coalesced = 0, bridges = 0;
+    for (auto _ : state) {
+        auto child = spawnCat();
+        auto target = std::make_shared<CountingTarget>();
+        auto lock = std::make_shared<TerminalLock>();
+        auto feed = std::make_shared<TerminalIOPipelineFeed>(lock, target, [target] { target->finished(); });
+        auto pipeline = TerminalIOPipeline::create(child.master, feed);
+        pipeline->start();
+        target->waitUntilFinished();
+        pipeline->waitUntilFinished();
+        waitpid(child.pid, nullptr, 0);
+        bytes += lock->withLock([&] { return target->bytes_; });
+        deliveries += target->deliveries_;
+        auto counters = pipeline->counters();
+        naps += counters.naps;
+        bridges += counters.bridgePolls;
+        coalesced += counters.coalescedPublishes + counters.fullSlotPublishes;
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(bytes));
+    double runs = static_cast<double>(state.iterations());
+    state.counters["deliveries"] = static_cast<double>(deliveries) / runs;
+    state.counters["bytesPerDelivery"] = deliveries ? static_cast<double>(bytes) / static_cast<double>(deliveries) : 0;
+    state.counters["naps"] = static_cast<double>(naps) / runs;
+    state.counters["bridgePolls"] = static_cast<double>(bridges) / runs;
+    state.counters["coalesced"] = static_cast<double>(coalesced) / runs;
+}
+BENCHMARK(BM_PipelineCatIntoCountingTarget)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The ceiling: one thread reading the master with blocking 64 KiB reads, nothing else.
+void BM_PlainReadLoopCat(benchmark::State& state) {
+    size_t bytes = 0;
+    std::vector<unsigned char> buffer(65536);
+    for (auto _ : state) {
+        auto child = spawnCat();
+        for (;;) {
+            ssize_t n = read(child.master, buffer.data(), buffer.size());
+            if (n > 0) {
+                bytes += static_cast<size_t>(n);
+                continue;
+            }
+            if (n < 0 && errno == EINTR) continue;
+            break;
+        }
+        close(child.master);
+        waitpid(child.pid, nullptr, 0);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(bytes));
+}
+BENCHMARK(BM_PlainReadLoopCat)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    std::remove(streamFile().c_str());
+    return 0;
+}

@@ -1,0 +1,281 @@
+#include "Vellum/PseudoTerminalHelpers.h"
+#include "Vellum/TerminalIOPipeline.h"
+#include "Vellum/TerminalIOPipelineFeed.h"
+#include "Vellum/TerminalLock.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace vellum;
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Collects what the pipeline parses, in order, with the thread it came on.
+class Collector : public TerminalFeedTarget {
+public:
+    void feed(std::span<const unsigned char> bytes) override {
+        lock->preconditionLocked();
+        std::lock_guard guard(mutex_);
+        text_.append(bytes.begin(), bytes.end());
+        ++deliveries_;
+        if (eofSeen_) bytesAfterEOF_ = true;
+        changed_.notify_all();
+    }
+    void reachedEOF() {
+        std::lock_guard guard(mutex_);
+        ++eofs_;
+        eofSeen_ = true;
+        changed_.notify_all();
+    }
+    template <typename Pred>
+    bool waitFor(Pred pred, std::chrono::milliseconds timeout = 10s) {
+        std::unique_lock guard(mutex_);
+        return changed_.wait_for(guard, timeout, [&] { return pred(); });
+    }
+    bool waitForText(const std::string& text) {
+        return waitFor([&] { return text_.find(text) != std::string::npos; });
+    }
+    bool waitForEOF() {
+        return waitFor([&] { return eofs_ > 0; });
+    }
+    std::string text() {
+        std::lock_guard guard(mutex_);
+        return text_;
+    }
+    size_t deliveries() {
+        std::lock_guard guard(mutex_);
+        return deliveries_;
+    }
+    int eofs() {
+        std::lock_guard guard(mutex_);
+        return eofs_;
+    }
+    bool bytesAfterEOF() {
+        std::lock_guard guard(mutex_);
+        return bytesAfterEOF_;
+    }
+
+    std::shared_ptr<TerminalLock> lock = std::make_shared<TerminalLock>();
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::string text_;
+    size_t deliveries_ = 0;
+    int eofs_ = 0;
+    bool eofSeen_ = false;
+    bool bytesAfterEOF_ = false;
+};
+
+size_t entriesIn(const char* folder) {
+    size_t count = 0;
+    for ([[maybe_unused]] auto& entry : fs::directory_iterator(folder)) ++count;
+    return count;
+}
+
+template <typename Pred>
+bool eventually(Pred pred, std::chrono::milliseconds timeout = 10s) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
+
+// The bytes a child has written so far.
+long long bytesWrittenBy(pid_t pid) {
+    std::ifstream io("/proc/" + std::to_string(pid) + "/io");
+    std::string key;
+    long long value = 0;
+    while (io >> key >> value) {
+        if (key == "wchar:") return value;
+    }
+    return -1;
+}
+
+class TerminalIOPipelineTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        threads = entriesIn("/proc/self/task");
+        descriptors = entriesIn("/proc/self/fd");
+    }
+    void TearDown() override {
+        for (pid_t pid : children) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+        // The pipeline's threads are detached: they end just after closing the descriptors.
+        EXPECT_TRUE(eventually([&] { return entriesIn("/proc/self/task") == threads; })) << "threads left running";
+        EXPECT_TRUE(eventually([&] { return entriesIn("/proc/self/fd") == descriptors; })) << "descriptors left open";
+    }
+
+    // Starts a program on a new terminal and a pipeline feeding the collector.
+    std::shared_ptr<TerminalIOPipeline> launch(const std::vector<std::string>& argv, pid_t* pidOut = nullptr) {
+        winsize size{24, 80, 0, 0};
+        auto spawned = PseudoTerminalHelpers::spawn(argv[0], argv, {"PATH=/usr/bin:/bin", "TERM=dumb"}, std::nullopt,
+                                                   size);
+        EXPECT_TRUE(spawned.child.has_value()) << "spawn failed: " << spawned.error;
+        if (!spawned.child) return nullptr;
+        children.push_back(spawned.child->pid);
+        if (pidOut) *pidOut = spawned.child->pid;
+        master = spawned.child->master;
+        feed = std::make_shared<TerminalIOPipelineFeed>(collector->lock, collector,
+                                                        [collector = collector] { collector->reachedEOF(); });
+        auto pipeline = TerminalIOPipeline::create(master, feed);
+        pipeline->start();
+        return pipeline;
+    }
+
+    size_t threads = 0, descriptors = 0;
+    std::vector<pid_t> children;
+    int master = -1;
+    std::shared_ptr<Collector> collector = std::make_shared<Collector>();
+    std::shared_ptr<TerminalIOPipelineFeed> feed;
+};
+
+TEST_F(TerminalIOPipelineTest, EchoIsHandedOnAtOnceWithoutWaitingForMore) {
+    auto pipeline = launch({"/bin/cat"});
+    ASSERT_TRUE(pipeline);
+    for (const char* keystroke : {"a", "b", "c"}) {
+        ASSERT_EQ(write(master, keystroke, 1), 1);
+        ASSERT_TRUE(collector->waitForText(keystroke));
+    }
+    // Each echo was published on the first empty read: no nap, no wait for the parser.
+    auto counters = pipeline->counters();
+    EXPECT_GE(counters.immediatePublishes, 3u);
+    EXPECT_EQ(counters.naps, 0u);
+    EXPECT_EQ(counters.bridgePolls, 0u);
+    EXPECT_EQ(counters.coalescedPublishes, 0u);
+
+    ASSERT_TRUE(pipeline->requestShutdown());
+    EXPECT_TRUE(pipeline->waitUntilFinished());
+    EXPECT_EQ(collector->eofs(), 0) << "a shutdown is not an end of file";
+}
+
+TEST_F(TerminalIOPipelineTest, AFloodFillsTheFourSlotsThenBlocksTheChildUntilTheParserCatchesUp) {
+    // No newlines, so that the terminal passes the bytes through unchanged.
+    std::string content;
+    for (size_t i = 0; content.size() < 4 * 1024 * 1024; ++i) content += "line " + std::to_string(i) + " of a flood; ";
+    auto path = fs::temp_directory_path() / ("vellum-flood-" + std::to_string(getpid()));
+    std::ofstream(path, std::ios::binary) << content;
+
+    pid_t pid = 0;
+    std::shared_ptr<TerminalIOPipeline> pipeline;
+    {
+        // The main thread holds the terminal: the parser can't go on.
+        std::lock_guard held(*collector->lock);
+        pipeline = launch({"/bin/cat", path.string()}, &pid);
+        ASSERT_TRUE(pipeline);
+        ASSERT_TRUE(eventually([&] { return pipeline->filledSlots() == TerminalIOPipeline::slotCount; }));
+        // The gather thread has stopped reading, so the child stops writing once the
+        // kernel's buffer is full, long before the end of its file.
+        long long written = 0;
+        ASSERT_TRUE(eventually([&] {
+            long long before = bytesWrittenBy(pid);
+            std::this_thread::sleep_for(50ms);
+            written = bytesWrittenBy(pid);
+            return written == before;
+        }));
+        EXPECT_LT(written, static_cast<long long>(content.size()));
+        EXPECT_LE(pipeline->counters().bytesRead, TerminalIOPipeline::slotCount * TerminalIOPipeline::slotSize);
+        EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "the child should still be blocked";
+    }
+    ASSERT_TRUE(collector->waitForEOF());
+    EXPECT_EQ(collector->text(), content);
+    EXPECT_EQ(collector->eofs(), 1);
+    // Gathered into large batches, not handed on read by read.
+    EXPECT_LT(collector->deliveries(), content.size() / 4096);
+    EXPECT_TRUE(pipeline->waitUntilFinished());
+    fs::remove(path);
+}
+
+TEST_F(TerminalIOPipelineTest, TheLastOutputIsParsedBeforeTheEndIsReportedOnce) {
+    auto pipeline = launch({"/bin/sh", "-c", "printf 'first\\n'; printf 'last words'"});
+    ASSERT_TRUE(pipeline);
+    ASSERT_TRUE(collector->waitForEOF());
+    EXPECT_EQ(collector->text(), "first\r\nlast words");
+    EXPECT_TRUE(pipeline->waitUntilFinished());
+    EXPECT_EQ(collector->eofs(), 1);
+    EXPECT_FALSE(collector->bytesAfterEOF());
+}
+
+TEST_F(TerminalIOPipelineTest, ADrainEndsAtItsDeadlineWhenABackgroundJobHoldsTheTerminal) {
+    pid_t pid = 0;
+    auto pipeline = launch({"/bin/sh", "-c", "printf ready; exec sleep 30"}, &pid);
+    ASSERT_TRUE(pipeline);
+    ASSERT_TRUE(collector->waitForText("ready"));
+    ASSERT_TRUE(pipeline->requestDrain(std::chrono::steady_clock::now() + 100ms));
+    EXPECT_TRUE(pipeline->waitUntilFinished(std::chrono::steady_clock::now() + 10s));
+    EXPECT_EQ(collector->eofs(), 0) << "the terminal is still open: no end of file";
+    // A second request after the end is harmless.
+    EXPECT_TRUE(pipeline->requestShutdown());
+}
+
+TEST_F(TerminalIOPipelineTest, ShutdownFromThePipelinesOwnThreadDoesNotWaitForItself) {
+    // A delegate that shuts the pipeline down from inside its first delivery.
+    struct Stopper : TerminalIOPipelineDelegate {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::optional<bool> answer;
+        void pipelineReceived(TerminalIOPipeline& pipeline, std::span<const unsigned char>) override {
+            bool result = pipeline.requestShutdown();
+            std::lock_guard guard(mutex);
+            if (!answer) answer = result;
+            changed.notify_all();
+        }
+        void pipelineReachedEOF(TerminalIOPipeline&) override {}
+    };
+    winsize size{24, 80, 0, 0};
+    auto spawned = PseudoTerminalHelpers::spawn("/bin/sh", {"/bin/sh", "-c", "echo hi; exec sleep 30"},
+                                                {"PATH=/usr/bin:/bin"}, std::nullopt, size);
+    ASSERT_TRUE(spawned.child);
+    children.push_back(spawned.child->pid);
+    auto stopper = std::make_shared<Stopper>();
+    auto pipeline = TerminalIOPipeline::create(spawned.child->master, stopper);
+    pipeline->start();
+    {
+        std::unique_lock guard(stopper->mutex);
+        ASSERT_TRUE(stopper->changed.wait_for(guard, 10s, [&] { return stopper->answer.has_value(); }));
+        EXPECT_FALSE(*stopper->answer);
+    }
+    EXPECT_TRUE(pipeline->waitUntilFinished());
+}
+
+TEST_F(TerminalIOPipelineTest, AnUnusableDescriptorEndsAtOnceAndALateSinkHearsNothing) {
+    auto feed = std::make_shared<TerminalIOPipelineFeed>(collector->lock, collector,
+                                                         [collector = collector] { collector->reachedEOF(); });
+    auto broken = TerminalIOPipeline::create(-1, feed);
+    broken->start();
+    EXPECT_EQ(collector->eofs(), 1);
+    EXPECT_TRUE(broken->waitUntilFinished(std::chrono::steady_clock::now()));
+
+    // Never started: a drain closes the descriptor and the owner may go at once.
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    auto idle = TerminalIOPipeline::create(ends[0], feed);
+    EXPECT_TRUE(idle->requestDrain(std::chrono::steady_clock::now()));
+    idle.reset();
+    close(ends[1]);
+
+    // Detached: output after that falls on nothing, and the owner's end stops the threads.
+    auto pipeline = launch({"/bin/sh", "-c", "sleep 0.1; echo unseen; exec sleep 30"});
+    pipeline->detachSink();
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(collector->text().find("unseen"), std::string::npos);
+    pipeline.reset();
+}
+
+} // namespace
