@@ -185,13 +185,18 @@ void ensureStarted(const RuntimeDirectory& directory) {
     }
     auto finish = [&] { ::close(lock); };
     try {
-        if (!accepts(directory.socketPath())) {
-            if (!runs(directory)) spawnServe(directory);
-            auto deadline = Clock::now() + startTimeout;
-            while (!accepts(directory.socketPath())) {
-                if (Clock::now() > deadline) throw DaemonError("the daemon didn't start; see " + directory.logPath());
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        // A daemon that is still ending holds its lock a while without accepting: wait for it
+        // to let go, then start the new one.
+        auto deadline = Clock::now() + startTimeout;
+        std::optional<Clock::time_point> spawned;
+        while (!accepts(directory.socketPath())) {
+            if (Clock::now() > deadline) throw DaemonError("the daemon didn't start; see " + directory.logPath());
+            bool settling = spawned && Clock::now() - *spawned < std::chrono::seconds(1);
+            if (!settling && !runs(directory)) {
+                spawnServe(directory);
+                spawned = Clock::now();
             }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     } catch (...) {
         finish();
