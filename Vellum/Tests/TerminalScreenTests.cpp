@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include "Support/TerminalHarness.h"
+
+using namespace vellum;
+using vellum::testing::TerminalHarness;
+
+using Rows = std::vector<std::string>;
+
+TEST(TerminalScreen, EraseInDisplayAndLine) {
+    TerminalHarness h(4, 3);
+    h.terminal.feed("abcd\r\nefgh\r\nijkl\x1b[2;2H\x1b[K");
+    EXPECT_EQ(h.screen(), (Rows{"abcd", "e", "ijkl"}));
+    h.terminal.feed("\x1b[2;3H\x1b[1K");
+    EXPECT_EQ(h.screen(), (Rows{"abcd", "", "ijkl"}));
+    h.terminal.feed("\x1b[1;2H\x1b[J");
+    EXPECT_EQ(h.screen(), (Rows{"a", "", ""}));
+    h.terminal.feed("\x1b[3;1Hxyz\x1b[3;2H\x1b[1J");
+    EXPECT_EQ(h.screen(), (Rows{"", "", "  z"}));
+    h.terminal.feed("\x1b[2J");
+    EXPECT_EQ(h.screen(), (Rows{"", "", ""}));
+    // Erasing takes the current background.
+    h.terminal.feed("\x1b[41m\x1b[2K\x1b[m");
+    EXPECT_EQ(h.terminal.getCharData(0, 2).attribute.bg, Attribute::Color::ansi256(1));
+}
+
+TEST(TerminalScreen, ScrollbackFillsAndIsDropped) {
+    TerminalHarness h(5, 2, 3);
+    for (int i = 0; i < 6; ++i) h.terminal.feed(std::to_string(i) + "\r\n");
+    // Seven rows written (the last empty); two on screen, three kept above, two dropped.
+    EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 3);
+    EXPECT_EQ(h.screen(), (Rows{"5", ""}));
+    EXPECT_EQ(h.terminal.buffer().lines[0].translateToString(true), "2");
+    h.terminal.feed("\x1b[3J");
+    EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 0);
+    EXPECT_EQ(h.screen(), (Rows{"5", ""}));
+}
+
+TEST(TerminalScreen, ScrollRegionsInsertAndDeleteLines) {
+    TerminalHarness h(3, 5);
+    h.terminal.feed("a\r\nb\r\nc\r\nd\r\ne");
+    h.terminal.feed("\x1b[2;4r");
+    EXPECT_EQ(h.x(), 0);
+    EXPECT_EQ(h.y(), 0);
+    h.terminal.feed("\x1b[4;1H\n");
+    EXPECT_EQ(h.screen(), (Rows{"a", "c", "d", "", "e"}));
+    EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 0); // a region scroll keeps no history
+    h.terminal.feed("\x1b[2;1H\x1bM");
+    EXPECT_EQ(h.screen(), (Rows{"a", "", "c", "d", "e"}));
+    h.terminal.feed("\x1b[3;1H\x1b[M");
+    EXPECT_EQ(h.screen(), (Rows{"a", "", "d", "", "e"}));
+    h.terminal.feed("\x1b[2;1H\x1b[2L");
+    EXPECT_EQ(h.screen(), (Rows{"a", "", "", "", "e"}));
+    // A reversed region is refused but still homes the cursor.
+    h.terminal.feed("\x1b[3;3H\x1b[5;1r");
+    EXPECT_EQ(h.terminal.buffer().scrollTop, 1);
+    EXPECT_EQ(h.terminal.buffer().scrollBottom, 3);
+    EXPECT_EQ(h.x(), 0);
+    EXPECT_EQ(h.y(), 0);
+    // Origin mode addresses the region.
+    h.terminal.feed("\x1b[?6h\x1b[1;1H");
+    EXPECT_EQ(h.y(), 1);
+    h.terminal.feed("\x1b[99;1H");
+    EXPECT_EQ(h.y(), 3);
+}
+
+TEST(TerminalScreen, LeftAndRightMargins) {
+    TerminalHarness h(6, 3);
+    h.terminal.feed("\x1b[?69h\x1b[2;4s\x1b[1;2Habcdef");
+    // Text wraps inside columns 2 to 4.
+    EXPECT_EQ(h.screen(), (Rows{" abc", " def", ""}));
+    h.terminal.feed("\x1b[?69l");
+    EXPECT_FALSE(h.terminal.buffer().marginMode);
+}
+
+TEST(TerminalScreen, AlternateScreenKeepsTheNormalOne) {
+    TerminalHarness h(5, 2);
+    h.terminal.feed("hello\r\nab");
+    h.terminal.feed("\x1b[?1049h");
+    EXPECT_TRUE(h.terminal.isAlternateBuffer());
+    EXPECT_EQ(h.screen(), (Rows{"", ""}));
+    h.terminal.feed("\x1b[Hvim\r\nx\r\ny\r\nz");
+    EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 0);
+    h.terminal.feed("\x1b[?1049l");
+    EXPECT_FALSE(h.terminal.isAlternateBuffer());
+    EXPECT_EQ(h.screen(), (Rows{"hello", "ab"}));
+    EXPECT_EQ(h.x(), 2);
+    EXPECT_EQ(h.y(), 1);
+    EXPECT_EQ(h.delegate.bufferSwitches, 2);
+    // Entering again starts from a blank alternate screen whichever mode left it.
+    h.terminal.feed("\x1b[?47hkeep\x1b[?47l");
+    EXPECT_EQ(h.screen(), (Rows{"hello", "ab"}));
+    h.terminal.feed("\x1b[?47h");
+    EXPECT_EQ(h.screen(), (Rows{"", ""}));
+}
+
+TEST(TerminalScreen, SavedCursorPerBufferAndResets) {
+    TerminalHarness h(10, 3);
+    h.terminal.feed("\x1b[2;3H\x1b[1m\x1b" "7\x1b[H\x1b[m\x1b" "8x");
+    EXPECT_TRUE(h.terminal.getCharData(2, 1).attribute.style.contains(CharacterStyle::bold));
+    h.terminal.feed("\x1b[!p");
+    EXPECT_FALSE(h.terminal.cursorHidden);
+    h.terminal.feed("\x1b[?25l\x1b" "c");
+    EXPECT_FALSE(h.terminal.cursorHidden);
+    EXPECT_EQ(h.screen(), (Rows{"", "", ""}));
+    EXPECT_EQ(h.x(), 0);
+}
+
+TEST(TerminalScreen, TabsAndResize) {
+    TerminalHarness h(20, 2);
+    h.terminal.feed("\tx\x1b[3g\r\ty");
+    EXPECT_EQ(h.screen()[0], "        x          y"); // no stops left: the last column
+    EXPECT_EQ(h.x(), 20);
+    h.terminal.feed("\x1b[2;1H\x1b[2I");
+    EXPECT_EQ(h.x(), 19); // stops were cleared: the last column
+    h.terminal.resize(8, 3);
+    EXPECT_EQ(h.terminal.cols(), 8);
+    EXPECT_EQ(h.terminal.rows(), 3);
+    EXPECT_EQ(h.delegate.sizeChanges, 1);
+    EXPECT_LT(h.x(), 8);
+    h.terminal.feed("\x1b[3;1Habcdefghij");
+    EXPECT_EQ(h.screen()[2], "ij");
+}
