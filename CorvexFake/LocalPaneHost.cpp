@@ -3,16 +3,26 @@
 #include "Platform/Locked.h"
 #include "Platform/SerialQueue.h"
 #include "Vellum/LocalProcess.h"
+#include "Vellum/Terminal.h"
+#include "Vellum/TerminalDelegate.h"
 
+#include <mutex>
 #include <thread>
+#include <utility>
 
 namespace corvex {
 
 namespace {
 
-class LocalPane : public PaneProcess, public vellum::LocalProcessDelegate {
+// The pane's program and the terminal that watches its output for a title and bells.
+class LocalPane : public PaneProcess, public vellum::LocalProcessDelegate, public vellum::TerminalDelegate {
 public:
-    LocalPane(PaneProcessEvents events, Size size) : events_(std::move(events)), size_(size) {}
+    LocalPane(PaneProcessEvents events, Size size) : events_(std::move(events)), size_(size) {
+        vellum::TerminalOptions options;
+        options.cols = size.cols;
+        options.rows = size.rows;
+        terminal_ = std::make_unique<vellum::Terminal>(this, options);
+    }
 
     ~LocalPane() override {
         process_.reset();
@@ -40,6 +50,10 @@ public:
     }
     void resize(Size size) override {
         size_.withLock([&](Size& held) { held = size; });
+        if (size.cols > 0 && size.rows > 0) {
+            std::lock_guard guard(terminalLock_);
+            terminal_->resize(size.cols, size.rows);
+        }
         if (size.cols >= 0 && size.cols <= 0xffff && size.rows >= 0 && size.rows <= 0xffff) {
             process_->updateWindowSize(windowSize(size));
         }
@@ -51,7 +65,24 @@ public:
         if (events_.terminated) events_.terminated(exitCode);
     }
     void dataReceived(std::vector<unsigned char> slice) override {
+        std::optional<std::string> title;
+        bool bell = false;
+        {
+            std::lock_guard guard(terminalLock_);
+            terminal_->feed(std::span<const uint8_t>(slice.data(), slice.size()));
+            title = std::exchange(pendingTitle_, std::nullopt);
+            bell = std::exchange(pendingBell_, false);
+        }
         if (events_.output) events_.output(slice);
+        if ((title || bell) && events_.changed) events_.changed(title, std::nullopt, bell);
+    }
+
+    // Called while the output is parsed, under the terminal's lock.
+    void setTerminalTitle(vellum::Terminal&, const std::string& title) override { pendingTitle_ = title; }
+    void bell(vellum::Terminal&) override { pendingBell_ = true; }
+    void sizeChanged(vellum::Terminal&) override {}
+    void send(vellum::Terminal&, std::span<const uint8_t> data) override {
+        if (process_ && !data.empty()) process_->send(data);
     }
     winsize getWindowSize() override { return windowSize(size_.withLock([](Size& held) { return held; })); }
 
@@ -67,6 +98,10 @@ private:
     platform::Locked<Size> size_;
     std::shared_ptr<platform::SerialQueue> queue_;
     std::shared_ptr<vellum::LocalProcess> process_;
+    std::mutex terminalLock_; // guards the terminal and what it left pending
+    std::unique_ptr<vellum::Terminal> terminal_;
+    std::optional<std::string> pendingTitle_;
+    bool pendingBell_ = false;
 };
 
 } // namespace

@@ -277,6 +277,9 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options) {
         [weak, id](std::optional<int32_t> code) {
             if (auto core = weak.lock()) core->paneTerminated(id, code);
         },
+        [weak, id](const std::optional<std::string>& title, const std::optional<std::string>& cwd, bool bell) {
+            if (auto core = weak.lock()) core->paneChanged(id, title, cwd, bell);
+        },
     };
     PaneLaunch request{id, command, *launch, paneEnvironment(environment_.variables, id, options.env), cwd, size};
     // Starting the program is a fork, not a wait; its first report blocks on this lock
@@ -662,14 +665,14 @@ void SessionCore::sendInput(uint64_t pane, ByteView bytes) {
 void SessionCore::sendKeys(uint64_t pane, const std::optional<std::string>& text, const std::vector<std::string>& keys) {
     static const std::map<std::string, uint8_t> named = {
         {"enter", 0x0d}, {"escape", 0x1b}, {"esc", 0x1b}, {"tab", 0x09}, {"backspace", 0x7f}};
+    requirePane(pane);
+    if (text) sendInput(pane, asBytes(*text));
     Bytes keyBytes;
     for (const auto& key : keys) {
         auto found = named.find(key);
         if (found == named.end()) throw BackendError("bad_request", "unknown key " + key);
         keyBytes.push_back(found->second);
     }
-    requirePane(pane);
-    if (text) sendInput(pane, asBytes(*text));
     if (!keyBytes.empty()) sendInput(pane, keyBytes);
 }
 

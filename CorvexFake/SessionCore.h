@@ -73,6 +73,9 @@ public:
 struct PaneProcessEvents {
     std::function<void(ByteView bytes)> output;
     std::function<void(std::optional<int32_t> exitCode)> terminated;
+    // What the pane's terminal learned from the output: a title, a directory, a bell.
+    std::function<void(const std::optional<std::string>& title, const std::optional<std::string>& cwd, bool bell)>
+        changed;
 };
 
 struct PaneLaunch {

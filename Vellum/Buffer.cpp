@@ -14,10 +14,79 @@ Buffer::Buffer(int cols, int rows, int scrollback, std::shared_ptr<CellArena> ar
     resetRegion();
 }
 
-void Buffer::appendRow(PackedCell blank, bool isWrapped) {
-    auto line = std::make_shared<BufferLine>(_cols, std::nullopt, isWrapped, defaultBidiState, cellArena);
+std::shared_ptr<BufferLine> Buffer::makeRow(int cols, PackedCell blank, bool isWrapped) const {
+    auto line = std::make_shared<BufferLine>(cols, std::nullopt, isWrapped, defaultBidiState, cellArena);
     line->fill(blank);
-    lines.push(std::move(line));
+    return line;
+}
+
+void Buffer::appendRow(PackedCell blank, bool isWrapped) { lines.push(makeRow(_cols, blank, isWrapped)); }
+
+void Buffer::reflow(int newCols, PackedCell blank) {
+    int oldCols = _cols;
+    int cursorRow = yBase + y, savedRow = yBase + savedY;
+    std::vector<std::shared_ptr<BufferLine>> rebuilt;
+    int newCursorRow = 0, newCursorX = 0, newSavedRow = 0;
+    int count = lines.count();
+    std::vector<PackedCell> cells;
+    for (int start = 0; start < count;) {
+        int end = start + 1;
+        while (end < count && lines[end].isWrapped()) ++end;
+        // The paragraph's cells, with the placeholders of wrapped wide characters left out.
+        cells.clear();
+        int cursorOffset = -1, savedOffset = -1;
+        for (int r = start; r < end; ++r) {
+            BufferLine& line = lines[r];
+            int used = line.count();
+            if (r == end - 1) {
+                used = line.getTrimmedLength();
+                if (r == cursorRow) used = std::max(used, std::min(x, oldCols));
+            } else if (used > 0 && line.packedCell(used - 1).widthState() == CellWidthState::spacerHead) {
+                --used;
+            }
+            if (r == cursorRow) cursorOffset = static_cast<int>(cells.size()) + x;
+            if (r == savedRow) savedOffset = static_cast<int>(cells.size()) + savedX;
+            for (int c = 0; c < std::min(used, line.count()); ++c) cells.push_back(line.packedCell(c));
+        }
+        size_t first = rebuilt.size();
+        size_t at = 0;
+        do {
+            size_t take = std::min(cells.size() - at, static_cast<size_t>(newCols));
+            bool carryWide = take == static_cast<size_t>(newCols) && at + take < cells.size() + 1 && take > 0 &&
+                             cells[at + take - 1].isWideHead();
+            auto row = makeRow(newCols, blank, rebuilt.size() != first);
+            for (size_t c = 0; c + (carryWide ? 1 : 0) < take; ++c) row->fill(cells[at + c], static_cast<int>(c), 1);
+            if (carryWide) {
+                row->fill(blank.withWidthState(CellWidthState::spacerHead), newCols - 1, 1);
+                --take;
+            }
+            rebuilt.push_back(std::move(row));
+            at += take;
+        } while (at < cells.size());
+        auto place = [&](int offset, int& rowOut, int* xOut) {
+            int index = std::min(offset / newCols, static_cast<int>(rebuilt.size() - first) - 1);
+            rowOut = static_cast<int>(first) + std::max(index, 0);
+            if (xOut) *xOut = offset - index * newCols;
+        };
+        if (cursorOffset >= 0) place(cursorOffset, newCursorRow, &newCursorX);
+        if (savedOffset >= 0) place(savedOffset, newSavedRow, nullptr);
+        start = end;
+    }
+    // Blank rows below the cursor go before any history is pushed out.
+    while (static_cast<int>(rebuilt.size()) > rows_ && static_cast<int>(rebuilt.size()) > newCursorRow + 1 &&
+           !rebuilt.back()->hasAnyContent() && !rebuilt.back()->isWrapped())
+        rebuilt.pop_back();
+    while (static_cast<int>(rebuilt.size()) < rows_) rebuilt.push_back(makeRow(newCols, blank, false));
+    int drop = std::max(0, static_cast<int>(rebuilt.size()) - lines.maxLength);
+    _cols = newCols;
+    lines.setCount(0);
+    for (size_t i = static_cast<size_t>(drop); i < rebuilt.size(); ++i) lines.push(std::move(rebuilt[i]));
+    yBase = std::max(0, lines.count() - rows_);
+    yDisp = yBase;
+    y = std::clamp(newCursorRow - drop - yBase, 0, rows_ - 1);
+    x = std::min(newCursorX, newCols - 1);
+    savedY = std::clamp(newSavedRow - drop - yBase, 0, rows_ - 1);
+    savedX = std::min(savedX, newCols - 1);
 }
 
 void Buffer::resetRegion() {
@@ -119,6 +188,10 @@ void Buffer::clearScrollback() {
 }
 
 void Buffer::resize(int cols, int rows, PackedCell blank) {
+    if (cols != _cols && lines.maxLength > rows_) {
+        reflow(cols, blank);
+        tabStops.setup(cols, tabStopWidth, std::min(tabStops.size(), cols));
+    }
     if (cols != _cols) {
         _cols = cols;
         for (int i = 0; i < lines.count(); ++i) lines[i].resize(cols, blank);

@@ -40,6 +40,9 @@ public:
     // New grid size; rows leave the top into the scrollback or come back from it. No reflow.
     void resize(int cols, int rows, PackedCell blank);
     void resetRegion();
+    // Rewraps the paragraphs (rows joined by their wrapped flag) to a new width. The cursor and
+    // the saved cursor follow the cell they stood on.
+    void reflow(int newCols, PackedCell blank);
     int scrollbackRows() const { return yBase; }
 
     CircularBufferLineList lines;
@@ -59,6 +62,7 @@ public:
 
 private:
     void appendRow(PackedCell blank, bool isWrapped);
+    std::shared_ptr<BufferLine> makeRow(int cols, PackedCell blank, bool isWrapped) const;
     int rows_;
 };
 

@@ -219,3 +219,19 @@ TEST(FakeBackend, LeavesNoDescriptorThreadOrChildBehind) {
     EXPECT_LE(entries("/proc/self/task"), threads);
     EXPECT_EQ(childProcesses(), 0u);
 }
+
+TEST(FakeBackend, TheTerminalReportsTitlesAndBells) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(std::nullopt, shell());
+    backend->sendInput(created.pane, asBytes("printf '\\033]2;build\\007'\n"));
+    readUntil(*events, [&](const SessionEvent& event) {
+        auto changed = event.as<SessionEvent::PaneChanged>();
+        return changed && changed->pane.title == "build";
+    });
+    EXPECT_EQ(backend->getState().pane(created.pane)->title, "build");
+    backend->sendInput(created.pane, asBytes("printf '\\007'\n"));
+    readUntil(*events, [&](const SessionEvent& event) { return event.as<SessionEvent::Bell>() != nullptr; });
+    backend->stop();
+}

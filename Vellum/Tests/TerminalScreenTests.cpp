@@ -121,3 +121,43 @@ TEST(TerminalScreen, TabsAndResize) {
     h.terminal.feed("\x1b[3;1Habcdefghij");
     EXPECT_EQ(h.screen()[2], "ij");
 }
+
+TEST(TerminalReflow, WidenJoinsAndNarrowSplitsWithTheCursor) {
+    TerminalHarness h(8, 4, 50);
+    h.terminal.feed("abcdefghijkl\r\nxy");
+    EXPECT_EQ(h.screen(), (Rows{"abcdefgh", "ijkl", "xy", ""}));
+    h.terminal.resize(12, 4);
+    EXPECT_EQ(h.screen(), (Rows{"abcdefghijkl", "xy", "", ""}));
+    EXPECT_FALSE(h.terminal.buffer().row(1).isWrapped());
+    EXPECT_EQ(h.y(), 1);
+    EXPECT_EQ(h.x(), 2);
+    h.terminal.resize(5, 4);
+    EXPECT_EQ(h.screen(), (Rows{"abcde", "fghij", "kl", "xy"}));
+    EXPECT_TRUE(h.terminal.buffer().row(1).isWrapped());
+    EXPECT_TRUE(h.terminal.buffer().row(2).isWrapped());
+    EXPECT_EQ(h.y(), 3);
+    EXPECT_EQ(h.x(), 2);
+    // Narrower still: history takes the top rows, the cursor keeps its text.
+    h.terminal.resize(3, 4);
+    EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 1);
+    EXPECT_EQ(h.screen(), (Rows{"def", "ghi", "jkl", "xy"}));
+    h.terminal.feed("!");
+    EXPECT_EQ(h.screen()[3], "xy!");
+}
+
+TEST(TerminalReflow, WideCharactersMoveWholeAndTheAlternateScreenIsCut) {
+    TerminalHarness h(6, 2, 10);
+    h.terminal.feed("ab\xe4\xb8\xad\xe4\xb8\xad");
+    h.terminal.resize(5, 2);
+    EXPECT_EQ(h.screen(), (Rows{"ab\xe4\xb8\xad", "\xe4\xb8\xad"}));
+    EXPECT_EQ(h.terminal.buffer().row(0).packedCell(4).widthState(), CellWidthState::spacerHead);
+    h.terminal.resize(6, 2);
+    EXPECT_EQ(h.screen(), (Rows{"ab\xe4\xb8\xad\xe4\xb8\xad", ""}));
+
+    TerminalHarness alt(6, 2, 10);
+    alt.terminal.feed("\x1b[?1049habcdefgh");
+    alt.terminal.resize(4, 2);
+    EXPECT_EQ(alt.screen(), (Rows{"abcd", "gh"}));
+    alt.terminal.resize(8, 2);
+    EXPECT_EQ(alt.screen(), (Rows{"abcd", "gh"}));
+}
