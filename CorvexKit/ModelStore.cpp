@@ -483,6 +483,8 @@ void ModelStore::call(std::function<void()> work, std::function<void(std::except
         } catch (...) {
             error = std::current_exception();
         }
+        // A store gone while the call ran may have taken its queue with it.
+        if (alive.expired()) return;
         queue->post([then = std::move(then), alive, error] {
             if (!alive.expired()) then(error);
         });
