@@ -60,6 +60,10 @@ public:
     }
     void hangUp() override { process_->terminate(); }
     std::optional<std::string> workingDirectory() const override { return process_->currentWorkingDirectory(); }
+    void withTerminal(const std::function<void(vellum::Terminal&)>& visit) override {
+        std::lock_guard guard(terminalLock_);
+        visit(*terminal_);
+    }
 
     void processTerminated(vellum::LocalProcess&, std::optional<int32_t> exitCode) override {
         if (events_.terminated) events_.terminated(exitCode);

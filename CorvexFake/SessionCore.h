@@ -12,6 +12,10 @@
 
 #include "CorvexKit/SessionBackend.h"
 
+namespace vellum {
+class Terminal;
+}
+
 // The session semantics that both the in-process backend and the daemon serve: identifiers,
 // the tree and its operations, panes' retained output and subscriptions. The core knows
 // nothing of where its events go; a listener carries them to a reader or to a socket.
@@ -67,6 +71,9 @@ public:
     virtual void resize(Size size) = 0;
     virtual void hangUp() = 0;
     virtual std::optional<std::string> workingDirectory() const = 0;
+    // Runs `visit` with the terminal that parses this pane's output, while no output is
+    // being parsed into it. A host without a terminal never calls it.
+    virtual void withTerminal(const std::function<void(vellum::Terminal&)>& visit) { (void)visit; }
 };
 
 // What a pane's program reports. Called on any thread, never under the core's lock.

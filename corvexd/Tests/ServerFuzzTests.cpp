@@ -56,7 +56,10 @@ TEST(CorvexdServerFuzz, RandomFramesNeverBringTheDaemonDown) {
     RawClient keeper(daemon.socketPath());
     ASSERT_TRUE(keeper.request("events.subscribe"));
     std::string instance = keeper.request("hello", {{"protocol", 1}, {"client", "keeper"}}).value()["result"]["instance"];
-    auto created = keeper.request("workspace.create", {{"name", "kept"}, {"command", {"/bin/sh"}}});
+    // Fuzzed input frames reach this pane too, so its program must survive any bytes:
+    // Ctrl-D would end a shell and Ctrl-C or Ctrl-Z would stop a plain sleep.
+    auto created = keeper.request("workspace.create",
+        {{"name", "kept"}, {"command", {"/bin/sh", "-c", "trap '' INT QUIT TSTP; exec sleep 100000"}}});
     ASSERT_TRUE(created && created->contains("result")) << created.value_or(json());
     uint64_t pane = (*created)["result"]["pane"];
 
