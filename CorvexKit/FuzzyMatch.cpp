@@ -80,8 +80,11 @@ std::optional<FuzzyMatch::Match> FuzzyMatch::match(std::u32string_view query, st
             for (size_t p = ti; p-- > qi - 1;) {
                 int64_t previous = best[at(qi - 1, p)];
                 if (previous == sentinel) continue;
+                // A jump to the start of a word doesn't pay for the separator that starts
+                // it: "fb" in "foo_bar" skips the two "o"s, not the "_".
                 int64_t gap = int64_t(ti - p - 1);
-                int64_t step = gap == 0 ? 6 : -std::min<int64_t>(gap, 4);
+                int64_t skipped = gap > 0 && isSeparator(t[ti - 1]) ? gap - 1 : gap;
+                int64_t step = gap == 0 ? 6 : -std::min<int64_t>(skipped, 4);
                 int64_t candidate = previous + own + step;
                 if (candidate > best[at(qi, ti)]) {
                     best[at(qi, ti)] = candidate;

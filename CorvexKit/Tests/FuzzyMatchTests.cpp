@@ -40,15 +40,17 @@ std::vector<std::string> ids(const std::vector<QuickOpen::Result>& results) {
 TEST(FuzzyMatch, WorkedScores) {
     EXPECT_EQ(match("ab", "ab"), (Match{28, {0, 1}}));
     EXPECT_EQ(match("ab", "xab"), (Match{7, {1, 2}}));
-    // 21 for the first character, 9 for the boundary after "_", minus the gap.
-    EXPECT_EQ(match("fb", "fo_bar"), (Match{28, {0, 3}}));
-    EXPECT_EQ(match("fb", "foo_bar"), (Match{27, {0, 4}}));
-    EXPECT_EQ(match("fb", "fooooo_bar"), (Match{25, {0, 7}}));
-    EXPECT_EQ(match("fb", "foooooo_bar"), (Match{25, {0, 8}}));
-    // The length penalty is one point per eight characters.
-    EXPECT_EQ(match("fb", "fo_bar12"), (Match{27, {0, 3}}));
-    EXPECT_EQ(match("fb", "fo_bar123456789"), (Match{27, {0, 3}}));
-    EXPECT_EQ(match("fb", "fo_bar1234567890"), (Match{26, {0, 3}}));
+    // 21 for the first character, 9 for the boundary after "_", minus the characters
+    // skipped before the separator; the length penalty is one point per eight characters.
+    EXPECT_EQ(match("fb", "foo_bar"), (Match{28, {0, 4}}));
+    EXPECT_EQ(match("fb", "foo_bar1"), (Match{27, {0, 4}}));
+    EXPECT_EQ(match("fb", "foo_bar12345678"), (Match{27, {0, 4}}));
+    EXPECT_EQ(match("fb", "foo_bar123456789"), (Match{26, {0, 4}}));
+    EXPECT_EQ(match("fb", "f_bar"), (Match{30, {0, 2}})) << "straight onto the next word, but not adjacent";
+    EXPECT_EQ(match("fb", "fooooo_bar"), (Match{25, {0, 7}})) << "the gap penalty stops at 4";
+    // Without a separator every skipped character counts.
+    EXPECT_EQ(match("fb", "foobar"), (Match{20, {0, 3}}));
+    EXPECT_EQ(match("gs", "getState"), (Match{27, {0, 3}}));
     // The lead-in penalty stops at 4, and so may the score fall below zero.
     EXPECT_EQ(match("f", "xxxxxxf"), (Match{-3, {6}}));
     EXPECT_EQ(match("z", std::string(39, 'a') + "z"), (Match{-8, {39}}));
@@ -63,7 +65,7 @@ TEST(FuzzyMatch, EmptyQueriesMatchEverythingAndLongOnesNothing) {
     EXPECT_EQ(match("a", ""), std::nullopt);
     // Inner blanks vanish from the query wherever they stand.
     EXPECT_EQ(match("a b", "xab"), match("ab", "xab"));
-    EXPECT_EQ(match(" f  b ", "fo_bar"), (Match{28, {0, 3}}));
+    EXPECT_EQ(match(" f  b ", "fo_bar"), match("fb", "fo_bar"));
 }
 
 TEST(FuzzyMatch, BoundariesFollowSeparatorsAndHumpsInTheOriginalCase) {
@@ -144,7 +146,7 @@ TEST(QuickOpen, SubtitleMatchesCostTwentyAndHighlightOnlyTheTitlePart) {
     EXPECT_EQ(QuickOpen::rank({build}, "bd", 5), (std::vector<QuickOpen::Result>{{build, 19, {0, 4}}}));
     // The subtitle's length counts characters, not bytes: "l" is the title's first.
     auto accented = item(Kind::tab, "log", "caf\u00E9", "log");
-    EXPECT_EQ(QuickOpen::rank({accented}, "\u00E9l", 5), (std::vector<QuickOpen::Result>{{accented, -15, {0}}}));
+    EXPECT_EQ(QuickOpen::rank({accented}, "\u00E9l", 5), (std::vector<QuickOpen::Result>{{accented, -14, {0}}}));
     // No match in either: left out; an empty subtitle isn't tried.
     EXPECT_TRUE(QuickOpen::rank({build, item(Kind::tab, "x", "", "x")}, "zz", 5).empty());
 }
