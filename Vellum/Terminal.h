@@ -192,6 +192,8 @@ private:
     void reportInBandSizeIfAvailable();
     void reportTerminalVisibility();
     void reportColorScheme();
+    // Light text on a dark background.
+    bool isDarkColorScheme() const;
     void sendDeviceAttributes(CsiParameters pars, std::span<const uint8_t> collect);
     void setConformanceLevel(CsiParameters pars);
     void unknownCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect);
