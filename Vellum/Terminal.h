@@ -11,6 +11,7 @@
 #include "Vellum/Buffer.h"
 #include "Vellum/EscapeSequenceParser.h"
 #include "Vellum/Palette.h"
+#include "Vellum/TerminalContentSnapshot.h"
 #include "Vellum/TerminalDelegate.h"
 #include "Vellum/TerminalOptions.h"
 #include "Vellum/TerminalOscEvents.h"
@@ -110,6 +111,11 @@ public:
     BidiPresentationState bidiState;
     // Kitty keyboard enhancement flags of each screen (index 0 normal, 1 alternate), top of stack.
     uint32_t keyboardEnhancementFlags() const;
+
+    // Copies for readers outside the lock.
+    TerminalInputStateSnapshot inputStateSnapshot() const;
+    // Rows of the normal buffer, or of the alternate one.
+    TerminalContentSnapshot contentSnapshot(TerminalContentRegion region, bool alternate);
 
 private:
     friend class TerminalDelegate;
