@@ -71,12 +71,13 @@ std::vector<std::string> splitNul(const std::string& text) {
     return parts;
 }
 
-ChildView childOnceItRuns(int32_t pid, const std::string& program) {
+// Before its exec a child still shows this program's name and environment.
+ChildView childOnceItRuns(int32_t pid, const std::string& argv0) {
     ChildView view;
     eventually([&] {
         auto argv = splitNul(procFile(pid, "cmdline"));
         view.argv0 = argv.empty() ? "" : argv[0];
-        return view.argv0.find(program) != std::string::npos;
+        return view.argv0 == argv0;
     });
     view.environment = splitNul(procFile(pid, "environ"));
     return view;
@@ -171,7 +172,7 @@ TEST(FakeBackendSession, ProgramsStartWithTheirEnvironmentNameAndDirectory) {
     auto pane = *backend->getState().pane(created.pane);
     EXPECT_EQ(pane.command, (std::vector<std::string>{"/bin/sh", "-l"}));
     EXPECT_EQ(pane.cwd, home());
-    auto login = childOnceItRuns(*pane.pid, "sh");
+    auto login = childOnceItRuns(*pane.pid, "-sh");
     EXPECT_EQ(login.argv0, "-sh");
     EXPECT_TRUE(login.has("TERM=xterm-256color"));
     EXPECT_TRUE(login.has("COLORTERM=truecolor"));
@@ -189,7 +190,7 @@ TEST(FakeBackendSession, ProgramsStartWithTheirEnvironmentNameAndDirectory) {
                                              .env = Environment{{"TERM", "dumb"}, {"LANG", "C"}}});
     auto sleeper = *backend->getState().pane(split.pane);
     EXPECT_EQ(sleeper.cwd, home());
-    auto view = childOnceItRuns(*sleeper.pid, "sleep");
+    auto view = childOnceItRuns(*sleeper.pid, "/bin/sleep");
     EXPECT_EQ(view.argv0, "/bin/sleep");
     EXPECT_TRUE(view.has("TERM=dumb"));
     EXPECT_TRUE(view.has("LANG=C"));
