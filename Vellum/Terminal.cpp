@@ -108,7 +108,7 @@ void Terminal::setup(bool isReset) {
     }
     if (reverseColors && delegate) delegate->colorChanged(*this, std::nullopt);
     alternateScrollMode = true;
-    if (synchronizedOutputActive) applyDECPrivateMode(2026, false);
+    endSynchronizedOutput();
     colorSchemeUpdatesEnabled = visibilityReportsEnabled = inBandSizeReportsEnabled = kittyPasteEventsEnabled = false;
     keyboardFlagStacks = {};
     conformance = 4;

@@ -107,6 +107,12 @@ public:
     bool colorSchemeUpdatesEnabled = false, visibilityReportsEnabled = false, inBandSizeReportsEnabled = false;
     bool kittyPasteEventsEnabled = false, bidiArrowKeySwap = false, mouseShiftCapture = false;
     bool synchronizedOutputActive = false;
+    // A batch (mode 2026) that the program never closes is ended from outside after this long.
+    static constexpr uint32_t synchronizedOutputTimeoutMilliseconds = 1000;
+    void beginSynchronizedOutput();
+    void endSynchronizedOutput();
+    // Counts batches, so that a late timeout cannot end a newer one.
+    uint64_t synchronizedOutputGeneration() const { return synchronizedOutputGeneration_; }
     int conformance = 4;
     BidiPresentationState bidiState;
     // Kitty keyboard enhancement flags of each screen (index 0 normal, 1 alternate), top of stack.
@@ -246,6 +252,7 @@ private:
     std::map<int, bool> savedPrivateModes;
     std::array<std::vector<uint32_t>, 2> keyboardFlagStacks;
     int cellPixelWidth = 0, cellPixelHeight = 0;
+    uint64_t synchronizedOutputGeneration_ = 0;
     bool terminalVisible = true, focused = true;
     bool titleModeSetHex = false, titleModeQueryHex = false, titleModeSetUtf8 = false, titleModeQueryUtf8 = false;
 };

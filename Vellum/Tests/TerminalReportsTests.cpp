@@ -259,3 +259,33 @@ TEST(TerminalReports, ExtensionSequencesAreTakenQuietly) {
     EXPECT_EQ(h.x(), 2);
     EXPECT_EQ(h.y(), 1);
 }
+
+namespace {
+
+class BatchDelegate : public RecordingDelegate {
+public:
+    void synchronizedOutputChanged(Terminal&, bool active) override { events.push_back(active ? "begin" : "end"); }
+    void scheduleSynchronizedOutputTimeout(Terminal&, uint32_t milliseconds) override {
+        events.push_back("timeout " + std::to_string(milliseconds));
+    }
+    std::vector<std::string> events;
+};
+
+} // namespace
+
+TEST(TerminalReports, SynchronizedOutputBatchesAreAnnouncedOnce) {
+    BatchDelegate delegate;
+    Terminal terminal(&delegate);
+    terminal.feed("\x1b[?2026h\x1b[?2026h");
+    EXPECT_TRUE(terminal.synchronizedOutputActive);
+    EXPECT_EQ(terminal.synchronizedOutputGeneration(), 1u);
+    terminal.feed("\x1b[?2026l\x1b[?2026l\x1b[?2026h");
+    EXPECT_EQ(terminal.synchronizedOutputGeneration(), 2u);
+    // A full reset, or the host's timeout, ends a batch left open.
+    terminal.feed("\x1b" "c");
+    EXPECT_FALSE(terminal.synchronizedOutputActive);
+    terminal.feed("\x1b[?2026h");
+    terminal.endSynchronizedOutput();
+    EXPECT_EQ(delegate.events, (std::vector<std::string>{"begin", "timeout 1000", "end", "begin", "timeout 1000", "end",
+                                                         "begin", "timeout 1000", "end"}));
+}
