@@ -241,7 +241,9 @@ void Terminal::requestMode(CsiParameters pars, bool privateMode) {
         if (mode == 117) value = ModeReportValue::permanentlyReset;
         else if (mode == 2027) value = ModeReportValue::permanentlySet;
         else if (mode == 5522) {
-            if (options_.kittyClipboardPolicy.allowPasteEvents) value = fromBool(kittyPasteEventsEnabled);
+            bool allowed = options_.kittyClipboardPolicy.allowPasteEvents && delegate &&
+                           delegate->kittyClipboardCapabilities(*this).canSendPasteEvents;
+            if (allowed) value = fromBool(kittyPasteEventsEnabled);
         } else if (auto on = readDECPrivateMode(mode)) value = fromBool(*on);
     } else {
         switch (mode) {
