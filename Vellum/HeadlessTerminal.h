@@ -50,9 +50,33 @@ public:
         else replies.append(data.begin(), data.end());
     }
 
+    void hostCurrentDirectoryUpdated(Terminal& source) override { dir = source.hostCurrentDirectory; }
+    void createImageFromBitmap(Terminal&, std::vector<uint8_t>& rgba, int width, int height) override {
+        images.push_back({rgba, width, height});
+    }
+
     std::unique_ptr<Terminal> terminal;
     std::function<void(std::span<const uint8_t>)> onSend;
     std::string replies;
+    // Where the program says it works (OSC 7), and the bitmaps it showed.
+    std::optional<std::string> dir;
+    struct Image {
+        std::vector<uint8_t> rgba;
+        int width = 0, height = 0;
+    };
+    std::vector<Image> images;
+
+    // Copies taken under the terminal's lock.
+    TerminalInputStateSnapshot terminalInputStateSnapshot() {
+        TerminalInputStateSnapshot snapshot;
+        withTerminal([&](Terminal& t) { snapshot = t.inputStateSnapshot(); });
+        return snapshot;
+    }
+    TerminalContentSnapshot terminalContentSnapshot(TerminalContentRegion region, bool alternate = false) {
+        TerminalContentSnapshot snapshot;
+        withTerminal([&](Terminal& t) { snapshot = t.contentSnapshot(region, alternate); });
+        return snapshot;
+    }
 
     // The process side.
 

@@ -204,7 +204,7 @@ void Terminal::dispatchExecute(uint8_t code) {
     case 0x85: carriageReturn(); index(); break;
     case 0x88: buffer_->tabStops.set(buffer_->x); break;
     case 0x8d: reverseIndex(); break;
-    default: break;
+    default: log("Vellum: Unknown EXECUTE code"); break;
     }
 }
 
@@ -623,6 +623,11 @@ void Terminal::softReset() {
     gCharsets = {};
     charset = nullptr;
     gLevel = 0;
+    for (Buffer* each : {normalBuffer.get(), altBuffer.get()}) {
+        each->savedX = each->savedY = 0;
+        each->savedAttr = Attribute::empty;
+        each->savedCharset = nullptr;
+    }
 }
 
 // ---- SGR
@@ -755,6 +760,7 @@ std::unique_ptr<DcsHandler> Terminal::dispatchDcs(std::span<const uint8_t> colle
 }
 
 void Terminal::setForegroundColor(Color color) {
+    bool wasDark = isDarkColorScheme();
     foregroundColor = color;
     if (delegate && !settingFgColor) {
         settingFgColor = true;
@@ -763,9 +769,11 @@ void Terminal::setForegroundColor(Color color) {
     }
     if (options_.ansi256PaletteStrategy != Ansi256PaletteStrategy::xterm)
         defaultAnsiColors = ansiColors = buildAnsiPalette(Color::defaultInstalledColors(), options_.ansi256PaletteStrategy, foregroundColor, backgroundColor);
+    if (colorSchemeUpdatesEnabled && wasDark != isDarkColorScheme()) reportColorScheme();
 }
 
 void Terminal::setBackgroundColor(Color color) {
+    bool wasDark = isDarkColorScheme();
     backgroundColor = color;
     if (delegate && !settingBgColor) {
         settingBgColor = true;
@@ -774,6 +782,7 @@ void Terminal::setBackgroundColor(Color color) {
     }
     if (options_.ansi256PaletteStrategy != Ansi256PaletteStrategy::xterm)
         defaultAnsiColors = ansiColors = buildAnsiPalette(Color::defaultInstalledColors(), options_.ansi256PaletteStrategy, foregroundColor, backgroundColor);
+    if (colorSchemeUpdatesEnabled && wasDark != isDarkColorScheme()) reportColorScheme();
 }
 
 void Terminal::setCursorColorValue(std::optional<Color> color) {

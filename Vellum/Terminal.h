@@ -11,6 +11,7 @@
 #include "Vellum/Buffer.h"
 #include "Vellum/EscapeSequenceParser.h"
 #include "Vellum/Palette.h"
+#include "Vellum/TerminalContentSnapshot.h"
 #include "Vellum/TerminalDelegate.h"
 #include "Vellum/TerminalOptions.h"
 #include "Vellum/TerminalOscEvents.h"
@@ -111,6 +112,11 @@ public:
     // Kitty keyboard enhancement flags of each screen (index 0 normal, 1 alternate), top of stack.
     uint32_t keyboardEnhancementFlags() const;
 
+    // Copies for readers outside the lock.
+    TerminalInputStateSnapshot inputStateSnapshot() const;
+    // Rows of the normal buffer, or of the alternate one.
+    TerminalContentSnapshot contentSnapshot(TerminalContentRegion region, bool alternate);
+
 private:
     friend class TerminalDelegate;
     friend class DecrqssHandler;
@@ -192,6 +198,8 @@ private:
     void reportInBandSizeIfAvailable();
     void reportTerminalVisibility();
     void reportColorScheme();
+    // Light text on a dark background.
+    bool isDarkColorScheme() const;
     void sendDeviceAttributes(CsiParameters pars, std::span<const uint8_t> collect);
     void setConformanceLevel(CsiParameters pars);
     void unknownCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect);
