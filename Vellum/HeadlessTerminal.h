@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "Vellum/LocalProcess.h"
+#include "Vellum/SynchronizedOutputWatchdog.h"
 #include "Vellum/Terminal.h"
 #include "Vellum/TerminalLock.h"
 
@@ -28,6 +30,7 @@ namespace vellum {
 class HeadlessTerminal : public TerminalDelegate,
                          public LocalProcessDelegate,
                          public LocalProcessBorrowedDataDelegate,
+                         public SynchronizedOutputTarget,
                          public std::enable_shared_from_this<HeadlessTerminal> {
 public:
     explicit HeadlessTerminal(TerminalOptions options = {}) : terminal(std::make_unique<Terminal>(this, std::move(options))) {}
@@ -94,6 +97,8 @@ public:
         // Without it a launch failure is written into the terminal itself.
         std::function<void(const LocalProcessError&)> onLaunchFailure;
         std::function<void(std::optional<int32_t> exitCode)> onEnd;
+        // A synchronized-output batch that the child opens and never closes ends after this.
+        std::chrono::milliseconds synchronizedOutputTimeout{1000};
     };
 
     static std::shared_ptr<HeadlessTerminal> create(TerminalOptions options, ProcessOptions process);
@@ -126,6 +131,11 @@ public:
     void dataReceivedBorrowed(std::span<const unsigned char> bytes) override;
     winsize getWindowSize() override;
 
+    // SynchronizedOutputTarget, and the terminal's notice of a batch.
+    uint64_t synchronizedOutputGeneration() override;
+    void endSynchronizedOutput() override;
+    void synchronizedOutputChanged(Terminal& source, bool active) override;
+
 protected:
     // Makes the process; once, right after the object has come to be owned by a shared_ptr.
     void attachProcess(ProcessOptions options);
@@ -137,6 +147,11 @@ private:
     bool sendToProcess(std::span<const uint8_t> data);
 
     std::shared_ptr<TerminalLock> terminalLock_ = std::make_shared<TerminalLock>();
+    std::chrono::milliseconds synchronizedOutputTimeout_{1000};
+    // Under the terminal lock. The watchdog is made at the first batch, so that a terminal
+    // whose child never asks for one starts no timer thread.
+    uint64_t synchronizedOutputGeneration_ = 0;
+    std::unique_ptr<SynchronizedOutputWatchdog> watchdog_;
     std::function<void(const LocalProcessError&)> onLaunchFailure_;
     std::function<void(std::optional<int32_t>)> onEnd_;
     std::shared_ptr<LocalProcess> process_; // last, so it goes first

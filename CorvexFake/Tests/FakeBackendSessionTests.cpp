@@ -388,3 +388,34 @@ TEST(FakeBackendSession, SizesInputKeysAgentsAndRestoreNotes) {
     backend->sendInput(999, asBytes("dropped")); // a write to a pane that has gone is no error
     backend->stop();
 }
+
+TEST(FakeBackendSession, ReportedDirectoriesAndClipboardTextsReachTheSession) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(std::nullopt, SpawnOptions{.command = std::vector<std::string>{"/bin/sh"},
+                                                                       .cwd = "/tmp"});
+    uint64_t pane = created.pane;
+
+    // Copied text goes only to a subscriber.
+    backend->sendInput(pane, asBytes("printf '\\033]52;c;bm9ib2R5\\007'; echo unseen-done\n"));
+    // Prompt, echo, the report, the words and the next prompt: 84 bytes.
+    EXPECT_TRUE(eventually([&] { return backend->getState().pane(pane)->seq >= 84; }));
+    std::this_thread::sleep_for(100ms);
+    backend->subscribe(pane);
+    backend->sendInput(pane, asBytes("printf '\\033]52;c;aGVsbG8=\\007'\n"));
+    std::vector<std::string> copied;
+    EXPECT_TRUE(waitForEvent(*events, [&](const SessionEvent& event) {
+        if (auto clipboard = event.as<SessionEvent::Clipboard>()) copied.push_back(clipboard->text);
+        return !copied.empty();
+    }));
+    EXPECT_EQ(copied, std::vector<std::string>{"hello"});
+
+    // A directory report is a URL with escapes; the pane shows its path.
+    backend->sendInput(pane, asBytes("printf '\\033]7;file://somehost/var/a%%20b\\007'\n"));
+    EXPECT_TRUE(waitForEvent(*events, [&](const SessionEvent& event) {
+        auto changed = event.as<SessionEvent::PaneChanged>();
+        return changed && changed->pane.cwd == "/var/a b";
+    }));
+    backend->stop();
+}
