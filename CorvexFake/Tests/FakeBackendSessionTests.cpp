@@ -423,3 +423,20 @@ TEST_F(FakeBackendSession, ReportedDirectoriesAndClipboardTextsReachTheSession) 
     }));
     backend->stop();
 }
+
+TEST_F(FakeBackendSession, AClosedPanesProgramEndsEvenWhenItIgnoresHangUpAndTerminate) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(
+        std::nullopt, command({"/bin/sh", "-c", "trap '' HUP TERM; echo ready; while :; do sleep 0.05; done"}));
+    backend->subscribe(created.pane);
+    ASSERT_TRUE(outputShows(*events, "ready"));
+    int32_t pid = *backend->getState().pane(created.pane)->pid;
+    auto closed = std::chrono::steady_clock::now();
+    backend->closePane(created.pane);
+    EXPECT_TRUE(backend->getState().workspaces[0].tabs.empty());
+    EXPECT_TRUE(eventually([&] { return processEnded(pid); }));
+    EXPECT_LT(std::chrono::steady_clock::now() - closed, 3s) << "killed once the grace period is over";
+    backend->stop();
+}
