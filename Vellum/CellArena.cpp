@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstring>
+#include <utility>
 
 #include "Platform/Unicode.h"
 
@@ -92,7 +94,7 @@ CellArena::CellArena(int styleCapacity, int graphemeCapacity)
       graphemeBlocks(size_t(graphemeBlockCapacity)),
       attributeCache(std::make_unique<std::array<AttributeCacheEntry, attributeCacheSize>>()) {
     attributes[0] = PackedAttributeRecord::from(Attribute::empty);
-    attributeIdentifiers.emplace(InternedAttributeKey(), 0);
+    storeAttribute(InternedAttributeKey(), 0);
 }
 
 CellArena::CellArena(SnapshotTag, const CellArena& source)
@@ -106,12 +108,42 @@ CellArena::CellArena(SnapshotTag, const CellArena& source)
       graphemeBlocks(size_t(graphemeBlockCapacity)),
       attributeCache(std::make_unique<std::array<AttributeCacheEntry, attributeCacheSize>>()) {
     attributes[0] = PackedAttributeRecord::from(Attribute::empty);
-    attributeIdentifiers.emplace(InternedAttributeKey(), 0);
+    storeAttribute(InternedAttributeKey(), 0);
     synchronizeSnapshotPrefix(source);
 }
 
 std::shared_ptr<CellArena> CellArena::makeSnapshot(const CellArena& source) {
     return std::shared_ptr<CellArena>(new CellArena(SnapshotTag{}, source));
+}
+
+std::optional<uint16_t> CellArena::findAttribute(const InternedAttributeKey& key, size_t& slotIndex) const {
+    size_t mask = attributeSlots.size() - 1;
+    uint64_t hash = cacheHash(key);
+    for (size_t i = size_t(hash ^ hash >> 32) & mask;; i = (i + 1) & mask) {
+        const AttributeSlot& slot = attributeSlots[i];
+        if (slot.word1AndIdentifier == 0) {
+            slotIndex = i;
+            return std::nullopt;
+        }
+        if (slot.word0 == key.word0 && (slot.word1AndIdentifier & 0xFFFFFFFF) == key.word1)
+            return uint16_t((slot.word1AndIdentifier >> 32) - 1);
+    }
+}
+
+void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identifier) {
+    size_t used = size_t(attributeCountValue) + 1;
+    if (attributeSlots.size() < 2 * used) {
+        std::vector<AttributeSlot> old = std::exchange(attributeSlots, std::vector<AttributeSlot>(std::bit_ceil(std::max<size_t>(256, 4 * used))));
+        for (const AttributeSlot& slot : old) {
+            if (slot.word1AndIdentifier == 0) continue;
+            size_t index = 0;
+            findAttribute(InternedAttributeKey::fromWords(slot.word0, slot.word1AndIdentifier & 0xFFFFFFFF), index);
+            attributeSlots[index] = slot;
+        }
+    }
+    size_t index = 0;
+    if (findAttribute(key, index)) return;
+    attributeSlots[index] = {key.word0, key.word1 | (uint64_t(identifier) + 1) << 32};
 }
 
 std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
@@ -121,14 +153,15 @@ std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
     if (slot.identifierPlusOne != 0 && slot.word0 == key.word0 && slot.word1 == key.word1) {
         return uint16_t(slot.identifierPlusOne - 1);
     }
+    size_t free = 0;
     uint16_t identifier;
-    if (auto it = attributeIdentifiers.find(key); it != attributeIdentifiers.end()) {
-        identifier = it->second;
+    if (auto found = findAttribute(key, free)) {
+        identifier = *found;
     } else {
         if (isSnapshotCopy || attributeCountValue > attributeCapacity) return std::nullopt;
         identifier = uint16_t(attributeCountValue++);
         this->attributes[identifier] = PackedAttributeRecord::from(attributes);
-        attributeIdentifiers.emplace(key, identifier);
+        storeAttribute(key, identifier);
     }
     slot = {key.word0, key.word1, uint32_t(identifier) + 1};
     return identifier;

@@ -26,6 +26,12 @@ struct InternedAttributeKey {
 
     InternedAttributeKey() = default;
     explicit InternedAttributeKey(const Attribute& attribute);
+    static InternedAttributeKey fromWords(uint64_t word0, uint64_t word1) {
+        InternedAttributeKey key;
+        key.word0 = word0;
+        key.word1 = word1;
+        return key;
+    }
 
     bool isZero() const { return (word0 | word1) == 0; }
     bool operator==(const InternedAttributeKey&) const = default;
@@ -130,9 +136,6 @@ private:
         template <typename A, typename B>
         bool operator()(const A& a, const B& b) const { return view(a) == view(b); }
     };
-    struct KeyHash {
-        size_t operator()(const InternedAttributeKey& key) const noexcept { return cacheHash(key); }
-    };
     using GraphemeBlock = std::array<SharedScalars, graphemeBlockSize>;
 
     static uint64_t cacheHash(const InternedAttributeKey& key) {
@@ -146,7 +149,15 @@ private:
 
     std::unique_ptr<PackedAttributeRecord[]> attributes;
     int attributeCountValue = 1;
-    std::unordered_map<InternedAttributeKey, uint16_t, KeyHash> attributeIdentifiers;
+    // Identifiers by key: open addressing with linear probing, at most half full. A slot holds
+    // word0, and word1 (below 2^27) with the identifier plus one in bits 32 and up; 0 is empty.
+    struct AttributeSlot {
+        uint64_t word0 = 0;
+        uint64_t word1AndIdentifier = 0;
+    };
+    std::vector<AttributeSlot> attributeSlots;
+    std::optional<uint16_t> findAttribute(const InternedAttributeKey& key, size_t& slotIndex) const;
+    void storeAttribute(const InternedAttributeKey& key, uint16_t identifier);
     std::vector<std::unique_ptr<GraphemeBlock>> graphemeBlocks;
     int allocatedGraphemeBlockCount = 0;
     uint32_t graphemeCountValue = 0;

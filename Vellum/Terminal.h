@@ -94,6 +94,7 @@ private:
     PackedCell printBase() const;
     int printWidth(char32_t scalar) const;
     void updateEraseWords();
+    void updateEraseBlank();
     PackedCell blank() const { return currentEraseBlankCell; }
 
     void lineFeed();
@@ -132,7 +133,7 @@ private:
 
     Attribute curAttr;
     uint16_t curStyleID = 0;
-    PackedCell currentEraseBlankCell, currentEraseSpaceCell;
+    PackedCell currentEraseBlankCell;
     char32_t previousScalar = 0;
     std::vector<uint8_t> readingBuffer;
     std::u32string clusterScratch;
