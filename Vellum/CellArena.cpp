@@ -91,8 +91,7 @@ CellArena::CellArena(int styleCapacity, int graphemeCapacity)
       isSnapshotCopy(false),
       // Left uninitialised on purpose: a full table is 65,536 records and most terminals use few.
       attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
-      graphemeBlocks(size_t(graphemeBlockCapacity)),
-      attributeCache(std::make_unique<std::array<AttributeCacheEntry, attributeCacheSize>>()) {
+      graphemeBlocks(size_t(graphemeBlockCapacity)) {
     attributes[0] = PackedAttributeRecord::from(Attribute::empty);
     storeAttribute(InternedAttributeKey(), 0);
 }
@@ -105,8 +104,7 @@ CellArena::CellArena(SnapshotTag, const CellArena& source)
       snapshotSourceIdentity(source.identity),
       isSnapshotCopy(true),
       attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
-      graphemeBlocks(size_t(graphemeBlockCapacity)),
-      attributeCache(std::make_unique<std::array<AttributeCacheEntry, attributeCacheSize>>()) {
+      graphemeBlocks(size_t(graphemeBlockCapacity)) {
     attributes[0] = PackedAttributeRecord::from(Attribute::empty);
     storeAttribute(InternedAttributeKey(), 0);
     synchronizeSnapshotPrefix(source);
@@ -116,54 +114,55 @@ std::shared_ptr<CellArena> CellArena::makeSnapshot(const CellArena& source) {
     return std::shared_ptr<CellArena>(new CellArena(SnapshotTag{}, source));
 }
 
+namespace {
+
+constexpr uint32_t occupiedSlot = 0x80000000;
+
+uint32_t slotTag(uint64_t hash) { return occupiedSlot | uint32_t(hash >> 49) << 16; }
+
+} // namespace
+
 std::optional<uint16_t> CellArena::findAttribute(const InternedAttributeKey& key, size_t& slotIndex) const {
     size_t mask = attributeSlots.size() - 1;
     uint64_t hash = cacheHash(key);
+    uint32_t tag = slotTag(hash);
     for (size_t i = size_t(hash ^ hash >> 32) & mask;; i = (i + 1) & mask) {
-        const AttributeSlot& slot = attributeSlots[i];
-        if (slot.word1AndIdentifier == 0) {
+        uint32_t slot = attributeSlots[i];
+        if (slot == 0) {
             slotIndex = i;
             return std::nullopt;
         }
-        if (slot.word0 == key.word0 && (slot.word1AndIdentifier & 0xFFFFFFFF) == key.word1)
-            return uint16_t((slot.word1AndIdentifier >> 32) - 1);
+        if ((slot & 0xFFFF0000) == tag && attributeKeys[slot & 0xFFFF] == key) return uint16_t(slot & 0xFFFF);
     }
 }
 
 void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identifier) {
-    size_t used = size_t(attributeCountValue) + 1;
+    if (attributeKeys.size() <= identifier) attributeKeys.resize(size_t(identifier) + 1);
+    attributeKeys[identifier] = key;
+    size_t used = size_t(identifier) + 1;
     if (attributeSlots.size() < 2 * used) {
-        std::vector<AttributeSlot> old = std::exchange(attributeSlots, std::vector<AttributeSlot>(std::bit_ceil(std::max<size_t>(256, 4 * used))));
-        for (const AttributeSlot& slot : old) {
-            if (slot.word1AndIdentifier == 0) continue;
+        std::vector<uint32_t> old = std::exchange(attributeSlots, std::vector<uint32_t>(std::bit_ceil(std::max<size_t>(1024, 4 * used))));
+        for (uint32_t slot : old) {
+            if (slot == 0) continue;
             size_t index = 0;
-            findAttribute(InternedAttributeKey::fromWords(slot.word0, slot.word1AndIdentifier & 0xFFFFFFFF), index);
+            findAttribute(attributeKeys[slot & 0xFFFF], index);
             attributeSlots[index] = slot;
         }
     }
     size_t index = 0;
     if (findAttribute(key, index)) return;
-    attributeSlots[index] = {key.word0, key.word1 | (uint64_t(identifier) + 1) << 32};
+    attributeSlots[index] = slotTag(cacheHash(key)) | identifier;
 }
 
 std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
     InternedAttributeKey key(attributes);
     if (key.isZero()) return 0;
-    AttributeCacheEntry& slot = (*attributeCache)[cacheHash(key) >> 54];
-    if (slot.identifierPlusOne != 0 && slot.word0 == key.word0 && slot.word1 == key.word1) {
-        return uint16_t(slot.identifierPlusOne - 1);
-    }
     size_t free = 0;
-    uint16_t identifier;
-    if (auto found = findAttribute(key, free)) {
-        identifier = *found;
-    } else {
-        if (isSnapshotCopy || attributeCountValue > attributeCapacity) return std::nullopt;
-        identifier = uint16_t(attributeCountValue++);
-        this->attributes[identifier] = PackedAttributeRecord::from(attributes);
-        storeAttribute(key, identifier);
-    }
-    slot = {key.word0, key.word1, uint32_t(identifier) + 1};
+    if (auto found = findAttribute(key, free)) return found;
+    if (isSnapshotCopy || attributeCountValue > attributeCapacity) return std::nullopt;
+    uint16_t identifier = uint16_t(attributeCountValue++);
+    this->attributes[identifier] = PackedAttributeRecord::from(attributes);
+    storeAttribute(key, identifier);
     return identifier;
 }
 
