@@ -280,6 +280,9 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options) {
         [weak, id](const std::optional<std::string>& title, const std::optional<std::string>& cwd, bool bell) {
             if (auto core = weak.lock()) core->paneChanged(id, title, cwd, bell);
         },
+        [weak, id](const std::vector<std::string>& texts) {
+            if (auto core = weak.lock()) core->paneClipboard(id, texts);
+        },
     };
     PaneLaunch request{id, command, *launch, paneEnvironment(environment_.variables, id, options.env), cwd, size};
     // Starting the program is a fork, not a wait; its first report blocks on this lock
@@ -419,6 +422,10 @@ std::vector<std::shared_ptr<PaneProcess>> SessionCore::detach(const std::vector<
 
 void SessionCore::removeFromLayout(uint64_t pane) {
     std::erase_if(state_.panes, [pane](const Pane& p) { return p.id == pane; });
+    removeFromTabs(pane);
+}
+
+void SessionCore::removeFromTabs(uint64_t pane) {
     auto where = tabHolding(state_, pane);
     if (!where) return;
     auto& tabs = state_.workspaces[where->workspace].tabs;
@@ -551,9 +558,7 @@ void SessionCore::graft(const MoveRequest& request) {
     if (!tabHolding(state_, request.beside)) notFound("pane", request.beside);
 
     if (movingPane) {
-        Pane kept = statePane(request.id);
-        removeFromLayout(request.id);
-        state_.panes.push_back(std::move(kept));
+        removeFromTabs(request.id); // the pane itself lives on, where it was in the list
     } else {
         auto where = tabIndex(state_, request.id);
         removeTab(where->workspace, where->tab);

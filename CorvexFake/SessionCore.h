@@ -83,6 +83,8 @@ struct PaneProcessEvents {
     // What the pane's terminal learned from the output: a title, a directory, a bell.
     std::function<void(const std::optional<std::string>& title, const std::optional<std::string>& cwd, bool bell)>
         changed;
+    // Texts the program put on the clipboard.
+    std::function<void(const std::vector<std::string>& texts)> clipboard;
 };
 
 struct PaneLaunch {
@@ -184,6 +186,8 @@ private:
     void publishPane(Batch& batch, uint64_t pane);
     void repairFocus();
     void removeFromLayout(uint64_t pane);
+    // Takes the pane out of its tab's layout, repairing the tab's active pane and the focus.
+    void removeFromTabs(uint64_t pane);
     void removeTab(size_t workspace, size_t tab);
     std::vector<std::shared_ptr<PaneProcess>> detach(const std::vector<uint64_t>& panes);
     void applySize(uint64_t pane, Size size, bool notifySubscriber);
