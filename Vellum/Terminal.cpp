@@ -184,6 +184,12 @@ void Terminal::updateEraseWords() {
     updateEraseBlank();
 }
 
+PackedCell Terminal::eraseSpaceCell() {
+    Attribute erase = Attribute::empty;
+    erase.bg = curAttr.bg;
+    return cellArena->pack(erase, U" ", 0).value_or(PackedCell::make(PackedCell::scalarTag, 32, 0, 0, false, 0, 0));
+}
+
 // Erased cells keep only the background, which an empty cell carries inline: no style is
 // interned for it, so a colour change costs nothing here.
 void Terminal::updateEraseBlank() {

@@ -152,10 +152,12 @@ private:
     void widenCombinedCell(CellPosition at, PackedCell widened);
     std::optional<CellPosition> combiningTarget();
     char32_t resolvePreviousScalar();
-    PackedCell printBase() const;
+    PackedCell printBase();
     int printWidth(char32_t scalar) const;
     void updateEraseWords();
     void updateEraseBlank();
+    // The erase word with a space in it, for the operations that erase to spaces.
+    PackedCell eraseSpaceCell();
     PackedCell blank() const { return currentEraseBlankCell; }
 
     void lineFeed();

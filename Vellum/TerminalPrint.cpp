@@ -54,8 +54,9 @@ bool mayJoin(char32_t previous, char32_t scalar) {
 
 } // namespace
 
-PackedCell Terminal::printBase() const {
-    return PackedCell::make(PackedCell::scalarTag, 0, curStyleID, 0, false, 0, 0);
+// The word that every cell printed now shares; a pending link gets its code here, once a run.
+PackedCell Terminal::printBase() {
+    return PackedCell::make(PackedCell::scalarTag, 0, curStyleID, 0, false, hyperlinkPayloadCode(), semanticContent.code());
 }
 
 int Terminal::printWidth(char32_t scalar) const {
