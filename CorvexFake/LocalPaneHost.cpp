@@ -103,6 +103,7 @@ public:
         pendingBell_ = true;
     }
     void hostCurrentDirectoryUpdated(vellum::Terminal& source) override {
+        HeadlessTerminal::hostCurrentDirectoryUpdated(source);
         if (!source.hostCurrentDirectory) return;
         auto directory = reportedDirectory(*source.hostCurrentDirectory);
         std::lock_guard guard(pendingLock_);

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "CorvexFake/FakeBackend.h"
+#include "Vellum/Tests/Support/ProcessLeakCheck.h"
 
 using namespace corvex;
 using namespace std::chrono_literals;
@@ -153,9 +154,12 @@ private:
 
 SpawnOptions command(std::vector<std::string> words) { return SpawnOptions{.command = std::move(words)}; }
 
+// Every shell, thread and descriptor of a backend is gone once it has stopped.
+using FakeBackendSession = vellum::testing::ProcessLeakCheck;
+
 } // namespace
 
-TEST(FakeBackendSession, ProgramsStartWithTheirEnvironmentNameAndDirectory) {
+TEST_F(FakeBackendSession, ProgramsStartWithTheirEnvironmentNameAndDirectory) {
     ScopedEnvironment environment;
     environment.set("SHELL", "/bin/sh");
     environment.set("LANG", nullptr);
@@ -198,7 +202,7 @@ TEST(FakeBackendSession, ProgramsStartWithTheirEnvironmentNameAndDirectory) {
     backend->stop();
 }
 
-TEST(FakeBackendSession, TreeOperationsKeepTabsFocusAndShellsInStep) {
+TEST_F(FakeBackendSession, TreeOperationsKeepTabsFocusAndShellsInStep) {
     auto backend = FakeBackend::create();
     backend->start();
     auto shell = command({"/bin/sh"});
@@ -276,7 +280,7 @@ TEST(FakeBackendSession, TreeOperationsKeepTabsFocusAndShellsInStep) {
     backend->stop();
 }
 
-TEST(FakeBackendSession, ASubscriberCatchesUpByReplaySnapshotOrNothing) {
+TEST_F(FakeBackendSession, ASubscriberCatchesUpByReplaySnapshotOrNothing) {
     auto backend = FakeBackend::create();
     auto events = backend->events();
     backend->start();
@@ -322,7 +326,7 @@ TEST(FakeBackendSession, ASubscriberCatchesUpByReplaySnapshotOrNothing) {
     backend->stop();
 }
 
-TEST(FakeBackendSession, SizesInputKeysAgentsAndRestoreNotes) {
+TEST_F(FakeBackendSession, SizesInputKeysAgentsAndRestoreNotes) {
     auto backend = FakeBackend::create();
     auto events = backend->events();
     backend->start();
@@ -389,7 +393,7 @@ TEST(FakeBackendSession, SizesInputKeysAgentsAndRestoreNotes) {
     backend->stop();
 }
 
-TEST(FakeBackendSession, ReportedDirectoriesAndClipboardTextsReachTheSession) {
+TEST_F(FakeBackendSession, ReportedDirectoriesAndClipboardTextsReachTheSession) {
     auto backend = FakeBackend::create();
     auto events = backend->events();
     backend->start();
@@ -417,5 +421,22 @@ TEST(FakeBackendSession, ReportedDirectoriesAndClipboardTextsReachTheSession) {
         auto changed = event.as<SessionEvent::PaneChanged>();
         return changed && changed->pane.cwd == "/var/a b";
     }));
+    backend->stop();
+}
+
+TEST_F(FakeBackendSession, AClosedPanesProgramEndsEvenWhenItIgnoresHangUpAndTerminate) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(
+        std::nullopt, command({"/bin/sh", "-c", "trap '' HUP TERM; echo ready; while :; do sleep 0.05; done"}));
+    backend->subscribe(created.pane);
+    ASSERT_TRUE(outputShows(*events, "ready"));
+    int32_t pid = *backend->getState().pane(created.pane)->pid;
+    auto closed = std::chrono::steady_clock::now();
+    backend->closePane(created.pane);
+    EXPECT_TRUE(backend->getState().workspaces[0].tabs.empty());
+    EXPECT_TRUE(eventually([&] { return processEnded(pid); }));
+    EXPECT_LT(std::chrono::steady_clock::now() - closed, 3s) << "killed once the grace period is over";
     backend->stop();
 }
