@@ -180,13 +180,22 @@ std::string Terminal::lineText(int screenRow) {
 CharData Terminal::getCharData(int col, int row) { return buffer_->row(row)[col]; }
 
 void Terminal::updateEraseWords() {
-    auto id = cellArena->intern(curAttr);
-    curStyleID = id.value_or(0);
+    curStyleID = cellArena->intern(curAttr).value_or(0);
+    updateEraseBlank();
+}
+
+PackedCell Terminal::eraseSpaceCell() {
     Attribute erase = Attribute::empty;
     erase.bg = curAttr.bg;
-    uint16_t eraseID = cellArena->intern(erase).value_or(0);
-    currentEraseBlankCell = PackedCell::make(PackedCell::scalarTag, 0, eraseID, 0, false, 0, 0);
-    currentEraseSpaceCell = PackedCell::make(PackedCell::scalarTag, 32, eraseID, 0, false, 0, 0);
+    return cellArena->pack(erase, U" ", 0).value_or(PackedCell::make(PackedCell::scalarTag, 32, 0, 0, false, 0, 0));
+}
+
+// Erased cells keep only the background, which an empty cell carries inline: no style is
+// interned for it, so a colour change costs nothing here.
+void Terminal::updateEraseBlank() {
+    Attribute erase = Attribute::empty;
+    erase.bg = curAttr.bg;
+    currentEraseBlankCell = cellArena->pack(erase, std::u32string_view(U"\0", 1), 0).value_or(PackedCell{});
 }
 
 // ---- C0 and ESC
@@ -320,7 +329,7 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t code) {
         }
         if (first == '#' && code == '8') {
             auto e = cellArena->pack(curStyleID, U"E", 0);
-            for (int r = 0; r < rows_; ++r) b.row(r).fill(e.value_or(currentEraseSpaceCell));
+            for (int r = 0; r < rows_; ++r) b.row(r).fill(e.value_or(currentEraseBlankCell));
             b.x = b.y = 0;
             return;
         }
@@ -716,7 +725,9 @@ void Terminal::selectGraphicRendition(CsiParameters pars) {
             }
         }
     }
-    if (a != before) updateEraseWords();
+    if (a == before) return;
+    curStyleID = cellArena->intern(a).value_or(0);
+    if (a.bg != before.bg) updateEraseBlank();
 }
 
 void Terminal::activateAltBuffer() {

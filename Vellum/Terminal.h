@@ -136,10 +136,28 @@ private:
 
     void setup(bool isReset);
     void sendResponse(std::string_view bytes);
-    void handlePrintSlow(const uint8_t* bytes, size_t count);
+    // The print path (TerminalPrint.cpp). `previous` is the scalar before the next one, 0 when
+    // there is none, unknownScalar until it has been read from the cell left of the cursor.
+    static constexpr char32_t unknownScalar = 0xFFFFFFFF;
+    struct CellPosition {
+        int line; // index into the buffer's ring
+        int col;
+    };
+    void handlePrintSlow(const uint8_t* bytes, size_t count, char32_t previous);
     void printScalar(char32_t scalar);
-    void combineWithPrevious(char32_t scalar);
+    void printScalar(char32_t scalar, char32_t& previous);
+    void printMapped(uint8_t byte, char32_t& previous);
+    void writeScalars(const char32_t* scalars, size_t count, int width);
+    bool joinWithPrevious(char32_t scalar);
+    void widenCombinedCell(CellPosition at, PackedCell widened);
+    std::optional<CellPosition> combiningTarget();
+    char32_t resolvePreviousScalar();
+    PackedCell printBase();
+    int printWidth(char32_t scalar) const;
     void updateEraseWords();
+    void updateEraseBlank();
+    // The erase word with a space in it, for the operations that erase to spaces.
+    PackedCell eraseSpaceCell();
     PackedCell blank() const { return currentEraseBlankCell; }
 
     void lineFeed();
@@ -232,9 +250,10 @@ private:
 
     Attribute curAttr;
     uint16_t curStyleID = 0;
-    PackedCell currentEraseBlankCell, currentEraseSpaceCell;
+    PackedCell currentEraseBlankCell;
     char32_t previousScalar = 0;
     std::vector<uint8_t> readingBuffer;
+    std::u32string clusterScratch;
     std::array<const Charset*, 4> gCharsets{};
     const Charset* charset = nullptr;
     int gLevel = 0;
