@@ -746,6 +746,7 @@ void Terminal::activateAltBuffer() {
     altBuffer->y = normalBuffer->y;
     altBuffer->fillViewport(currentEraseBlankCell);
     buffer_ = altBuffer.get();
+    semanticNoteAlternateScreenSwitch(true);
     if (cursorHidden) cursorHidden = false;
     if (delegate) delegate->bufferActivated(*this);
 }
@@ -756,6 +757,7 @@ void Terminal::activateNormalBuffer(bool clearAlt) {
     normalBuffer->y = altBuffer->y;
     if (clearAlt) altBuffer->fillViewport(currentEraseBlankCell);
     buffer_ = normalBuffer.get();
+    semanticNoteAlternateScreenSwitch(false);
     if (delegate) delegate->bufferActivated(*this);
 }
 

@@ -218,6 +218,7 @@ private:
     void beginSemanticPromptGroup();
     void freshLine();
     void resetSemanticPromptState();
+    void semanticNoteAlternateScreenSwitch(bool toAlternate);
     std::string oscTerminatorFor(uint8_t terminator) const;
 
     // Modes and reports (TerminalModes.cpp)
@@ -281,6 +282,7 @@ private:
     uint64_t synchronizedOutputGeneration_ = 0;
     std::optional<SemanticPromptCursorClickMode> semanticClickMode;
     int semanticClickEvents = 0;
+    SemanticContent suspendedSemanticContent;
     std::optional<std::pair<int, int>> semanticInputStart; // absolute row, column
     bool terminalVisible = true, focused = true;
     bool titleModeSetHex = false, titleModeQueryHex = false, titleModeSetUtf8 = false, titleModeQueryUtf8 = false;
