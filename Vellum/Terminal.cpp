@@ -180,6 +180,7 @@ void Terminal::resize(int cols, int rows) {
     cols_ = cols;
     rows_ = rows;
     if (delegate) delegate->sizeChanged(*this);
+    if (inBandSizeReportsEnabled) reportInBandSizeIfAvailable();
 }
 
 std::string Terminal::lineText(int screenRow) {
