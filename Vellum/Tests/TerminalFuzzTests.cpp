@@ -31,10 +31,12 @@ void expectWideCharactersWhole(Terminal& terminal) {
         BufferLine& line = b.row(r);
         for (int c = 0; c < line.count(); ++c) {
             CellWidthState state = line.packedCell(c).widthState();
-            if (state == CellWidthState::spacerTail)
+            if (state == CellWidthState::spacerTail) {
                 ASSERT_TRUE(c > 0 && line.packedCell(c - 1).isWideHead()) << "row " << r << " col " << c;
-            if (state == CellWidthState::wide)
+            }
+            if (state == CellWidthState::wide) {
                 ASSERT_TRUE(c + 1 < line.count() && line.packedCell(c + 1).isSpacerTail()) << "row " << r << " col " << c;
+            }
         }
     }
 }
