@@ -17,10 +17,11 @@ namespace {
 // The pane's program and the terminal that watches its output for a title and bells.
 class LocalPane : public PaneProcess, public vellum::LocalProcessDelegate, public vellum::TerminalDelegate {
 public:
-    LocalPane(PaneProcessEvents events, Size size) : events_(std::move(events)), size_(size) {
+    LocalPane(PaneProcessEvents events, Size size, int scrollbackLines) : events_(std::move(events)), size_(size) {
         vellum::TerminalOptions options;
         options.cols = size.cols;
         options.rows = size.rows;
+        if (scrollbackLines > 0) options.scrollback = scrollbackLines;
         terminal_ = std::make_unique<vellum::Terminal>(this, options);
     }
 
@@ -64,6 +65,7 @@ public:
         std::lock_guard guard(terminalLock_);
         visit(*terminal_);
     }
+    uint64_t parsedBytes() const override { return parsed_; }
 
     void processTerminated(vellum::LocalProcess&, std::optional<int32_t> exitCode) override {
         if (events_.terminated) events_.terminated(exitCode);
@@ -74,6 +76,7 @@ public:
         {
             std::lock_guard guard(terminalLock_);
             terminal_->feed(std::span<const uint8_t>(slice.data(), slice.size()));
+            parsed_ += slice.size();
             title = std::exchange(pendingTitle_, std::nullopt);
             bell = std::exchange(pendingBell_, false);
         }
@@ -106,12 +109,13 @@ private:
     std::unique_ptr<vellum::Terminal> terminal_;
     std::optional<std::string> pendingTitle_;
     bool pendingBell_ = false;
+    uint64_t parsed_ = 0; // under terminalLock_
 };
 
 } // namespace
 
 std::shared_ptr<PaneProcess> LocalPaneHost::spawn(const PaneLaunch& launch, PaneProcessEvents events) {
-    auto pane = std::make_shared<LocalPane>(std::move(events), launch.size);
+    auto pane = std::make_shared<LocalPane>(std::move(events), launch.size, launch.scrollbackLines);
     if (!pane->start(pane, launch)) return nullptr;
     return pane;
 }

@@ -254,6 +254,21 @@ void SessionCore::requirePane(uint64_t pane) const {
     if (!indexOfPane(state_, pane)) notFound("pane", pane);
 }
 
+void SessionCore::withPaneTerminal(uint64_t pane,
+                                   const std::function<void(vellum::Terminal&, uint64_t parsed)>& visit) {
+    std::shared_ptr<PaneProcess> process;
+    {
+        std::lock_guard guard(lock_);
+        process = record(pane).process;
+    }
+    process->withTerminal([&](vellum::Terminal& terminal) { visit(terminal, process->parsedBytes()); });
+}
+
+void SessionCore::setScrollbackLines(int lines) {
+    std::lock_guard guard(lock_);
+    scrollbackLines_ = lines;
+}
+
 uint64_t SessionCore::spawnPane(const SpawnOptions& options) {
     uint64_t id = takeID();
     Size size{options.cols.value_or(80), options.rows.value_or(24)};
@@ -281,7 +296,8 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options) {
             if (auto core = weak.lock()) core->paneChanged(id, title, cwd, bell);
         },
     };
-    PaneLaunch request{id, command, *launch, paneEnvironment(environment_.variables, id, options.env), cwd, size};
+    PaneLaunch request{id, command, *launch, paneEnvironment(environment_.variables, id, options.env), cwd, size,
+                       scrollbackLines_};
     // Starting the program is a fork, not a wait; its first report blocks on this lock
     // until the pane is entered.
     auto process = host_->spawn(request, std::move(events));

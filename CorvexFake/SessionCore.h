@@ -74,6 +74,9 @@ public:
     // Runs `visit` with the terminal that parses this pane's output, while no output is
     // being parsed into it. A host without a terminal never calls it.
     virtual void withTerminal(const std::function<void(vellum::Terminal&)>& visit) { (void)visit; }
+    // How many output bytes the terminal has parsed: the position its state stands for. Read
+    // it inside withTerminal's visit, where it can't move.
+    virtual uint64_t parsedBytes() const { return 0; }
 };
 
 // What a pane's program reports. Called on any thread, never under the core's lock.
@@ -92,6 +95,7 @@ struct PaneLaunch {
     Environment environment;
     std::string cwd;
     Size size;
+    int scrollbackLines = 0; // rows of history the pane's terminal keeps; 0 leaves the host's default
 };
 
 class PaneHost {
@@ -152,6 +156,11 @@ public:
     void setGit(uint64_t pane, const std::optional<PaneGit>& git);
     // Raises when the pane is unknown.
     void requirePane(uint64_t pane) const;
+    // Runs `visit` with the pane's terminal and the output position its state stands for,
+    // outside the core's lock. Raises when the pane is unknown.
+    void withPaneTerminal(uint64_t pane, const std::function<void(vellum::Terminal&, uint64_t parsed)>& visit);
+    // History rows for the terminals of panes made from now on.
+    void setScrollbackLines(int lines);
 
     // Asks each pane's program for its directory and publishes the changes.
     void pollWorkingDirectories();
@@ -201,6 +210,7 @@ private:
     Listener listener_;
     ModelState state_;
     uint64_t nextID_ = 1;
+    int scrollbackLines_ = 0;
     std::map<uint64_t, PaneRecord> panes_;
 };
 

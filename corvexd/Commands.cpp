@@ -138,7 +138,11 @@ int serve() {
     {
         Server server(options);
         auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(), corvex::currentSessionCoreEnvironment());
-        serveSession(server, core);
+        SessionServiceOptions service;
+        auto config = platform::environmentValue("CORVEXD_CONFIG");
+        service.settingsPath = config.empty() ? directory.path() + "/settings.json" : config;
+        if (!config.empty()) service.configName = config;
+        serveSession(server, core, service);
         pid.write(::getpid());
         server.run();
         // The shells end with the daemon: their terminals hang up.
