@@ -15,6 +15,7 @@
 #include <climits>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
@@ -228,96 +229,90 @@ size_t decodedOutputBytes(std::string_view line) {
     return count;
 }
 
-void BM_TmuxCat(benchmark::State& state) {
-    Stream kind = static_cast<Stream>(state.range(0));
-    const std::string& file = streamFile(kind);
-    if (::access("/usr/bin/tmux", X_OK) != 0) {
-        state.SkipWithError("tmux is not installed");
+bool haveTmux(benchmark::State& state) {
+    if (::access("/usr/bin/tmux", X_OK) == 0) return true;
+    state.SkipWithError("tmux is not installed");
+    return false;
+}
+
+// A fresh tmux pane whose shell waits for Enter, then cats the stream's file.
+bool startTmuxCat(benchmark::State& state, Tmux& tmux, const std::string& file) {
+    Ran made = tmux.tmux({"new-session", "-d", "-x", "200", "-y", "50", "/bin/sh", "-c", catCommand(file)});
+    if (made.status == 0) return true;
+    state.SkipWithError(("tmux new-session failed: " + made.err).c_str());
+    return false;
+}
+
+// Presses Enter and reads `fd` until `count` has seen the whole file or two minutes have
+// passed; reports the throughput of what arrived.
+void timeTmuxDelivery(benchmark::State& state, Tmux& tmux, int fd,
+                      const std::function<size_t(std::string_view chunk)>& count) {
+    char buffer[1 << 16];
+    auto began = Clock::now();
+    tmux.tmux({"send-keys", "Enter"});
+    size_t counted = 0;
+    auto deadline = began + 120s;
+    while (counted < fileSize && Clock::now() < deadline) {
+        pollfd ready{fd, POLLIN, 0};
+        if (::poll(&ready, 1, 100) <= 0) continue;
+        ssize_t got = ::read(fd, buffer, sizeof buffer);
+        if (got < 0) break;
+        if (got == 0) { // no writer yet, or one that has gone: the deadline decides
+            std::this_thread::sleep_for(10ms);
+            continue;
+        }
+        counted += count(std::string_view(buffer, static_cast<size_t>(got)));
+    }
+    double seconds = std::chrono::duration<double>(Clock::now() - began).count();
+    if (counted != fileSize) {
+        state.SkipWithError(("counted " + std::to_string(counted) + " bytes").c_str());
         return;
     }
+    reportThroughput(state, seconds);
+}
+
+void BM_TmuxCat(benchmark::State& state) {
+    const std::string& file = streamFile(static_cast<Stream>(state.range(0)));
+    if (!haveTmux(state)) return;
     for (auto _ : state) {
         Tmux tmux;
-        Ran made = tmux.tmux({"new-session", "-d", "-x", "200", "-y", "50", "/bin/sh", "-c", catCommand(file)});
-        if (made.status != 0) {
-            state.SkipWithError(("tmux new-session failed: " + made.err).c_str());
-            return;
-        }
+        if (!startTmuxCat(state, tmux, file)) return;
         tmux.attachControl();
         std::this_thread::sleep_for(300ms);
+        // Settle: what the client prints on attach isn't the stream.
+        pollfd ready{tmux.controlOut, POLLIN, 0};
+        char scratch[1 << 16];
+        for (int wait = 50; ::poll(&ready, 1, wait) > 0; wait = 0) {
+            if (::read(tmux.controlOut, scratch, sizeof scratch) <= 0) break;
+        }
         std::string pending;
-        char buffer[1 << 16];
-        auto drain = [&](int waitMs) {
-            pollfd fd{tmux.controlOut, POLLIN, 0};
-            while (::poll(&fd, 1, waitMs) > 0) {
-                if (::read(tmux.controlOut, buffer, sizeof buffer) <= 0) return;
-                waitMs = 0;
-            }
-        };
-        drain(50);
-        auto began = Clock::now();
-        tmux.tmux({"send-keys", "Enter"});
-        size_t counted = 0;
-        auto deadline = began + 120s;
-        while (counted < fileSize && Clock::now() < deadline) {
-            pollfd fd{tmux.controlOut, POLLIN, 0};
-            if (::poll(&fd, 1, 100) <= 0) continue;
-            ssize_t got = ::read(tmux.controlOut, buffer, sizeof buffer);
-            if (got <= 0) break;
-            pending.append(buffer, static_cast<size_t>(got));
-            size_t start = 0;
+        timeTmuxDelivery(state, tmux, tmux.controlOut, [&](std::string_view chunk) {
+            pending.append(chunk);
+            size_t counted = 0, start = 0;
             for (size_t end; (end = pending.find('\n', start)) != std::string::npos; start = end + 1) {
                 counted += decodedOutputBytes(std::string_view(pending).substr(start, end - start));
             }
             pending.erase(0, start);
-        }
-        double seconds = std::chrono::duration<double>(Clock::now() - began).count();
-        if (counted != fileSize) {
-            state.SkipWithError(("counted " + std::to_string(counted) + " bytes").c_str());
-            return;
-        }
-        reportThroughput(state, seconds);
+            return counted;
+        });
     }
 }
 
 // The same pane with tmux's pipe-pane copying what it reads from the pane into a FIFO that
 // this process counts: no client in the path, so an upper bound on what tmux can deliver.
 void BM_TmuxPipePane(benchmark::State& state) {
-    Stream kind = static_cast<Stream>(state.range(0));
-    const std::string& file = streamFile(kind);
-    if (::access("/usr/bin/tmux", X_OK) != 0) {
-        state.SkipWithError("tmux is not installed");
-        return;
-    }
+    const std::string& file = streamFile(static_cast<Stream>(state.range(0)));
+    if (!haveTmux(state)) return;
     for (auto _ : state) {
         Tmux tmux;
-        Ran made = tmux.tmux({"new-session", "-d", "-x", "200", "-y", "50", "/bin/sh", "-c", catCommand(file)});
-        if (made.status != 0) {
-            state.SkipWithError(("tmux new-session failed: " + made.err).c_str());
-            return;
-        }
+        if (!startTmuxCat(state, tmux, file)) return;
         std::string fifo = tmux.folder().file("pane.fifo");
         ::mkfifo(fifo.c_str(), 0600);
         int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         tmux.tmux({"pipe-pane", "-O", "cat > " + fifo});
         std::this_thread::sleep_for(300ms);
-        char buffer[1 << 16];
-        auto began = Clock::now();
-        tmux.tmux({"send-keys", "Enter"});
-        size_t counted = 0;
-        auto deadline = began + 120s;
-        while (counted < fileSize && Clock::now() < deadline) {
-            pollfd fd{reader, POLLIN, 0};
-            if (::poll(&fd, 1, 100) <= 0) continue;
-            ssize_t got = ::read(reader, buffer, sizeof buffer);
-            if (got > 0) counted += static_cast<size_t>(got);
-        }
-        double seconds = std::chrono::duration<double>(Clock::now() - began).count();
+        timeTmuxDelivery(state, tmux, reader, [](std::string_view chunk) { return chunk.size(); });
         ::close(reader);
-        if (counted != fileSize) {
-            state.SkipWithError(("counted " + std::to_string(counted) + " bytes").c_str());
-            return;
-        }
-        reportThroughput(state, seconds);
     }
 }
 

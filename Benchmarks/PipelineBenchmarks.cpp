@@ -1,18 +1,23 @@
 // What the I/O pipeline costs: `cat` of a generated 32 MiB file on a real pseudo-terminal,
 // gathered and handed under the terminal lock to a target that only counts (so the figure
 // is the pipeline's and the kernel's, without a parser), beside a plain blocking read loop
-// on the same kind of terminal as the ceiling.
+// on the same kind of terminal as the ceiling. Then the whole road: a headless terminal
+// running `cat` as its child, parsing what comes through the pipeline, beside the same
+// terminal fed the same bytes from memory.
 #include <benchmark/benchmark.h>
 
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Vellum/HeadlessTerminal.h"
 #include "Vellum/PseudoTerminalHelpers.h"
 #include "Vellum/TerminalIOPipeline.h"
 #include "Vellum/TerminalIOPipelineFeed.h"
@@ -46,6 +51,14 @@ PseudoTerminalChild spawnCat() {
     return *spawned.child;
 }
 
+// CPU seconds of all of this process's threads, so that a figure shows what it burned.
+double processCpuSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto seconds = [](timeval t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
 class CountingTarget : public TerminalFeedTarget {
 public:
     void feed(std::span<const unsigned char> bytes) override {
@@ -72,6 +85,7 @@ private:
 
 void BM_PipelineCatIntoCountingTarget(benchmark::State& state) {
     size_t bytes = 0, deliveries = 0, naps = 0, coalesced = 0, bridges = 0;
+    double cpuBefore = processCpuSeconds();
     for (auto _ : state) {
         auto child = spawnCat();
         auto target = std::make_shared<CountingTarget>();
@@ -96,6 +110,7 @@ void BM_PipelineCatIntoCountingTarget(benchmark::State& state) {
     state.counters["naps"] = static_cast<double>(naps) / runs;
     state.counters["bridgePolls"] = static_cast<double>(bridges) / runs;
     state.counters["coalesced"] = static_cast<double>(coalesced) / runs;
+    state.counters["cpuSeconds"] = (processCpuSeconds() - cpuBefore) / runs;
 }
 BENCHMARK(BM_PipelineCatIntoCountingTarget)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -103,6 +118,7 @@ BENCHMARK(BM_PipelineCatIntoCountingTarget)->Unit(benchmark::kMillisecond)->UseR
 void BM_PlainReadLoopCat(benchmark::State& state) {
     size_t bytes = 0;
     std::vector<unsigned char> buffer(65536);
+    double cpuBefore = processCpuSeconds();
     for (auto _ : state) {
         auto child = spawnCat();
         for (;;) {
@@ -118,8 +134,92 @@ void BM_PlainReadLoopCat(benchmark::State& state) {
         waitpid(child.pid, nullptr, 0);
     }
     state.SetBytesProcessed(static_cast<int64_t>(bytes));
+    state.counters["cpuSeconds"] = (processCpuSeconds() - cpuBefore) / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_PlainReadLoopCat)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+constexpr int benchCols = 120, benchRows = 40;
+
+// A headless terminal whose child is `cat`; counts what it parsed and says when the end came.
+class CatTerminal : public HeadlessTerminal {
+public:
+    static std::shared_ptr<CatTerminal> make() {
+        TerminalOptions options;
+        options.cols = benchCols;
+        options.rows = benchRows;
+        auto terminal = std::make_shared<CatTerminal>(options);
+        terminal->attachProcess({.queue = nullptr, .directDelivery = true, .onLaunchFailure = nullptr,
+                                 .onEnd = [raw = terminal.get()](std::optional<int32_t>) { raw->finished(); }});
+        terminal->process()->setDrainTimeout(5.0); // every byte parsed, however slow the build
+        return terminal;
+    }
+    explicit CatTerminal(TerminalOptions options) : HeadlessTerminal(std::move(options)) {}
+
+    void waitUntilFinished() {
+        std::unique_lock guard(mutex_);
+        changed_.wait(guard, [&] { return done_; });
+    }
+    size_t parsed() const { return parsed_; }
+
+protected:
+    void outputParsed(std::span<const uint8_t> bytes) override { parsed_ += bytes.size(); }
+
+private:
+    void finished() {
+        std::lock_guard guard(mutex_);
+        done_ = true;
+        changed_.notify_all();
+    }
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool done_ = false;
+    size_t parsed_ = 0; // only the parse thread writes it; read after the end
+};
+
+void BM_HeadlessTerminalCatThroughPty(benchmark::State& state) {
+    size_t bytes = 0;
+    double cpuBefore = processCpuSeconds();
+    for (auto _ : state) {
+        auto terminal = CatTerminal::make();
+        if (terminal->startProcessChecked("/bin/cat", {streamFile()}, std::vector<std::string>{"PATH=/usr/bin:/bin"})) {
+            state.SkipWithError("cat didn't start");
+            return;
+        }
+        terminal->waitUntilFinished();
+        bytes += terminal->parsed();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(bytes));
+    state.counters["cpuSeconds"] = (processCpuSeconds() - cpuBefore) / static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_HeadlessTerminalCatThroughPty)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The same bytes as the terminal gets them from the pseudo-terminal (LF turned to CR LF),
+// fed from memory in slot-sized pieces: the parser's share of the figure above.
+void BM_HeadlessTerminalFeedSameStream(benchmark::State& state) {
+    std::string stream;
+    {
+        std::ifstream in(streamFile(), std::ios::binary);
+        std::string raw((std::istreambuf_iterator<char>(in)), {});
+        stream.reserve(raw.size() + raw.size() / 100);
+        for (char c : raw) {
+            if (c == '\n') stream += '\r';
+            stream += c;
+        }
+    }
+    TerminalOptions options;
+    options.cols = benchCols;
+    options.rows = benchRows;
+    for (auto _ : state) {
+        HeadlessTerminal terminal(options);
+        auto data = reinterpret_cast<const uint8_t*>(stream.data());
+        for (size_t at = 0; at < stream.size(); at += TerminalIOPipeline::slotSize) {
+            terminal.feed(std::span<const uint8_t>(data + at, std::min(TerminalIOPipeline::slotSize, stream.size() - at)));
+        }
+        benchmark::DoNotOptimize(terminal.terminal->cols());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(stream.size()) * state.iterations());
+}
+BENCHMARK(BM_HeadlessTerminalFeedSameStream)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 

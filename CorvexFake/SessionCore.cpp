@@ -435,6 +435,10 @@ std::vector<std::shared_ptr<PaneProcess>> SessionCore::detach(const std::vector<
 
 void SessionCore::removeFromLayout(uint64_t pane) {
     std::erase_if(state_.panes, [pane](const Pane& p) { return p.id == pane; });
+    removeFromTabs(pane);
+}
+
+void SessionCore::removeFromTabs(uint64_t pane) {
     auto where = tabHolding(state_, pane);
     if (!where) return;
     auto& tabs = state_.workspaces[where->workspace].tabs;
@@ -567,9 +571,7 @@ void SessionCore::graft(const MoveRequest& request) {
     if (!tabHolding(state_, request.beside)) notFound("pane", request.beside);
 
     if (movingPane) {
-        Pane kept = statePane(request.id);
-        removeFromLayout(request.id);
-        state_.panes.push_back(std::move(kept));
+        removeFromTabs(request.id); // the pane itself lives on, where it was in the list
     } else {
         auto where = tabIndex(state_, request.id);
         removeTab(where->workspace, where->tab);

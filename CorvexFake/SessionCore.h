@@ -193,6 +193,8 @@ private:
     void publishPane(Batch& batch, uint64_t pane);
     void repairFocus();
     void removeFromLayout(uint64_t pane);
+    // Takes the pane out of its tab's layout, repairing the tab's active pane and the focus.
+    void removeFromTabs(uint64_t pane);
     void removeTab(size_t workspace, size_t tab);
     std::vector<std::shared_ptr<PaneProcess>> detach(const std::vector<uint64_t>& panes);
     void applySize(uint64_t pane, Size size, bool notifySubscriber);

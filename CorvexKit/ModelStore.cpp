@@ -62,6 +62,10 @@ ModelStore::ModelStore(std::shared_ptr<SessionBackend> backend, platform::MainQu
 }
 
 ModelStore::~ModelStore() {
+    {
+        std::lock_guard guard(alive_->lock);
+        alive_->gone = true;
+    }
     if (loop_) {
         loop_->store = nullptr;
         loop_->stream->setWakeup(nullptr);
@@ -411,7 +415,7 @@ void ModelStore::move(const MoveRequest& request, Completion done) {
         auto error = std::make_exception_ptr(BackendError("not_found", "nothing to move: " + request.description()));
         std::weak_ptr<Alive> alive = alive_;
         mainQueue_.post([alive, error, done = std::move(done)] {
-            if (!alive.expired() && done) done(error);
+            if (Alive::standing(alive) && done) done(error);
         });
         return;
     }
@@ -483,10 +487,14 @@ void ModelStore::call(std::function<void()> work, std::function<void(std::except
         } catch (...) {
             error = std::current_exception();
         }
-        // A store gone while the call ran may have taken its queue with it.
-        if (alive.expired()) return;
+        // A store gone while the call ran may have taken its queue with it; holding the
+        // lock keeps it from going while the completion is posted.
+        auto held = alive.lock();
+        if (!held) return;
+        std::lock_guard guard(held->lock);
+        if (held->gone) return;
         queue->post([then = std::move(then), alive, error] {
-            if (!alive.expired()) then(error);
+            if (Alive::standing(alive)) then(error);
         });
     });
 }

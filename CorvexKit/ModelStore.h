@@ -5,6 +5,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -137,7 +138,19 @@ private:
         platform::TimePoint until;
     };
     struct Loop;
-    struct Alive {};
+    // Whether the store still stands, for work that finishes on other threads: the store
+    // and its main queue may go while a backend call runs.
+    struct Alive {
+        std::mutex lock;
+        bool gone = false;
+
+        static bool standing(const std::weak_ptr<Alive>& alive) {
+            auto held = alive.lock();
+            if (!held) return false;
+            std::lock_guard guard(held->lock);
+            return !held->gone;
+        }
+    };
 
     platform::TimePoint now() const { return mainQueue_.clock().now(); }
     void changed();

@@ -75,45 +75,156 @@ struct Color {
     RGB value = 0;
 };
 
-void read(const json& j, Focus& out);
-void read(const json& j, Layout& out);
-void read(const json& j, Tab& out);
-void read(const json& j, Workspace& out);
-void read(const json& j, PaneExit& out);
-void read(const json& j, PaneRestore& out);
-void read(const json& j, Worktree& out);
-void read(const json& j, PullRequest& out);
-void read(const json& j, PaneGit& out);
-void read(const json& j, PermissionRequest& out);
-void read(const json& j, AgentInfo& out);
-void read(const json& j, Pane& out);
-void read(const json& j, ModelState& out);
-void read(const json& j, Hello::Machine& out);
-void read(const json& j, Hello::Holder& out);
-void read(const json& j, Hello& out);
-void read(const json& j, Size& out);
-void read(const json& j, SpawnOptions& out);
-void read(const json& j, CreatedWorkspace& out);
-void read(const json& j, CreatedTab& out);
-void read(const json& j, CreatedSplit& out);
-void read(const json& j, Subscription& out);
-void read(const json& j, PaneText& out);
 void read(const json& j, Color& out);
+void read(const json& j, Layout& out);
+void read(const json& j, PullRequest& out);
+void read(const json& j, PaneText& out);
 void read(const json& j, TerminalColors& out);
-void read(const json& j, DaemonSettings::Range& out);
-void read(const json& j, DaemonSettings::Limits& out);
-void read(const json& j, DaemonSettings& out);
-void read(const json& j, DaemonSettings::Change& out);
-void read(const json& j, DaemonService& out);
-void read(const json& j, CellPosition& out);
-void read(const json& j, PaneSearchMatch& out);
-void read(const json& j, PaneSearchResult& out);
-void read(const json& j, AgentHistoryEntry& out);
-void read(const json& j, AgentHistory& out);
-void read(const json& j, PushRegistration& out);
-void read(const json& j, PushDevice& out);
-void read(const json& j, PushActivity& out);
-void read(const json& j, CachedMachineState& out);
+void read(const json& j, AgentInfo::State& out);
+void read(const json& j, Subscription::Mode& out);
+
+// Most documents are plain records: a key per member, required unless the member is
+// optional. One table per record serves both directions.
+
+template <typename S, typename M>
+struct Field {
+    const char* key;
+    M S::*member;
+    // Absent or null reads as the member's default; always written.
+    bool defaulted = false;
+};
+
+template <typename S, typename M>
+constexpr Field<S, M> field(const char* key, M S::*member) {
+    return {key, member, false};
+}
+
+template <typename S, typename M>
+constexpr Field<S, M> defaulted(const char* key, M S::*member) {
+    return {key, member, true};
+}
+
+template <typename T>
+struct IsOptional : std::false_type {};
+template <typename T>
+struct IsOptional<std::optional<T>> : std::true_type {};
+
+template <typename T>
+struct Record;
+
+#define CORVEX_RECORD(T, what, ...)                                                                                  \
+    template <>                                                                                                      \
+    struct Record<T> {                                                                                               \
+        static constexpr const char* name = what;                                                                    \
+        static constexpr auto fields = std::make_tuple(__VA_ARGS__);                                                 \
+    };
+
+CORVEX_RECORD(Focus, "focus", field("workspace", &Focus::workspace), field("tab", &Focus::tab),
+              field("pane", &Focus::pane))
+CORVEX_RECORD(Tab, "tab", field("id", &Tab::id), field("title", &Tab::title), field("active_pane", &Tab::activePane),
+              field("layout", &Tab::layout))
+CORVEX_RECORD(Workspace, "workspace", field("id", &Workspace::id), field("name", &Workspace::name),
+              field("tabs", &Workspace::tabs), field("active_tab", &Workspace::activeTab))
+CORVEX_RECORD(PaneExit, "exit", field("code", &PaneExit::code), field("signal", &PaneExit::signal))
+CORVEX_RECORD(PaneRestore, "restore", field("at", &PaneRestore::at), field("agent", &PaneRestore::agent),
+              field("session", &PaneRestore::session), defaulted("continued", &PaneRestore::continued))
+CORVEX_RECORD(Worktree, "worktree", field("name", &Worktree::name), field("path", &Worktree::path))
+CORVEX_RECORD(PaneGit, "git", field("repo", &PaneGit::repo), field("root", &PaneGit::root),
+              field("remote", &PaneGit::remote), field("branch", &PaneGit::branch), field("head", &PaneGit::head),
+              field("worktree", &PaneGit::worktree), field("pr", &PaneGit::pr),
+              field("pr_reason", &PaneGit::prReason))
+CORVEX_RECORD(PermissionRequest, "permission request", field("id", &PermissionRequest::id),
+              field("tool", &PermissionRequest::tool), field("summary", &PermissionRequest::summary))
+CORVEX_RECORD(AgentInfo, "agent", field("kind", &AgentInfo::kind), field("state", &AgentInfo::state),
+              field("source", &AgentInfo::source), field("message", &AgentInfo::message),
+              field("since", &AgentInfo::since), field("attention", &AgentInfo::attention),
+              field("session", &AgentInfo::session), field("muted", &AgentInfo::muted),
+              field("quiet", &AgentInfo::quietRise), field("prompt", &AgentInfo::prompt),
+              field("tool", &AgentInfo::tool), field("tool_input", &AgentInfo::toolInput),
+              field("turn_started", &AgentInfo::turnStarted), field("requests", &AgentInfo::requests))
+CORVEX_RECORD(Pane, "pane", field("id", &Pane::id), field("cols", &Pane::cols), field("rows", &Pane::rows),
+              field("pid", &Pane::pid), field("command", &Pane::command), field("title", &Pane::title),
+              field("cwd", &Pane::cwd), field("seq", &Pane::seq), field("exited", &Pane::exited),
+              field("agent", &Pane::agent), field("restored", &Pane::restored), field("git", &Pane::git))
+CORVEX_RECORD(ModelState, "state", field("rev", &ModelState::rev), field("focus", &ModelState::focus),
+              field("workspaces", &ModelState::workspaces), field("panes", &ModelState::panes))
+CORVEX_RECORD(Hello::Machine, "machine", field("hostname", &Hello::Machine::hostname),
+              field("os", &Hello::Machine::os), field("arch", &Hello::Machine::arch),
+              field("home", &Hello::Machine::home))
+CORVEX_RECORD(Hello::Holder, "holder", field("pid", &Hello::Holder::pid), field("version", &Hello::Holder::version),
+              field("protocol", &Hello::Holder::protocol), field("exe", &Hello::Holder::exe),
+              field("build", &Hello::Holder::build), field("can_upgrade", &Hello::Holder::canUpgrade),
+              field("outdated", &Hello::Holder::outdated), field("namespace", &Hello::Holder::nameSpace))
+CORVEX_RECORD(Hello, "hello", field("protocol", &Hello::protocol), field("protocol_min", &Hello::protocolMin),
+              field("protocol_max", &Hello::protocolMax), field("daemon", &Hello::daemon),
+              field("version", &Hello::version), field("instance", &Hello::instance), field("pid", &Hello::pid),
+              field("machine", &Hello::machine), field("features", &Hello::featureNames),
+              field("exe", &Hello::exe), field("build", &Hello::build), field("holder", &Hello::holder),
+              field("holder_outdated", &Hello::holderOutdated), field("namespace", &Hello::nameSpace))
+CORVEX_RECORD(Size, "size", field("cols", &Size::cols), field("rows", &Size::rows))
+CORVEX_RECORD(SpawnOptions, "spawn options", field("command", &SpawnOptions::command),
+              field("cwd", &SpawnOptions::cwd), field("env", &SpawnOptions::env), field("cols", &SpawnOptions::cols),
+              field("rows", &SpawnOptions::rows))
+CORVEX_RECORD(CreatedWorkspace, "created workspace", field("workspace", &CreatedWorkspace::workspace),
+              field("tab", &CreatedWorkspace::tab), field("pane", &CreatedWorkspace::pane))
+CORVEX_RECORD(CreatedTab, "created tab", field("tab", &CreatedTab::tab), field("pane", &CreatedTab::pane))
+CORVEX_RECORD(CreatedSplit, "created split", field("pane", &CreatedSplit::pane), field("split", &CreatedSplit::split))
+CORVEX_RECORD(Subscription, "subscription", field("mode", &Subscription::mode), field("seq", &Subscription::seq),
+              field("cols", &Subscription::cols), field("rows", &Subscription::rows))
+CORVEX_RECORD(DaemonSettings::Range, "range", field("min", &DaemonSettings::Range::min),
+              field("max", &DaemonSettings::Range::max), field("default", &DaemonSettings::Range::defaultValue))
+CORVEX_RECORD(DaemonSettings::Limits, "limits", field("scrollback_lines", &DaemonSettings::Limits::scrollbackLines))
+CORVEX_RECORD(DaemonSettings, "settings", field("scrollback_lines", &DaemonSettings::scrollbackLines),
+              field("limits", &DaemonSettings::limits), field("config", &DaemonSettings::config),
+              field("applied_panes", &DaemonSettings::appliedPanes))
+CORVEX_RECORD(DaemonSettings::Change, "settings change",
+              field("scrollback_lines", &DaemonSettings::Change::scrollbackLines))
+CORVEX_RECORD(DaemonService, "service", field("supported", &DaemonService::supported),
+              field("manager", &DaemonService::manager), field("label", &DaemonService::label),
+              field("file", &DaemonService::file), field("installed", &DaemonService::installed),
+              field("loaded", &DaemonService::loaded), field("up_to_date", &DaemonService::upToDate),
+              field("command", &DaemonService::command), field("linger", &DaemonService::linger),
+              field("needs", &DaemonService::needs), field("message", &DaemonService::message))
+CORVEX_RECORD(CellPosition, "cell position", field("line", &CellPosition::line), field("col", &CellPosition::col))
+CORVEX_RECORD(PaneSearchMatch, "search match", field("start", &PaneSearchMatch::start),
+              field("end", &PaneSearchMatch::end), field("text", &PaneSearchMatch::text),
+              field("line_text", &PaneSearchMatch::lineText))
+CORVEX_RECORD(PaneSearchResult, "search result", field("seq", &PaneSearchResult::seq),
+              field("cols", &PaneSearchResult::cols), field("rows", &PaneSearchResult::rows),
+              field("history", &PaneSearchResult::history), field("matches", &PaneSearchResult::matches),
+              field("next", &PaneSearchResult::next))
+CORVEX_RECORD(AgentHistoryEntry, "history entry", field("at", &AgentHistoryEntry::at),
+              field("event", &AgentHistoryEntry::eventName), field("kind", &AgentHistoryEntry::kind),
+              field("state", &AgentHistoryEntry::stateName), field("from", &AgentHistoryEntry::fromName),
+              field("message", &AgentHistoryEntry::message), field("session", &AgentHistoryEntry::session),
+              field("pid", &AgentHistoryEntry::pid), field("source", &AgentHistoryEntry::source),
+              defaulted("guess", &AgentHistoryEntry::guess), field("attention", &AgentHistoryEntry::attention),
+              field("muted", &AgentHistoryEntry::muted))
+CORVEX_RECORD(AgentHistory, "agent history", field("pane", &AgentHistory::pane), field("max", &AgentHistory::max),
+              field("entries", &AgentHistory::entries))
+CORVEX_RECORD(PushRegistration, "push registration", field("device", &PushRegistration::device),
+              field("handle", &PushRegistration::handle), field("key", &PushRegistration::key),
+              field("label", &PushRegistration::label), field("relay", &PushRegistration::relay),
+              field("env", &PushRegistration::env))
+CORVEX_RECORD(PushDevice, "push device", field("device", &PushDevice::device), field("label", &PushDevice::label),
+              field("relay", &PushDevice::relay), field("env", &PushDevice::env),
+              field("created", &PushDevice::created), field("last_error", &PushDevice::lastError))
+CORVEX_RECORD(PushActivity, "push activity", field("pane", &PushActivity::pane),
+              field("device", &PushActivity::device), field("created", &PushActivity::created),
+              field("last_error", &PushActivity::lastError))
+CORVEX_RECORD(CachedMachineState, "cached machine state", field("format", &CachedMachineState::format),
+              field("state", &CachedMachineState::state), field("lastSeen", &CachedMachineState::lastSeen),
+              field("daemonVersion", &CachedMachineState::daemonVersion),
+              field("instance", &CachedMachineState::instance),
+              field("featureNames", &CachedMachineState::featureNames))
+
+#undef CORVEX_RECORD
+
+template <typename T>
+concept IsRecord = requires { Record<T>::fields; };
+
+template <IsRecord T>
+void read(const json& j, T& out);
 
 // Object readers: a required key must be there with the right type; an optional one may be
 // absent or null. Unknown keys are never looked at.
@@ -166,14 +277,39 @@ Enum requiredWord(const Fields& fields, const char* key, std::optional<Enum> (*p
     return *parsed;
 }
 
-// Structure readers.
+// Enumerations travel as their wire words.
 
-void read(const json& j, Focus& out) {
-    Fields f(j, "focus");
-    out.workspace = f.optional<uint64_t>("workspace");
-    out.tab = f.optional<uint64_t>("tab");
-    out.pane = f.optional<uint64_t>("pane");
+void read(const json& j, AgentInfo::State& out) {
+    if (!j.is_string()) throw WrongType{"a string"};
+    // An agent state this client doesn't know yet reads as the nearest one it does.
+    out = parseAgentState(j.get_ref<const std::string&>());
 }
+
+void read(const json& j, Subscription::Mode& out) {
+    if (!j.is_string()) throw WrongType{"a string"};
+    const auto& word = j.get_ref<const std::string&>();
+    auto mode = parseSubscriptionMode(word);
+    if (!mode) throw DecodingError("unknown subscription mode " + word);
+    out = *mode;
+}
+
+
+template <typename S, typename M>
+void readField(const Fields& fields, const Field<S, M>& field, S& out) {
+    if constexpr (IsOptional<M>::value) {
+        out.*field.member = fields.optional<typename M::value_type>(field.key);
+    } else {
+        out.*field.member = field.defaulted ? fields.optional<M>(field.key).value_or(M{}) : fields.required<M>(field.key);
+    }
+}
+
+// Keys are read in the table's order, so a document missing two keys names the first.
+template <IsRecord T>
+void read(const json& j, T& out) {
+    Fields fields(j, Record<T>::name);
+    std::apply([&](const auto&... each) { (readField(fields, each, out), ...); }, Record<T>::fields);
+}
+
 
 // A tree deeper than any window can show is refused before its decoding exhausts the stack.
 constexpr int maxLayoutDepth = 200;
@@ -188,6 +324,8 @@ struct LayoutDepth {
     LayoutDepth(const LayoutDepth&) = delete;
     LayoutDepth& operator=(const LayoutDepth&) = delete;
 };
+
+// The records that aren't plain.
 
 void read(const json& j, Layout& out) {
     LayoutDepth depth;
@@ -207,42 +345,6 @@ void read(const json& j, Layout& out) {
     }
 }
 
-void read(const json& j, Tab& out) {
-    Fields f(j, "tab");
-    out.id = f.required<uint64_t>("id");
-    out.title = f.optional<std::string>("title");
-    out.activePane = f.required<uint64_t>("active_pane");
-    out.layout = f.required<Layout>("layout");
-}
-
-void read(const json& j, Workspace& out) {
-    Fields f(j, "workspace");
-    out.id = f.required<uint64_t>("id");
-    out.name = f.required<std::string>("name");
-    out.tabs = f.required<std::vector<Tab>>("tabs");
-    out.activeTab = f.optional<uint64_t>("active_tab");
-}
-
-void read(const json& j, PaneExit& out) {
-    Fields f(j, "exit");
-    out.code = f.optional<int>("code");
-    out.signal = f.optional<int>("signal");
-}
-
-void read(const json& j, PaneRestore& out) {
-    Fields f(j, "restore");
-    out.at = f.required<double>("at");
-    out.agent = f.optional<std::string>("agent");
-    out.session = f.optional<std::string>("session");
-    out.continued = f.optional<bool>("continued").value_or(false);
-}
-
-void read(const json& j, Worktree& out) {
-    Fields f(j, "worktree");
-    out.name = f.required<std::string>("name");
-    out.path = f.optional<std::string>("path");
-}
-
 void read(const json& j, PullRequest& out) {
     Fields f(j, "pull request");
     out.number = f.required<int>("number");
@@ -252,147 +354,6 @@ void read(const json& j, PullRequest& out) {
                                             : std::nullopt;
     out.url = f.optional<std::string>("url");
     out.title = f.optional<std::string>("title");
-}
-
-void read(const json& j, PaneGit& out) {
-    Fields f(j, "git");
-    out.repo = f.required<std::string>("repo");
-    out.root = f.optional<std::string>("root");
-    out.remote = f.optional<std::string>("remote");
-    out.branch = f.optional<std::string>("branch");
-    out.head = f.optional<std::string>("head");
-    out.worktree = f.optional<Worktree>("worktree");
-    out.pr = f.optional<PullRequest>("pr");
-    out.prReason = f.optional<std::string>("pr_reason");
-}
-
-void read(const json& j, PermissionRequest& out) {
-    Fields f(j, "permission request");
-    out.id = f.required<std::string>("id");
-    out.tool = f.required<std::string>("tool");
-    out.summary = f.optional<std::string>("summary");
-}
-
-void read(const json& j, AgentInfo& out) {
-    Fields f(j, "agent");
-    out.kind = f.required<std::string>("kind");
-    out.state = parseAgentState(f.required<std::string>("state"));
-    out.source = f.optional<std::string>("source");
-    out.message = f.optional<std::string>("message");
-    out.since = f.optional<double>("since");
-    out.attention = f.optional<bool>("attention");
-    out.session = f.optional<std::string>("session");
-    out.muted = f.optional<bool>("muted");
-    out.quietRise = f.optional<bool>("quiet");
-    out.prompt = f.optional<std::string>("prompt");
-    out.tool = f.optional<std::string>("tool");
-    out.toolInput = f.optional<std::string>("tool_input");
-    out.turnStarted = f.optional<double>("turn_started");
-    out.requests = f.optional<std::vector<PermissionRequest>>("requests");
-}
-
-void read(const json& j, Pane& out) {
-    Fields f(j, "pane");
-    out.id = f.required<uint64_t>("id");
-    out.cols = f.required<int>("cols");
-    out.rows = f.required<int>("rows");
-    out.pid = f.optional<int>("pid");
-    out.command = f.optional<std::vector<std::string>>("command");
-    out.title = f.optional<std::string>("title");
-    out.cwd = f.optional<std::string>("cwd");
-    out.seq = f.required<uint64_t>("seq");
-    out.exited = f.optional<PaneExit>("exited");
-    out.agent = f.optional<AgentInfo>("agent");
-    out.restored = f.optional<PaneRestore>("restored");
-    out.git = f.optional<PaneGit>("git");
-}
-
-void read(const json& j, ModelState& out) {
-    Fields f(j, "state");
-    out.rev = f.required<uint64_t>("rev");
-    out.focus = f.required<Focus>("focus");
-    out.workspaces = f.required<std::vector<Workspace>>("workspaces");
-    out.panes = f.required<std::vector<Pane>>("panes");
-}
-
-void read(const json& j, Hello::Machine& out) {
-    Fields f(j, "machine");
-    out.hostname = f.required<std::string>("hostname");
-    out.os = f.required<std::string>("os");
-    out.arch = f.required<std::string>("arch");
-    out.home = f.optional<std::string>("home");
-}
-
-void read(const json& j, Hello::Holder& out) {
-    Fields f(j, "holder");
-    out.pid = f.optional<int>("pid");
-    out.version = f.optional<std::string>("version");
-    out.protocol = f.optional<int>("protocol");
-    out.exe = f.optional<std::string>("exe");
-    out.build = f.optional<std::string>("build");
-    out.canUpgrade = f.optional<bool>("can_upgrade");
-    out.outdated = f.optional<bool>("outdated");
-    out.nameSpace = f.optional<std::string>("namespace");
-}
-
-void read(const json& j, Hello& out) {
-    Fields f(j, "hello");
-    out.protocol = f.required<int>("protocol");
-    out.protocolMin = f.optional<int>("protocol_min");
-    out.protocolMax = f.optional<int>("protocol_max");
-    out.daemon = f.required<std::string>("daemon");
-    out.version = f.required<std::string>("version");
-    out.instance = f.required<std::string>("instance");
-    out.pid = f.optional<int>("pid");
-    out.machine = f.optional<Hello::Machine>("machine");
-    out.featureNames = f.optional<std::vector<std::string>>("features");
-    out.exe = f.optional<std::string>("exe");
-    out.build = f.optional<std::string>("build");
-    out.holder = f.optional<Hello::Holder>("holder");
-    out.holderOutdated = f.optional<bool>("holder_outdated");
-    out.nameSpace = f.optional<std::string>("namespace");
-}
-
-void read(const json& j, Size& out) {
-    Fields f(j, "size");
-    out.cols = f.required<int>("cols");
-    out.rows = f.required<int>("rows");
-}
-
-void read(const json& j, SpawnOptions& out) {
-    Fields f(j, "spawn options");
-    out.command = f.optional<std::vector<std::string>>("command");
-    out.cwd = f.optional<std::string>("cwd");
-    out.env = f.optional<std::map<std::string, std::string>>("env");
-    out.cols = f.optional<int>("cols");
-    out.rows = f.optional<int>("rows");
-}
-
-void read(const json& j, CreatedWorkspace& out) {
-    Fields f(j, "created workspace");
-    out.workspace = f.required<uint64_t>("workspace");
-    out.tab = f.required<uint64_t>("tab");
-    out.pane = f.required<uint64_t>("pane");
-}
-
-void read(const json& j, CreatedTab& out) {
-    Fields f(j, "created tab");
-    out.tab = f.required<uint64_t>("tab");
-    out.pane = f.required<uint64_t>("pane");
-}
-
-void read(const json& j, CreatedSplit& out) {
-    Fields f(j, "created split");
-    out.pane = f.required<uint64_t>("pane");
-    out.split = f.required<uint64_t>("split");
-}
-
-void read(const json& j, Subscription& out) {
-    Fields f(j, "subscription");
-    out.mode = requiredWord<Subscription::Mode>(f, "mode", parseSubscriptionMode, "subscription mode");
-    out.seq = f.required<uint64_t>("seq");
-    out.cols = f.required<int>("cols");
-    out.rows = f.required<int>("rows");
 }
 
 void read(const json& j, PaneText& out) {
@@ -405,6 +366,7 @@ void read(const json& j, PaneText& out) {
     out.rows = f.required<int>("rows");
     out.seq = f.optional<uint64_t>("seq").value_or(0);
 }
+
 
 void read(const json& j, Color& out) {
     if (!j.is_string()) throw WrongType{"a colour \"#rrggbb\""};
@@ -432,131 +394,6 @@ void read(const json& j, TerminalColors& out) {
         out.ansi.emplace();
         for (const auto& color : *ansi) out.ansi->push_back(color.value);
     }
-}
-
-void read(const json& j, DaemonSettings::Range& out) {
-    Fields f(j, "range");
-    out.min = f.required<int>("min");
-    out.max = f.required<int>("max");
-    out.defaultValue = f.required<int>("default");
-}
-
-void read(const json& j, DaemonSettings::Limits& out) {
-    Fields f(j, "limits");
-    out.scrollbackLines = f.required<DaemonSettings::Range>("scrollback_lines");
-}
-
-void read(const json& j, DaemonSettings& out) {
-    Fields f(j, "settings");
-    out.scrollbackLines = f.required<int>("scrollback_lines");
-    out.limits = f.required<DaemonSettings::Limits>("limits");
-    out.config = f.optional<std::string>("config");
-    out.appliedPanes = f.optional<std::vector<uint64_t>>("applied_panes");
-}
-
-void read(const json& j, DaemonSettings::Change& out) {
-    Fields f(j, "settings change");
-    out.scrollbackLines = f.optional<int>("scrollback_lines");
-}
-
-void read(const json& j, DaemonService& out) {
-    Fields f(j, "service");
-    out.supported = f.required<bool>("supported");
-    out.manager = f.optional<std::string>("manager");
-    out.label = f.optional<std::string>("label");
-    out.file = f.optional<std::string>("file");
-    out.installed = f.required<bool>("installed");
-    out.loaded = f.required<bool>("loaded");
-    out.upToDate = f.required<bool>("up_to_date");
-    out.command = f.optional<std::vector<std::string>>("command");
-    out.linger = f.optional<bool>("linger");
-    out.needs = f.required<std::vector<std::string>>("needs");
-    out.message = f.optional<std::string>("message");
-}
-
-void read(const json& j, CellPosition& out) {
-    Fields f(j, "cell position");
-    out.line = f.required<int>("line");
-    out.col = f.required<int>("col");
-}
-
-void read(const json& j, PaneSearchMatch& out) {
-    Fields f(j, "search match");
-    out.start = f.required<CellPosition>("start");
-    out.end = f.required<CellPosition>("end");
-    out.text = f.required<std::string>("text");
-    out.lineText = f.required<std::string>("line_text");
-}
-
-void read(const json& j, PaneSearchResult& out) {
-    Fields f(j, "search result");
-    out.seq = f.required<uint64_t>("seq");
-    out.cols = f.required<int>("cols");
-    out.rows = f.required<int>("rows");
-    out.history = f.required<int>("history");
-    out.matches = f.required<std::vector<PaneSearchMatch>>("matches");
-    out.next = f.optional<CellPosition>("next");
-}
-
-void read(const json& j, AgentHistoryEntry& out) {
-    Fields f(j, "history entry");
-    out.at = f.required<double>("at");
-    out.eventName = f.required<std::string>("event");
-    out.kind = f.optional<std::string>("kind");
-    out.stateName = f.optional<std::string>("state");
-    out.fromName = f.optional<std::string>("from");
-    out.message = f.optional<std::string>("message");
-    out.session = f.optional<std::string>("session");
-    out.pid = f.optional<int>("pid");
-    out.source = f.optional<std::string>("source");
-    out.guess = f.optional<bool>("guess").value_or(false);
-    out.attention = f.optional<bool>("attention");
-    out.muted = f.optional<bool>("muted");
-}
-
-void read(const json& j, AgentHistory& out) {
-    Fields f(j, "agent history");
-    out.pane = f.required<uint64_t>("pane");
-    out.max = f.required<int64_t>("max");
-    out.entries = f.required<std::vector<AgentHistoryEntry>>("entries");
-}
-
-void read(const json& j, PushRegistration& out) {
-    Fields f(j, "push registration");
-    out.device = f.required<std::string>("device");
-    out.handle = f.required<std::string>("handle");
-    out.key = f.required<std::string>("key");
-    out.label = f.required<std::string>("label");
-    out.relay = f.required<std::string>("relay");
-    out.env = f.required<std::string>("env");
-}
-
-void read(const json& j, PushDevice& out) {
-    Fields f(j, "push device");
-    out.device = f.required<std::string>("device");
-    out.label = f.required<std::string>("label");
-    out.relay = f.required<std::string>("relay");
-    out.env = f.required<std::string>("env");
-    out.created = f.optional<double>("created");
-    out.lastError = f.optional<std::string>("last_error");
-}
-
-void read(const json& j, PushActivity& out) {
-    Fields f(j, "push activity");
-    out.pane = f.required<uint64_t>("pane");
-    out.device = f.required<std::string>("device");
-    out.created = f.optional<double>("created");
-    out.lastError = f.optional<std::string>("last_error");
-}
-
-void read(const json& j, CachedMachineState& out) {
-    Fields f(j, "cached machine state");
-    out.format = f.required<int>("format");
-    out.state = f.required<ModelState>("state");
-    out.lastSeen = f.required<double>("lastSeen");
-    out.daemonVersion = f.optional<std::string>("daemonVersion");
-    out.instance = f.optional<std::string>("instance");
-    out.featureNames = f.required<std::vector<std::string>>("featureNames");
 }
 
 template <typename T>
@@ -602,7 +439,9 @@ json plain(const std::vector<T>& values) {
 
 template <typename T>
 void put(json& out, const char* key, const T& value) {
-    if constexpr (std::is_class_v<T> && !std::is_same_v<T, std::string>) {
+    if constexpr (std::is_enum_v<T>) {
+        out[key] = std::string(wireName(value));
+    } else if constexpr (std::is_class_v<T> && !std::is_same_v<T, std::string>) {
         out[key] = toJSON(value);
     } else {
         out[key] = value;
@@ -621,20 +460,19 @@ void put(json& out, const char* key, const std::optional<T>& value) {
     if (value) put(out, key, *value);
 }
 
+template <IsRecord T>
+json writeRecord(const T& value) {
+    json out = json::object();
+    std::apply([&](const auto&... each) { (put(out, each.key, value.*each.member), ...); }, Record<T>::fields);
+    return out;
+}
+
 } // namespace
 
 std::string colorText(RGB color) {
     char buffer[16];
     std::snprintf(buffer, sizeof buffer, "#%06" PRIx32, static_cast<uint32_t>(color & 0xFFFFFF));
     return buffer;
-}
-
-json toJSON(const Focus& v) {
-    json out = json::object();
-    put(out, "workspace", v.workspace);
-    put(out, "tab", v.tab);
-    put(out, "pane", v.pane);
-    return out;
 }
 
 json toJSON(const Layout& v) {
@@ -644,185 +482,13 @@ json toJSON(const Layout& v) {
                 {"ratio", node.ratio},     {"a", toJSON(node.a)}, {"b", toJSON(node.b)}};
 }
 
-json toJSON(const Tab& v) {
-    json out = json::object();
-    put(out, "id", v.id);
-    put(out, "title", v.title);
-    put(out, "active_pane", v.activePane);
-    put(out, "layout", v.layout);
-    return out;
-}
-
-json toJSON(const Workspace& v) {
-    json out = json::object();
-    put(out, "id", v.id);
-    put(out, "name", v.name);
-    put(out, "tabs", v.tabs);
-    put(out, "active_tab", v.activeTab);
-    return out;
-}
-
-json toJSON(const PaneExit& v) {
-    json out = json::object();
-    put(out, "code", v.code);
-    put(out, "signal", v.signal);
-    return out;
-}
-
-json toJSON(const PaneRestore& v) {
-    json out = json::object();
-    put(out, "at", v.at);
-    put(out, "agent", v.agent);
-    put(out, "session", v.session);
-    put(out, "continued", v.continued);
-    return out;
-}
-
-json toJSON(const Worktree& v) {
-    json out = json::object();
-    put(out, "name", v.name);
-    put(out, "path", v.path);
-    return out;
-}
-
 json toJSON(const PullRequest& v) {
     json out = json::object();
     put(out, "number", v.number);
-    if (v.state) out["state"] = std::string(wireName(*v.state));
+    put(out, "state", v.state);
     put(out, "url", v.url);
     put(out, "title", v.title);
     return out;
-}
-
-json toJSON(const PaneGit& v) {
-    json out = json::object();
-    put(out, "repo", v.repo);
-    put(out, "root", v.root);
-    put(out, "remote", v.remote);
-    put(out, "branch", v.branch);
-    put(out, "head", v.head);
-    put(out, "worktree", v.worktree);
-    put(out, "pr", v.pr);
-    put(out, "pr_reason", v.prReason);
-    return out;
-}
-
-json toJSON(const PermissionRequest& v) {
-    json out = json::object();
-    put(out, "id", v.id);
-    put(out, "tool", v.tool);
-    put(out, "summary", v.summary);
-    return out;
-}
-
-json toJSON(const AgentInfo& v) {
-    json out = json::object();
-    put(out, "kind", v.kind);
-    out["state"] = std::string(wireName(v.state));
-    put(out, "source", v.source);
-    put(out, "message", v.message);
-    put(out, "since", v.since);
-    put(out, "attention", v.attention);
-    put(out, "session", v.session);
-    put(out, "muted", v.muted);
-    put(out, "quiet", v.quietRise);
-    put(out, "prompt", v.prompt);
-    put(out, "tool", v.tool);
-    put(out, "tool_input", v.toolInput);
-    put(out, "turn_started", v.turnStarted);
-    put(out, "requests", v.requests);
-    return out;
-}
-
-json toJSON(const Pane& v) {
-    json out = json::object();
-    put(out, "id", v.id);
-    put(out, "cols", v.cols);
-    put(out, "rows", v.rows);
-    put(out, "pid", v.pid);
-    put(out, "command", v.command);
-    put(out, "title", v.title);
-    put(out, "cwd", v.cwd);
-    put(out, "seq", v.seq);
-    put(out, "exited", v.exited);
-    put(out, "agent", v.agent);
-    put(out, "restored", v.restored);
-    put(out, "git", v.git);
-    return out;
-}
-
-json toJSON(const ModelState& v) {
-    json out = json::object();
-    put(out, "rev", v.rev);
-    put(out, "focus", v.focus);
-    put(out, "workspaces", v.workspaces);
-    put(out, "panes", v.panes);
-    return out;
-}
-
-json toJSON(const Hello::Machine& v) {
-    json out = json::object();
-    put(out, "hostname", v.hostname);
-    put(out, "os", v.os);
-    put(out, "arch", v.arch);
-    put(out, "home", v.home);
-    return out;
-}
-
-json toJSON(const Hello::Holder& v) {
-    json out = json::object();
-    put(out, "pid", v.pid);
-    put(out, "version", v.version);
-    put(out, "protocol", v.protocol);
-    put(out, "exe", v.exe);
-    put(out, "build", v.build);
-    put(out, "can_upgrade", v.canUpgrade);
-    put(out, "outdated", v.outdated);
-    put(out, "namespace", v.nameSpace);
-    return out;
-}
-
-json toJSON(const Hello& v) {
-    json out = json::object();
-    put(out, "protocol", v.protocol);
-    put(out, "protocol_min", v.protocolMin);
-    put(out, "protocol_max", v.protocolMax);
-    put(out, "daemon", v.daemon);
-    put(out, "version", v.version);
-    put(out, "instance", v.instance);
-    put(out, "pid", v.pid);
-    put(out, "machine", v.machine);
-    put(out, "features", v.featureNames);
-    put(out, "exe", v.exe);
-    put(out, "build", v.build);
-    put(out, "holder", v.holder);
-    put(out, "holder_outdated", v.holderOutdated);
-    put(out, "namespace", v.nameSpace);
-    return out;
-}
-
-json toJSON(const Size& v) { return json{{"cols", v.cols}, {"rows", v.rows}}; }
-
-json toJSON(const SpawnOptions& v) {
-    json out = json::object();
-    put(out, "command", v.command);
-    put(out, "cwd", v.cwd);
-    put(out, "env", v.env);
-    put(out, "cols", v.cols);
-    put(out, "rows", v.rows);
-    return out;
-}
-
-json toJSON(const CreatedWorkspace& v) {
-    return json{{"workspace", v.workspace}, {"tab", v.tab}, {"pane", v.pane}};
-}
-
-json toJSON(const CreatedTab& v) { return json{{"tab", v.tab}, {"pane", v.pane}}; }
-
-json toJSON(const CreatedSplit& v) { return json{{"pane", v.pane}, {"split", v.split}}; }
-
-json toJSON(const Subscription& v) {
-    return json{{"mode", std::string(wireName(v.mode))}, {"seq", v.seq}, {"cols", v.cols}, {"rows", v.rows}};
 }
 
 json toJSON(const PaneText& v) {
@@ -848,120 +514,44 @@ json toJSON(const TerminalColors& v) {
     return out;
 }
 
-json toJSON(const DaemonSettings::Range& v) {
-    return json{{"min", v.min}, {"max", v.max}, {"default", v.defaultValue}};
-}
+#define CORVEX_RECORD_WRITER(T) \
+    json toJSON(const T& v) { return writeRecord(v); }
+CORVEX_RECORD_WRITER(Focus)
+CORVEX_RECORD_WRITER(Tab)
+CORVEX_RECORD_WRITER(Workspace)
+CORVEX_RECORD_WRITER(PaneExit)
+CORVEX_RECORD_WRITER(PaneRestore)
+CORVEX_RECORD_WRITER(Worktree)
+CORVEX_RECORD_WRITER(PaneGit)
+CORVEX_RECORD_WRITER(PermissionRequest)
+CORVEX_RECORD_WRITER(AgentInfo)
+CORVEX_RECORD_WRITER(Pane)
+CORVEX_RECORD_WRITER(ModelState)
+CORVEX_RECORD_WRITER(Hello::Machine)
+CORVEX_RECORD_WRITER(Hello::Holder)
+CORVEX_RECORD_WRITER(Hello)
+CORVEX_RECORD_WRITER(Size)
+CORVEX_RECORD_WRITER(SpawnOptions)
+CORVEX_RECORD_WRITER(CreatedWorkspace)
+CORVEX_RECORD_WRITER(CreatedTab)
+CORVEX_RECORD_WRITER(CreatedSplit)
+CORVEX_RECORD_WRITER(Subscription)
+CORVEX_RECORD_WRITER(DaemonSettings::Range)
+CORVEX_RECORD_WRITER(DaemonSettings::Limits)
+CORVEX_RECORD_WRITER(DaemonSettings)
+CORVEX_RECORD_WRITER(DaemonSettings::Change)
+CORVEX_RECORD_WRITER(DaemonService)
+CORVEX_RECORD_WRITER(CellPosition)
+CORVEX_RECORD_WRITER(PaneSearchMatch)
+CORVEX_RECORD_WRITER(PaneSearchResult)
+CORVEX_RECORD_WRITER(AgentHistoryEntry)
+CORVEX_RECORD_WRITER(AgentHistory)
+CORVEX_RECORD_WRITER(PushRegistration)
+CORVEX_RECORD_WRITER(PushDevice)
+CORVEX_RECORD_WRITER(PushActivity)
+CORVEX_RECORD_WRITER(CachedMachineState)
 
-json toJSON(const DaemonSettings::Limits& v) { return json{{"scrollback_lines", toJSON(v.scrollbackLines)}}; }
-
-json toJSON(const DaemonSettings& v) {
-    json out = json::object();
-    put(out, "scrollback_lines", v.scrollbackLines);
-    put(out, "limits", v.limits);
-    put(out, "config", v.config);
-    put(out, "applied_panes", v.appliedPanes);
-    return out;
-}
-
-json toJSON(const DaemonSettings::Change& v) {
-    json out = json::object();
-    put(out, "scrollback_lines", v.scrollbackLines);
-    return out;
-}
-
-json toJSON(const DaemonService& v) {
-    json out = json::object();
-    put(out, "supported", v.supported);
-    put(out, "manager", v.manager);
-    put(out, "label", v.label);
-    put(out, "file", v.file);
-    put(out, "installed", v.installed);
-    put(out, "loaded", v.loaded);
-    put(out, "up_to_date", v.upToDate);
-    put(out, "command", v.command);
-    put(out, "linger", v.linger);
-    put(out, "needs", v.needs);
-    put(out, "message", v.message);
-    return out;
-}
-
-json toJSON(const CellPosition& v) { return json{{"line", v.line}, {"col", v.col}}; }
-
-json toJSON(const PaneSearchMatch& v) {
-    return json{{"start", toJSON(v.start)}, {"end", toJSON(v.end)}, {"text", v.text}, {"line_text", v.lineText}};
-}
-
-json toJSON(const PaneSearchResult& v) {
-    json out = json::object();
-    put(out, "seq", v.seq);
-    put(out, "cols", v.cols);
-    put(out, "rows", v.rows);
-    put(out, "history", v.history);
-    put(out, "matches", v.matches);
-    put(out, "next", v.next);
-    return out;
-}
-
-json toJSON(const AgentHistoryEntry& v) {
-    json out = json::object();
-    put(out, "at", v.at);
-    put(out, "event", v.eventName);
-    put(out, "kind", v.kind);
-    put(out, "state", v.stateName);
-    put(out, "from", v.fromName);
-    put(out, "message", v.message);
-    put(out, "session", v.session);
-    put(out, "pid", v.pid);
-    put(out, "source", v.source);
-    put(out, "guess", v.guess);
-    put(out, "attention", v.attention);
-    put(out, "muted", v.muted);
-    return out;
-}
-
-json toJSON(const AgentHistory& v) {
-    json out = json::object();
-    put(out, "pane", v.pane);
-    put(out, "max", v.max);
-    put(out, "entries", v.entries);
-    return out;
-}
-
-json toJSON(const PushRegistration& v) {
-    return json{{"device", v.device}, {"handle", v.handle}, {"key", v.key},
-                {"label", v.label},   {"relay", v.relay},   {"env", v.env}};
-}
-
-json toJSON(const PushDevice& v) {
-    json out = json::object();
-    put(out, "device", v.device);
-    put(out, "label", v.label);
-    put(out, "relay", v.relay);
-    put(out, "env", v.env);
-    put(out, "created", v.created);
-    put(out, "last_error", v.lastError);
-    return out;
-}
-
-json toJSON(const PushActivity& v) {
-    json out = json::object();
-    put(out, "pane", v.pane);
-    put(out, "device", v.device);
-    put(out, "created", v.created);
-    put(out, "last_error", v.lastError);
-    return out;
-}
-
-json toJSON(const CachedMachineState& v) {
-    json out = json::object();
-    put(out, "format", v.format);
-    put(out, "state", v.state);
-    put(out, "lastSeen", v.lastSeen);
-    put(out, "daemonVersion", v.daemonVersion);
-    put(out, "instance", v.instance);
-    put(out, "featureNames", v.featureNames);
-    return out;
-}
+#undef CORVEX_RECORD_WRITER
 
 template <typename T>
 T decodeJSON(const json& j) {

@@ -316,7 +316,15 @@ void LocalProcess::finishTermination(uint64_t generation, std::optional<int32_t>
 }
 
 void LocalProcess::terminate() {
-    auto reaper = session_.withLock([](SessionState& state) -> std::shared_ptr<LocalProcessChildReaper> {
+    if (auto reaper = reaperForTermination()) reaper->signal(SIGTERM);
+}
+
+void LocalProcess::hangUp() {
+    if (auto reaper = reaperForTermination()) reaper->signalGroup(SIGHUP);
+}
+
+std::shared_ptr<LocalProcessChildReaper> LocalProcess::reaperForTermination() {
+    return session_.withLock([](SessionState& state) -> std::shared_ptr<LocalProcessChildReaper> {
         switch (state.phase) {
         case LocalProcessPhase::terminating: return state.reaper;
         case LocalProcessPhase::running:
@@ -326,7 +334,6 @@ void LocalProcess::terminate() {
         default: return nullptr;
         }
     });
-    if (reaper) reaper->signal(SIGTERM);
 }
 
 void LocalProcess::send(std::span<const unsigned char> data) {

@@ -116,6 +116,9 @@ public:
     // The completion runs on the writer thread, or at once when the send can't be queued.
     void send(std::span<const unsigned char> data, std::function<void(LocalProcessSendResult)> completion);
     void terminate();
+    // Like terminate, with SIGHUP to the child's whole process group, as a closed terminal
+    // does: an interactive shell ignores SIGTERM, and its jobs should end with it.
+    void hangUp();
     bool updateWindowSize(const winsize& size);
     std::optional<std::set<unsigned char>> terminalControlBytesForPaste();
     void setHostLogging(const std::optional<std::string>& directory);
@@ -179,6 +182,8 @@ private:
     void startChildWaiter(uint64_t generation, std::shared_ptr<LocalProcessChildReaper> reaper);
     void childDidExit(uint64_t generation, std::optional<int> status);
     void finishTermination(uint64_t generation, std::optional<int32_t> exitCode);
+    // Moves a running session to terminating and gives the reaper to signal through.
+    std::shared_ptr<LocalProcessChildReaper> reaperForTermination();
     std::shared_ptr<LocalProcessDelegate> delegate() const;
 
     platform::Locked<SessionState> session_;

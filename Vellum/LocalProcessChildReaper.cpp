@@ -18,6 +18,13 @@ bool LocalProcessChildReaper::signal(int signalNumber) {
     return kill(pid_, signalNumber) == 0;
 }
 
+bool LocalProcessChildReaper::signalGroup(int signalNumber) {
+    std::lock_guard guard(lock_);
+    if (!signalAllowed_) return false;
+    bool sent = kill(-pid_, signalNumber) == 0;
+    return kill(pid_, signalNumber) == 0 || sent;
+}
+
 bool LocalProcessChildReaper::signalAllowed() {
     std::lock_guard guard(lock_);
     return signalAllowed_;

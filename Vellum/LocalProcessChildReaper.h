@@ -20,6 +20,9 @@ public:
 
     // Sends the signal unless the child has been reaped; true when it was sent.
     bool signal(int signalNumber);
+    // Sends the signal to the child's process group, then to the child itself. The child
+    // leads its own session, so while it is unreaped the group's number can't be reused.
+    bool signalGroup(int signalNumber);
     bool signalAllowed();
 
     // Blocks until the child has ended, reaps it and returns its raw wait status; nothing

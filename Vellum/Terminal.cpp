@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "Platform/Unicode.h"
+#include "Vellum/Diagnostics.h"
+#include "Vellum/TerminalParameters.h"
 
 namespace vellum {
 
@@ -31,7 +33,11 @@ public:
     void put(std::span<const uint8_t> data) override {
         if (request.size() + data.size() <= 64) request.append(data.begin(), data.end());
     }
-    void unhook() override { terminal.sendResponse(statusStringReply(terminal.statusStringPayload(request), terminal.cc)); }
+    void unhook() override {
+        auto payload = terminal.statusStringPayload(request);
+        if (!payload) terminal.log("Unknown DCS + " + request);
+        terminal.sendResponse(statusStringReply(payload, terminal.cc));
+    }
 
 private:
     Terminal& terminal;
@@ -60,17 +66,18 @@ private:
     bool overflowed = false;
 };
 
-// Consumes a DCS that we do not act on (sixel and the like) so it never prints.
-class IgnoredDcsHandler final : public DcsHandler {
-public:
-    void hook(std::span<const uint8_t>, CsiParameters, uint8_t) override {}
-    void put(std::span<const uint8_t>) override {}
-    void unhook() override {}
-};
+std::unique_ptr<DcsHandler> makeSixelDcsHandler();
 
 void TerminalDelegate::setForegroundColor(Terminal& source, Color color) { source.foregroundColor = color; }
 void TerminalDelegate::setBackgroundColor(Terminal& source, Color color) { source.backgroundColor = color; }
 void TerminalDelegate::setCursorColor(Terminal& source, std::optional<Color> color) { source.cursorColor = color; }
+std::pair<Color, Color> TerminalDelegate::getColors(Terminal& source) {
+    return {source.foregroundColor, source.backgroundColor};
+}
+bool TerminalDelegate::kittyClipboardSendPasteEvent(Terminal& source, std::span<const uint8_t> data) {
+    send(source, data);
+    return true;
+}
 
 Terminal::Terminal(TerminalDelegate* delegate, TerminalOptions options)
     : delegate(delegate), options_(std::move(options)), cols_(std::max(options_.cols, 2)), rows_(std::max(options_.rows, 1)),
@@ -81,14 +88,36 @@ Terminal::Terminal(TerminalDelegate* delegate, TerminalOptions options)
     altBuffer = std::make_unique<Buffer>(cols_, rows_, 0, cellArena, options_.tabStopWidth);
     buffer_ = normalBuffer.get();
     ansiColors = buildAnsiPalette(Color::defaultInstalledColors(), options_.ansi256PaletteStrategy, foregroundColor, backgroundColor);
+    defaultAnsiColors = ansiColors;
     setup(false);
+}
+
+Terminal::~Terminal() { TinyAtom::release(payloadCodes); }
+
+void Terminal::log(std::string_view message) const {
+    if (!silentLogging) diagnostic(message);
 }
 
 void Terminal::setup(bool isReset) {
     if (isReset) {
+        programStatusStore.clearAll();
         activateNormalBuffer(true);
         normalBuffer->clearScrollback();
+        resetSemanticPromptState();
+        savedPrivateModes.clear();
     }
+    if (reverseColors && delegate) delegate->colorChanged(*this, std::nullopt);
+    alternateScrollMode = true;
+    if (synchronizedOutputActive) applyDECPrivateMode(2026, false);
+    colorSchemeUpdatesEnabled = visibilityReportsEnabled = inBandSizeReportsEnabled = kittyPasteEventsEnabled = false;
+    keyboardFlagStacks = {};
+    conformance = 4;
+    allow80To132 = noClearOnColumnChange = false;
+    titleModeSetHex = titleModeQueryHex = titleModeSetUtf8 = titleModeQueryUtf8 = false;
+    pendingHyperlink.reset();
+    activeHyperlinkCode = 0;
+    bidiState = options_.initialBidiState;
+    bidiArrowKeySwap = options_.initialBidiArrowKeySwap;
     cursorHidden = false;
     applicationKeypad = applicationCursor = reverseColors = originMode = false;
     bracketedPasteMode = reverseWraparound = false;
@@ -158,130 +187,6 @@ void Terminal::updateEraseWords() {
     uint16_t eraseID = cellArena->intern(erase).value_or(0);
     currentEraseBlankCell = PackedCell::make(PackedCell::scalarTag, 0, eraseID, 0, false, 0, 0);
     currentEraseSpaceCell = PackedCell::make(PackedCell::scalarTag, 32, eraseID, 0, false, 0, 0);
-}
-
-// ---- Printing
-
-void Terminal::handlePrintBorrowed(std::span<const uint8_t> run) {
-    if (run.empty()) return;
-    size_t ascii = 0;
-    if (!charset && readingBuffer.empty())
-        while (ascii < run.size() && run[ascii] < 0x7f) ++ascii;
-    if (ascii > 0) {
-        buffer_->insertAsciiRun(run.data(), ascii, curStyleID, currentEraseBlankCell);
-        previousScalar = run[ascii - 1];
-    }
-    if (ascii < run.size()) handlePrintSlow(run.data() + ascii, run.size() - ascii);
-}
-
-void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count) {
-    std::vector<uint8_t> pending;
-    if (!readingBuffer.empty()) {
-        pending = std::move(readingBuffer);
-        readingBuffer.clear();
-        pending.insert(pending.end(), bytes, bytes + count);
-        bytes = pending.data();
-        count = pending.size();
-    }
-    size_t i = 0;
-    while (i < count) {
-        uint8_t lead = bytes[i];
-        if (lead < 0x80) {
-            std::optional<std::string_view> mapped = charset ? charset->map(lead) : std::nullopt;
-            if (mapped) {
-                std::u32string scalars = unicode::decodeUtf8(*mapped);
-                if (!scalars.empty()) printScalar(scalars.front());
-            } else if (lead != 0x7f) {
-                printScalar(lead);
-            }
-            ++i;
-            continue;
-        }
-        size_t need = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : lead >= 0xc0 ? 2 : 1;
-        if (need > 1 && i + need > count) {
-            // Keep a character cut by the end of the chunk, unless it is already ill-formed.
-            bool prefixValid = true;
-            for (size_t k = i + 1; k < count; ++k) prefixValid = prefixValid && (bytes[k] & 0xc0) == 0x80;
-            if (prefixValid && lead < 0xf5) {
-                readingBuffer.assign(bytes + i, bytes + count);
-                return;
-            }
-        }
-        std::u32string scalars = unicode::decodeUtf8(std::string_view(reinterpret_cast<const char*>(bytes + i), std::min(need, count - i)));
-        size_t consumed = std::min(need, count - i);
-        bool wellFormed = scalars.size() == 1 && scalars.front() != 0xFFFD;
-        if (!wellFormed) {
-            // Consume only the lead of a broken sequence so the following bytes are read afresh.
-            consumed = 1;
-            while (consumed < std::min(need, count - i) && (bytes[i + consumed] & 0xc0) == 0x80) ++consumed;
-            if (need == 1) consumed = 1;
-            printScalar(0xFFFD);
-        } else {
-            printScalar(scalars.front());
-        }
-        i += consumed;
-    }
-}
-
-void Terminal::printScalar(char32_t scalar) {
-    int width = unicode::width(scalar);
-    bool joins = width == 0 || unicode::isVariationSelector(scalar) || scalar == 0x200D ||
-                 (unicode::isEmojiModifier(scalar) && previousScalar && unicode::isEmojiModifierBase(previousScalar)) ||
-                 (unicode::isRegionalIndicator(scalar) && unicode::isRegionalIndicator(previousScalar)) ||
-                 (previousScalar == 0x200D && unicode::isExtendedPictographic(scalar));
-    if (joins && previousScalar != 0) {
-        combineWithPrevious(scalar);
-        if (unicode::isRegionalIndicator(scalar)) previousScalar = 0; // a flag takes two indicators only
-        else previousScalar = scalar;
-        return;
-    }
-    if (width <= 0) return;
-    if (width == 2 && unicode::isRegionalIndicator(scalar) && options_.regionalIndicatorWidth == RegionalIndicatorWidth::narrow)
-        width = 1;
-    auto cell = cellArena->pack(curStyleID, std::u32string_view(&scalar, 1), 0);
-    if (!cell) return;
-    buffer_->insertCharacter(*cell, width, currentEraseBlankCell);
-    previousScalar = scalar;
-}
-
-void Terminal::combineWithPrevious(char32_t scalar) {
-    Buffer& b = *buffer_;
-    int col = b.x - 1, rowIndex = b.y;
-    if (col < 0) {
-        if (rowIndex == 0 || !b.row(rowIndex).isWrapped()) return;
-        --rowIndex;
-        col = b.cols() - 1;
-        if (b.row(rowIndex).packedCell(col).widthState() == CellWidthState::spacerHead) --col;
-    }
-    col = std::min(col, b.cols() - 1);
-    BufferLine& line = b.row(rowIndex);
-    if (line.packedCell(col).isSpacerTail() && col > 0) --col;
-    PackedCell target = line.packedCell(col);
-    std::u32string scalars;
-    line.view(col).getScalarValues(scalars);
-    if (scalars.empty()) return;
-    scalars.push_back(scalar);
-    uint8_t state = target.widthStateCode();
-    bool widen = scalar == 0xFE0F && state == 0 && unicode::isEmojiPresentation(scalars.front()) == false &&
-                 unicode::isEmoji(scalars.front()) && scalars.front() > 0x7f;
-    if (widen && rowIndex == b.y && col + 1 <= b.rightBound() && col + 1 == b.x) {
-        auto replaced = cellArena->replacingContent(target, scalars, 1);
-        if (!replaced) return;
-        line.repairWideSeam(col + 2);
-        line.fill(*replaced, col, 1);
-        line.fill(replaced->blanked().withWidthState(CellWidthState::spacerTail), col + 1, 1);
-        b.x = col + 2;
-        return;
-    }
-    if (scalar == 0xFE0E && state == 1) {
-        auto replaced = cellArena->replacingContent(target, scalars, 0);
-        if (!replaced) return;
-        line.fill(*replaced, col, 1);
-        if (col + 1 < b.cols()) line.fill(currentEraseBlankCell, col + 1, 1);
-        if (rowIndex == b.y && b.x == col + 2) b.x = col + 1;
-        return;
-    }
-    if (auto replaced = cellArena->replacingContent(target, scalars, state)) line.fill(*replaced, col, 1);
 }
 
 // ---- C0 and ESC
@@ -371,8 +276,10 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t code) {
     Buffer& b = *buffer_;
     if (collect.empty()) {
         switch (code) {
+        case '6': columnScroll(true); break;
         case '7': saveCursor(); break;
         case '8': restoreCursor(); break;
+        case '9': columnScroll(false); break;
         case '=': applicationKeypad = true; break;
         case '>': applicationKeypad = false; break;
         case 'D': index(); break;
@@ -383,7 +290,8 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t code) {
         case 'n': case '}': setgLevel(2); break;
         case 'o': case '|': setgLevel(3); break;
         case '~': setgLevel(1); break;
-        default: break;
+        case '\\': break;
+        default: unknownEsc(collect, code); break;
         }
         return;
     }
@@ -404,6 +312,12 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t code) {
             }
             return;
         }
+        if (first == '#' && code >= '3' && code <= '6') {
+            using Mode = BufferLine::RenderLineMode;
+            static constexpr Mode modes[] = {Mode::doubledTop, Mode::doubledDown, Mode::single, Mode::doubleWidth};
+            b.row(b.y).setRenderMode(modes[code - '3']);
+            return;
+        }
         if (first == '#' && code == '8') {
             auto e = cellArena->pack(curStyleID, U"E", 0);
             for (int r = 0; r < rows_; ++r) b.row(r).fill(e.value_or(currentEraseSpaceCell));
@@ -416,8 +330,27 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t code) {
             charset = nullptr;
             return;
         }
-        if (first == ' ' && code == 'F') cc = CC::sevenBit;
-        if (first == ' ' && code == 'G') cc = CC::eightBit;
+        if (first == ' ' && (code == 'F' || code == 'G')) {
+            cc = code == 'F' ? CC::sevenBit : CC::eightBit;
+            return;
+        }
+    }
+    unknownEsc(collect, code);
+}
+
+void Terminal::unknownEsc(std::span<const uint8_t> collect, uint8_t code) {
+    log("Vellum: Unknown ESC Code: ESC + " + std::string(1, static_cast<char>(code)) + " txt=[" + sequence::describe(collect) + "]");
+}
+
+void Terminal::setTitleModes(CsiParameters pars, bool value) {
+    for (int64_t mode : pars) {
+        switch (mode) {
+        case 0: titleModeSetHex = value; break;
+        case 1: titleModeQueryHex = value; break;
+        case 2: titleModeSetUtf8 = value; break;
+        case 3: titleModeQueryUtf8 = value; break;
+        default: break;
+        }
     }
 }
 
@@ -532,7 +465,7 @@ void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uin
     bool question = collectIs(collect, "?");
     switch (code) {
     case '@':
-        if (collect.empty() && b.x <= b.rightBound() && b.x >= b.leftBound())
+        if (b.x <= b.rightBound() && b.x >= b.leftBound())
             b.row(b.y).insertPackedCells(std::min(b.x, cols_ - 1), n, b.rightBound(), currentEraseBlankCell);
         break;
     case 'A': b.y = std::max(b.y - n, b.y >= b.scrollTop ? b.scrollTop : 0); restrictCursor(); break;
@@ -561,22 +494,25 @@ void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uin
     case 'L': if (b.y >= b.scrollTop && b.y <= b.scrollBottom) { b.insertLines(b.y, n, currentEraseBlankCell); b.x = b.leftBound(); } break;
     case 'M': if (b.y >= b.scrollTop && b.y <= b.scrollBottom) { b.deleteLines(b.y, n, currentEraseBlankCell); b.x = b.leftBound(); } break;
     case 'P': b.row(b.y).deletePackedCells(std::min(b.x, cols_ - 1), n, b.rightBound(), currentEraseBlankCell); break;
-    case 'S': if (collect.empty()) for (int i = 0; i < std::min(n, rows_); ++i) b.scroll(currentEraseBlankCell, false); break;
+    case 'S':
+        if (collectIs(collect, " ")) {
+            int direction = rawParam(pars, 0);
+            if (direction == 0 || direction == 3)
+                bidiState.fallbackDirection = direction == 0 ? BidiDirection::leftToRight : BidiDirection::rightToLeft;
+            break;
+        }
+        for (int i = 0; i < std::min(n, rows_); ++i) b.scroll(currentEraseBlankCell, false);
+        break;
     case 'T':
         if (collect.empty()) b.insertLines(b.scrollTop, std::min(n, rows_), currentEraseBlankCell);
+        else if (collectIs(collect, ">")) setTitleModes(pars, false);
         break;
     case 'X': b.row(b.y).replacePackedCells(std::min(b.x, cols_ - 1), std::min(b.x + n, cols_), currentEraseBlankCell); break;
     case 'Z': for (int i = 0; i < n; ++i) b.x = b.tabStops.previous(b.x); break;
     case 'b':
         for (int i = 0; i < std::min(n, 65535) && previousScalar; ++i) printScalar(previousScalar);
         break;
-    case 'c':
-        if (collectIs(collect, ">")) {
-            if (rawParam(pars, 0) == 0) sendResponse(secondaryDeviceAttributesReply(cc));
-        } else if (collect.empty() && rawParam(pars, 0) == 0) {
-            if (auto reply = primaryDeviceAttributesReply(options_.termName, options_.enableSixelReported, cc)) sendResponse(*reply);
-        }
-        break;
+    case 'c': sendDeviceAttributes(pars, collect); break;
     case 'd': setCursor(b.x, n - 1); break;
     case 'e': setCursor(b.x, b.y + n - (originMode ? b.scrollTop : 0)); break;
     case 'a': setCursor(b.x + n - (originMode && b.marginMode ? b.marginLeft : 0), originMode ? b.y - b.scrollTop : b.y); break;
@@ -584,12 +520,26 @@ void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uin
         if (rawParam(pars, 0) == 0) b.tabStops.clear(b.x);
         else if (rawParam(pars, 0) == 3) b.tabStops.clearAll();
         break;
-    case 'h': setModes(pars, question, true); break;
-    case 'l': setModes(pars, question, false); break;
+    case 'h':
+    case 'l':
+        if (collect.empty() || question) setModes(pars, question, code == 'h');
+        else log(std::string(code == 'h' ? "Unhandled setMode (SM) with " : "Unhandled resetMode (RM) with ") + sequence::describe(pars));
+        break;
+    case 'k':
+        if (collectIs(collect, " ")) {
+            int path = rawParam(pars, 0);
+            if (path == 0) bidiState.fallbackDirection = options_.initialBidiState.fallbackDirection;
+            else if (path == 1 || path == 2)
+                bidiState.fallbackDirection = path == 1 ? BidiDirection::leftToRight : BidiDirection::rightToLeft;
+        } else {
+            unknownCsi(code, pars, collect);
+        }
+        break;
     case 'm': if (collect.empty()) selectGraphicRendition(pars); break;
     case 'n': deviceStatus(pars, question); break;
     case 'p':
         if (collectIs(collect, "!")) softReset();
+        else if (collectIs(collect, "\"")) setConformanceLevel(pars);
         else if (collectIs(collect, "$") || collectIs(collect, "?$")) requestMode(pars, collect.size() == 2);
         break;
     case 'q':
@@ -606,9 +556,16 @@ void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uin
             sendResponse(xtVersionReply(cc));
         }
         break;
-    case 'r': if (collect.empty()) setScrollRegion(pars); break;
+    case 'r':
+        if (collect.empty()) setScrollRegion(pars);
+        else if (question) restorePrivateModes(pars);
+        break;
     case 's':
-        if (collect.empty()) {
+        if (question) {
+            savePrivateModes(pars);
+        } else if (collectIs(collect, ">")) {
+            mouseShiftCapture = rawParam(pars, 0) == 1;
+        } else if (collect.empty()) {
             if (b.marginMode) {
                 int right = pars.size() > 1 ? std::min(param(pars, 1, cols_), cols_) - 1 : cols_ - 1;
                 int left = param(pars, 0, 1) - 1;
@@ -619,13 +576,40 @@ void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uin
             }
         }
         break;
-    case 't': windowOptions(pars); break;
-    case 'u': if (collect.empty()) restoreCursor(); break;
-    default: break;
+    case 't':
+        if (collect.empty()) windowOptions(pars);
+        else if (collectIs(collect, ">")) setTitleModes(pars, true);
+        break;
+    case 'u':
+        if (!handleKittyKeyboardProtocol(pars, collect) && collect.empty()) restoreCursor();
+        break;
+    case 'v': if (collectIs(collect, "$")) copyRectangularArea(pars); break;
+    case 'x':
+        if (collectIs(collect, "$")) fillRectangularArea(pars);
+        else log("Not implemented CSI x with collect: collect=" + sequence::describe(collect));
+        break;
+    case 'y': if (collectIs(collect, "*")) requestChecksumRectangularArea(pars); break;
+    case 'z':
+        if (collectIs(collect, "$")) eraseRectangularArea(pars, false);
+        else if (collectIs(collect, "'")) log("TODO: Enable Locator Reporting (DECELR)");
+        break;
+    case '{':
+        if (collectIs(collect, "$")) eraseRectangularArea(pars, true);
+        else log("CSI # { not implemented - XTPUSHSGR with " + sequence::describe(pars));
+        break;
+    case '}':
+        if (collectIs(collect, "'")) insertColumns(n);
+        else log("CSI # } not implemented- XTPOPSGR with " + sequence::describe(pars));
+        break;
+    case '~': deleteColumns(n); break;
+    default: unknownCsi(code, pars, collect); break;
     }
 }
 
 void Terminal::softReset() {
+    bidiState = options_.initialBidiState;
+    bidiArrowKeySwap = options_.initialBidiArrowKeySwap;
+    for (int mode : {1243, 2500, 2501}) savedPrivateModes.erase(mode);
     cursorHidden = false;
     originMode = reverseWraparound = applicationKeypad = applicationCursor = false;
     for (Buffer* each : {normalBuffer.get(), altBuffer.get()}) {
@@ -730,166 +714,6 @@ void Terminal::selectGraphicRendition(CsiParameters pars) {
     if (a != before) updateEraseWords();
 }
 
-// ---- Modes
-
-void Terminal::setModes(CsiParameters pars, bool privateMode, bool value) {
-    for (int i = 0; i < pars.size(); ++i) {
-        int mode = static_cast<int>(pars[i]);
-        if (privateMode) {
-            setPrivateMode(mode, value);
-        } else if (mode == 4) {
-            normalBuffer->insertMode = altBuffer->insertMode = value;
-        } else if (mode == 20) {
-            lineFeedMode = value;
-        }
-    }
-}
-
-void Terminal::setPrivateMode(int mode, bool value) {
-    Buffer& b = *buffer_;
-    switch (mode) {
-    case 1: applicationCursor = value; break;
-    case 2: if (value) { gCharsets = {}; charset = nullptr; } break;
-    case 5: reverseColors = value; break;
-    case 6: originMode = value; break;
-    case 7: normalBuffer->wraparound = altBuffer->wraparound = value; break;
-    case 9: mouseMode = value ? 1 : 0; if (delegate) delegate->mouseModeChanged(*this); break;
-    case 12: cursorBlink = value; break;
-    case 25:
-        cursorHidden = !value;
-        if (delegate) value ? delegate->showCursor(*this) : delegate->hideCursor(*this);
-        break;
-    case 45: reverseWraparound = value && b.wraparound; break;
-    case 47: value ? activateAltBuffer() : activateNormalBuffer(false); break;
-    case 66: applicationKeypad = value; break;
-    case 69:
-        normalBuffer->marginMode = altBuffer->marginMode = value;
-        if (!value) { b.marginLeft = 0; b.marginRight = cols_ - 1; }
-        break;
-    case 1000: mouseMode = value ? 2 : 0; if (delegate) delegate->mouseModeChanged(*this); break;
-    case 1002: mouseMode = value ? 3 : 0; if (delegate) delegate->mouseModeChanged(*this); break;
-    case 1003: mouseMode = value ? 4 : 0; if (delegate) delegate->mouseModeChanged(*this); break;
-    case 1004: sendFocus = value; break;
-    case 1005: mouseProtocol = value ? 1 : 0; break;
-    case 1006: mouseProtocol = value ? 2 : 0; break;
-    case 1015: mouseProtocol = value ? 3 : 0; break;
-    case 1016: mouseProtocol = value ? 4 : 0; break;
-    case 1047: value ? activateAltBuffer() : activateNormalBuffer(true); break;
-    case 1048: value ? saveCursor() : restoreCursor(); break;
-    case 1049:
-        if (value) {
-            saveCursor();
-            activateAltBuffer();
-        } else {
-            activateNormalBuffer(true);
-            restoreCursor();
-        }
-        break;
-    case 2004: bracketedPasteMode = value; break;
-    default: break;
-    }
-}
-
-std::optional<bool> Terminal::privateModeValue(int mode) const {
-    const Buffer& b = *buffer_;
-    switch (mode) {
-    case 1: return applicationCursor;
-    case 5: return reverseColors;
-    case 6: return originMode;
-    case 7: return b.wraparound;
-    case 9: return mouseMode == 1;
-    case 12: return cursorBlink;
-    case 25: return !cursorHidden;
-    case 45: return reverseWraparound;
-    case 47: case 1047: case 1049: return buffer_ == altBuffer.get();
-    case 66: return applicationKeypad;
-    case 69: return b.marginMode;
-    case 1000: return mouseMode == 2;
-    case 1002: return mouseMode == 3;
-    case 1003: return mouseMode == 4;
-    case 1004: return sendFocus;
-    case 1005: return mouseProtocol == 1;
-    case 1006: return mouseProtocol == 2;
-    case 1015: return mouseProtocol == 3;
-    case 1016: return mouseProtocol == 4;
-    case 2004: return bracketedPasteMode;
-    default: return std::nullopt;
-    }
-}
-
-void Terminal::requestMode(CsiParameters pars, bool privateMode) {
-    if (pars.size() == 0 || (pars.size() == 1 && pars[0] == 0 && false)) {
-        sendResponse(modeReport(privateMode, std::nullopt, ModeReportValue::notRecognized, cc));
-        return;
-    }
-    int mode = static_cast<int>(pars[0]);
-    ModeReportValue value = ModeReportValue::notRecognized;
-    auto fromBool = [](bool on) { return on ? ModeReportValue::set : ModeReportValue::reset; };
-    if (privateMode) {
-        if (mode == 117) value = ModeReportValue::permanentlyReset;
-        else if (mode == 2027) value = ModeReportValue::permanentlySet;
-        else if (mode == 3) value = fromBool(cols_ == 132);
-        else if (auto on = privateModeValue(mode)) value = fromBool(*on);
-    } else {
-        switch (mode) {
-        case 2: case 8: case 18: case 19: value = ModeReportValue::set; break;
-        case 4: value = fromBool(buffer_->insertMode); break;
-        case 20: value = fromBool(lineFeedMode); break;
-        case 10: case 42: case 44: case 46: case 67: case 80: value = ModeReportValue::permanentlyReset; break;
-        case 13: case 14: case 30: case 41: case 1001: value = ModeReportValue::reset; break;
-        default: break;
-        }
-    }
-    sendResponse(modeReport(privateMode, mode, value, cc));
-}
-
-void Terminal::deviceStatus(CsiParameters pars, bool privateMode) {
-    Buffer& b = *buffer_;
-    int p = rawParam(pars, 0);
-    int row = b.y + 1 - (originMode ? b.scrollTop : 0);
-    int col = std::max(std::min(b.x, cols_ - 1) + 1 - (originMode && b.marginMode ? b.marginLeft : 0), 1);
-    std::string csi(csiIntroducer(cc));
-    if (!privateMode) {
-        if (p == 5) sendResponse(csi + "0n");
-        else if (p == 6) sendResponse(csi + std::to_string(row) + ";" + std::to_string(col) + "R");
-        return;
-    }
-    if (p == 6) {
-        sendResponse(csi + "?" + std::to_string(row) + ";" + std::to_string(col) + ";1R");
-        return;
-    }
-    if (p == 996) {
-        bool dark = (foregroundColor.red + foregroundColor.green + foregroundColor.blue) >
-                    (backgroundColor.red + backgroundColor.green + backgroundColor.blue);
-        sendResponse(csi + (dark ? "?997;1n" : "?997;2n"));
-        return;
-    }
-    if (auto reply = privateDeviceStatusReply(p, rawParam(pars, 1), cc)) sendResponse(*reply);
-}
-
-void Terminal::windowOptions(CsiParameters pars) {
-    std::string csi(csiIntroducer(cc));
-    switch (rawParam(pars, 0)) {
-    case 18: sendResponse(csi + "8;" + std::to_string(rows_) + ";" + std::to_string(cols_) + "t"); break;
-    case 22:
-        if (terminalTitleStack.size() < 10) terminalTitleStack.push_back(terminalTitle);
-        if (iconTitleStack.size() < 10) iconTitleStack.push_back(iconTitle);
-        break;
-    case 23:
-        if (!terminalTitleStack.empty()) {
-            terminalTitle = terminalTitleStack.back();
-            terminalTitleStack.pop_back();
-            if (delegate) delegate->setTerminalTitle(*this, terminalTitle);
-        }
-        if (!iconTitleStack.empty()) {
-            iconTitle = iconTitleStack.back();
-            iconTitleStack.pop_back();
-        }
-        break;
-    default: break;
-    }
-}
-
 void Terminal::activateAltBuffer() {
     if (buffer_ == altBuffer.get()) return;
     altBuffer->x = normalBuffer->x;
@@ -923,9 +747,11 @@ std::optional<std::string> Terminal::statusStringPayload(std::string_view reques
 }
 
 std::unique_ptr<DcsHandler> Terminal::dispatchDcs(std::span<const uint8_t> collect, uint8_t code, CsiParameters) {
-    if (collectIs(collect, "$") && code == 'q') return std::make_unique<DecrqssHandler>(*this);
-    if (collectIs(collect, "+") && code == 'q') return std::make_unique<XtgettcapHandler>(*this);
-    return std::make_unique<IgnoredDcsHandler>();
+    if (code != 'q') return nullptr;
+    if (collectIs(collect, "$")) return std::make_unique<DecrqssHandler>(*this);
+    if (collectIs(collect, "+")) return std::make_unique<XtgettcapHandler>(*this);
+    if (collect.empty()) return makeSixelDcsHandler();
+    return nullptr;
 }
 
 void Terminal::setForegroundColor(Color color) {
@@ -936,7 +762,7 @@ void Terminal::setForegroundColor(Color color) {
         settingFgColor = false;
     }
     if (options_.ansi256PaletteStrategy != Ansi256PaletteStrategy::xterm)
-        ansiColors = buildAnsiPalette(Color::defaultInstalledColors(), options_.ansi256PaletteStrategy, foregroundColor, backgroundColor);
+        defaultAnsiColors = ansiColors = buildAnsiPalette(Color::defaultInstalledColors(), options_.ansi256PaletteStrategy, foregroundColor, backgroundColor);
 }
 
 void Terminal::setBackgroundColor(Color color) {
@@ -947,7 +773,7 @@ void Terminal::setBackgroundColor(Color color) {
         settingBgColor = false;
     }
     if (options_.ansi256PaletteStrategy != Ansi256PaletteStrategy::xterm)
-        ansiColors = buildAnsiPalette(Color::defaultInstalledColors(), options_.ansi256PaletteStrategy, foregroundColor, backgroundColor);
+        defaultAnsiColors = ansiColors = buildAnsiPalette(Color::defaultInstalledColors(), options_.ansi256PaletteStrategy, foregroundColor, backgroundColor);
 }
 
 void Terminal::setCursorColorValue(std::optional<Color> color) {
@@ -959,71 +785,5 @@ void Terminal::setCursorColorValue(std::optional<Color> color) {
     }
 }
 
-void Terminal::dispatchOsc(int64_t code, std::span<const uint8_t> data, uint8_t terminator) {
-    if (parser.handleCustomOsc(code, data)) return;
-    std::string text(data.begin(), data.end());
-    std::string osc(oscIntroducer(cc)), st = terminator == 0x07 ? std::string("\x07") : std::string(stringTerminator(cc));
-    switch (code) {
-    case 0: case 1: case 2: {
-        std::u32string decoded = unicode::decodeUtf8(text);
-        if (decoded.find(U'\uFFFD') != std::u32string::npos && text.find("\xEF\xBF\xBD") == std::string::npos) text.clear();
-        if (code != 1) {
-            terminalTitle = text;
-            if (delegate) delegate->setTerminalTitle(*this, text);
-        }
-        if (code != 2) {
-            iconTitle = text;
-            if (delegate) delegate->setTerminalIconTitle(*this, text);
-        }
-        break;
-    }
-    case 10: case 11: case 12: {
-        int which = static_cast<int>(code) - 10;
-        size_t start = 0;
-        while (start <= text.size() && which <= 2) {
-            size_t end = text.find(';', start);
-            if (end == std::string::npos) end = text.size();
-            std::string spec = text.substr(start, end - start);
-            if (spec == "?") {
-                Color value = which == 0 ? foregroundColor : which == 1 ? backgroundColor : cursorColor.value_or(foregroundColor);
-                sendResponse(osc + std::to_string(10 + which) + ";" + value.formatAsXcolor() + st);
-            } else if (auto color = Color::parseColor(spec)) {
-                if (which == 0) setForegroundColor(*color);
-                else if (which == 1) setBackgroundColor(*color);
-                else setCursorColorValue(*color);
-            }
-            ++which;
-            start = end + 1;
-        }
-        break;
-    }
-    case 4: {
-        size_t start = 0;
-        while (start < text.size()) {
-            size_t semi = text.find(';', start);
-            if (semi == std::string::npos) break;
-            std::string indexText = text.substr(start, semi - start);
-            if (indexText.empty() || indexText.size() > 3 || indexText.find_first_not_of("0123456789") != std::string::npos) break;
-            int index = std::stoi(indexText);
-            if (index > 255) break;
-            size_t end = text.find(';', semi + 1);
-            if (end == std::string::npos) end = text.size();
-            std::string spec = text.substr(semi + 1, end - semi - 1);
-            if (spec == "?") {
-                sendResponse(osc + "4;" + std::to_string(index) + ";" + ansiColors[static_cast<size_t>(index)].formatAsXcolor() + st);
-            } else if (auto color = Color::parseColor(spec)) {
-                ansiColors[static_cast<size_t>(index)] = *color;
-                if (delegate) delegate->colorChanged(*this, index);
-            }
-            start = end + 1;
-        }
-        break;
-    }
-    case 112: setCursorColorValue(std::nullopt); break;
-    default: break;
-    }
-}
-
-void Terminal::dispatchApc(uint8_t, std::span<const uint8_t>) {}
 
 } // namespace vellum

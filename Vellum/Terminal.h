@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -12,6 +13,8 @@
 #include "Vellum/Palette.h"
 #include "Vellum/TerminalDelegate.h"
 #include "Vellum/TerminalOptions.h"
+#include "Vellum/TerminalOscEvents.h"
+#include "Vellum/TerminalProgramStatus.h"
 #include "Vellum/TerminalReports.h"
 
 namespace vellum {
@@ -22,6 +25,7 @@ class Terminal final : private ParserTarget {
 public:
     // The delegate may be null (replies are then dropped) and must outlive the terminal.
     explicit Terminal(TerminalDelegate* delegate, TerminalOptions options = {});
+    ~Terminal();
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
 
@@ -61,10 +65,61 @@ public:
     CursorStyle cursorStyle = CursorStyle::blinkBlock;
     CC cc = CC::sevenBit;
 
+    using ProgressReport = vellum::ProgressReport;
+    using WindowManipulationCommand = vellum::WindowManipulationCommand;
+
+    // ---- OSC
+    // Every OSC reaches the observers of `oscEvents` first; a registered handler then takes its
+    // code in place of the built-in one.
+    TerminalOscEventDispatcher oscEvents;
+    void registerOscHandler(int64_t code, EscapeSequenceParser::OscHandler handler);
+    const std::string& iconTitleText() const { return iconTitle; }
+    // As the program sent them (OSC 7 and OSC 6); no URL parsing here.
+    std::optional<std::string> hostCurrentDirectory, hostCurrentDocument;
+    // The link that printed cells take: "params;uri" not yet given a code, or the code.
+    struct PendingHyperlink {
+        std::string target;
+    };
+    std::optional<PendingHyperlink> pendingHyperlink;
+    uint16_t activeHyperlinkCode = 0;
+    // The payload code for the next printed cell: a pending link gets its code here, once.
+    uint16_t hyperlinkPayloadCode();
+    // The URI of a stored link ("params;uri"); an empty URI is no link.
+    static std::optional<std::string> parseHyperlinkPayload(std::string_view payload);
+    const TerminalProgramStatusStore& programStatus() const { return programStatusStore; }
+    // Semantic prompt state (OSC 133): what cells printed now belong to.
+    SemanticContent semanticContent;
+    std::optional<uint64_t> activeSemanticGroupID;
+    uint64_t semanticGroupCounter = 0;
+    // A diagnostic is not printed when set.
+    bool silentLogging = false;
+    std::array<Color, 256> defaultAnsiColors{};
+    void resetAllColors();
+    void resetColor(int index);
+
+    // ---- Window and pixel geometry
+    // The size of one cell in pixels, for the reports that need it; 0 means unknown.
+    void updatePixelGeometry(int cellWidth, int cellHeight);
+    // Whether the view is visible, reported to programs that enabled mode 2033.
+    void setTerminalVisibility(bool visible);
+    // Focus as the view sees it, reported once mode 1004 is on.
+    void setFocused(bool focused);
+
+    // Private modes beyond the ones above.
+    bool alternateScrollMode = true, allow80To132 = false, noClearOnColumnChange = false, smoothScroll = false;
+    bool colorSchemeUpdatesEnabled = false, visibilityReportsEnabled = false, inBandSizeReportsEnabled = false;
+    bool kittyPasteEventsEnabled = false, bidiArrowKeySwap = false, mouseShiftCapture = false;
+    bool synchronizedOutputActive = false;
+    int conformance = 4;
+    BidiPresentationState bidiState;
+    // Kitty keyboard enhancement flags of each screen (index 0 normal, 1 alternate), top of stack.
+    uint32_t keyboardEnhancementFlags() const;
+
 private:
     friend class TerminalDelegate;
     friend class DecrqssHandler;
     friend class XtgettcapHandler;
+    friend class KittyGraphicsSeam;
 
     // ParserTarget
     void handlePrintBorrowed(std::span<const uint8_t> run) override;
@@ -75,7 +130,7 @@ private:
     void dispatchOsc(int64_t code, std::span<const uint8_t> data, uint8_t terminator) override;
     void dispatchApc(uint8_t command, std::span<const uint8_t> content) override;
     void clearReadingBuffer() override { readingBuffer.clear(); }
-    bool silentLog() const override { return true; }
+    bool silentLog() const override { return silentLogging; }
 
     void setup(bool isReset);
     void sendResponse(std::string_view bytes);
@@ -110,6 +165,58 @@ private:
     void softReset();
     void setScrollRegion(CsiParameters pars);
     std::optional<std::string> statusStringPayload(std::string_view request) const;
+    void log(std::string_view message) const;
+    void unknownEsc(std::span<const uint8_t> collect, uint8_t code);
+    void setTitleModes(CsiParameters pars, bool value);
+
+    // OSC (TerminalOsc.cpp)
+    void oscTitle(int64_t code, std::string_view text);
+    void oscChangeOrQueryColorIndex(std::string_view text, std::string_view terminator);
+    void oscSetColors(std::string_view text, int startAt, std::string_view terminator);
+    void oscResetColor(std::string_view text);
+    void oscSetCurrentDirectory(std::string_view text, bool document);
+    void oscHyperlink(std::string_view text);
+    void oscProgressReport(std::string_view text);
+    void oscClipboard(std::string_view text, std::string_view terminator);
+    void oscNotification(std::string_view text);
+    void osciTerm2(std::span<const uint8_t> data, std::string_view terminator);
+    void oscSemanticPrompt(std::string_view text);
+    void oscProgramStatus(std::string_view text);
+    void beginSemanticPromptGroup();
+    void freshLine();
+    void resetSemanticPromptState();
+    std::string oscTerminatorFor(uint8_t terminator) const;
+
+    // Modes and reports (TerminalModes.cpp)
+    bool applyDECPrivateMode(int mode, bool value);
+    std::optional<bool> readDECPrivateMode(int mode) const;
+    void savePrivateModes(CsiParameters pars);
+    void restorePrivateModes(CsiParameters pars);
+    void changeColumnMode(int columns);
+    void reportInBandSizeIfAvailable();
+    void reportTerminalVisibility();
+    void reportColorScheme();
+    void sendDeviceAttributes(CsiParameters pars, std::span<const uint8_t> collect);
+    void setConformanceLevel(CsiParameters pars);
+    void unknownCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect);
+
+    // Rectangular areas (TerminalRectangles.cpp)
+    struct Rectangle {
+        int top, left, bottom, right; // screen cells, inclusive
+    };
+    std::optional<Rectangle> rectangleFromRequest(CsiParameters pars, int start) const;
+    void copyRectangularArea(CsiParameters pars);
+    void fillRectangularArea(CsiParameters pars);
+    void eraseRectangularArea(CsiParameters pars, bool selective);
+    void requestChecksumRectangularArea(CsiParameters pars);
+    void insertColumns(int count);
+    void deleteColumns(int count);
+    void columnScroll(bool back);
+
+    // Extensions that are not built yet: they take their sequences so nothing prints.
+    bool handleKittyKeyboardProtocol(CsiParameters pars, std::span<const uint8_t> collect);
+    void handleKittyGraphics(std::span<const uint8_t> content);
+    void handleKittyClipboard(std::string_view text, std::string_view terminator);
 
     TerminalDelegate* delegate;
     TerminalOptions options_;
@@ -130,6 +237,13 @@ private:
     std::string terminalTitle, iconTitle;
     std::vector<std::string> terminalTitleStack, iconTitleStack;
     bool settingFgColor = false, settingBgColor = false, settingCursorColor = false;
+    TerminalProgramStatusStore programStatusStore;
+    std::vector<uint16_t> payloadCodes;
+    std::map<int, bool> savedPrivateModes;
+    std::array<std::vector<uint32_t>, 2> keyboardFlagStacks;
+    int cellPixelWidth = 0, cellPixelHeight = 0;
+    bool terminalVisible = true, focused = true;
+    bool titleModeSetHex = false, titleModeQueryHex = false, titleModeSetUtf8 = false, titleModeQueryUtf8 = false;
 };
 
 } // namespace vellum

@@ -1,6 +1,7 @@
 #include "Vellum/LocalProcess.h"
 #include "Vellum/LocalProcessChildReaper.h"
 #include "Vellum/PseudoTerminalHelpers.h"
+#include "Support/ProcessLeakCheck.h"
 
 #include <gtest/gtest.h>
 
@@ -23,6 +24,7 @@
 #include <unistd.h>
 
 using namespace vellum;
+using vellum::testing::anyChild;
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
@@ -81,19 +83,6 @@ protected:
     std::vector<std::optional<int32_t>> exits_;
 };
 
-size_t entriesIn(const char* folder) {
-    size_t count = 0;
-    for ([[maybe_unused]] auto& entry : fs::directory_iterator(folder)) ++count;
-    return count;
-}
-
-// 0: no child at all; otherwise the pid of some child, living or a zombie.
-pid_t anyChild() {
-    siginfo_t info{};
-    if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0) return 0;
-    return info.si_pid != 0 ? info.si_pid : -1; // -1: children exist, none has ended
-}
-
 template <typename Pred>
 bool eventually(Pred pred) {
     auto deadline = std::chrono::steady_clock::now() + 10s;
@@ -106,27 +95,9 @@ bool eventually(Pred pred) {
 
 std::vector<unsigned char> bytes(std::string_view text) { return {text.begin(), text.end()}; }
 
-// Every test must leave no thread, descriptor or child behind once its processes are gone.
-class LocalProcessTest : public ::testing::Test {
+class LocalProcessTest : public vellum::testing::ProcessLeakCheck {
 protected:
-    void SetUp() override {
-        threads = entriesIn("/proc/self/task");
-        descriptors = entriesIn("/proc/self/fd");
-        ASSERT_EQ(anyChild(), 0);
-    }
-    void TearDown() override {
-        auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (std::chrono::steady_clock::now() < deadline &&
-               (entriesIn("/proc/self/task") != threads || entriesIn("/proc/self/fd") != descriptors || anyChild() != 0)) {
-            std::this_thread::sleep_for(10ms);
-        }
-        EXPECT_EQ(entriesIn("/proc/self/task"), threads) << "threads left running";
-        EXPECT_EQ(entriesIn("/proc/self/fd"), descriptors) << "descriptors left open";
-        EXPECT_EQ(anyChild(), 0) << "a child left running or unreaped";
-    }
-
     std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
-    size_t threads = 0, descriptors = 0;
 };
 
 } // namespace
@@ -549,4 +520,38 @@ TEST_F(LocalProcessTest, ExitsRacingTeardownsAndRestartsLeaveNothingBehind) {
     ASSERT_TRUE(chained->waitForExits(20));
     EXPECT_EQ(process->generation(), 20u);
     EXPECT_EQ(chained->exits(), std::vector<std::optional<int32_t>>(20, 0));
+}
+
+namespace {
+
+// Gone or a zombie that only waits for its parent.
+bool processEnded(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) return true;
+    auto close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'Z';
+}
+
+} // namespace
+
+TEST_F(LocalProcessTest, HangUpEndsAShellIgnoringSIGTERMAndTheJobsOfItsGroup) {
+    auto process = LocalProcess::create(recorder);
+    // Without job control a background job stays in the shell's process group.
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "trap '' TERM; sleep 30 & echo \"job=$!\"; wait"}),
+              std::nullopt);
+    ASSERT_TRUE(recorder->waitForOutput("\r\n"));
+    std::string out = recorder->output();
+    pid_t job = std::atoi(out.c_str() + out.find("job=") + 4);
+    ASSERT_GT(job, 0);
+
+    process->terminate();
+    std::this_thread::sleep_for(100ms);
+    EXPECT_TRUE(recorder->exits().empty()) << "the shell ignores SIGTERM";
+
+    process->hangUp();
+    ASSERT_TRUE(recorder->waitForExits(1));
+    EXPECT_EQ(recorder->exits().front(), std::nullopt) << "ended by the signal";
+    EXPECT_TRUE(eventually([&] { return processEnded(job); })) << "the job got the hang-up too";
+    process->hangUp(); // after the end: nothing to signal, nothing happens
 }

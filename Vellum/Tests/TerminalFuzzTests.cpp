@@ -16,6 +16,10 @@ const char* const fragments[] = {
     "\x1b[99999;99999H", "\x1b[L", "\x1b[99M", "\x1b[4h", "\x1b[?7l", "\x1b[?7h", "\x1b[38:2::1:2:3m", "\x1b(0",
     "\xe4\xb8\xad", "\xcc\x81", "\xef\xb8\x8f", "\xf0\x9f\x87\xab", "\xe2\x80\x8d", "\r\n", "\t", "\x08", "\x1b" "c",
     "\x1b[3J", "\x1b[2J", "\x1b#8", "\x1bM", "\x1b[99@", "\x1b[99P", "\x1b[99X", "\x1b[5b", "\x1b[?45h", "\x1b[6n",
+    "\x1b[?40h\x1b[?3h", "\x1b[?3l", "\x1b[1;1;99;99;2;2;1$v", "\x1b[42;2;2;99;99$x", "\x1b[1;1;1;99;99*y", "\x1b[1;1;9;9$z",
+    "\x1b[3'}", "\x1b[99'~", "\x1b" "6", "\x1b" "9", "\x1b#3", "\x1b]8;;http://x/\x07", "\x1b]133;A\x07", "\x1b]133;L\x07",
+    "\x1b]7501;a;state=running\x07", "\x1b]52;c;YQ==\x07", "\x1b]4;1;?\x07", "\x1b]104\x07", "\x1b[>1u", "\x1b[<9u",
+    "\x1b_Ga=T;AAAA\x1b\\", "\x1b[?2048h", "\x1b[14t", "\x1b[22t", "\x1b[23t", "\x1b[?2004;1s", "\x1b[?2004r", "\x1b[63\"p",
 };
 
 } // namespace
@@ -24,6 +28,7 @@ TEST(TerminalFuzz, RandomBytesAndResizesKeepTheCursorInside) {
     std::mt19937 random(20261122);
     for (int round = 0; round < 200; ++round) {
         TerminalHarness h(2 + static_cast<int>(random() % 30), 1 + static_cast<int>(random() % 12), static_cast<int>(random() % 20));
+        h.terminal.silentLogging = true;
         for (int step = 0; step < 300; ++step) {
             std::string chunk;
             int pieces = 1 + static_cast<int>(random() % 8);

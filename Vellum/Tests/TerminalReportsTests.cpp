@@ -1,9 +1,14 @@
 #include <gtest/gtest.h>
 
+#include "Support/CapturedDiagnostics.h"
+#include "Support/TerminalHarness.h"
 #include "Vellum/TerminalReports.h"
 #include "Vellum/TerminfoReplies.h"
 
 using namespace vellum;
+using vellum::testing::CapturedDiagnostics;
+using vellum::testing::RecordingDelegate;
+using vellum::testing::TerminalHarness;
 
 TEST(TerminalReports, DeviceAttributesDependOnTerminalType) {
     EXPECT_EQ(primaryDeviceAttributesReply("xterm-256color", true, CC::sevenBit), "\x1b[?65;4;1;2;6;21;22;17;28c");
@@ -73,4 +78,169 @@ TEST(TerminalReports, ChecksumIsTheNegatedSixteenBitSum) {
     char expected[8];
     std::snprintf(expected, sizeof expected, "%04X", (0u - sum) & 0xFFFF);
     EXPECT_EQ(checksumReply(0, many, CC::sevenBit), std::string("\x1bP0!~") + expected + "\x1b\\");
+}
+
+namespace {
+
+// Answers some window operations itself and knows its cell size.
+class WindowDelegate : public RecordingDelegate {
+public:
+    std::optional<std::string> windowCommand(Terminal&, const WindowManipulationCommand& command) override {
+        commands.push_back(command);
+        if (command.kind == WindowManipulationCommand::Kind::reportWindowTitle) return std::string("\x1b]lhost\x1b\\");
+        return std::nullopt;
+    }
+    std::optional<std::pair<int, int>> cellSizeInPixels(Terminal&) override { return cellSize; }
+
+    std::vector<WindowManipulationCommand> commands;
+    std::optional<std::pair<int, int>> cellSize;
+};
+
+} // namespace
+
+TEST(TerminalReports, WindowOperationsReachTheDelegateFirst) {
+    WindowDelegate delegate;
+    TerminalOptions options;
+    options.cols = 30;
+    options.rows = 10;
+    Terminal terminal(&delegate, options);
+    terminal.silentLogging = true;
+    auto reply = [&](std::string_view bytes) {
+        delegate.replies.clear();
+        terminal.feed(bytes);
+        return delegate.replies;
+    };
+    using Kind = WindowManipulationCommand::Kind;
+
+    EXPECT_EQ(reply("\x1b[21t"), "\x1b]lhost\x1b\\");
+    EXPECT_EQ(reply("\x1b[18t"), "\x1b[8;10;30t");
+    // Pixel sizes are answered only once a cell size is known.
+    EXPECT_EQ(reply("\x1b[14t\x1b[16t"), "");
+    delegate.cellSize = std::pair{8, 16};
+    EXPECT_EQ(reply("\x1b[14t\x1b[16t"), "\x1b[4;160;240t\x1b[6;16;8t");
+    terminal.updatePixelGeometry(10, 20);
+    EXPECT_EQ(reply("\x1b[16t"), "\x1b[6;20;10t");
+
+    delegate.commands.clear();
+    terminal.feed("\x1b[3;40;50t\x1b[4;300;200t\x1b[8;24;80t\x1b[9;2t\x1b[10;1t\x1b[13;2t\x1b[14;2t\x1b[40t\x1b[9;7t");
+    std::vector<WindowManipulationCommand> expected{
+        {.kind = Kind::moveWindowTo, .x = 40, .y = 50},
+        {.kind = Kind::resizeWindowTo, .width = 200, .height = 300},
+        {.kind = Kind::resizeTo, .cols = 80, .rows = 24},
+        {.kind = Kind::maximizeWindowVertically},
+        {.kind = Kind::switchToFullScreen},
+        {.kind = Kind::reportTextAreaPosition},
+        {.kind = Kind::reportTerminalWindowPixelDimension},
+        {.kind = Kind::resizeToLines, .lines = 40},
+    };
+    EXPECT_EQ(delegate.commands, expected);
+
+    // A title pushed with CSI 22 t comes back with CSI 23 t; the stack keeps the last ten.
+    terminal.feed("\x1b]2;one\x07\x1b[22;0t\x1b]2;two\x07\x1b[22;2t\x1b]2;three\x07\x1b[23;2t");
+    EXPECT_EQ(terminal.title(), "two");
+    terminal.feed("\x1b[23;0t");
+    EXPECT_EQ(terminal.title(), "one");
+}
+
+TEST(TerminalReports, ModesSaveRestoreAndReport) {
+    TerminalHarness h(10, 5);
+    h.terminal.silentLogging = true;
+    // Only the restorable modes come back with CSI ? r.
+    h.terminal.feed("\x1b[?2004h\x1b[?1h\x1b[?2004;1s\x1b[?2004l\x1b[?1l\x1b[?2004;1r");
+    EXPECT_TRUE(h.terminal.bracketedPasteMode);
+    EXPECT_FALSE(h.terminal.applicationCursor);
+
+    EXPECT_EQ(h.reply("\x1b[?1007$p\x1b[?1007l\x1b[?1007$p"), "\x1b[?1007;1$y\x1b[?1007;2$y");
+    EXPECT_EQ(h.reply("\x1b[?40h\x1b[?40$p\x1b[?117$p\x1b[?5522$p"), "\x1b[?40;1$y\x1b[?117;4$y\x1b[?5522;0$y");
+    EXPECT_EQ(h.reply("\x1b[?2026h\x1b[?2026$p\x1b[?2026l"), "\x1b[?2026;1$y");
+    EXPECT_EQ(h.reply("\x1b[$p"), "\x1b[0;0$y");
+
+    // Column mode needs mode 40; it clears the screen and homes the cursor.
+    h.terminal.feed("\x1b[3;3Hx\x1b[?3h");
+    EXPECT_EQ(h.terminal.cols(), 132);
+    EXPECT_EQ(h.terminal.lineText(2), "");
+    EXPECT_EQ(h.x(), 0);
+    EXPECT_EQ(h.reply("\x1b[?3$p"), "\x1b[?3;1$y");
+    h.terminal.feed("\x1b[?95h\x1b[Hx\x1b[?3l");
+    EXPECT_EQ(h.terminal.cols(), 80);
+    EXPECT_EQ(h.terminal.lineText(0), "x"); // mode 95 keeps the screen
+}
+
+TEST(TerminalReports, ReportsThatFollowTheView) {
+    TerminalHarness h(10, 5);
+    // Focus is reported at once when enabled, and then on each change.
+    EXPECT_EQ(h.reply("\x1b[?1004h"), "\x1b[I");
+    h.delegate.replies.clear();
+    h.terminal.setFocused(false);
+    h.terminal.setFocused(false);
+    EXPECT_EQ(h.delegate.replies, "\x1b[O");
+
+    // The in-band size report needs the pixel geometry.
+    EXPECT_EQ(h.reply("\x1b[?2048h"), "");
+    h.terminal.updatePixelGeometry(7, 14);
+    EXPECT_EQ(h.delegate.replies, "\x1b[48;5;10;70;70t");
+    EXPECT_EQ(h.reply("\x1b[?2048l\x1b[?2048h"), "\x1b[48;5;10;70;70t");
+
+    // Visibility and colour scheme.
+    EXPECT_EQ(h.reply("\x1b[?2033h"), "\x1b[?999;1n");
+    h.delegate.replies.clear();
+    h.terminal.setTerminalVisibility(false);
+    EXPECT_EQ(h.delegate.replies, "\x1b[?999;2n");
+    EXPECT_EQ(h.reply("\x1b[?996n"), "\x1b[?997;1n");
+    h.terminal.feed("\x1b]11;rgb:ff/ff/ff\x07\x1b]10;rgb:0/0/0\x07");
+    EXPECT_EQ(h.reply("\x1b[?996n"), "\x1b[?997;2n");
+}
+
+TEST(TerminalReports, DeviceAttributesFormsAndConformance) {
+    TerminalHarness h(10, 5);
+    CapturedDiagnostics diagnostics;
+    h.terminal.silentLogging = false;
+    EXPECT_EQ(h.reply("\x1b[1c"), "");
+    EXPECT_EQ(h.reply("\x1b[>1c"), "\x1b[>65;20;1c"); // the secondary form always answers
+    EXPECT_EQ(diagnostics.lines, (std::vector<std::string>{"Info: SendDeviceAttributes got [1] and ",
+                                                            "Info: Got a CSI > c with an unknown set of argument"}));
+    // DECSCL 62;1 keeps 7-bit replies; 63 alone selects 8-bit ones; 61 goes back to 7-bit.
+    EXPECT_EQ(h.reply("\x1b[62;1\"p\x1b[5n"), "\x1b[0n");
+    EXPECT_EQ(h.reply("\x1b[63\"p\x1b[5n"), "\x9b" "0n");
+    EXPECT_EQ(h.reply("\x1b[61\"p\x1b[5n"), "\x1b[0n");
+    EXPECT_EQ(h.reply("\x1bP$q\"p\x1b\\"), "\x1bP1$r65;1\"p\x1b\\");
+}
+
+TEST(TerminalReports, UnknownSequencesAreLoggedAndSkipped) {
+    TerminalHarness h(10, 5);
+    CapturedDiagnostics diagnostics;
+    h.terminal.silentLogging = false;
+    h.terminal.feed("\x1b[?9999h\x1b[77l\x1b[1;2%j\x1b" "Q\x1b_Xpayload\x1b\\\x1bP$qw\x1b\\");
+    EXPECT_EQ(diagnostics.lines, (std::vector<std::string>{
+                                     "Info: Unhandled DEC Private Mode Set (DECSET) with 9999",
+                                     "Info: Unhandled verbatim resetMode with 77 and ",
+                                     "Info: Vellum: Unknown CSI Code (collect=[%] code=j pars=[1, 2])",
+                                     "Info: Vellum: Unknown ESC Code: ESC + Q txt=[]",
+                                     "Info: Vellum: Unknown APC code: X",
+                                     "Info: Unknown DCS + w",
+                                 }));
+    EXPECT_EQ(h.screen(), (std::vector<std::string>{"", "", "", "", ""}));
+}
+
+TEST(TerminalReports, ExtensionSequencesAreTakenQuietly) {
+    TerminalHarness h(10, 5);
+    CapturedDiagnostics diagnostics;
+    h.terminal.silentLogging = false;
+    // Kitty graphics, sixel and the Kitty keyboard protocol: consumed, no text, no answer.
+    std::string replies = h.reply("\x1b_Ga=T,f=100;iVBORw0KGgo=\x1b\\\x1bPq#0;2;0;0;0~~@@-\x1b\\"
+                                  "\x1b[>1u\x1b[?u\x1b[=5;1u\x1b[<u\x1b]5522;type=read;mime=text/plain\x1b\\");
+    EXPECT_EQ(replies, "");
+    EXPECT_TRUE(diagnostics.lines.empty());
+    EXPECT_EQ(h.screen(), (std::vector<std::string>{"", "", "", "", ""}));
+    // The flags are kept per screen for the input side.
+    h.terminal.feed("\x1b[>3u");
+    EXPECT_EQ(h.terminal.keyboardEnhancementFlags(), 3u);
+    h.terminal.feed("\x1b[?1049h");
+    EXPECT_EQ(h.terminal.keyboardEnhancementFlags(), 0u);
+    h.terminal.feed("\x1b[?1049l\x1b[<5u");
+    EXPECT_EQ(h.terminal.keyboardEnhancementFlags(), 0u);
+    // CSI u without a collect still restores the cursor.
+    h.terminal.feed("\x1b[2;3H\x1b[s\x1b[H\x1b[u");
+    EXPECT_EQ(h.x(), 2);
+    EXPECT_EQ(h.y(), 1);
 }

@@ -1,0 +1,390 @@
+// The in-process backend as a user meets it, on real shells: what a spawned program gets,
+// what tree operations do to the tabs and the focus, how a subscriber catches up, and how
+// input, keys and agents interact.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <pwd.h>
+#include <unistd.h>
+#include <thread>
+
+#include "CorvexFake/FakeBackend.h"
+
+using namespace corvex;
+using namespace std::chrono_literals;
+
+namespace {
+
+std::string home() {
+    const char* home = std::getenv("HOME");
+    if (home && *home) return home;
+    const passwd* entry = getpwuid(getuid());
+    return entry && entry->pw_dir ? entry->pw_dir : "/";
+}
+
+std::string procFile(int32_t pid, const char* name) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/" + name, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+// Gone, or a zombie that only waits for its parent.
+bool processEnded(int32_t pid) {
+    std::string stat = procFile(pid, "stat");
+    auto close = stat.rfind(')');
+    return close == std::string::npos || (close + 2 < stat.size() && stat[close + 2] == 'Z');
+}
+
+template <typename Predicate>
+bool eventually(Predicate predicate) {
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+// The child's own environment and argv[0], once it has become the program it runs.
+struct ChildView {
+    std::string argv0;
+    std::vector<std::string> environment;
+
+    bool has(const std::string& entry) const {
+        return std::find(environment.begin(), environment.end(), entry) != environment.end();
+    }
+    bool names(const std::string& prefix) const {
+        return std::any_of(environment.begin(), environment.end(), [&](auto& e) { return e.rfind(prefix, 0) == 0; });
+    }
+};
+
+std::vector<std::string> splitNul(const std::string& text) {
+    std::vector<std::string> parts;
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find('\0', start);
+        if (end == std::string::npos) end = text.size();
+        parts.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return parts;
+}
+
+// Before its exec a child still shows this program's name and environment.
+ChildView childOnceItRuns(int32_t pid, const std::string& argv0) {
+    ChildView view;
+    eventually([&] {
+        auto argv = splitNul(procFile(pid, "cmdline"));
+        view.argv0 = argv.empty() ? "" : argv[0];
+        return view.argv0 == argv0;
+    });
+    view.environment = splitNul(procFile(pid, "environ"));
+    return view;
+}
+
+// Everything the stream brings until it has been quiet for a while.
+std::vector<SessionEvent> drain(SessionEventStream& events, std::chrono::milliseconds quiet = 150ms) {
+    std::vector<SessionEvent> seen;
+    while (auto event = events.next(quiet)) seen.push_back(*event);
+    return seen;
+}
+
+template <typename Predicate>
+bool waitForEvent(SessionEventStream& events, Predicate predicate) {
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (auto event = events.next(100ms); event && predicate(*event)) return true;
+    }
+    return false;
+}
+
+std::vector<SessionEvent> withoutOutput(std::vector<SessionEvent> events) {
+    std::erase_if(events, [](const SessionEvent& event) { return event.as<SessionEvent::Output>() != nullptr; });
+    return events;
+}
+
+std::string outputText(const std::vector<SessionEvent>& events) {
+    std::string text;
+    for (const auto& event : events) {
+        if (auto output = event.as<SessionEvent::Output>()) text.append(output->bytes.begin(), output->bytes.end());
+    }
+    return text;
+}
+
+bool outputShows(SessionEventStream& events, const std::string& text) {
+    std::string seen;
+    return waitForEvent(events, [&](const SessionEvent& event) {
+        if (auto output = event.as<SessionEvent::Output>()) seen.append(output->bytes.begin(), output->bytes.end());
+        return seen.find(text) != std::string::npos;
+    });
+}
+
+template <typename Operation>
+void expectError(Operation operation, const std::string& code, const std::string& message) {
+    try {
+        operation();
+        ADD_FAILURE() << "no error, expected " << message;
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), code);
+        EXPECT_EQ(error.message(), message);
+    }
+}
+
+// Sets variables for the test's duration.
+class ScopedEnvironment {
+public:
+    void set(const char* name, const char* value) {
+        const char* old = std::getenv(name);
+        saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
+        if (value) setenv(name, value, 1);
+        else unsetenv(name);
+    }
+    ~ScopedEnvironment() {
+        for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
+            if (it->second) setenv(it->first.c_str(), it->second->c_str(), 1);
+            else unsetenv(it->first.c_str());
+        }
+    }
+
+private:
+    std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+};
+
+SpawnOptions command(std::vector<std::string> words) { return SpawnOptions{.command = std::move(words)}; }
+
+} // namespace
+
+TEST(FakeBackendSession, ProgramsStartWithTheirEnvironmentNameAndDirectory) {
+    ScopedEnvironment environment;
+    environment.set("SHELL", "/bin/sh");
+    environment.set("LANG", nullptr);
+    environment.set("CORVEX_SECRET", "leak");
+    environment.set("DROVER_TOKEN", "leak");
+    environment.set("CORVEXD_CONFIG", "/kept");
+    environment.set("TERM", "screen");
+    auto backend = FakeBackend::create();
+    backend->start();
+
+    // No command: the user's shell as a login shell, in the home directory when the asked one
+    // doesn't exist.
+    auto created = backend->createWorkspace(std::nullopt, SpawnOptions{.cwd = "/no/such/folder"});
+    auto pane = *backend->getState().pane(created.pane);
+    EXPECT_EQ(pane.command, (std::vector<std::string>{"/bin/sh", "-l"}));
+    EXPECT_EQ(pane.cwd, home());
+    auto login = childOnceItRuns(*pane.pid, "-sh");
+    EXPECT_EQ(login.argv0, "-sh");
+    EXPECT_TRUE(login.has("TERM=xterm-256color"));
+    EXPECT_TRUE(login.has("COLORTERM=truecolor"));
+    EXPECT_TRUE(login.has("TERM_PROGRAM=corvex"));
+    EXPECT_TRUE(login.has("CORVEX_PANE=" + std::to_string(created.pane)));
+    EXPECT_TRUE(login.has("LANG=en_US.UTF-8"));
+    EXPECT_TRUE(login.has("CORVEXD_CONFIG=/kept"));
+    EXPECT_FALSE(login.names("CORVEX_SECRET="));
+    EXPECT_FALSE(login.names("DROVER_"));
+
+    // A command keeps its words; the caller's variables win over ours; a split inherits the
+    // split pane's directory.
+    auto split = backend->split(created.pane, Direction::right,
+                                SpawnOptions{.command = std::vector<std::string>{"/bin/sleep", "30"},
+                                             .env = Environment{{"TERM", "dumb"}, {"LANG", "C"}}});
+    auto sleeper = *backend->getState().pane(split.pane);
+    EXPECT_EQ(sleeper.cwd, home());
+    auto view = childOnceItRuns(*sleeper.pid, "/bin/sleep");
+    EXPECT_EQ(view.argv0, "/bin/sleep");
+    EXPECT_TRUE(view.has("TERM=dumb"));
+    EXPECT_TRUE(view.has("LANG=C"));
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(*sleeper.pid) + "/cwd"), home());
+    backend->stop();
+}
+
+TEST(FakeBackendSession, TreeOperationsKeepTabsFocusAndShellsInStep) {
+    auto backend = FakeBackend::create();
+    backend->start();
+    auto shell = command({"/bin/sh"});
+    auto first = backend->createWorkspace("work", shell);
+    uint64_t a = first.pane;
+
+    // A split toward the left puts the new pane first; the ratio is clamped.
+    auto left = backend->split(a, Direction::left, 0.99, shell);
+    uint64_t b = left.pane;
+    auto state = backend->getState();
+    const auto* node = state.workspaces[0].tabs[0].layout.splitNode();
+    ASSERT_TRUE(node);
+    EXPECT_EQ(node->id, left.split);
+    EXPECT_NEAR(node->ratio, 0.05, 1e-9);
+    EXPECT_EQ(node->a.leafPane(), b);
+    EXPECT_EQ(node->b.leafPane(), a);
+    EXPECT_EQ(state.focus, (Focus{first.workspace, first.tab, b}));
+
+    // Closing a pane that isn't active keeps the active pane and the focus, and ends its shell.
+    uint64_t c = backend->split(b, Direction::down, shell).pane;
+    int32_t pidA = *backend->getState().pane(a)->pid;
+    backend->closePane(a);
+    state = backend->getState();
+    EXPECT_EQ(state.workspaces[0].tabs[0].activePane, c);
+    EXPECT_EQ(state.focus.pane, c);
+    EXPECT_TRUE(eventually([&] { return processEnded(pidA); })) << "the closed pane's shell lives on";
+
+    // Closing the last pane of a tab removes the tab, and focus goes to the workspace's last tab.
+    auto second = backend->createTab(first.workspace, shell);
+    auto third = backend->createTab(first.workspace, shell);
+    backend->focus(FocusTarget::tab(second.tab));
+    backend->closePane(second.pane);
+    state = backend->getState();
+    ASSERT_EQ(state.workspaces[0].tabs.size(), 2u);
+    EXPECT_EQ(state.focus, (Focus{first.workspace, third.tab, third.pane}));
+    EXPECT_EQ(state.workspaces[0].activeTab, third.tab);
+
+    // A pane moved beside another takes its shell along; a tab joined beside a pane vanishes
+    // as a tab. The panes' list keeps its order.
+    auto order = [&] {
+        std::vector<uint64_t> ids;
+        for (const auto& pane : backend->getState().panes) ids.push_back(pane.id);
+        return ids;
+    };
+    auto before = order();
+    backend->move(MoveRequest::movePane(c, third.pane, Direction::right, std::nullopt, true));
+    state = backend->getState();
+    EXPECT_EQ(order(), before);
+    EXPECT_EQ(state.focus, (Focus{first.workspace, third.tab, c}));
+    EXPECT_EQ(state.workspaces[0].tabs[0].layout, Layout::leaf(b));
+    backend->move(MoveRequest::joinTab(first.tab, c, Direction::down));
+    state = backend->getState();
+    ASSERT_EQ(state.workspaces[0].tabs.size(), 1u);
+    EXPECT_EQ(state.workspaces[0].tabs[0].layout.panes(), (std::vector<uint64_t>{third.pane, c, b}));
+    EXPECT_EQ(state.focus.tab, third.tab);
+
+    auto events = backend->events();
+    drain(*events);
+    backend->subscribe(c, backend->getState().pane(c)->seq);
+    backend->sendInput(c, asBytes("echo moved-$((6*7))\n"));
+    EXPECT_TRUE(outputShows(*events, "moved-42")) << "the moved pane's shell still answers";
+
+    expectError([&] { backend->move(MoveRequest::movePane(c, c, Direction::left)); }, "bad_request", "pane is to_pane");
+    expectError([&] { backend->move(MoveRequest::joinTab(third.tab, c, Direction::left)); }, "bad_request",
+                "to_pane is in the tab");
+    expectError([&] { backend->move(MoveRequest::movePane(c, 999, Direction::left)); }, "not_found", "no pane 999");
+
+    // When the shell of the focused pane ends, the pane goes and focus repairs itself.
+    backend->sendInput(c, asBytes("exit 7\n"));
+    EXPECT_TRUE(eventually([&] { return !backend->getState().pane(c); }));
+    state = backend->getState();
+    EXPECT_EQ(state.focus.tab, third.tab);
+    EXPECT_EQ(state.focus.pane, state.workspaces[0].tabs[0].activePane);
+    EXPECT_FALSE(state.workspaces[0].tabs[0].layout.contains(c));
+    backend->stop();
+}
+
+TEST(FakeBackendSession, ASubscriberCatchesUpByReplaySnapshotOrNothing) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    // Five mebibytes and then quiet.
+    auto created = backend->createWorkspace(
+        std::nullopt, command({"/bin/sh", "-c", "head -c 5242880 /dev/zero | tr '\\0' x; echo END; exec sleep 30"}));
+    uint64_t pane = created.pane;
+    ASSERT_TRUE(eventually([&] { return backend->getState().pane(pane)->seq >= 5242880 + 5; }));
+    uint64_t seq = backend->getState().pane(pane)->seq;
+    drain(*events);
+
+    backend->subscribe(pane);
+    auto seen = drain(*events);
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].as<SessionEvent::Subscribed>()->subscription.mode, Subscription::Mode::snapshot);
+    auto snapshot = seen[1].as<SessionEvent::Snapshot>();
+    ASSERT_TRUE(snapshot);
+    EXPECT_EQ(snapshot->seq, seq);
+    EXPECT_LE(snapshot->bytes.size(), 4u << 20) << "at most 4 MiB retained";
+    EXPECT_GE(snapshot->bytes.size(), 3u << 20);
+    std::string tail(snapshot->bytes.end() - 5, snapshot->bytes.end());
+    EXPECT_EQ(tail, "END\r\n");
+
+    // More than 1 MiB behind: a snapshot, though the bytes are still retained.
+    EXPECT_EQ(backend->subscribe(pane, seq - (1536u << 10)).mode, Subscription::Mode::snapshot);
+    drain(*events);
+    auto replay = backend->subscribe(pane, seq - 1000);
+    EXPECT_EQ(replay.mode, Subscription::Mode::replay);
+    EXPECT_EQ(replay.seq, seq - 1000);
+    seen = drain(*events);
+    ASSERT_EQ(seen.size(), 2u);
+    auto output = seen[1].as<SessionEvent::Output>();
+    ASSERT_TRUE(output);
+    EXPECT_EQ(output->seq, seq - 1000);
+    EXPECT_EQ(output->bytes.size(), 1000u);
+
+    // Exactly caught up: nothing but `subscribed`. Ahead of the pane: a snapshot.
+    EXPECT_EQ(backend->subscribe(pane, seq).mode, Subscription::Mode::live);
+    seen = drain(*events, 300ms);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_TRUE(seen[0].as<SessionEvent::Subscribed>());
+    EXPECT_EQ(backend->subscribe(pane, seq + 10).mode, Subscription::Mode::snapshot);
+    backend->stop();
+}
+
+TEST(FakeBackendSession, SizesInputKeysAgentsAndRestoreNotes) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(std::nullopt, command({"/bin/sh"}));
+    uint64_t pane = created.pane;
+    backend->subscribe(pane);
+    drain(*events);
+
+    // A resize is told to the subscriber, then published; the same size again changes nothing.
+    backend->resize(pane, Size{100, 30});
+    auto seen = withoutOutput(drain(*events)); // a late prompt may come in between
+    ASSERT_GE(seen.size(), 2u);
+    auto resized = seen[0].as<SessionEvent::Resized>();
+    ASSERT_TRUE(resized);
+    EXPECT_EQ(resized->cols, 100);
+    EXPECT_EQ(resized->rows, 30);
+    EXPECT_EQ(seen[1].as<SessionEvent::PaneChanged>()->pane.cols, 100);
+    backend->setViewport(pane, Size{100, 30});
+    EXPECT_TRUE(withoutOutput(drain(*events, 100ms)).empty());
+    backend->sendInput(pane, asBytes("stty size\n"));
+    EXPECT_TRUE(outputShows(*events, "30 100"));
+
+    // Mouse and focus reports don't answer a waiting agent; a keystroke does.
+    AgentInfo agent;
+    agent.kind = "claude";
+    agent.state = AgentInfo::State::waiting;
+    agent.attention = true;
+    agent.requests = std::vector<PermissionRequest>{{"r1", "Bash", std::nullopt}};
+    backend->setAgent(pane, agent);
+    backend->sendInput(pane, asBytes("\x1b[<0;3;4M"));
+    backend->sendInput(pane, asBytes("\x1b[I"));
+    EXPECT_EQ(backend->getState().pane(pane)->agent->attention, true);
+    backend->sendInput(pane, asBytes("\n"));
+    EXPECT_EQ(backend->getState().pane(pane)->agent->attention, false);
+
+    backend->muteAgent(pane, true);
+    EXPECT_EQ(backend->getState().pane(pane)->agent->muted, true);
+    backend->decide(pane, "r1", PermissionDecision::deny, "no");
+    EXPECT_EQ(backend->decisions(), (std::vector<FakeDecision>{{pane, "r1", PermissionDecision::deny, "no"}}));
+    EXPECT_TRUE(backend->getState().pane(pane)->agent->requests->empty());
+    expectError([&] { backend->decide(pane, "r1", PermissionDecision::allow, std::nullopt); }, "not_found",
+                "r1 was already answered or retired");
+    backend->setAgent(pane, std::nullopt);
+    expectError([&] { backend->muteAgent(pane, false); }, "not_found", "no agent in pane " + std::to_string(pane));
+
+    // Keys: the text goes out first; an unknown key name sends none of the keys.
+    drain(*events);
+    backend->sendKeys(pane, "echo keyed-$((2+3))", {"enter"});
+    EXPECT_TRUE(outputShows(*events, "keyed-5"));
+    expectError([&] { backend->sendKeys(pane, "echo held-$((1+1))", {"enter", "nope"}); }, "bad_request",
+                "unknown key nope");
+    seen = drain(*events, 300ms);
+    EXPECT_EQ(outputText(seen).find("held-2"), std::string::npos) << "enter went out with a bad key";
+    backend->sendKeys(pane, std::nullopt, {"enter"});
+    EXPECT_TRUE(outputShows(*events, "held-2"));
+
+    // Restore notes are shown until dismissed.
+    backend->setRestored(pane, PaneRestore{.at = 1700000000, .agent = "claude"});
+    EXPECT_TRUE(backend->getState().pane(pane)->restored);
+    backend->dismissRestored(pane);
+    EXPECT_FALSE(backend->getState().pane(pane)->restored);
+    expectError([&] { backend->dismissRestored(999); }, "not_found", "no pane 999");
+    backend->sendInput(999, asBytes("dropped")); // a write to a pane that has gone is no error
+    backend->stop();
+}

@@ -1,0 +1,127 @@
+#include "Vellum/Terminal.h"
+#include "Vellum/TerminalParameters.h"
+
+namespace vellum {
+
+using sequence::param;
+using sequence::rawParam;
+
+// Parameters from `start` on are top, left, bottom, right, 1-based; 0 or absent reach the edges.
+std::optional<Terminal::Rectangle> Terminal::rectangleFromRequest(CsiParameters pars, int start) const {
+    const Buffer& b = *buffer_;
+    int rowOffset = originMode ? b.scrollTop : 0;
+    int colOffset = originMode && b.marginMode ? b.marginLeft : 0;
+    int lastRow = originMode ? b.scrollBottom : rows_ - 1;
+    int lastCol = originMode && b.marginMode ? b.marginRight : cols_ - 1;
+    Rectangle area{
+        .top = param(pars, start, 1) - 1 + rowOffset,
+        .left = param(pars, start + 1, 1) - 1 + colOffset,
+        .bottom = rawParam(pars, start + 2) == 0 ? lastRow : rawParam(pars, start + 2) - 1 + rowOffset,
+        .right = rawParam(pars, start + 3) == 0 ? lastCol : rawParam(pars, start + 3) - 1 + colOffset,
+    };
+    area.bottom = std::min(area.bottom, lastRow);
+    area.right = std::min(area.right, lastCol);
+    if (area.top > area.bottom || area.left > area.right) return std::nullopt;
+    return area;
+}
+
+void Terminal::copyRectangularArea(CsiParameters pars) {
+    auto source = rectangleFromRequest(pars, 0);
+    if (!source) return;
+    const Buffer& b = *buffer_;
+    int rowOffset = originMode ? b.scrollTop : 0;
+    int colOffset = originMode && b.marginMode ? b.marginLeft : 0;
+    int top = param(pars, 5, 1) - 1 + rowOffset, left = param(pars, 6, 1) - 1 + colOffset;
+    if (top >= rows_ || left >= cols_) return;
+    int height = std::min(source->bottom - source->top + 1, rows_ - top);
+    int width = std::min(source->right - source->left + 1, cols_ - left);
+    // Through a copy, so that overlapping areas read the old cells.
+    std::vector<PackedCell> cells;
+    cells.reserve(size_t(height * width));
+    for (int r = 0; r < height; ++r) {
+        BufferLine& line = buffer_->row(source->top + r);
+        for (int c = 0; c < width; ++c) cells.push_back(line.packedCell(source->left + c));
+    }
+    for (int r = 0; r < height; ++r) {
+        BufferLine& line = buffer_->row(top + r);
+        for (int c = 0; c < width; ++c) line.fill(cells[size_t(r * width + c)], left + c, 1);
+        line.repairWideSeam(left);
+        line.repairWideSeam(left + width);
+    }
+}
+
+void Terminal::fillRectangularArea(CsiParameters pars) {
+    auto area = rectangleFromRequest(pars, 1);
+    if (!area) return;
+    int64_t code = pars.size() > 0 ? pars[0] : 0;
+    bool printable = (code >= 32 && code < 127) || (code >= 160 && code <= 255);
+    char32_t scalar = printable ? static_cast<char32_t>(code) : U' ';
+    auto cell = cellArena->pack(curStyleID, std::u32string_view(&scalar, 1), 0);
+    if (!cell) return;
+    for (int r = area->top; r <= area->bottom; ++r) {
+        BufferLine& line = buffer_->row(r);
+        line.repairWideSeam(area->left);
+        line.repairWideSeam(area->right + 1);
+        line.fill(*cell, area->left, area->right - area->left + 1);
+    }
+}
+
+void Terminal::eraseRectangularArea(CsiParameters pars, bool selective) {
+    auto area = rectangleFromRequest(pars, 0);
+    if (!area) return;
+    for (int r = area->top; r <= area->bottom; ++r) {
+        BufferLine& line = buffer_->row(r);
+        line.repairWideSeam(area->left);
+        line.repairWideSeam(area->right + 1);
+        for (int c = area->left; c <= area->right; ++c)
+            if (!selective || !line.packedCell(c).isProtected()) line.fill(currentEraseSpaceCell, c, 1);
+    }
+}
+
+void Terminal::requestChecksumRectangularArea(CsiParameters pars) {
+    int id = rawParam(pars, 0);
+    std::vector<char32_t> scalars;
+    if (auto area = rectangleFromRequest(pars, 2)) {
+        std::u32string cell;
+        for (int r = area->top; r <= area->bottom; ++r) {
+            BufferLine& line = buffer_->row(r);
+            for (int c = area->left; c <= area->right; ++c) {
+                cell.clear();
+                line.view(c).getScalarValues(cell);
+                if (cell.empty()) scalars.push_back(0);
+                else scalars.insert(scalars.end(), cell.begin(), cell.end());
+            }
+        }
+    }
+    sendResponse(checksumReply(id, scalars, cc));
+}
+
+void Terminal::insertColumns(int count) {
+    Buffer& b = *buffer_;
+    if (b.x < b.leftBound() || b.x > b.rightBound() || b.y < b.scrollTop || b.y > b.scrollBottom) return;
+    for (int r = b.scrollTop; r <= b.scrollBottom; ++r)
+        b.row(r).insertPackedCells(b.x, count, b.rightBound(), currentEraseBlankCell);
+}
+
+void Terminal::deleteColumns(int count) {
+    Buffer& b = *buffer_;
+    if (b.x < b.leftBound() || b.x > b.rightBound() || b.y < b.scrollTop || b.y > b.scrollBottom) return;
+    for (int r = b.scrollTop; r <= b.scrollBottom; ++r)
+        b.row(r).deletePackedCells(b.x, count, b.rightBound(), currentEraseBlankCell);
+}
+
+// DECBI and DECFI: the cursor moves a column, and at the margin the text moves instead.
+void Terminal::columnScroll(bool back) {
+    Buffer& b = *buffer_;
+    int left = b.leftBound(), right = b.rightBound();
+    if (back ? b.x > left : b.x < right) {
+        b.x = std::min(b.x, cols_ - 1) + (back ? -1 : 1);
+        return;
+    }
+    for (int r = b.scrollTop; r <= b.scrollBottom; ++r) {
+        if (back) b.row(r).insertPackedCells(left, 1, right, currentEraseBlankCell);
+        else b.row(r).deletePackedCells(left, 1, right, currentEraseBlankCell);
+    }
+}
+
+} // namespace vellum

@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include "Support/TerminalHarness.h"
+
+using namespace vellum;
+using vellum::testing::TerminalHarness;
+
+namespace {
+
+using Screen = std::vector<std::string>;
+
+// A 6x4 screen of distinct letters: row r holds six letters from 'a' + 6r.
+struct Lettered : TerminalHarness {
+    Lettered() : TerminalHarness(6, 4) { terminal.feed("abcdef\r\nghijkl\r\nmnopqr\r\nstuvwx"); }
+};
+
+} // namespace
+
+TEST(TerminalRectangles, FillAndEraseStayInsideTheArea) {
+    Lettered h;
+    h.terminal.feed("\x1b[1;31m\x1b[42;2;2;3;4$x");
+    EXPECT_EQ(h.screen(), (Screen{"abcdef", "g***kl", "m***qr", "stuvwx"}));
+    EXPECT_EQ(h.terminal.getCharData(1, 1).attribute.fg, Attribute::Color::ansi256(1)); // the current rendition
+    // A control character fills with spaces; absent bottom and right reach the edges.
+    h.terminal.feed("\x1b[0m\x1b[7;4;5$x");
+    EXPECT_EQ(h.screen(), (Screen{"abcdef", "g***kl", "m***qr", "stuv  "}));
+    // DECERA and DECSERA erase to spaces; a reversed area does nothing.
+    h.terminal.feed("\x1b[1;1;2;2$z\x1b[3;6;3;6${\x1b[3;3;1;1$z");
+    EXPECT_EQ(h.screen(), (Screen{"  cdef", "  **kl", "m***q ", "stuv  "}));
+    // The cursor never moves.
+    EXPECT_EQ(h.x(), 6);
+    EXPECT_EQ(h.y(), 3);
+}
+
+TEST(TerminalRectangles, CopyHandlesOverlapAndClipsAtTheEdges) {
+    Lettered h;
+    // Rows 1-2, columns 1-3 copied one cell down and right: the source is read before writing.
+    h.terminal.feed("\x1b[1;1;2;3;1;2;2;1$v");
+    EXPECT_EQ(h.screen(), (Screen{"abcdef", "gabckl", "mghiqr", "stuvwx"}));
+    // A destination near the corner keeps only what fits.
+    h.terminal.feed("\x1b[1;1;4;6;1;4;5;1$v");
+    EXPECT_EQ(h.screen(), (Screen{"abcdef", "gabckl", "mghiqr", "stuvab"}));
+    // Without the "$" it is not a copy.
+    h.terminal.feed("\x1b[1;1;1;1;1;4;1;1v");
+    EXPECT_EQ(h.terminal.lineText(3), "stuvab");
+}
+
+TEST(TerminalRectangles, OriginModeMakesAreasRelativeToTheRegion) {
+    Lettered h;
+    h.terminal.feed("\x1b[2;3r\x1b[?6h\x1b[46;1;1;5;5$x");
+    // Row 1 of the request is the region's first row, and the region's end bounds it.
+    EXPECT_EQ(h.screen(), (Screen{"abcdef", ".....l", ".....r", "stuvwx"}));
+}
+
+TEST(TerminalRectangles, ChecksumReply) {
+    Lettered h;
+    // "ab" over "gh": 97 + 98 + 103 + 104 = 402, negated in 16 bits: FE6E.
+    EXPECT_EQ(h.reply("\x1b[5;1;1;1;2;2*y"), "\x1bP5!~FE6E\x1b\\");
+    // Blank cells count as spaces: the erased corner reads as four blanks (128 -> FF80).
+    h.terminal.feed("\x1b[1;1;2;2$z");
+    EXPECT_EQ(h.reply("\x1b[9;1;1;1;2;2*y"), "\x1bP9!~FF80\x1b\\");
+    // A reversed area sums nothing and still answers.
+    EXPECT_EQ(h.reply("\x1b[1;1;3;3;1;1*y"), "\x1bP1!~0000\x1b\\");
+    EXPECT_EQ(h.reply("\x1b G\x1b[2;1;1;1;1;1*y"), "\x90" "2!~FFE0\x9c");
+}
+
+TEST(TerminalRectangles, ColumnsInsertAndDeleteInsideTheRegion) {
+    Lettered h;
+    h.terminal.feed("\x1b[2;3r\x1b[2;2H\x1b[2'}");
+    EXPECT_EQ(h.screen(), (Screen{"abcdef", "g  hij", "m  nop", "stuvwx"}));
+    h.terminal.feed("\x1b[3'~");
+    EXPECT_EQ(h.screen(), (Screen{"abcdef", "gij", "mop", "stuvwx"}));
+
+    // DECFI at the right margin scrolls the columns left; DECBI at the left margin right.
+    Lettered k;
+    k.terminal.feed("\x1b[1;6H\x1b" "9");
+    EXPECT_EQ(k.screen(), (Screen{"bcdef", "hijkl", "nopqr", "tuvwx"}));
+    k.terminal.feed("\x1b[1;1H\x1b" "6");
+    EXPECT_EQ(k.screen(), (Screen{" bcdef", " hijkl", " nopqr", " tuvwx"}));
+    // Away from the margins they only move the cursor.
+    k.terminal.feed("\x1b[1;3H\x1b" "6\x1b" "9\x1b" "9");
+    EXPECT_EQ(k.x(), 3);
+    EXPECT_EQ(k.screen()[0], " bcdef");
+}
