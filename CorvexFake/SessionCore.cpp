@@ -269,8 +269,55 @@ void SessionCore::setScrollbackLines(int lines) {
     scrollbackLines_ = lines;
 }
 
-uint64_t SessionCore::spawnPane(const SpawnOptions& options) {
-    uint64_t id = takeID();
+namespace {
+
+uint64_t highestID(const Layout& layout) {
+    if (layout.isLeaf()) return layout.leafPane();
+    const SplitNode& node = *layout.splitNode();
+    return std::max({node.id, highestID(node.a), highestID(node.b)});
+}
+
+} // namespace
+
+void SessionCore::restore(const ModelState& saved, double at) {
+    Batch batch(*this);
+    if (!state_.workspaces.empty() || !panes_.empty()) return;
+    uint64_t highest = 0;
+    for (const auto& workspace : saved.workspaces) {
+        highest = std::max(highest, workspace.id);
+        for (const auto& tab : workspace.tabs) highest = std::max({highest, tab.id, highestID(tab.layout)});
+    }
+    nextID_ = std::max(nextID_, highest + 1);
+    state_.workspaces = saved.workspaces;
+    state_.focus = saved.focus;
+    std::vector<uint64_t> lost;
+    for (const auto& workspace : saved.workspaces) {
+        for (const auto& tab : workspace.tabs) {
+            for (uint64_t id : tab.layout.panes()) {
+                const Pane* pane = saved.pane(id);
+                SpawnOptions options;
+                if (pane) {
+                    options.command = pane->command;
+                    options.cwd = pane->cwd;
+                    options.cols = pane->cols;
+                    options.rows = pane->rows;
+                }
+                try {
+                    spawnPane(options, id);
+                    statePane(id).restored = PaneRestore{at, std::nullopt, std::nullopt, false};
+                } catch (const BackendError&) {
+                    lost.push_back(id);
+                }
+            }
+        }
+    }
+    for (uint64_t id : lost) removeFromLayout(id);
+    repairFocus();
+    publishState(batch);
+}
+
+uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint64_t> given) {
+    uint64_t id = given ? *given : takeID();
     Size size{options.cols.value_or(80), options.rows.value_or(24)};
     auto command = options.command.value_or(std::vector<std::string>{environment_.defaultShell, "-l"});
     std::string cwd = options.cwd.value_or(environment_.home);

@@ -161,6 +161,10 @@ public:
     void withPaneTerminal(uint64_t pane, const std::function<void(vellum::Terminal&, uint64_t parsed)>& visit);
     // History rows for the terminals of panes made from now on.
     void setScrollbackLines(int lines);
+    // Rebuilds a saved tree, identifiers and all, on a core that holds nothing yet: each pane
+    // starts its command again in its folder and size and is marked restored at `at` (seconds
+    // since the epoch). A pane whose program can't start leaves the tree as a closed one would.
+    void restore(const ModelState& saved, double at);
 
     // Asks each pane's program for its directory and publishes the changes.
     void pollWorkingDirectories();
@@ -184,7 +188,7 @@ private:
     SessionCore(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment);
 
     uint64_t takeID() { return nextID_++; }
-    uint64_t spawnPane(const SpawnOptions& options);
+    uint64_t spawnPane(const SpawnOptions& options, std::optional<uint64_t> id = std::nullopt);
     void deliver();
     void paneOutput(uint64_t pane, ByteView bytes);
     void paneTerminated(uint64_t pane, std::optional<int32_t> exitCode);

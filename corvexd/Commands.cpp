@@ -23,6 +23,7 @@
 #include "Platform/System.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/RuntimeDirectory.h"
+#include "corvexd/SavedTree.h"
 #include "corvexd/Server.h"
 #include "corvexd/SessionService.h"
 #include "CorvexFake/LocalPaneHost.h"
@@ -119,6 +120,8 @@ int serve() {
         auto other = pid.read();
         return fail("already running" + (other ? " (pid " + std::to_string(*other) + ")" : std::string()));
     }
+    // Written at once, so that a stop during the start-up knows whom to signal.
+    pid.write(::getpid());
     ::signal(SIGPIPE, SIG_IGN);
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
@@ -142,8 +145,8 @@ int serve() {
         auto config = platform::environmentValue("CORVEXD_CONFIG");
         service.settingsPath = config.empty() ? directory.path() + "/settings.json" : config;
         if (!config.empty()) service.configName = config;
+        service.treePath = directory.treePath();
         serveSession(server, core, service);
-        pid.write(::getpid());
         server.run();
         // The shells end with the daemon: their terminals hang up.
         core->stop();
@@ -232,8 +235,10 @@ int terminate(bool forceAfterTimeout) {
     auto running = pid.read();
     if (!running) return fail("the pid file names no process");
     ::kill(*running, SIGTERM);
+    // Wait for that very process to end rather than for the lock to come free: a client may
+    // start a new daemon the moment the old one lets go, and the new one takes the lock at once.
     auto deadline = Clock::now() + stopTimeout;
-    while (!pid.tryLock()) {
+    while (processLives(*running)) {
         if (Clock::now() > deadline) {
             if (!forceAfterTimeout) return fail("the daemon (pid " + std::to_string(*running) + ") didn't stop");
             ::kill(*running, SIGKILL);
@@ -242,8 +247,6 @@ int terminate(bool forceAfterTimeout) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    // The lock goes a moment before the process does; callers expect it gone.
-    while (processLives(*running) && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return 0;
 }
 
@@ -361,7 +364,12 @@ int runCommand(const std::vector<std::string>& arguments) {
         if (command == "serve") return serve();
         if (command == "start") return start();
         if (command == "stop") return terminate(false);
-        if (command == "shutdown") return terminate(true);
+        if (command == "shutdown") {
+            // The shells end for good: the next start begins empty.
+            int status = terminate(true);
+            if (status == 0) SavedTree::remove(RuntimeDirectory::existing(RuntimeDirectory::defaultPath()).treePath());
+            return status;
+        }
         if (command == "bridge") return bridge();
         if (command == "build-id") {
             std::cout << buildId() << "\n";

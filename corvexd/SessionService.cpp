@@ -1,5 +1,7 @@
 #include "corvexd/SessionService.h"
 
+#include <chrono>
+
 #include "CorvexFake/SessionCore.h"
 #include "CorvexKit/Frame.h"
 #include "CorvexKit/Layout.h"
@@ -7,6 +9,7 @@
 #include "Vellum/Terminal.h"
 #include "Vellum/TerminalSnapshotStream.h"
 #include "corvexd/PaneSearch.h"
+#include "corvexd/SavedTree.h"
 #include "corvexd/Server.h"
 #include "corvexd/SettingsFile.h"
 
@@ -118,9 +121,22 @@ void forward(Server& server, const SessionEvent& event) {
 } // namespace
 
 void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core, const SessionServiceOptions& options) {
-    core->setListener([&server](const SessionEvent& event) { forward(server, event); });
+    std::shared_ptr<SavedTree> tree;
+    if (!options.treePath.empty()) tree = std::make_shared<SavedTree>(options.treePath);
+    std::weak_ptr<corvex::SessionCore> weakCore = core;
+    core->setListener([&server, tree, weakCore](const SessionEvent& event) {
+        forward(server, event);
+        if (!tree || !(event.as<SessionEvent::State>() || event.as<SessionEvent::PaneChanged>())) return;
+        if (auto live = weakCore.lock()) tree->save(live->state());
+    });
     server.addFeatures({"pane.keys", "split.set_ratio", "move", "pane.move", "pane.focus", "pane.search", "settings",
-                        "client.colors"});
+                        "client.colors", "restore"});
+    if (tree) {
+        if (auto saved = tree->load()) {
+            double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+            core->restore(*saved, now);
+        }
+    }
 
     // Panes made after a client set its colours take them too.
     auto colors = std::make_shared<std::optional<corvex::TerminalColors>>();

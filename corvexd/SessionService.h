@@ -21,6 +21,8 @@ struct SessionServiceOptions {
     std::string settingsPath;
     // Shown to clients as where the settings come from.
     std::optional<std::string> configName;
+    // Where the tree is kept for the next run, which brings it back; empty keeps nothing.
+    std::string treePath;
 };
 
 void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core, const SessionServiceOptions& options = {});

@@ -229,3 +229,46 @@ TEST(PaneService, ProgramsAskingForColoursHearTheClients) {
     EXPECT_TRUE(client.untilOutput(before, "]11;rgb:1212/3434/5656")) << client.outputOf(before);
     EXPECT_TRUE(client.untilOutput(after, "]11;rgb:1212/3434/5656")) << client.outputOf(after);
 }
+
+TEST(PaneService, TheTreeComesBackAfterAStopButNotAfterAShutdown) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    json before;
+    {
+        RawClient client(daemon.socketPath());
+        json spawn = shell();
+        spawn["name"] = "work";
+        spawn["cwd"] = daemon.base();
+        json created = result(client.request("workspace.create", spawn));
+        json split = shell();
+        split["pane"] = created["pane"];
+        split["direction"] = "right";
+        ASSERT_TRUE(client.request("pane.split", split));
+        ASSERT_TRUE(client.request("tab.create", {{"workspace", created["workspace"]}, {"command", {"/bin/sh"}}}));
+        before = result(client.request("state.get"));
+    }
+    ASSERT_EQ(daemon.run({"stop"}).status, 0);
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    {
+        RawClient client(daemon.socketPath());
+        json after = result(client.request("state.get"));
+        EXPECT_EQ(after["workspaces"], before["workspaces"]) << "the same places under the same identifiers";
+        EXPECT_EQ(after["focus"], before["focus"]);
+        ASSERT_EQ(after["panes"].size(), 3u);
+        for (const auto& pane : after["panes"]) {
+            EXPECT_TRUE(pane.contains("restored")) << pane.dump();
+            EXPECT_NE(pane["pid"], nullptr);
+        }
+        EXPECT_EQ(after["panes"][0]["cwd"], daemon.base());
+        // New things don't take identifiers of the old run's places.
+        json more = result(client.request("tab.create", {{"workspace", before["workspaces"][0]["id"]}, {"command", {"/bin/sh"}}}));
+        for (const auto& pane : before["panes"]) EXPECT_NE(more["pane"], pane["id"]);
+        uint64_t pane = after["panes"][0]["id"];
+        ASSERT_TRUE(client.request("pane.dismiss_restored", {{"pane", pane}}));
+        EXPECT_FALSE(result(client.request("state.get"))["panes"][0].contains("restored"));
+    }
+    ASSERT_EQ(daemon.run({"shutdown"}).status, 0);
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+    EXPECT_EQ(result(client.request("state.get"))["workspaces"], json::array()) << "a shutdown ends the shells for good";
+}
