@@ -19,7 +19,38 @@ vellum::TerminalOptions terminalOptions(Size size, int scrollbackLines) {
     return options;
 }
 
-// The pane's program on a headless terminal, which watches the output for a title and bells.
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// The path of a directory a program reported: "file://host/path" with %-escapes, or a
+// plain absolute path. Anything else says nothing.
+std::optional<std::string> reportedDirectory(std::string_view report) {
+    constexpr std::string_view scheme = "file://";
+    if (report.substr(0, scheme.size()) == scheme) {
+        report.remove_prefix(scheme.size());
+        auto slash = report.find('/');
+        if (slash == std::string_view::npos) return std::nullopt;
+        report.remove_prefix(slash);
+    }
+    if (report.empty() || report.front() != '/') return std::nullopt;
+    std::string path;
+    for (size_t i = 0; i < report.size(); ++i) {
+        if (report[i] == '%' && i + 2 < report.size() && hexValue(report[i + 1]) >= 0 && hexValue(report[i + 2]) >= 0) {
+            path.push_back(static_cast<char>(hexValue(report[i + 1]) * 16 + hexValue(report[i + 2])));
+            i += 2;
+        } else {
+            path.push_back(report[i]);
+        }
+    }
+    return path;
+}
+
+// The pane's program on a headless terminal, which watches the output for a title, a directory,
+// bells and clipboard texts.
 // The output is parsed on the process's parse thread, then handed to the core.
 class LocalPane : public vellum::HeadlessTerminal, public PaneProcess {
 public:
@@ -73,26 +104,42 @@ public:
         std::lock_guard guard(pendingLock_);
         pendingBell_ = true;
     }
+    void hostCurrentDirectoryUpdated(vellum::Terminal& source) override {
+        HeadlessTerminal::hostCurrentDirectoryUpdated(source);
+        if (!source.hostCurrentDirectory) return;
+        auto directory = reportedDirectory(*source.hostCurrentDirectory);
+        std::lock_guard guard(pendingLock_);
+        if (directory) pendingCwd_ = directory;
+    }
+    void clipboardCopy(vellum::Terminal&, const std::vector<uint8_t>& content) override {
+        std::lock_guard guard(pendingLock_);
+        pendingClipboard_.emplace_back(content.begin(), content.end());
+    }
 
 protected:
     void outputParsed(std::span<const uint8_t> bytes) override {
         if (events_.output) events_.output(bytes);
-        std::optional<std::string> title;
+        std::optional<std::string> title, cwd;
         bool bell = false;
+        std::vector<std::string> clipboard;
         {
             std::lock_guard guard(pendingLock_);
             title = std::exchange(pendingTitle_, std::nullopt);
+            cwd = std::exchange(pendingCwd_, std::nullopt);
             bell = std::exchange(pendingBell_, false);
+            clipboard = std::exchange(pendingClipboard_, {});
         }
-        if ((title || bell) && events_.changed) events_.changed(title, std::nullopt, bell);
+        if (!clipboard.empty() && events_.clipboard) events_.clipboard(clipboard);
+        if ((title || cwd || bell) && events_.changed) events_.changed(title, cwd, bell);
     }
 
 private:
     PaneProcessEvents events_;
     std::optional<Size> requestedSize_; // what the pane was started with
     std::mutex pendingLock_;            // a leaf, taken inside the terminal lock
-    std::optional<std::string> pendingTitle_;
+    std::optional<std::string> pendingTitle_, pendingCwd_;
     bool pendingBell_ = false;
+    std::vector<std::string> pendingClipboard_;
 };
 
 } // namespace

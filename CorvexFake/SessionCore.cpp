@@ -342,6 +342,9 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint6
         [weak, id](const std::optional<std::string>& title, const std::optional<std::string>& cwd, bool bell) {
             if (auto core = weak.lock()) core->paneChanged(id, title, cwd, bell);
         },
+        [weak, id](const std::vector<std::string>& texts) {
+            if (auto core = weak.lock()) core->paneClipboard(id, texts);
+        },
     };
     PaneLaunch request{id, command, *launch, paneEnvironment(environment_.variables, id, options.env), cwd, size,
                        scrollbackLines_};

@@ -86,6 +86,8 @@ struct PaneProcessEvents {
     // What the pane's terminal learned from the output: a title, a directory, a bell.
     std::function<void(const std::optional<std::string>& title, const std::optional<std::string>& cwd, bool bell)>
         changed;
+    // Texts the program put on the clipboard.
+    std::function<void(const std::vector<std::string>& texts)> clipboard;
 };
 
 struct PaneLaunch {

@@ -63,7 +63,9 @@ void TimerThread::run() {
         }
         auto first = timers_.begin();
         if (first->first > std::chrono::steady_clock::now()) {
-            changed_.wait_until(guard, first->first);
+            // A copy: a cancel while waiting erases the entry that holds the deadline.
+            TimePoint deadline = first->first;
+            changed_.wait_until(guard, deadline);
             continue;
         }
         Timer timer = std::move(first->second);

@@ -145,28 +145,33 @@ void Buffer::deleteLines(int screenRow, int count, PackedCell blank) {
         lines.shiftUpAndRecycle(yBase + screenRow, yBase + scrollBottom, blank, false, defaultBidiState);
 }
 
-void Buffer::insertCharacter(PackedCell cell, int width, PackedCell blank) {
+bool Buffer::placeCharacter(int width, PackedCell blank) {
     int right = rightBound();
-    if (x + width - 1 > right) {
-        if (!wraparound) {
-            if (width == 2) return;
-            x = right;
-        } else {
-            if (width == 2 && x == right) row(y).fill(blank.withWidthState(CellWidthState::spacerHead), x, 1);
-            x = leftBound();
-            if (y < scrollBottom) {
-                ++y;
-                row(y).setWrapped(true);
-            } else if (y == scrollBottom) {
-                scroll(blank, true);
-            } else if (y < rows_ - 1) {
-                ++y;
-                row(y).setWrapped(true);
-            }
-            if (x + width - 1 > right) return; // a region narrower than the character
-        }
+    if (x + width - 1 <= right) return true;
+    if (!wraparound) {
+        if (width == 2) return false;
+        x = right;
+        return true;
     }
+    if (width == 2 && x == right) {
+        BufferLine& line = row(y);
+        line.repairWideSeam(x);
+        line.fill(blank.withWidthState(CellWidthState::spacerHead), x, 1);
+    }
+    x = leftBound();
+    if (y == scrollBottom) {
+        scroll(blank, true);
+    } else if (y < rows_ - 1) {
+        ++y;
+        row(y).setWrapped(true);
+    }
+    return x + width - 1 <= right; // a region narrower than the character drops it
+}
+
+void Buffer::insertCharacter(PackedCell cell, int width, PackedCell blank) {
+    if (!placeCharacter(width, blank)) return;
     BufferLine& line = row(y);
+    int right = rightBound();
     if (insertMode) line.insertPackedCells(x, width, right, blank);
     line.repairWideSeam(x);
     line.repairWideSeam(x + width);
@@ -175,9 +180,64 @@ void Buffer::insertCharacter(PackedCell cell, int width, PackedCell blank) {
     x += width;
 }
 
-void Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, uint16_t styleID, PackedCell blank) {
-    for (size_t i = 0; i < count; ++i)
-        insertCharacter(PackedCell::make(PackedCell::scalarTag, bytes[i], styleID, 0, false, 0, 0), 1, blank);
+namespace {
+
+// Opens columns [start, start + count) of a row for writing: the wide characters cut at either
+// end are healed, and the row's bookkeeping moves once for the whole stretch.
+PackedCell* openStretch(BufferLine& line, int start, int count) {
+    line.repairWideSeam(start);
+    line.repairWideSeam(start + count);
+    line.usedLength = std::max(line.usedLength, start + count);
+    ++line._generation;
+    return line.storage.data() + start;
+}
+
+} // namespace
+
+size_t Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell base, PackedCell blank) {
+    if (insertMode) return 0;
+    const uint64_t word = base.raw & ~PackedCell::contentAndWidthBits;
+    size_t done = 0;
+    while (done < count) {
+        if (!placeCharacter(1, blank)) return count;
+        if (!wraparound && x == rightBound() && count - done > 1) done = count - 1; // the rest overwrite the last cell
+        int n = static_cast<int>(std::min<size_t>(count - done, static_cast<size_t>(rightBound() - x + 1)));
+        PackedCell* out = openStretch(row(y), x, n);
+        const uint8_t* in = bytes + done;
+        for (int i = 0; i < n; ++i) out[i].raw = word | uint64_t(in[i]) << PackedCell::valueShift;
+        x += n;
+        done += static_cast<size_t>(n);
+    }
+    return count;
+}
+
+size_t Buffer::insertScalarRun(const char32_t* scalars, size_t count, int width, PackedCell base, PackedCell blank) {
+    if (insertMode) return 0;
+    const uint64_t word = base.raw & ~PackedCell::contentAndWidthBits;
+    size_t done = 0;
+    while (done < count) {
+        if (!placeCharacter(width, blank)) {
+            ++done; // dropped
+            continue;
+        }
+        if (!wraparound && width == 1 && x == rightBound() && count - done > 1) done = count - 1;
+        int n = static_cast<int>(std::min<size_t>(count - done, static_cast<size_t>((rightBound() - x + 1) / width)));
+        PackedCell* out = openStretch(row(y), x, n * width);
+        const char32_t* in = scalars + done;
+        if (width == 1) {
+            for (int i = 0; i < n; ++i) out[i].raw = word | uint64_t(in[i]) << PackedCell::valueShift;
+        } else {
+            const uint64_t head = word | uint64_t(CellWidthState::wide) << PackedCell::widthStateShift;
+            const uint64_t tail = word | uint64_t(CellWidthState::spacerTail) << PackedCell::widthStateShift;
+            for (int i = 0; i < n; ++i) {
+                out[2 * i].raw = head | uint64_t(in[i]) << PackedCell::valueShift;
+                out[2 * i + 1].raw = tail;
+            }
+        }
+        x += n * width;
+        done += static_cast<size_t>(n);
+    }
+    return count;
 }
 
 void Buffer::clearScrollback() {

@@ -33,8 +33,15 @@ public:
     void deleteLines(int screenRow, int count, PackedCell blank);
     // Stores a cell of width 1 or 2 at the cursor with autowrap, insert mode and seam repair.
     void insertCharacter(PackedCell cell, int width, PackedCell blank);
-    // Writes printable ASCII at the cursor; gives the number of bytes written before a wrap was due.
-    void insertAsciiRun(const uint8_t* bytes, size_t count, uint16_t styleID, PackedCell blank);
+    // Bulk forms of insertCharacter for runs of printable ASCII and of scalars of one width: each
+    // row segment is written in one pass, seams repaired only at its ends. `base` is the word
+    // every cell shares (style, payload, semantic code) with an empty content value. Both give
+    // the number of characters consumed, which is 0 in insert mode: the caller then goes one by one.
+    size_t insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell base, PackedCell blank);
+    size_t insertScalarRun(const char32_t* scalars, size_t count, int width, PackedCell base, PackedCell blank);
+    // Moves the cursor to where a character of `width` goes, wrapping to the next row (and
+    // scrolling) when autowrap is on. False when the character is to be dropped.
+    bool placeCharacter(int width, PackedCell blank);
     // Clears the scrollback rows above the screen.
     void clearScrollback();
     // New grid size; rows leave the top into the scrollback or come back from it. No reflow.

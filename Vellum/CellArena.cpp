@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstring>
+#include <utility>
 
 #include "Platform/Unicode.h"
 
@@ -89,10 +91,9 @@ CellArena::CellArena(int styleCapacity, int graphemeCapacity)
       isSnapshotCopy(false),
       // Left uninitialised on purpose: a full table is 65,536 records and most terminals use few.
       attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
-      graphemeBlocks(size_t(graphemeBlockCapacity)),
-      attributeCache(std::make_unique<std::array<AttributeCacheEntry, attributeCacheSize>>()) {
+      graphemeBlocks(size_t(graphemeBlockCapacity)) {
     attributes[0] = PackedAttributeRecord::from(Attribute::empty);
-    attributeIdentifiers.emplace(InternedAttributeKey(), 0);
+    storeAttribute(InternedAttributeKey(), 0);
 }
 
 CellArena::CellArena(SnapshotTag, const CellArena& source)
@@ -103,10 +104,9 @@ CellArena::CellArena(SnapshotTag, const CellArena& source)
       snapshotSourceIdentity(source.identity),
       isSnapshotCopy(true),
       attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
-      graphemeBlocks(size_t(graphemeBlockCapacity)),
-      attributeCache(std::make_unique<std::array<AttributeCacheEntry, attributeCacheSize>>()) {
+      graphemeBlocks(size_t(graphemeBlockCapacity)) {
     attributes[0] = PackedAttributeRecord::from(Attribute::empty);
-    attributeIdentifiers.emplace(InternedAttributeKey(), 0);
+    storeAttribute(InternedAttributeKey(), 0);
     synchronizeSnapshotPrefix(source);
 }
 
@@ -114,23 +114,55 @@ std::shared_ptr<CellArena> CellArena::makeSnapshot(const CellArena& source) {
     return std::shared_ptr<CellArena>(new CellArena(SnapshotTag{}, source));
 }
 
+namespace {
+
+constexpr uint32_t occupiedSlot = 0x80000000;
+
+uint32_t slotTag(uint64_t hash) { return occupiedSlot | uint32_t(hash >> 49) << 16; }
+
+} // namespace
+
+std::optional<uint16_t> CellArena::findAttribute(const InternedAttributeKey& key, size_t& slotIndex) const {
+    size_t mask = attributeSlots.size() - 1;
+    uint64_t hash = cacheHash(key);
+    uint32_t tag = slotTag(hash);
+    for (size_t i = size_t(hash ^ hash >> 32) & mask;; i = (i + 1) & mask) {
+        uint32_t slot = attributeSlots[i];
+        if (slot == 0) {
+            slotIndex = i;
+            return std::nullopt;
+        }
+        if ((slot & 0xFFFF0000) == tag && attributeKeys[slot & 0xFFFF] == key) return uint16_t(slot & 0xFFFF);
+    }
+}
+
+void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identifier) {
+    if (attributeKeys.size() <= identifier) attributeKeys.resize(size_t(identifier) + 1);
+    attributeKeys[identifier] = key;
+    size_t used = size_t(identifier) + 1;
+    if (attributeSlots.size() < 2 * used) {
+        std::vector<uint32_t> old = std::exchange(attributeSlots, std::vector<uint32_t>(std::bit_ceil(std::max<size_t>(1024, 4 * used))));
+        for (uint32_t slot : old) {
+            if (slot == 0) continue;
+            size_t index = 0;
+            findAttribute(attributeKeys[slot & 0xFFFF], index);
+            attributeSlots[index] = slot;
+        }
+    }
+    size_t index = 0;
+    if (findAttribute(key, index)) return;
+    attributeSlots[index] = slotTag(cacheHash(key)) | identifier;
+}
+
 std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
     InternedAttributeKey key(attributes);
     if (key.isZero()) return 0;
-    AttributeCacheEntry& slot = (*attributeCache)[cacheHash(key) >> 54];
-    if (slot.identifierPlusOne != 0 && slot.word0 == key.word0 && slot.word1 == key.word1) {
-        return uint16_t(slot.identifierPlusOne - 1);
-    }
-    uint16_t identifier;
-    if (auto it = attributeIdentifiers.find(key); it != attributeIdentifiers.end()) {
-        identifier = it->second;
-    } else {
-        if (isSnapshotCopy || attributeCountValue > attributeCapacity) return std::nullopt;
-        identifier = uint16_t(attributeCountValue++);
-        this->attributes[identifier] = PackedAttributeRecord::from(attributes);
-        attributeIdentifiers.emplace(key, identifier);
-    }
-    slot = {key.word0, key.word1, uint32_t(identifier) + 1};
+    size_t free = 0;
+    if (auto found = findAttribute(key, free)) return found;
+    if (isSnapshotCopy || attributeCountValue > attributeCapacity) return std::nullopt;
+    uint16_t identifier = uint16_t(attributeCountValue++);
+    this->attributes[identifier] = PackedAttributeRecord::from(attributes);
+    storeAttribute(key, identifier);
     return identifier;
 }
 

@@ -26,6 +26,12 @@ struct InternedAttributeKey {
 
     InternedAttributeKey() = default;
     explicit InternedAttributeKey(const Attribute& attribute);
+    static InternedAttributeKey fromWords(uint64_t word0, uint64_t word1) {
+        InternedAttributeKey key;
+        key.word0 = word0;
+        key.word1 = word1;
+        return key;
+    }
 
     bool isZero() const { return (word0 | word1) == 0; }
     bool operator==(const InternedAttributeKey&) const = default;
@@ -62,12 +68,6 @@ public:
     using Scalars = std::u32string; // may hold values that are no scalar; readers check
     using SharedScalars = std::shared_ptr<const Scalars>; // immutable once interned
 
-    struct AttributeCacheEntry {
-        uint64_t word0 = 0;
-        uint64_t word1 = 0;
-        uint32_t identifierPlusOne = 0; // 0: empty slot
-    };
-    static constexpr int attributeCacheSize = 1024;
     static constexpr int graphemeBlockSize = 256;
     static constexpr int defaultCapacity = 65535;
 
@@ -130,9 +130,6 @@ private:
         template <typename A, typename B>
         bool operator()(const A& a, const B& b) const { return view(a) == view(b); }
     };
-    struct KeyHash {
-        size_t operator()(const InternedAttributeKey& key) const noexcept { return cacheHash(key); }
-    };
     using GraphemeBlock = std::array<SharedScalars, graphemeBlockSize>;
 
     static uint64_t cacheHash(const InternedAttributeKey& key) {
@@ -146,12 +143,18 @@ private:
 
     std::unique_ptr<PackedAttributeRecord[]> attributes;
     int attributeCountValue = 1;
-    std::unordered_map<InternedAttributeKey, uint16_t, KeyHash> attributeIdentifiers;
+    // Identifiers by key: open addressing with linear probing, at most half full. A slot is
+    // 0 when empty, else bit 31, 15 bits of the key's hash and the identifier: small enough to
+    // stay in cache, so that looking up a key never interned (the common case of programs that
+    // paint with many true colours) costs one probe and no key comparison.
+    std::vector<uint32_t> attributeSlots;
+    std::vector<InternedAttributeKey> attributeKeys; // by identifier
+    std::optional<uint16_t> findAttribute(const InternedAttributeKey& key, size_t& slotIndex) const;
+    void storeAttribute(const InternedAttributeKey& key, uint16_t identifier);
     std::vector<std::unique_ptr<GraphemeBlock>> graphemeBlocks;
     int allocatedGraphemeBlockCount = 0;
     uint32_t graphemeCountValue = 0;
     std::unordered_map<SharedScalars, uint32_t, ScalarsHash, ScalarsEqual> graphemeIdentifiers;
-    std::unique_ptr<std::array<AttributeCacheEntry, attributeCacheSize>> attributeCache;
 };
 
 } // namespace vellum

@@ -356,7 +356,18 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
         uint8_t c = p[run.index];
         if (isDigit(c)) {
             run.state = S::csiParam;
-            accumulateDigits(run);
+            if (hot.parameterLimitExceeded) {
+                accumulateDigits(run);
+                continue;
+            }
+            // Parameters are short: at most five digits before the value saturates.
+            int64_t& slot = hot.pars.storage[hot.pars.count - 1];
+            int64_t value = slot;
+            size_t i = run.index;
+            do value = value * 10 + (p[i++] - '0');
+            while (i < n && isDigit(p[i]) && value <= maximumParameterValue);
+            slot = std::min(value, maximumParameterValue);
+            run.index = i;
         } else if (c == ';' || (c == ':' && run.state == S::csiParam)) {
             run.state = S::csiParam;
             addParameterSeparator(run, c);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "Vellum/LocalProcess.h"
+#include "Vellum/SynchronizedOutputWatchdog.h"
 #include "Vellum/Terminal.h"
 #include "Vellum/TerminalLock.h"
 
@@ -28,6 +30,7 @@ namespace vellum {
 class HeadlessTerminal : public TerminalDelegate,
                          public LocalProcessDelegate,
                          public LocalProcessBorrowedDataDelegate,
+                         public SynchronizedOutputTarget,
                          public std::enable_shared_from_this<HeadlessTerminal> {
 public:
     explicit HeadlessTerminal(TerminalOptions options = {}) : terminal(std::make_unique<Terminal>(this, std::move(options))) {}
@@ -47,9 +50,33 @@ public:
         else replies.append(data.begin(), data.end());
     }
 
+    void hostCurrentDirectoryUpdated(Terminal& source) override { dir = source.hostCurrentDirectory; }
+    void createImageFromBitmap(Terminal&, std::vector<uint8_t>& rgba, int width, int height) override {
+        images.push_back({rgba, width, height});
+    }
+
     std::unique_ptr<Terminal> terminal;
     std::function<void(std::span<const uint8_t>)> onSend;
     std::string replies;
+    // Where the program says it works (OSC 7), and the bitmaps it showed.
+    std::optional<std::string> dir;
+    struct Image {
+        std::vector<uint8_t> rgba;
+        int width = 0, height = 0;
+    };
+    std::vector<Image> images;
+
+    // Copies taken under the terminal's lock.
+    TerminalInputStateSnapshot terminalInputStateSnapshot() {
+        TerminalInputStateSnapshot snapshot;
+        withTerminal([&](Terminal& t) { snapshot = t.inputStateSnapshot(); });
+        return snapshot;
+    }
+    TerminalContentSnapshot terminalContentSnapshot(TerminalContentRegion region, bool alternate = false) {
+        TerminalContentSnapshot snapshot;
+        withTerminal([&](Terminal& t) { snapshot = t.contentSnapshot(region, alternate); });
+        return snapshot;
+    }
 
     // The process side.
 
@@ -62,6 +89,8 @@ public:
         // Without it a launch failure is written into the terminal itself.
         std::function<void(const LocalProcessError&)> onLaunchFailure;
         std::function<void(std::optional<int32_t> exitCode)> onEnd;
+        // A synchronized-output batch that the child opens and never closes ends after this.
+        std::chrono::milliseconds synchronizedOutputTimeout{1000};
     };
 
     static std::shared_ptr<HeadlessTerminal> create(TerminalOptions options, ProcessOptions process);
@@ -97,6 +126,11 @@ public:
     void dataReceivedBorrowed(std::span<const unsigned char> bytes) override;
     winsize getWindowSize() override;
 
+    // SynchronizedOutputTarget, and the terminal's notice of a batch.
+    uint64_t synchronizedOutputGeneration() override;
+    void endSynchronizedOutput() override;
+    void synchronizedOutputChanged(Terminal& source, bool active) override;
+
 protected:
     // Makes the process; once, right after the object has come to be owned by a shared_ptr.
     void attachProcess(ProcessOptions options);
@@ -108,6 +142,11 @@ private:
     bool sendToProcess(std::span<const uint8_t> data);
 
     std::shared_ptr<TerminalLock> terminalLock_ = std::make_shared<TerminalLock>();
+    std::chrono::milliseconds synchronizedOutputTimeout_{1000};
+    // Under the terminal lock. The watchdog is made at the first batch, so that a terminal
+    // whose child never asks for one starts no timer thread.
+    uint64_t synchronizedOutputGeneration_ = 0;
+    std::unique_ptr<SynchronizedOutputWatchdog> watchdog_;
     std::function<void(const LocalProcessError&)> onLaunchFailure_;
     std::function<void(std::optional<int32_t>)> onEnd_;
     uint64_t parsedBytes_ = 0; // under terminalLock_

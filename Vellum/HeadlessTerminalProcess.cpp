@@ -6,7 +6,9 @@
 
 namespace vellum {
 
-HeadlessTerminal::~HeadlessTerminal() = default;
+// The watchdog goes first, waiting out a timer call in flight, so none can reach a terminal
+// that is going away.
+HeadlessTerminal::~HeadlessTerminal() { watchdog_.reset(); }
 
 std::shared_ptr<HeadlessTerminal> HeadlessTerminal::create(TerminalOptions options, ProcessOptions process) {
     auto headless = std::make_shared<HeadlessTerminal>(std::move(options));
@@ -17,6 +19,7 @@ std::shared_ptr<HeadlessTerminal> HeadlessTerminal::create(TerminalOptions optio
 void HeadlessTerminal::attachProcess(ProcessOptions options) {
     onLaunchFailure_ = std::move(options.onLaunchFailure);
     onEnd_ = std::move(options.onEnd);
+    synchronizedOutputTimeout_ = options.synchronizedOutputTimeout;
     process_ = LocalProcess::create(std::weak_ptr<LocalProcessDelegate>(weak_from_this()), std::move(options.queue),
                                     options.directDelivery);
 }
@@ -98,6 +101,31 @@ winsize HeadlessTerminal::getWindowSize() {
         size.ws_row = static_cast<unsigned short>(terminal->rows());
     }
     return size;
+}
+
+void HeadlessTerminal::synchronizedOutputChanged(Terminal&, bool active) {
+    // With no child there is nobody who could leave a batch open for long.
+    if (!process_) return;
+    if (active) ++synchronizedOutputGeneration_;
+    if (!watchdog_) {
+        if (!active) return;
+        watchdog_ = std::make_unique<SynchronizedOutputWatchdog>();
+        watchdog_->attach(std::weak_ptr<SynchronizedOutputTarget>(weak_from_this()));
+    }
+    watchdog_->update(active, synchronizedOutputGeneration_, synchronizedOutputTimeout_);
+}
+
+uint64_t HeadlessTerminal::synchronizedOutputGeneration() {
+    std::lock_guard guard(*terminalLock_);
+    return synchronizedOutputGeneration_;
+}
+
+void HeadlessTerminal::endSynchronizedOutput() {
+    TerminalLock::setCurrentThreadRole(TerminalLockRole::timer);
+    std::lock_guard guard(*terminalLock_);
+    if (!terminal || !terminal->synchronizedOutputActive) return;
+    terminal->synchronizedOutputActive = false;
+    synchronizedOutputChanged(*terminal, false);
 }
 
 } // namespace vellum

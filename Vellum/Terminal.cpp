@@ -180,13 +180,22 @@ std::string Terminal::lineText(int screenRow) {
 CharData Terminal::getCharData(int col, int row) { return buffer_->row(row)[col]; }
 
 void Terminal::updateEraseWords() {
-    auto id = cellArena->intern(curAttr);
-    curStyleID = id.value_or(0);
+    curStyleID = cellArena->intern(curAttr).value_or(0);
+    updateEraseBlank();
+}
+
+PackedCell Terminal::eraseSpaceCell() {
     Attribute erase = Attribute::empty;
     erase.bg = curAttr.bg;
-    uint16_t eraseID = cellArena->intern(erase).value_or(0);
-    currentEraseBlankCell = PackedCell::make(PackedCell::scalarTag, 0, eraseID, 0, false, 0, 0);
-    currentEraseSpaceCell = PackedCell::make(PackedCell::scalarTag, 32, eraseID, 0, false, 0, 0);
+    return cellArena->pack(erase, U" ", 0).value_or(PackedCell::make(PackedCell::scalarTag, 32, 0, 0, false, 0, 0));
+}
+
+// Erased cells keep only the background, which an empty cell carries inline: no style is
+// interned for it, so a colour change costs nothing here.
+void Terminal::updateEraseBlank() {
+    Attribute erase = Attribute::empty;
+    erase.bg = curAttr.bg;
+    currentEraseBlankCell = cellArena->pack(erase, std::u32string_view(U"\0", 1), 0).value_or(PackedCell{});
 }
 
 // ---- C0 and ESC
@@ -204,7 +213,7 @@ void Terminal::dispatchExecute(uint8_t code) {
     case 0x85: carriageReturn(); index(); break;
     case 0x88: buffer_->tabStops.set(buffer_->x); break;
     case 0x8d: reverseIndex(); break;
-    default: break;
+    default: log("Vellum: Unknown EXECUTE code"); break;
     }
 }
 
@@ -320,7 +329,7 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t code) {
         }
         if (first == '#' && code == '8') {
             auto e = cellArena->pack(curStyleID, U"E", 0);
-            for (int r = 0; r < rows_; ++r) b.row(r).fill(e.value_or(currentEraseSpaceCell));
+            for (int r = 0; r < rows_; ++r) b.row(r).fill(e.value_or(currentEraseBlankCell));
             b.x = b.y = 0;
             return;
         }
@@ -623,6 +632,11 @@ void Terminal::softReset() {
     gCharsets = {};
     charset = nullptr;
     gLevel = 0;
+    for (Buffer* each : {normalBuffer.get(), altBuffer.get()}) {
+        each->savedX = each->savedY = 0;
+        each->savedAttr = Attribute::empty;
+        each->savedCharset = nullptr;
+    }
 }
 
 // ---- SGR
@@ -711,7 +725,9 @@ void Terminal::selectGraphicRendition(CsiParameters pars) {
             }
         }
     }
-    if (a != before) updateEraseWords();
+    if (a == before) return;
+    curStyleID = cellArena->intern(a).value_or(0);
+    if (a.bg != before.bg) updateEraseBlank();
 }
 
 void Terminal::activateAltBuffer() {
@@ -755,6 +771,7 @@ std::unique_ptr<DcsHandler> Terminal::dispatchDcs(std::span<const uint8_t> colle
 }
 
 void Terminal::setForegroundColor(Color color) {
+    bool wasDark = isDarkColorScheme();
     foregroundColor = color;
     if (delegate && !settingFgColor) {
         settingFgColor = true;
@@ -763,9 +780,11 @@ void Terminal::setForegroundColor(Color color) {
     }
     if (options_.ansi256PaletteStrategy != Ansi256PaletteStrategy::xterm)
         defaultAnsiColors = ansiColors = buildAnsiPalette(Color::defaultInstalledColors(), options_.ansi256PaletteStrategy, foregroundColor, backgroundColor);
+    if (colorSchemeUpdatesEnabled && wasDark != isDarkColorScheme()) reportColorScheme();
 }
 
 void Terminal::setBackgroundColor(Color color) {
+    bool wasDark = isDarkColorScheme();
     backgroundColor = color;
     if (delegate && !settingBgColor) {
         settingBgColor = true;
@@ -774,6 +793,7 @@ void Terminal::setBackgroundColor(Color color) {
     }
     if (options_.ansi256PaletteStrategy != Ansi256PaletteStrategy::xterm)
         defaultAnsiColors = ansiColors = buildAnsiPalette(Color::defaultInstalledColors(), options_.ansi256PaletteStrategy, foregroundColor, backgroundColor);
+    if (colorSchemeUpdatesEnabled && wasDark != isDarkColorScheme()) reportColorScheme();
 }
 
 void Terminal::setCursorColorValue(std::optional<Color> color) {

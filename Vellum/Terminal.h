@@ -11,6 +11,7 @@
 #include "Vellum/Buffer.h"
 #include "Vellum/EscapeSequenceParser.h"
 #include "Vellum/Palette.h"
+#include "Vellum/TerminalContentSnapshot.h"
 #include "Vellum/TerminalDelegate.h"
 #include "Vellum/TerminalOptions.h"
 #include "Vellum/TerminalOscEvents.h"
@@ -115,6 +116,11 @@ public:
     // Kitty keyboard enhancement flags of each screen (index 0 normal, 1 alternate), top of stack.
     uint32_t keyboardEnhancementFlags() const;
 
+    // Copies for readers outside the lock.
+    TerminalInputStateSnapshot inputStateSnapshot() const;
+    // Rows of the normal buffer, or of the alternate one.
+    TerminalContentSnapshot contentSnapshot(TerminalContentRegion region, bool alternate);
+
 private:
     friend class TerminalDelegate;
     friend class DecrqssHandler;
@@ -134,10 +140,28 @@ private:
 
     void setup(bool isReset);
     void sendResponse(std::string_view bytes);
-    void handlePrintSlow(const uint8_t* bytes, size_t count);
+    // The print path (TerminalPrint.cpp). `previous` is the scalar before the next one, 0 when
+    // there is none, unknownScalar until it has been read from the cell left of the cursor.
+    static constexpr char32_t unknownScalar = 0xFFFFFFFF;
+    struct CellPosition {
+        int line; // index into the buffer's ring
+        int col;
+    };
+    void handlePrintSlow(const uint8_t* bytes, size_t count, char32_t previous);
     void printScalar(char32_t scalar);
-    void combineWithPrevious(char32_t scalar);
+    void printScalar(char32_t scalar, char32_t& previous);
+    void printMapped(uint8_t byte, char32_t& previous);
+    void writeScalars(const char32_t* scalars, size_t count, int width);
+    bool joinWithPrevious(char32_t scalar);
+    void widenCombinedCell(CellPosition at, PackedCell widened);
+    std::optional<CellPosition> combiningTarget();
+    char32_t resolvePreviousScalar();
+    PackedCell printBase();
+    int printWidth(char32_t scalar) const;
     void updateEraseWords();
+    void updateEraseBlank();
+    // The erase word with a space in it, for the operations that erase to spaces.
+    PackedCell eraseSpaceCell();
     PackedCell blank() const { return currentEraseBlankCell; }
 
     void lineFeed();
@@ -196,6 +220,8 @@ private:
     void reportInBandSizeIfAvailable();
     void reportTerminalVisibility();
     void reportColorScheme();
+    // Light text on a dark background.
+    bool isDarkColorScheme() const;
     void sendDeviceAttributes(CsiParameters pars, std::span<const uint8_t> collect);
     void setConformanceLevel(CsiParameters pars);
     void unknownCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect);
@@ -228,9 +254,10 @@ private:
 
     Attribute curAttr;
     uint16_t curStyleID = 0;
-    PackedCell currentEraseBlankCell, currentEraseSpaceCell;
+    PackedCell currentEraseBlankCell;
     char32_t previousScalar = 0;
     std::vector<uint8_t> readingBuffer;
+    std::u32string clusterScratch;
     std::array<const Charset*, 4> gCharsets{};
     const Charset* charset = nullptr;
     int gLevel = 0;

@@ -244,10 +244,13 @@ void Terminal::requestMode(CsiParameters pars, bool privateMode) {
     sendResponse(modeReport(privateMode, mode, value, cc));
 }
 
-void Terminal::reportColorScheme() {
+bool Terminal::isDarkColorScheme() const {
     auto luminance = [](Color c) { return 299 * c.red + 587 * c.green + 114 * c.blue; };
-    bool dark = luminance(backgroundColor) < luminance(foregroundColor);
-    sendResponse(std::string(csiIntroducer(cc)) + (dark ? "?997;1n" : "?997;2n"));
+    return luminance(backgroundColor) < luminance(foregroundColor);
+}
+
+void Terminal::reportColorScheme() {
+    sendResponse(std::string(csiIntroducer(cc)) + (isDarkColorScheme() ? "?997;1n" : "?997;2n"));
 }
 
 void Terminal::reportTerminalVisibility() {

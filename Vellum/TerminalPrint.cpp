@@ -1,133 +1,305 @@
 // The print path: runs of printable bytes from the parser become cells.
+//
+// Printable ASCII is written a row segment at a time. Other text is decoded in place and
+// gathered into batches of scalars of one width that are written the same way; only scalars
+// that may extend the character before them (combining marks, joiners, selectors, regional
+// indicators, Hangul jamo) take the slow road through the cell they would join.
 #include <algorithm>
 
 #include "Platform/Unicode.h"
+#include "Vellum/ByteRunScanner.h"
 #include "Vellum/Terminal.h"
 
 namespace vellum {
 
 namespace unicode = platform::unicode;
+using unicode::GraphemeBreak;
+
+namespace {
+
+constexpr char32_t textPresentationSelector = 0xFE0E, emojiPresentationSelector = 0xFE0F;
+
+// The well-formed two- and three-byte forms that carry most non-ASCII text are decoded here;
+// anything else (four bytes, overlongs, surrogates, truncation) goes to the full decoder.
+inline unicode::Utf8Step decodeStep(const uint8_t* p, size_t available) {
+    uint8_t lead = p[0];
+    if (lead >= 0xE1 && lead != 0xED && lead <= 0xEF && available >= 3 && (p[1] & 0xC0) == 0x80 && (p[2] & 0xC0) == 0x80)
+        return {char32_t((lead & 0x0Fu) << 12 | (p[1] & 0x3Fu) << 6 | (p[2] & 0x3Fu)), 3, true};
+    if (lead >= 0xC2 && lead <= 0xDF && available >= 2 && (p[1] & 0xC0) == 0x80)
+        return {char32_t((lead & 0x1Fu) << 6 | (p[1] & 0x3Fu)), 2, true};
+    return unicode::decodeUtf8Scalar(std::string_view(reinterpret_cast<const char*>(p), available));
+}
+
+GraphemeBreak breakClass(uint8_t properties) { return GraphemeBreak(properties & unicode::tables::breakClassMask); }
+
+bool isHangulJamoOrSyllable(GraphemeBreak c) {
+    return c == GraphemeBreak::l || c == GraphemeBreak::v || c == GraphemeBreak::t || c == GraphemeBreak::lv ||
+           c == GraphemeBreak::lvt;
+}
+
+// A cheap filter in front of the full segmentation rules: false means `scalar` certainly starts
+// a new cluster after `previous`.
+bool mayJoin(char32_t previous, char32_t scalar) {
+    uint8_t properties = unicode::propertyByte(scalar);
+    GraphemeBreak c = breakClass(properties);
+    if (c == GraphemeBreak::extend || c == GraphemeBreak::zwj || c == GraphemeBreak::spacingMark) return true;
+    GraphemeBreak p = unicode::graphemeBreak(previous);
+    if (p == GraphemeBreak::prepend) return true;
+    if (c == GraphemeBreak::regionalIndicator) return p == GraphemeBreak::regionalIndicator;
+    if (isHangulJamoOrSyllable(c)) return isHangulJamoOrSyllable(p);
+    if (properties & unicode::tables::extendedPictographicBit) return p == GraphemeBreak::zwj;
+    return unicode::indicConjunctBreak(scalar) == unicode::IndicConjunctBreak::consonant &&
+           unicode::indicConjunctBreak(previous) != unicode::IndicConjunctBreak::none;
+}
+
+} // namespace
+
+// The word that every cell printed now shares; a pending link gets its code here, once a run.
+PackedCell Terminal::printBase() {
+    return PackedCell::make(PackedCell::scalarTag, 0, curStyleID, 0, false, hyperlinkPayloadCode(), semanticContent.code());
+}
+
+int Terminal::printWidth(char32_t scalar) const {
+    int width = unicode::width(scalar);
+    if (width == 2 && unicode::isRegionalIndicator(scalar) && options_.regionalIndicatorWidth == RegionalIndicatorWidth::narrow)
+        return 1;
+    return width;
+}
 
 void Terminal::handlePrintBorrowed(std::span<const uint8_t> run) {
     if (run.empty()) return;
-    size_t ascii = 0;
-    if (!charset && readingBuffer.empty())
-        while (ascii < run.size() && run[ascii] < 0x7f) ++ascii;
-    if (ascii > 0) {
-        buffer_->insertAsciiRun(run.data(), ascii, curStyleID, currentEraseBlankCell);
-        previousScalar = run[ascii - 1];
+    if (charset || !readingBuffer.empty()) {
+        handlePrintSlow(run.data(), run.size(), unknownScalar);
+        return;
     }
-    if (ascii < run.size()) handlePrintSlow(run.data() + ascii, run.size() - ascii);
+    size_t ascii = ByteRunScanner::firstNonPrintableAscii(run, 0);
+    char32_t previous = unknownScalar;
+    if (ascii > 0) {
+        PackedCell base = printBase();
+        size_t written = buffer_->insertAsciiRun(run.data(), ascii, base, currentEraseBlankCell);
+        for (; written < ascii; ++written) {
+            PackedCell cell{base.raw | uint64_t(run[written]) << PackedCell::valueShift};
+            buffer_->insertCharacter(cell, 1, currentEraseBlankCell);
+        }
+        previous = previousScalar = run[ascii - 1];
+    }
+    if (ascii < run.size()) handlePrintSlow(run.data() + ascii, run.size() - ascii, previous);
 }
 
-void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count) {
-    std::vector<uint8_t> pending;
-    if (!readingBuffer.empty()) {
-        pending = std::move(readingBuffer);
-        readingBuffer.clear();
-        pending.insert(pending.end(), bytes, bytes + count);
-        bytes = pending.data();
-        count = pending.size();
-    }
+void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t previous) {
     size_t i = 0;
+    if (!readingBuffer.empty()) {
+        // Complete the character that the end of the last chunk cut.
+        size_t held = readingBuffer.size();
+        uint8_t joined[4];
+        size_t fromRun = std::min(count, sizeof joined - held);
+        std::copy(readingBuffer.begin(), readingBuffer.end(), joined);
+        std::copy(bytes, bytes + fromRun, joined + held);
+        unicode::Utf8Step step = decodeStep(joined, held + fromRun);
+        if (!step.complete) {
+            readingBuffer.assign(joined, joined + held + fromRun);
+            return;
+        }
+        readingBuffer.clear();
+        i = step.length > held ? step.length - held : 0;
+        printScalar(step.scalar, previous);
+    }
+
+    constexpr size_t batchCapacity = 256;
+    char32_t batch[batchCapacity];
+    size_t batched = 0;
+    int batchWidth = 0;
+    auto flush = [&] {
+        if (batched > 0) writeScalars(batch, batched, batchWidth);
+        batched = 0;
+    };
     while (i < count) {
         uint8_t lead = bytes[i];
+        char32_t scalar;
         if (lead < 0x80) {
-            std::optional<std::string_view> mapped = charset ? charset->map(lead) : std::nullopt;
-            if (mapped) {
-                std::u32string scalars = unicode::decodeUtf8(*mapped);
-                if (!scalars.empty()) printScalar(scalars.front());
-            } else if (lead != 0x7f) {
-                printScalar(lead);
-            }
             ++i;
-            continue;
-        }
-        size_t need = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : lead >= 0xc0 ? 2 : 1;
-        if (need > 1 && i + need > count) {
-            // Keep a character cut by the end of the chunk, unless it is already ill-formed.
-            bool prefixValid = true;
-            for (size_t k = i + 1; k < count; ++k) prefixValid = prefixValid && (bytes[k] & 0xc0) == 0x80;
-            if (prefixValid && lead < 0xf5) {
+            if (charset) {
+                flush();
+                printMapped(lead, previous);
+                continue;
+            }
+            if (lead == 0x7F) continue;
+            scalar = lead;
+        } else {
+            unicode::Utf8Step step = decodeStep(bytes + i, count - i);
+            if (!step.complete) {
                 readingBuffer.assign(bytes + i, bytes + count);
-                return;
+                break;
+            }
+            i += step.length;
+            scalar = step.scalar;
+        }
+        if (previous == unknownScalar) previous = resolvePreviousScalar();
+        if (mayJoin(previous, scalar)) {
+            flush();
+            if (joinWithPrevious(scalar)) {
+                previous = scalar;
+                continue;
             }
         }
-        std::u32string scalars = unicode::decodeUtf8(std::string_view(reinterpret_cast<const char*>(bytes + i), std::min(need, count - i)));
-        size_t consumed = std::min(need, count - i);
-        bool wellFormed = scalars.size() == 1 && scalars.front() != 0xFFFD;
-        if (!wellFormed) {
-            // Consume only the lead of a broken sequence so the following bytes are read afresh.
-            consumed = 1;
-            while (consumed < std::min(need, count - i) && (bytes[i + consumed] & 0xc0) == 0x80) ++consumed;
-            if (need == 1) consumed = 1;
-            printScalar(0xFFFD);
-        } else {
-            printScalar(scalars.front());
-        }
-        i += consumed;
+        int width = printWidth(scalar);
+        if (width <= 0) continue; // unprintable, or a mark with nothing to join
+        if (batched == batchCapacity || (batched > 0 && width != batchWidth)) flush();
+        batch[batched++] = scalar;
+        batchWidth = width;
+        previous = scalar;
+    }
+    flush();
+    if (previous != unknownScalar) previousScalar = previous;
+}
+
+void Terminal::writeScalars(const char32_t* scalars, size_t count, int width) {
+    PackedCell base = printBase();
+    size_t written = buffer_->insertScalarRun(scalars, count, width, base, currentEraseBlankCell);
+    for (; written < count; ++written) {
+        PackedCell cell{base.raw | uint64_t(scalars[written]) << PackedCell::valueShift};
+        buffer_->insertCharacter(cell, width, currentEraseBlankCell);
     }
 }
 
 void Terminal::printScalar(char32_t scalar) {
-    int width = unicode::width(scalar);
-    bool joins = width == 0 || unicode::isVariationSelector(scalar) || scalar == 0x200D ||
-                 (unicode::isEmojiModifier(scalar) && previousScalar && unicode::isEmojiModifierBase(previousScalar)) ||
-                 (unicode::isRegionalIndicator(scalar) && unicode::isRegionalIndicator(previousScalar)) ||
-                 (previousScalar == 0x200D && unicode::isExtendedPictographic(scalar));
-    if (joins && previousScalar != 0) {
-        combineWithPrevious(scalar);
-        if (unicode::isRegionalIndicator(scalar)) previousScalar = 0; // a flag takes two indicators only
-        else previousScalar = scalar;
-        return;
-    }
-    if (width <= 0) return;
-    if (width == 2 && unicode::isRegionalIndicator(scalar) && options_.regionalIndicatorWidth == RegionalIndicatorWidth::narrow)
-        width = 1;
-    auto cell = cellArena->pack(curStyleID, std::u32string_view(&scalar, 1), 0);
-    if (!cell) return;
-    buffer_->insertCharacter(*cell, width, currentEraseBlankCell);
-    previousScalar = scalar;
+    char32_t previous = unknownScalar;
+    printScalar(scalar, previous);
 }
 
-void Terminal::combineWithPrevious(char32_t scalar) {
-    Buffer& b = *buffer_;
-    int col = b.x - 1, rowIndex = b.y;
-    if (col < 0) {
-        if (rowIndex == 0 || !b.row(rowIndex).isWrapped()) return;
-        --rowIndex;
-        col = b.cols() - 1;
-        if (b.row(rowIndex).packedCell(col).widthState() == CellWidthState::spacerHead) --col;
+void Terminal::printScalar(char32_t scalar, char32_t& previous) {
+    if (previous == unknownScalar) previous = resolvePreviousScalar();
+    if (mayJoin(previous, scalar) && joinWithPrevious(scalar)) {
+        previous = previousScalar = scalar;
+        return;
     }
-    col = std::min(col, b.cols() - 1);
-    BufferLine& line = b.row(rowIndex);
-    if (line.packedCell(col).isSpacerTail() && col > 0) --col;
-    PackedCell target = line.packedCell(col);
-    std::u32string scalars;
-    line.view(col).getScalarValues(scalars);
+    int width = printWidth(scalar);
+    if (width <= 0) return;
+    writeScalars(&scalar, 1, width);
+    previous = previousScalar = scalar;
+}
+
+void Terminal::printMapped(uint8_t byte, char32_t& previous) {
+    std::optional<std::string_view> mapped = charset->map(byte);
+    if (!mapped) {
+        if (byte != 0x7F) printScalar(byte, previous);
+        return;
+    }
+    std::u32string scalars = unicode::decodeUtf8(*mapped);
     if (scalars.empty()) return;
+    if (scalars.size() == 1) {
+        printScalar(scalars.front(), previous);
+        return;
+    }
+    int width = printWidth(scalars.front());
+    if (width <= 0) return;
+    auto cell = cellArena->pack(curStyleID, scalars, 0);
+    if (!cell) return;
+    PackedCell base = printBase();
+    buffer_->insertCharacter(PackedCell{(cell->raw & PackedCell::contentAndWidthBits) | base.raw}, width, currentEraseBlankCell);
+    previous = previousScalar = scalars.back();
+}
+
+// The cell that a joining scalar extends: the one left of the cursor (the head of a wide
+// character), or, at the start of a row that continues the one above, the last character of
+// that row, so that a mark arriving right after an autowrap still reaches its base.
+std::optional<Terminal::CellPosition> Terminal::combiningTarget() {
+    Buffer& b = *buffer_;
+    int line = b.yBase + b.y;
+    int col = std::min(b.x, b.cols()) - 1;
+    if (col < 0) {
+        if (line == 0 || !b.lines[line].isWrapped()) return std::nullopt;
+        --line;
+        col = b.cols() - 1;
+        BufferLine& above = b.lines[line];
+        if (col >= above.count()) return std::nullopt;
+        if (above.packedCell(col).widthState() == CellWidthState::spacerHead) --col;
+    }
+    BufferLine& row = b.lines[line];
+    if (col < 0 || col >= row.count()) return std::nullopt;
+    if (row.packedCell(col).isSpacerTail() && col > 0) --col;
+    return CellPosition{line, col};
+}
+
+char32_t Terminal::resolvePreviousScalar() {
+    auto target = combiningTarget();
+    if (!target) return 0;
+    PackedCell cell = buffer_->lines[target->line].packedCell(target->col);
+    if (cell.tag() == PackedCell::scalarTag) return cell.value();
+    if (cell.tag() != PackedCell::graphemeTag) return 0;
+    const CellArena::Scalars* scalars = cellArena->grapheme(cell.value());
+    return scalars && !scalars->empty() ? scalars->back() : 0;
+}
+
+// Adds `scalar` to the character before the cursor when the segmentation rules keep them in
+// one cluster. Emoji modifiers only join a modifier base; an emoji sequence built this way
+// (a flag, a ZWJ sequence, a modified emoji, a text character with VS16) is drawn two
+// columns wide, except a flag whose width the options choose.
+bool Terminal::joinWithPrevious(char32_t scalar) {
+    auto target = combiningTarget();
+    if (!target) return false;
+    BufferLine& line = buffer_->lines[target->line];
+    PackedCell cell = line.packedCell(target->col);
+    std::u32string& scalars = clusterScratch;
+    scalars.clear();
+    line.view(target->col).getScalarValues(scalars);
+    if (scalars.empty()) return false;
+    char32_t previous = scalars.back();
+    bool emojiSequence;
+    if (unicode::isEmojiModifier(scalar)) {
+        if (!unicode::isEmojiModifierBase(previous)) return false;
+        emojiSequence = true;
+    } else {
+        unicode::GraphemeBreakState state = unicode::graphemeStateAfter(scalars);
+        if (unicode::graphemeBreakBefore(state, scalar)) return false;
+        emojiSequence = (previous == unicode::zeroWidthJoiner && unicode::isExtendedPictographic(scalar)) ||
+                        scalar == emojiPresentationSelector;
+    }
+    char32_t first = scalars.front();
     scalars.push_back(scalar);
-    uint8_t state = target.widthStateCode();
-    bool widen = scalar == 0xFE0F && state == 0 && unicode::isEmojiPresentation(scalars.front()) == false &&
-                 unicode::isEmoji(scalars.front()) && scalars.front() > 0x7f;
-    if (widen && rowIndex == b.y && col + 1 <= b.rightBound() && col + 1 == b.x) {
-        auto replaced = cellArena->replacingContent(target, scalars, 1);
-        if (!replaced) return;
-        line.repairWideSeam(col + 2);
-        line.fill(*replaced, col, 1);
-        line.fill(replaced->blanked().withWidthState(CellWidthState::spacerTail), col + 1, 1);
-        b.x = col + 2;
+    uint8_t state = cell.widthStateCode();
+    bool narrow = state == uint8_t(CellWidthState::narrow);
+    bool widen = narrow && emojiSequence && first > 0x7F && unicode::isEmoji(first) &&
+                 !unicode::isRegionalIndicator(first);
+    if (scalar == textPresentationSelector && state == uint8_t(CellWidthState::wide)) {
+        auto replaced = cellArena->replacingContent(cell, scalars, uint8_t(CellWidthState::narrow));
+        if (!replaced) return true;
+        line.fill(*replaced, target->col, 1);
+        if (target->col + 1 < line.count()) line.fill(line.packedCell(target->col + 1).blanked(), target->col + 1, 1);
+        Buffer& b = *buffer_;
+        if (target->line == b.yBase + b.y && b.x == target->col + 2) b.x = target->col + 1;
+        return true;
+    }
+    if (widen) {
+        if (auto replaced = cellArena->replacingContent(cell, scalars, uint8_t(CellWidthState::wide))) widenCombinedCell(*target, *replaced);
+        return true;
+    }
+    if (auto replaced = cellArena->replacingContent(cell, scalars, state)) line.fill(*replaced, target->col, 1);
+    return true;
+}
+
+// A narrow character that became an emoji presentation takes a second column: the next cell
+// when the row has room, else the start of the next row when the cursor waits at the edge.
+// Where neither is possible it stays narrow.
+void Terminal::widenCombinedCell(CellPosition at, PackedCell widened) {
+    Buffer& b = *buffer_;
+    BufferLine& line = b.lines[at.line];
+    bool cursorRow = at.line == b.yBase + b.y;
+    int right = b.rightBound();
+    if (cursorRow && at.col + 1 <= right) {
+        if (b.insertMode) line.insertPackedCells(at.col + 1, 1, right, currentEraseBlankCell);
+        else line.repairWideSeam(at.col + 2);
+        line.fill(widened, at.col, 1);
+        line.fill(widened.blanked().withWidthState(CellWidthState::spacerTail), at.col + 1, 1);
+        if (b.x == at.col + 1) b.x = at.col + 2;
         return;
     }
-    if (scalar == 0xFE0E && state == 1) {
-        auto replaced = cellArena->replacingContent(target, scalars, 0);
-        if (!replaced) return;
-        line.fill(*replaced, col, 1);
-        if (col + 1 < b.cols()) line.fill(currentEraseBlankCell, col + 1, 1);
-        if (rowIndex == b.y && b.x == col + 2) b.x = col + 1;
+    if (cursorRow && b.wraparound && b.x > right) {
+        line.fill(widened.blanked().withWidthState(CellWidthState::narrow), at.col, 1);
+        buffer_->insertCharacter(widened.withWidthState(CellWidthState::narrow), 2, currentEraseBlankCell);
         return;
     }
-    if (auto replaced = cellArena->replacingContent(target, scalars, state)) line.fill(*replaced, col, 1);
+    line.fill(widened.withWidthState(CellWidthState::narrow), at.col, 1);
 }
 
 } // namespace vellum

@@ -69,12 +69,13 @@ void Terminal::fillRectangularArea(CsiParameters pars) {
 void Terminal::eraseRectangularArea(CsiParameters pars, bool selective) {
     auto area = rectangleFromRequest(pars, 0);
     if (!area) return;
+    PackedCell space = eraseSpaceCell();
     for (int r = area->top; r <= area->bottom; ++r) {
         BufferLine& line = buffer_->row(r);
         line.repairWideSeam(area->left);
         line.repairWideSeam(area->right + 1);
         for (int c = area->left; c <= area->right; ++c)
-            if (!selective || !line.packedCell(c).isProtected()) line.fill(currentEraseSpaceCell, c, 1);
+            if (!selective || !line.packedCell(c).isProtected()) line.fill(space, c, 1);
     }
 }
 

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "CorvexFake/FakeBackend.h"
+#include "Vellum/Tests/Support/ProcessLeakCheck.h"
 
 using namespace corvex;
 using namespace std::chrono_literals;
@@ -153,9 +154,12 @@ private:
 
 SpawnOptions command(std::vector<std::string> words) { return SpawnOptions{.command = std::move(words)}; }
 
+// Every shell, thread and descriptor of a backend is gone once it has stopped.
+using FakeBackendSession = vellum::testing::ProcessLeakCheck;
+
 } // namespace
 
-TEST(FakeBackendSession, ProgramsStartWithTheirEnvironmentNameAndDirectory) {
+TEST_F(FakeBackendSession, ProgramsStartWithTheirEnvironmentNameAndDirectory) {
     ScopedEnvironment environment;
     environment.set("SHELL", "/bin/sh");
     environment.set("LANG", nullptr);
@@ -198,7 +202,7 @@ TEST(FakeBackendSession, ProgramsStartWithTheirEnvironmentNameAndDirectory) {
     backend->stop();
 }
 
-TEST(FakeBackendSession, TreeOperationsKeepTabsFocusAndShellsInStep) {
+TEST_F(FakeBackendSession, TreeOperationsKeepTabsFocusAndShellsInStep) {
     auto backend = FakeBackend::create();
     backend->start();
     auto shell = command({"/bin/sh"});
@@ -276,7 +280,7 @@ TEST(FakeBackendSession, TreeOperationsKeepTabsFocusAndShellsInStep) {
     backend->stop();
 }
 
-TEST(FakeBackendSession, ASubscriberCatchesUpByReplaySnapshotOrNothing) {
+TEST_F(FakeBackendSession, ASubscriberCatchesUpByReplaySnapshotOrNothing) {
     auto backend = FakeBackend::create();
     auto events = backend->events();
     backend->start();
@@ -322,7 +326,7 @@ TEST(FakeBackendSession, ASubscriberCatchesUpByReplaySnapshotOrNothing) {
     backend->stop();
 }
 
-TEST(FakeBackendSession, SizesInputKeysAgentsAndRestoreNotes) {
+TEST_F(FakeBackendSession, SizesInputKeysAgentsAndRestoreNotes) {
     auto backend = FakeBackend::create();
     auto events = backend->events();
     backend->start();
@@ -386,5 +390,53 @@ TEST(FakeBackendSession, SizesInputKeysAgentsAndRestoreNotes) {
     EXPECT_FALSE(backend->getState().pane(pane)->restored);
     expectError([&] { backend->dismissRestored(999); }, "not_found", "no pane 999");
     backend->sendInput(999, asBytes("dropped")); // a write to a pane that has gone is no error
+    backend->stop();
+}
+
+TEST_F(FakeBackendSession, ReportedDirectoriesAndClipboardTextsReachTheSession) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(std::nullopt, SpawnOptions{.command = std::vector<std::string>{"/bin/sh"},
+                                                                       .cwd = "/tmp"});
+    uint64_t pane = created.pane;
+
+    // Copied text goes only to a subscriber.
+    backend->sendInput(pane, asBytes("printf '\\033]52;c;bm9ib2R5\\007'; echo unseen-done\n"));
+    // Prompt, echo, the report, the words and the next prompt: 84 bytes.
+    EXPECT_TRUE(eventually([&] { return backend->getState().pane(pane)->seq >= 84; }));
+    std::this_thread::sleep_for(100ms);
+    backend->subscribe(pane);
+    backend->sendInput(pane, asBytes("printf '\\033]52;c;aGVsbG8=\\007'\n"));
+    std::vector<std::string> copied;
+    EXPECT_TRUE(waitForEvent(*events, [&](const SessionEvent& event) {
+        if (auto clipboard = event.as<SessionEvent::Clipboard>()) copied.push_back(clipboard->text);
+        return !copied.empty();
+    }));
+    EXPECT_EQ(copied, std::vector<std::string>{"hello"});
+
+    // A directory report is a URL with escapes; the pane shows its path.
+    backend->sendInput(pane, asBytes("printf '\\033]7;file://somehost/var/a%%20b\\007'\n"));
+    EXPECT_TRUE(waitForEvent(*events, [&](const SessionEvent& event) {
+        auto changed = event.as<SessionEvent::PaneChanged>();
+        return changed && changed->pane.cwd == "/var/a b";
+    }));
+    backend->stop();
+}
+
+TEST_F(FakeBackendSession, AClosedPanesProgramEndsEvenWhenItIgnoresHangUpAndTerminate) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    auto created = backend->createWorkspace(
+        std::nullopt, command({"/bin/sh", "-c", "trap '' HUP TERM; echo ready; while :; do sleep 0.05; done"}));
+    backend->subscribe(created.pane);
+    ASSERT_TRUE(outputShows(*events, "ready"));
+    int32_t pid = *backend->getState().pane(created.pane)->pid;
+    auto closed = std::chrono::steady_clock::now();
+    backend->closePane(created.pane);
+    EXPECT_TRUE(backend->getState().workspaces[0].tabs.empty());
+    EXPECT_TRUE(eventually([&] { return processEnded(pid); }));
+    EXPECT_LT(std::chrono::steady_clock::now() - closed, 3s) << "killed once the grace period is over";
     backend->stop();
 }

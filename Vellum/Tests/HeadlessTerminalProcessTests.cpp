@@ -52,6 +52,16 @@ bool screenShows(HeadlessTerminal& headless, const std::string& text) {
     return false;
 }
 
+template <typename Predicate>
+bool eventually(Predicate predicate) {
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
 TerminalOptions size(int cols, int rows) {
     TerminalOptions options;
     options.cols = cols;
@@ -144,4 +154,52 @@ TEST(HeadlessTerminalWithoutProcess, RepliesAreCollectedWhenNoChildRuns) {
     EXPECT_EQ(headless.replies.substr(0, 3), "\x1b[?");
     EXPECT_EQ(headless.startProcessChecked("/bin/cat"), LocalProcessError::notRunning());
     headless.send("dropped"); // nowhere to go, and no harm
+}
+
+namespace {
+
+// The timer thread is shared by all terminals and lives on; it is started before the leak
+// check takes its counts.
+class HeadlessSynchronizedOutputTest : public vellum::testing::ProcessLeakCheck {
+protected:
+    HeadlessSynchronizedOutputTest() { (void)ioTimerQueue(); }
+};
+
+bool synchronizedOutputActive(HeadlessTerminal& headless) {
+    bool active = false;
+    headless.withTerminal([&](Terminal& terminal) { active = terminal.synchronizedOutputActive; });
+    return active;
+}
+
+} // namespace
+
+TEST_F(HeadlessSynchronizedOutputTest, ABatchTheChildNeverClosesEndsAfterTheTimeout) {
+    Ends ends;
+    auto headless = HeadlessTerminal::create(size(80, 24), {.queue = nullptr,
+                                                            .directDelivery = true,
+                                                            .onLaunchFailure = nullptr,
+                                                            .onEnd = ends.callback(),
+                                                            .synchronizedOutputTimeout = 300ms});
+    // The first batch is closed at once; the second is left open.
+    ASSERT_EQ(headless->startProcessChecked(
+                  "/bin/sh", {"-c", "printf '\\033[?2026hone\\033[?2026l'; sleep 0.5; printf '\\033[?2026htwo'; exec cat"}),
+              std::nullopt);
+    ASSERT_TRUE(screenShows(*headless, "onetwo"));
+    auto opened = std::chrono::steady_clock::now();
+    EXPECT_TRUE(synchronizedOutputActive(*headless));
+    auto deadline = opened + 5s;
+    while (synchronizedOutputActive(*headless) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(5ms);
+    }
+    auto held = std::chrono::steady_clock::now() - opened;
+    EXPECT_FALSE(synchronizedOutputActive(*headless));
+    EXPECT_GE(held, 200ms) << "ended before its time";
+    EXPECT_LT(held, 3s);
+
+    // cat gives back a new batch: the terminal goes away with its timer armed, and the timer
+    // must not reach it afterwards.
+    headless->send("\x1b[?2026h\n");
+    ASSERT_TRUE(eventually([&] { return synchronizedOutputActive(*headless); }));
+    headless.reset();
+    std::this_thread::sleep_for(400ms);
 }

@@ -555,3 +555,17 @@ TEST_F(LocalProcessTest, HangUpEndsAShellIgnoringSIGTERMAndTheJobsOfItsGroup) {
     EXPECT_TRUE(eventually([&] { return processEnded(job); })) << "the job got the hang-up too";
     process->hangUp(); // after the end: nothing to signal, nothing happens
 }
+
+TEST_F(LocalProcessTest, AChildThatLetsGoOfItsTerminalIsNoLongerResizedThroughIt) {
+    auto process = LocalProcess::create(recorder);
+    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "echo bye; exec sleep 30 </dev/null >/dev/null 2>&1"}),
+              std::nullopt);
+    ASSERT_TRUE(recorder->waitForOutput("bye"));
+    // End of file on the master: the child runs on, but the descriptor is no longer used.
+    EXPECT_TRUE(eventually([&] { return process->childfd() == -1; }));
+    EXPECT_EQ(process->phase(), LocalProcessPhase::running);
+    EXPECT_FALSE(process->updateWindowSize({30, 90, 0, 0}));
+    EXPECT_EQ(process->terminalControlBytesForPaste(), std::nullopt);
+    process->terminate();
+    ASSERT_TRUE(recorder->waitForExits(1));
+}

@@ -63,9 +63,16 @@ TEST(TerminalReports, TerminfoCapabilitiesAnswerKnownNamesOnly) {
 
     // The table is sorted (lookups are binary searches), and string values carry decoded escapes.
     const auto& table = xtgettcapReplyTable();
-    EXPECT_GT(table.size(), 250u);
+    EXPECT_EQ(table.size(), 271u);
     EXPECT_TRUE(std::is_sorted(table.begin(), table.end()));
     EXPECT_EQ(xtgettcapReply("6B63757531"), "6B63757531=1B4F41"); // kcuu1 = ESC O A
+    // The extensions programs look for: program status, synchronized output, true colour.
+    // Pst, the program-status string: ESC ] 7501 ; %p1%s ST.
+    EXPECT_EQ(xtgettcapReply("507374"), "507374=1B5D373530313B25703125731B5C");
+    EXPECT_EQ(xtgettcapReply("524742"), "524742=38");                        // RGB#8
+    EXPECT_EQ(xtgettcapReply("6C696E6573"), "6C696E6573=3235");               // lines#25, the default height
+    EXPECT_EQ(xtgettcapReply("5463"), "5463");                               // Tc, a boolean
+    EXPECT_EQ(xtgettcapReply("6E656C"), std::nullopt);                       // nel is not offered
 }
 
 TEST(TerminalReports, ChecksumIsTheNegatedSixteenBitSum) {
@@ -164,6 +171,12 @@ TEST(TerminalReports, ModesSaveRestoreAndReport) {
     h.terminal.feed("\x1b[?95h\x1b[Hx\x1b[?3l");
     EXPECT_EQ(h.terminal.cols(), 80);
     EXPECT_EQ(h.terminal.lineText(0), "x"); // mode 95 keeps the screen
+
+    // A soft reset forgets the saved cursor as well as the modes.
+    h.terminal.feed("\x1b[3;4H\x1b" "7\x1b[?2004h\x1b[!p\x1b" "8");
+    EXPECT_EQ(h.x(), 0);
+    EXPECT_EQ(h.y(), 0);
+    EXPECT_TRUE(h.terminal.bracketedPasteMode); // not a mode DECSTR resets
 }
 
 TEST(TerminalReports, ReportsThatFollowTheView) {
@@ -189,6 +202,8 @@ TEST(TerminalReports, ReportsThatFollowTheView) {
     EXPECT_EQ(h.reply("\x1b[?996n"), "\x1b[?997;1n");
     h.terminal.feed("\x1b]11;rgb:ff/ff/ff\x07\x1b]10;rgb:0/0/0\x07");
     EXPECT_EQ(h.reply("\x1b[?996n"), "\x1b[?997;2n");
+    // With mode 2031 a change of scheme is reported unasked, once per change.
+    EXPECT_EQ(h.reply("\x1b[?2031h\x1b]11;rgb:0/0/0\x07\x1b]11;rgb:10/10/10\x07\x1b]10;rgb:ff/ff/ff\x07"), "\x1b[?997;1n");
 }
 
 TEST(TerminalReports, DeviceAttributesFormsAndConformance) {
