@@ -3,7 +3,8 @@
 // is the pipeline's and the kernel's, without a parser), beside a plain blocking read loop
 // on the same kind of terminal as the ceiling. Then the whole road: a headless terminal
 // running `cat` as its child, parsing what comes through the pipeline, beside the same
-// terminal fed the same bytes from memory.
+// terminal fed the same bytes from memory, and the in-process backend with a subscriber that
+// takes every byte as an event.
 #include <benchmark/benchmark.h>
 
 #include <condition_variable>
@@ -17,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "CorvexFake/FakeBackend.h"
 #include "Vellum/HeadlessTerminal.h"
 #include "Vellum/PseudoTerminalHelpers.h"
 #include "Vellum/TerminalIOPipeline.h"
@@ -221,11 +223,40 @@ void BM_HeadlessTerminalFeedSameStream(benchmark::State& state) {
 }
 BENCHMARK(BM_HeadlessTerminalFeedSameStream)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// A pane of the in-process backend running `cat`, subscribed: every byte is parsed by the
+// pane's terminal, retained, and read back from the event stream, until the pane's end.
+void BM_FakeBackendPaneCatToSubscriber(benchmark::State& state) {
+    size_t bytes = 0;
+    double cpuBefore = processCpuSeconds();
+    for (auto _ : state) {
+        auto backend = corvex::FakeBackend::create();
+        auto events = backend->events();
+        backend->start();
+        auto created = backend->createWorkspace(
+            std::nullopt, corvex::SpawnOptions{.command = std::vector<std::string>{"/bin/cat", streamFile()},
+                                               .cols = benchCols,
+                                               .rows = benchRows});
+        backend->subscribe(created.pane);
+        for (bool ended = false; !ended;) {
+            auto event = events->next(std::chrono::seconds(30));
+            if (!event) break;
+            if (auto output = event->as<corvex::SessionEvent::Output>()) bytes += output->bytes.size();
+            if (auto snapshot = event->as<corvex::SessionEvent::Snapshot>()) bytes += snapshot->bytes.size();
+            if (auto changed = event->as<corvex::SessionEvent::PaneChanged>()) ended = changed->pane.exited.has_value();
+        }
+        backend->stop();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(bytes));
+    state.counters["cpuSeconds"] = (processCpuSeconds() - cpuBefore) / static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_FakeBackendPaneCatToSubscriber)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 } // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    (void)streamFile(); // written once, before any figure is taken
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     std::remove(streamFile().c_str());

@@ -66,6 +66,14 @@ public:
     };
     std::vector<Image> images;
 
+    // What the view knows, passed on under the terminal's lock.
+    void setTerminalVisibility(bool visible) {
+        withTerminal([&](Terminal& t) { t.setTerminalVisibility(visible); });
+    }
+    void updatePixelGeometry(int cellWidth, int cellHeight) {
+        withTerminal([&](Terminal& t) { t.updatePixelGeometry(cellWidth, cellHeight); });
+    }
+
     // Copies taken under the terminal's lock.
     TerminalInputStateSnapshot terminalInputStateSnapshot() {
         TerminalInputStateSnapshot snapshot;

@@ -102,7 +102,12 @@ LocalProcess::~LocalProcess() {
         state = SessionState{};
         return taken;
     });
-    if (old.childMonitor) old.childMonitor->cancel();
+    if (old.childMonitor) {
+        old.childMonitor->cancel();
+        // The monitor holds the delivery queue too; let go of it here, before the queue's
+        // own thread is checked for below.
+        old.childMonitor.reset();
+    }
     if (old.reaper) old.reaper->signal(SIGTERM);
     if (old.pipeline || old.reaper || old.writeChannel) {
         // Nobody is told of this end, but the child must not outlive us as a zombie, nor

@@ -74,6 +74,16 @@ void TerminalDelegate::setCursorColor(Terminal& source, std::optional<Color> col
 std::pair<Color, Color> TerminalDelegate::getColors(Terminal& source) {
     return {source.foregroundColor, source.backgroundColor};
 }
+std::set<uint8_t> TerminalDelegate::standardPasteControlBytes() {
+    // C0 controls other than tab, line feed and carriage return, and DEL. Pasted text is UTF-8,
+    // so bytes from 0x80 on are parts of characters, not C1 controls.
+    std::set<uint8_t> bytes;
+    for (int b = 0; b < 0x20; ++b)
+        if (b != '\t' && b != '\n' && b != '\r') bytes.insert(static_cast<uint8_t>(b));
+    bytes.insert(0x7f);
+    return bytes;
+}
+
 bool TerminalDelegate::kittyClipboardSendPasteEvent(Terminal& source, std::span<const uint8_t> data) {
     send(source, data);
     return true;
@@ -108,7 +118,7 @@ void Terminal::setup(bool isReset) {
     }
     if (reverseColors && delegate) delegate->colorChanged(*this, std::nullopt);
     alternateScrollMode = true;
-    if (synchronizedOutputActive) applyDECPrivateMode(2026, false);
+    endSynchronizedOutput();
     colorSchemeUpdatesEnabled = visibilityReportsEnabled = inBandSizeReportsEnabled = kittyPasteEventsEnabled = false;
     keyboardFlagStacks = {};
     conformance = 4;

@@ -91,6 +91,13 @@ public:
     // Semantic prompt state (OSC 133): what cells printed now belong to.
     SemanticContent semanticContent;
     std::optional<uint64_t> activeSemanticGroupID;
+    // Clicking inside the input of a prompt moves the shell's cursor there when the shell
+    // allowed it (OSC 133 "cl"); the host decides whether a modifier must be held.
+    enum class SemanticPromptClickBehavior : uint8_t { disabled, enabled, requireModifier };
+    enum class SemanticPromptCursorClickMode : uint8_t { line, multiple, conservativeVertical, smartVertical };
+    SemanticPromptClickBehavior semanticPromptClickBehavior = SemanticPromptClickBehavior::enabled;
+    // `target` in screen cells. True when the click was turned into input for the program.
+    bool handleSemanticPromptClick(Position target, bool modifierHeld);
     uint64_t semanticGroupCounter = 0;
     // A diagnostic is not printed when set.
     bool silentLogging = false;
@@ -111,6 +118,12 @@ public:
     bool colorSchemeUpdatesEnabled = false, visibilityReportsEnabled = false, inBandSizeReportsEnabled = false;
     bool kittyPasteEventsEnabled = false, bidiArrowKeySwap = false, mouseShiftCapture = false;
     bool synchronizedOutputActive = false;
+    // A batch (mode 2026) that the program never closes is ended from outside after this long.
+    static constexpr uint32_t synchronizedOutputTimeoutMilliseconds = 1000;
+    void beginSynchronizedOutput();
+    void endSynchronizedOutput();
+    // Counts batches, so that a late timeout cannot end a newer one.
+    uint64_t synchronizedOutputGeneration() const { return synchronizedOutputGeneration_; }
     int conformance = 4;
     BidiPresentationState bidiState;
     // Kitty keyboard enhancement flags of each screen (index 0 normal, 1 alternate), top of stack.
@@ -269,6 +282,10 @@ private:
     std::map<int, bool> savedPrivateModes;
     std::array<std::vector<uint32_t>, 2> keyboardFlagStacks;
     int cellPixelWidth = 0, cellPixelHeight = 0;
+    uint64_t synchronizedOutputGeneration_ = 0;
+    std::optional<SemanticPromptCursorClickMode> semanticClickMode;
+    int semanticClickEvents = 0;
+    std::optional<std::pair<int, int>> semanticInputStart; // absolute row, column
     bool terminalVisible = true, focused = true;
     bool titleModeSetHex = false, titleModeQueryHex = false, titleModeSetUtf8 = false, titleModeQueryUtf8 = false;
 };

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Vellum/KittyClipboard.h"
 #include "Vellum/Palette.h"
 #include "Vellum/TerminalOptions.h"
 #include "Vellum/TerminalProgramStatus.h"
@@ -65,7 +68,29 @@ public:
     virtual std::optional<std::vector<uint8_t>> clipboardRead(Terminal&) { return std::nullopt; }
     // True when the host takes the read request and answers it by itself, later.
     virtual bool clipboardReadRequest(Terminal&, const std::string& /*selection*/) { return false; }
+    // Bytes that make pasted text unsafe to send as it is.
+    virtual std::set<uint8_t> terminalControlBytesForPaste(Terminal&) { return standardPasteControlBytes(); }
+    static std::set<uint8_t> standardPasteControlBytes();
+    // The Kitty clipboard protocol. An operation that gives true calls its completion later,
+    // exactly once; false means the host does not do it.
+    virtual KittyClipboardCapabilities kittyClipboardCapabilities(Terminal&) { return {}; }
     virtual bool kittyClipboardSendPasteEvent(Terminal& source, std::span<const uint8_t> data);
+    virtual bool kittyClipboardAvailableMimeTypes(Terminal&, KittyClipboardLocation,
+                                                  std::function<void(std::optional<std::vector<std::string>>)>) {
+        return false;
+    }
+    virtual bool kittyClipboardRead(Terminal&, KittyClipboardLocation, const std::string& /*mimeType*/,
+                                    std::function<void(std::optional<std::vector<uint8_t>>)>) {
+        return false;
+    }
+    virtual bool kittyClipboardWrite(Terminal&, KittyClipboardLocation, const KittyClipboardContent&,
+                                     std::function<void(bool)>) {
+        return false;
+    }
+    virtual bool kittyClipboardRequestPermission(Terminal&, const KittyClipboardPermissionRequest&,
+                                                 std::function<void(bool)>) {
+        return false;
+    }
     virtual void notify(Terminal&, const std::string& /*title*/, const std::string& /*body*/) {}
     virtual void progressReport(Terminal&, const ProgressReport&) {}
     virtual void programStatusChanged(Terminal&, const std::vector<TerminalProgramStatus>&) {}

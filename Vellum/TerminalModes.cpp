@@ -43,16 +43,28 @@ void Terminal::setModes(CsiParameters pars, bool privateMode, bool value) {
     }
 }
 
+void Terminal::beginSynchronizedOutput() {
+    if (synchronizedOutputActive) return;
+    synchronizedOutputActive = true;
+    ++synchronizedOutputGeneration_;
+    if (!delegate) return;
+    delegate->synchronizedOutputChanged(*this, true);
+    delegate->scheduleSynchronizedOutputTimeout(*this, synchronizedOutputTimeoutMilliseconds);
+}
+
+void Terminal::endSynchronizedOutput() {
+    if (!synchronizedOutputActive) return;
+    synchronizedOutputActive = false;
+    if (delegate) delegate->synchronizedOutputChanged(*this, false);
+}
+
 bool Terminal::applyDECPrivateMode(int mode, bool value) {
     switch (mode) {
     case 117: case 2027: return true;
     case 1243: bidiArrowKeySwap = value; return true;
     case 2004: bracketedPasteMode = value; return true;
     case 2026:
-        if (synchronizedOutputActive != value) {
-            synchronizedOutputActive = value;
-            if (delegate) delegate->synchronizedOutputChanged(*this, value);
-        }
+        value ? beginSynchronizedOutput() : endSynchronizedOutput();
         return true;
     case 2031: colorSchemeUpdatesEnabled = value; return true;
     case 2033:
@@ -229,7 +241,9 @@ void Terminal::requestMode(CsiParameters pars, bool privateMode) {
         if (mode == 117) value = ModeReportValue::permanentlyReset;
         else if (mode == 2027) value = ModeReportValue::permanentlySet;
         else if (mode == 5522) {
-            if (options_.kittyClipboardPolicy.allowPasteEvents) value = fromBool(kittyPasteEventsEnabled);
+            bool allowed = options_.kittyClipboardPolicy.allowPasteEvents && delegate &&
+                           delegate->kittyClipboardCapabilities(*this).canSendPasteEvents;
+            if (allowed) value = fromBool(kittyPasteEventsEnabled);
         } else if (auto on = readDECPrivateMode(mode)) value = fromBool(*on);
     } else {
         switch (mode) {

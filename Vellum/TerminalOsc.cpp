@@ -65,6 +65,8 @@ ImageSizeRequest parseDimension(std::string_view text) {
 
 struct SemanticPromptOptions {
     std::optional<SemanticPromptKind> kind;
+    std::optional<Terminal::SemanticPromptCursorClickMode> clickMode;
+    std::optional<int> clickEvents;
     bool valid = true;
 };
 
@@ -84,9 +86,15 @@ SemanticPromptOptions parseSemanticPromptOptions(const std::vector<std::string_v
             else if (value == "c") options.kind = SemanticPromptKind::continuation;
             else if (value == "s") options.kind = SemanticPromptKind::secondary;
         } else if (key == "cl") {
+            using Mode = Terminal::SemanticPromptCursorClickMode;
             oneOf({"line", "m", "v", "w"});
+            if (value == "line") options.clickMode = Mode::line;
+            else if (value == "m") options.clickMode = Mode::multiple;
+            else if (value == "v") options.clickMode = Mode::conservativeVertical;
+            else if (value == "w") options.clickMode = Mode::smartVertical;
         } else if (key == "click_events") {
             oneOf({"0", "1", "2"});
+            if (options.valid) options.clickEvents = value[0] - '0';
         } else if (key == "special_key") {
             oneOf({"0", "1"});
         }
@@ -308,6 +316,9 @@ void Terminal::beginSemanticPromptGroup() { activeSemanticGroupID = ++semanticGr
 void Terminal::resetSemanticPromptState() {
     semanticContent = SemanticContent::none();
     activeSemanticGroupID.reset();
+    semanticClickMode.reset();
+    semanticClickEvents = 0;
+    semanticInputStart.reset();
 }
 
 void Terminal::oscSemanticPrompt(std::string_view text) {
@@ -326,18 +337,76 @@ void Terminal::oscSemanticPrompt(std::string_view text) {
     case 'N':
         freshLine();
         beginSemanticPromptGroup();
+        semanticClickMode = options.clickMode;
+        semanticClickEvents = options.clickEvents.value_or(0);
+        semanticInputStart.reset();
         markPrompt(options.kind.value_or(SemanticPromptKind::initial));
         break;
     case 'P': markPrompt(options.kind.value_or(SemanticPromptKind::initial)); break;
-    case 'B': case 'I': semanticContent = SemanticContent::input(); break;
-    case 'C': semanticContent = SemanticContent::output(); break;
+    case 'B':
+        semanticContent = SemanticContent::input();
+        semanticInputStart = std::pair{b.yBase + b.y, std::min(b.x, cols_ - 1)};
+        break;
+    case 'I': semanticContent = SemanticContent::input(); break;
+    case 'C':
+        semanticContent = SemanticContent::output();
+        semanticInputStart.reset();
+        break;
     case 'D':
         semanticContent = SemanticContent::none();
         activeSemanticGroupID.reset();
+        semanticInputStart.reset();
         break;
     case 'L': freshLine(); break;
     default: break;
     }
+}
+
+bool Terminal::handleSemanticPromptClick(Position target, bool modifierHeld) {
+    using Behavior = SemanticPromptClickBehavior;
+    if (semanticPromptClickBehavior == Behavior::disabled) return false;
+    if (semanticPromptClickBehavior == Behavior::requireModifier && !modifierHeld) return false;
+    if (isAlternateBuffer() || !semanticInputStart || semanticContent != SemanticContent::input()) return false;
+    if (!semanticClickMode && semanticClickEvents == 0) return false;
+    const Buffer& b = *buffer_;
+    int col = std::clamp(target.col, 0, cols_ - 1), row = std::clamp(target.row, 0, rows_ - 1);
+    auto [startRow, startCol] = *semanticInputStart;
+    int absoluteRow = b.yBase + row;
+    if (absoluteRow < startRow || (absoluteRow == startRow && col < startCol)) return false;
+
+    std::string csi(csiIntroducer(cc));
+    if (semanticClickEvents != 0) {
+        std::string position = std::to_string(col + 1) + ";" + std::to_string(row + 1);
+        sendResponse(csi + "<0;" + position + "M" + csi + "<0;" + position + "m");
+        return true;
+    }
+    std::string arrow = applicationCursor ? "\x1bO" : csi;
+    auto repeat = [&](char key, int count) {
+        std::string out;
+        for (int i = 0; i < count; ++i) out += arrow + key;
+        return out;
+    };
+    int cursorCol = std::min(b.x, cols_ - 1), cursorRow = b.y;
+    std::string moves;
+    switch (*semanticClickMode) {
+    case SemanticPromptCursorClickMode::line:
+        if (row != cursorRow) return false;
+        moves = col < cursorCol ? repeat('D', cursorCol - col) : repeat('C', col - cursorCol);
+        break;
+    case SemanticPromptCursorClickMode::multiple: {
+        int distance = (row * cols_ + col) - (cursorRow * cols_ + cursorCol);
+        moves = distance < 0 ? repeat('D', -distance) : repeat('C', distance);
+        break;
+    }
+    case SemanticPromptCursorClickMode::conservativeVertical:
+    case SemanticPromptCursorClickMode::smartVertical:
+        moves = row < cursorRow ? repeat('A', cursorRow - row) : repeat('B', row - cursorRow);
+        moves += col < cursorCol ? repeat('D', cursorCol - col) : repeat('C', col - cursorCol);
+        break;
+    }
+    if (moves.empty()) return false;
+    sendResponse(moves);
+    return true;
 }
 
 void Terminal::oscProgramStatus(std::string_view text) {

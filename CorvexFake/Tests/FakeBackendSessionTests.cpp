@@ -440,3 +440,23 @@ TEST_F(FakeBackendSession, AClosedPanesProgramEndsEvenWhenItIgnoresHangUpAndTerm
     EXPECT_LT(std::chrono::steady_clock::now() - closed, 3s) << "killed once the grace period is over";
     backend->stop();
 }
+
+TEST_F(FakeBackendSession, PanesClosedInTheMiddleOfAFloodLeaveNothingBehind) {
+    auto backend = FakeBackend::create();
+    auto events = backend->events();
+    backend->start();
+    // Panes go while their output is being parsed and handed on, at every moment of it.
+    for (int round = 0; round < 12; ++round) {
+        auto created = backend->createWorkspace(std::nullopt, command({"/bin/sh", "-c", "yes flood | head -c 2000000"}));
+        if (round % 2 == 0) backend->subscribe(created.pane);
+        auto split = backend->split(created.pane, Direction::down, command({"/bin/sh", "-c", "printf '\\033]2;t\\007'; exec cat"}));
+        std::this_thread::sleep_for(std::chrono::milliseconds(round * 3));
+        if (round % 3 == 0) backend->closeWorkspace(created.workspace);
+        else if (round % 3 == 1) backend->closePane(created.pane);
+        else backend->closePane(split.pane);
+        while (events->next(std::chrono::milliseconds(0))) {
+        }
+    }
+    backend->stop();
+    drain(*events);
+}

@@ -344,3 +344,42 @@ TEST(TerminalOsc, UnknownCodesAreLoggedUnlessSilenced) {
     EXPECT_EQ(diagnostics.lines, (std::vector<std::string>{"Info: Vellum: Unknown OSC code: 31337"}));
     for (int r = 0; r < h.terminal.rows(); ++r) EXPECT_EQ(h.terminal.lineText(r), "");
 }
+
+TEST(TerminalOsc, ClickingInAPromptMovesTheShellCursor) {
+    OscHarness h;
+    h.terminal.feed("\x1b]133;A;cl=line\x07$ \x1b]133;B\x07hello world");
+    // From column 13 back to column 4, on the same row: nine arrows left.
+    std::string left;
+    for (int i = 0; i < 9; ++i) left += "\x1b[D";
+    h.delegate.replies.clear();
+    EXPECT_TRUE(h.terminal.handleSemanticPromptClick({4, 0}, false));
+    EXPECT_EQ(h.delegate.replies, left);
+    // Not before the input, and not on another row for a line editor.
+    EXPECT_FALSE(h.terminal.handleSemanticPromptClick({1, 0}, false));
+    EXPECT_FALSE(h.terminal.handleSemanticPromptClick({4, 2}, false));
+    // The host may ask for a modifier.
+    h.terminal.semanticPromptClickBehavior = Terminal::SemanticPromptClickBehavior::requireModifier;
+    EXPECT_FALSE(h.terminal.handleSemanticPromptClick({5, 0}, false));
+    h.delegate.replies.clear();
+    EXPECT_TRUE(h.terminal.handleSemanticPromptClick({15, 0}, true));
+    EXPECT_EQ(h.delegate.replies, "\x1b[C\x1b[C");
+    // Once the command runs, clicks are the output's again.
+    h.terminal.feed("\r\n\x1b]133;C\x07");
+    EXPECT_FALSE(h.terminal.handleSemanticPromptClick({4, 0}, true));
+
+    // A multi-line editor counts cells across rows; with click events the click itself is sent.
+    OscHarness m;
+    m.terminal.feed("\x1b]133;A;cl=m\x07> \x1b]133;B\x07" + std::string(25, 'x'));
+    m.delegate.replies.clear();
+    EXPECT_TRUE(m.terminal.handleSemanticPromptClick({3, 0}, false));
+    EXPECT_EQ(m.delegate.replies.size(), 3 * 24u); // from column 7 of row 1 to column 3 of row 0
+    OscHarness e;
+    e.terminal.feed("\x1b]133;A;click_events=1\x07> \x1b]133;B\x07" "abc");
+    e.delegate.replies.clear();
+    EXPECT_TRUE(e.terminal.handleSemanticPromptClick({3, 0}, false));
+    EXPECT_EQ(e.delegate.replies, "\x1b[<0;4;1M\x1b[<0;4;1m");
+    // A prompt that did not opt in takes no clicks.
+    OscHarness plain;
+    plain.terminal.feed("\x1b]133;A\x07> \x1b]133;B\x07" "abc");
+    EXPECT_FALSE(plain.terminal.handleSemanticPromptClick({2, 0}, false));
+}

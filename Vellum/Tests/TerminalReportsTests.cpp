@@ -259,3 +259,73 @@ TEST(TerminalReports, ExtensionSequencesAreTakenQuietly) {
     EXPECT_EQ(h.x(), 2);
     EXPECT_EQ(h.y(), 1);
 }
+
+namespace {
+
+class BatchDelegate : public RecordingDelegate {
+public:
+    void synchronizedOutputChanged(Terminal&, bool active) override { events.push_back(active ? "begin" : "end"); }
+    void scheduleSynchronizedOutputTimeout(Terminal&, uint32_t milliseconds) override {
+        events.push_back("timeout " + std::to_string(milliseconds));
+    }
+    std::vector<std::string> events;
+};
+
+} // namespace
+
+TEST(TerminalReports, SynchronizedOutputBatchesAreAnnouncedOnce) {
+    BatchDelegate delegate;
+    Terminal terminal(&delegate);
+    terminal.feed("\x1b[?2026h\x1b[?2026h");
+    EXPECT_TRUE(terminal.synchronizedOutputActive);
+    EXPECT_EQ(terminal.synchronizedOutputGeneration(), 1u);
+    terminal.feed("\x1b[?2026l\x1b[?2026l\x1b[?2026h");
+    EXPECT_EQ(terminal.synchronizedOutputGeneration(), 2u);
+    // A full reset, or the host's timeout, ends a batch left open.
+    terminal.feed("\x1b" "c");
+    EXPECT_FALSE(terminal.synchronizedOutputActive);
+    terminal.feed("\x1b[?2026h");
+    terminal.endSynchronizedOutput();
+    EXPECT_EQ(delegate.events, (std::vector<std::string>{"begin", "timeout 1000", "end", "begin", "timeout 1000", "end",
+                                                         "begin", "timeout 1000", "end"}));
+}
+
+namespace {
+
+class PasteEventsDelegate : public RecordingDelegate {
+public:
+    KittyClipboardCapabilities kittyClipboardCapabilities(Terminal&) override { return {.canSendPasteEvents = true}; }
+};
+
+} // namespace
+
+TEST(TerminalDelegate, DefaultsForTheClipboardProtocol) {
+    RecordingDelegate plain;
+    Terminal terminal(&plain);
+    // Paste events are reported as unknown unless both the policy and the host allow them.
+    terminal.feed("\x1b[?5522h\x1b[?5522$p");
+    EXPECT_EQ(plain.replies, "\x1b[?5522;0$y");
+    PasteEventsDelegate able;
+    TerminalOptions options;
+    options.kittyClipboardPolicy.allowPasteEvents = true;
+    Terminal allowed(&able, options);
+    allowed.feed("\x1b[?5522$p\x1b[?5522h\x1b[?5522$p");
+    EXPECT_EQ(able.replies, "\x1b[?5522;2$y\x1b[?5522;1$y");
+
+    // The default paste event goes straight to the program.
+    plain.replies.clear();
+    std::string event = "\x1b[200~x\x1b[201~";
+    EXPECT_TRUE(plain.kittyClipboardSendPasteEvent(terminal, std::span(reinterpret_cast<const uint8_t*>(event.data()), event.size())));
+    EXPECT_EQ(plain.replies, event);
+    EXPECT_FALSE(plain.kittyClipboardRead(terminal, KittyClipboardLocation::clipboard, "text/plain", {}));
+
+    // Unsafe paste bytes: controls but tab, newline and return; UTF-8 bytes are fine.
+    auto unsafe = plain.terminalControlBytesForPaste(terminal);
+    EXPECT_TRUE(unsafe.contains(0x1b));
+    EXPECT_TRUE(unsafe.contains(0x03));
+    EXPECT_TRUE(unsafe.contains(0x7f));
+    EXPECT_FALSE(unsafe.contains('\t') || unsafe.contains('\n') || unsafe.contains('\r'));
+    EXPECT_FALSE(unsafe.contains(0x9b));
+    // The default colour reader gives the terminal's own.
+    EXPECT_EQ(plain.getColors(terminal), std::pair(terminal.foregroundColor, terminal.backgroundColor));
+}
