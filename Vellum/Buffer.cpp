@@ -106,7 +106,12 @@ void Buffer::fillViewport(PackedCell blank) {
 
 void Buffer::scroll(PackedCell blank, bool isWrapped) {
     if (marginMode && (marginLeft != 0 || marginRight != _cols - 1)) {
-        // Only the columns inside the margins move; nothing enters the scrollback.
+        // Only the columns inside the margins move; nothing enters the scrollback. A wide
+        // character across a margin is healed first, so no half of one moves alone.
+        for (int r = scrollTop; r <= scrollBottom; ++r) {
+            row(r).repairWideSeam(marginLeft);
+            row(r).repairWideSeam(marginRight + 1);
+        }
         for (int r = scrollTop; r < scrollBottom; ++r)
             row(r).copyFrom(row(r + 1), marginLeft, marginLeft, marginRight - marginLeft + 1);
         row(scrollBottom).replacePackedCells(marginLeft, marginRight + 1, blank);

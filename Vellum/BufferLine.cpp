@@ -318,6 +318,12 @@ void BufferLine::replacePackedCells(int start, int end, PackedCell fill) {
     ++_generation;
 }
 
+void BufferLine::erasePackedCells(int start, int end, PackedCell fill) {
+    repairWideSeam(start);
+    repairWideSeam(end);
+    replacePackedCells(start, end, fill);
+}
+
 void BufferLine::resize(int cols, const CharData& fillData) { resize(cols, packOrFail(fillData)); }
 
 void BufferLine::resize(int cols, PackedCell fill) {
@@ -325,7 +331,12 @@ void BufferLine::resize(int cols, PackedCell fill) {
     if (cols != count()) {
         bool narrower = cols < count();
         storage = storage.resized(cols, fill);
-        if (narrower) marksClampTo(cols);
+        if (narrower) {
+            marksClampTo(cols);
+            // A wide character cut by the new edge loses its head too.
+            if (cols > 0 && storage.cells[size_t(cols - 1)].isWideHead())
+                storage.cells[size_t(cols - 1)] = storage.cells[size_t(cols - 1)].blanked();
+        }
         ++_generation;
     }
     usedLength = cols;

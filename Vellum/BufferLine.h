@@ -103,6 +103,8 @@ public:
     void deletePackedCells(int pos, int n, int rightMargin, PackedCell fill);
     void replaceCells(int start, int end, const CharData& fill);
     void replacePackedCells(int start, int end, PackedCell fill);
+    // replacePackedCells for erasing: a wide character cut at either end is healed first.
+    void erasePackedCells(int start, int end, PackedCell fill);
     void resize(int cols, const CharData& fillData);
     void resize(int cols, PackedCell fill);
     // Makes this row object a fresh row; gives whether it had images.

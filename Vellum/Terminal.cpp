@@ -454,10 +454,10 @@ void Terminal::eraseInLine(int mode) {
     int x = std::min(b.x, cols_ - 1);
     switch (mode) {
     case 0:
-        line.replacePackedCells(x, cols_, currentEraseBlankCell);
+        line.erasePackedCells(x, cols_, currentEraseBlankCell);
         if (b.y + 1 < rows_) b.row(b.y + 1).setWrapped(false);
         break;
-    case 1: line.replacePackedCells(0, x + 1, currentEraseBlankCell); break;
+    case 1: line.erasePackedCells(0, x + 1, currentEraseBlankCell); break;
     case 2: line.replacePackedCells(0, cols_, currentEraseBlankCell); break;
     default: break;
     }
@@ -526,7 +526,7 @@ void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uin
         if (collect.empty()) b.insertLines(b.scrollTop, std::min(n, rows_), currentEraseBlankCell);
         else if (collectIs(collect, ">")) setTitleModes(pars, false);
         break;
-    case 'X': b.row(b.y).replacePackedCells(std::min(b.x, cols_ - 1), std::min(b.x + n, cols_), currentEraseBlankCell); break;
+    case 'X': b.row(b.y).erasePackedCells(std::min(b.x, cols_ - 1), std::min(b.x + n, cols_), currentEraseBlankCell); break;
     case 'Z': for (int i = 0; i < n; ++i) b.x = b.tabStops.previous(b.x); break;
     case 'b':
         for (int i = 0; i < std::min(n, 65535) && previousScalar; ++i) printScalar(previousScalar);

@@ -44,9 +44,12 @@ void Terminal::copyRectangularArea(CsiParameters pars) {
     }
     for (int r = 0; r < height; ++r) {
         BufferLine& line = buffer_->row(top + r);
-        for (int c = 0; c < width; ++c) line.fill(cells[size_t(r * width + c)], left + c, 1);
         line.repairWideSeam(left);
         line.repairWideSeam(left + width);
+        for (int c = 0; c < width; ++c) line.fill(cells[size_t(r * width + c)], left + c, 1);
+        // Half of a wide character that the source's edges cut is blanked.
+        if (PackedCell first = line.packedCell(left); first.isSpacerTail()) line.fill(first.blanked(), left, 1);
+        if (PackedCell last = line.packedCell(left + width - 1); last.isWideHead()) line.fill(last.blanked(), left + width - 1, 1);
     }
 }
 

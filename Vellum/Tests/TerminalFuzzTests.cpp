@@ -20,7 +20,26 @@ const char* const fragments[] = {
     "\x1b[3'}", "\x1b[99'~", "\x1b" "6", "\x1b" "9", "\x1b#3", "\x1b]8;;http://x/\x07", "\x1b]133;A\x07", "\x1b]133;L\x07",
     "\x1b]7501;a;state=running\x07", "\x1b]52;c;YQ==\x07", "\x1b]4;1;?\x07", "\x1b]104\x07", "\x1b[>1u", "\x1b[<9u",
     "\x1b_Ga=T;AAAA\x1b\\", "\x1b[?2048h", "\x1b[14t", "\x1b[22t", "\x1b[23t", "\x1b[?2004;1s", "\x1b[?2004r", "\x1b[63\"p",
+    "\xef\xb8\x8e", "\xf0\x9f\x8f\xbd", "\xe2\x9d\xa4", "\xf0\x9f\x91\x8d", "\xe1\x84\x80", "\xe1\x85\xa1", "\x1b[2@",
+    "\x1b[41m", "\x1b[4l", "\x1b[1;3H", "\x1b[?69l", "\x1b[2P", "\x1b[3G", "\x1b[?1047h", "\x1b[?1047l",
 };
+
+// A wide character is a head followed by its tail, whatever cut, shifted or resized the row.
+void expectWideCharactersWhole(Terminal& terminal) {
+    Buffer& b = terminal.buffer();
+    for (int r = 0; r < terminal.rows(); ++r) {
+        BufferLine& line = b.row(r);
+        for (int c = 0; c < line.count(); ++c) {
+            CellWidthState state = line.packedCell(c).widthState();
+            if (state == CellWidthState::spacerTail) {
+                ASSERT_TRUE(c > 0 && line.packedCell(c - 1).isWideHead()) << "row " << r << " col " << c;
+            }
+            if (state == CellWidthState::wide) {
+                ASSERT_TRUE(c + 1 < line.count() && line.packedCell(c + 1).isSpacerTail()) << "row " << r << " col " << c;
+            }
+        }
+    }
+}
 
 } // namespace
 
@@ -47,6 +66,8 @@ TEST(TerminalFuzz, RandomBytesAndResizesKeepTheCursorInside) {
             ASSERT_GE(b.y, 0);
             ASSERT_LT(b.y, h.terminal.rows());
             ASSERT_LE(b.yBase + h.terminal.rows(), b.lines.count());
+            expectWideCharactersWhole(h.terminal);
+            if (::testing::Test::HasFatalFailure()) return;
         }
         for (int r = 0; r < h.terminal.rows(); ++r) (void)h.terminal.lineText(r);
     }

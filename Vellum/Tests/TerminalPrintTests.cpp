@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "Support/TerminalHarness.h"
 
 using namespace vellum;
@@ -111,4 +113,165 @@ TEST(TerminalPrint, ScreenAlignmentAndClampedCursor) {
     TerminalHarness tiny(1, 0);
     EXPECT_EQ(tiny.terminal.cols(), 2);
     EXPECT_EQ(tiny.terminal.rows(), 1);
+}
+
+namespace {
+
+std::u32string cellScalars(Terminal& terminal, int col, int row) { return terminal.getCharData(col, row).getCharacter(); }
+CellWidthState widthAt(Terminal& terminal, int col, int row) { return terminal.buffer().row(row).packedCell(col).widthState(); }
+
+} // namespace
+
+TEST(TerminalPrint, LongRunsWrapRowByRowAndScrollIntoHistory) {
+    TerminalHarness h(4, 2, 10);
+    h.terminal.feed("abcdefghijklmn"); // 14 cells: three full rows and two on the fourth
+    EXPECT_EQ(h.screen(), (Rows{"ijkl", "mn"}));
+    EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 2);
+    EXPECT_EQ(h.terminal.buffer().lines[0].translateToString(true), "abcd");
+    for (int line = 1; line < 4; ++line) EXPECT_TRUE(h.terminal.buffer().lines[line].isWrapped()) << line;
+    EXPECT_EQ(h.x(), 2);
+
+    // Inside left and right margins a run wraps between them and leaves the rest of the row alone.
+    TerminalHarness m(8, 3);
+    m.terminal.feed("--------\r\n--------\x1b[?69h\x1b[3;6s\x1b[1;3HABCDEFG");
+    EXPECT_EQ(m.screen(), (Rows{"--ABCD--", "--EFG---", ""}));
+
+    // Without autowrap a wide character that does not fit is dropped, and the last byte of an
+    // overlong run is what the last column keeps (cutting the wide character there).
+    TerminalHarness off(4, 1);
+    off.terminal.feed("\x1b[?7lab\xe4\xb8\xad\xe4\xb8\xadxyz");
+    EXPECT_EQ(off.screen(), (Rows{"ab z"}));
+}
+
+TEST(TerminalPrint, RunsHealTheWideCharactersTheyCut) {
+    // A run that starts on the tail of a wide character and ends on the head of another.
+    TerminalHarness h(8, 1);
+    h.terminal.feed("\xe4\xb8\xad\xe4\xb8\xad\xe4\xb8\xad\x1b[1;2Hxy");
+    EXPECT_EQ(h.screen(), (Rows{" xy \xe4\xb8\xad"}));
+    EXPECT_EQ(widthAt(h.terminal, 0, 0), CellWidthState::narrow);
+    EXPECT_EQ(widthAt(h.terminal, 3, 0), CellWidthState::narrow);
+    EXPECT_EQ(widthAt(h.terminal, 4, 0), CellWidthState::wide);
+
+    // A wide run on an odd width leaves a spacer head at every row end.
+    TerminalHarness cjk(5, 3);
+    cjk.terminal.feed("\xe4\xb8\x80\xe4\xb8\x81\xe4\xb8\x82\xe4\xb8\x83\xe4\xb8\x84");
+    EXPECT_EQ(cjk.screen(), (Rows{"\xe4\xb8\x80\xe4\xb8\x81", "\xe4\xb8\x82\xe4\xb8\x83", "\xe4\xb8\x84"}));
+    EXPECT_EQ(widthAt(cjk.terminal, 4, 0), CellWidthState::spacerHead);
+    EXPECT_EQ(widthAt(cjk.terminal, 4, 1), CellWidthState::spacerHead);
+    EXPECT_EQ(cjk.x(), 2);
+}
+
+TEST(TerminalPrint, InsertModeShiftsWithinTheMargins) {
+    TerminalHarness h(8, 2);
+    h.terminal.feed("abcdefgh\x1b[?69h\x1b[1;6s\x1b[1;2H\x1b[4hXY\xe4\xb8\xad");
+    // Columns 2..6 shift right; what passes the right margin is lost, column 7 keeps "g", "h".
+    EXPECT_EQ(h.screen()[0], "aXY\xe4\xb8\xad" "bgh");
+    EXPECT_EQ(h.x(), 5);
+}
+
+TEST(TerminalPrint, GraphemeClustersShareOneCell) {
+    // Hangul jamo compose; a virama joins two consonants; a mark after a prepended sign joins it.
+    TerminalHarness h(10, 2);
+    h.terminal.feed("\xe1\x84\x80\xe1\x85\xa1\xe1\x86\xa8|"); // L V T
+    EXPECT_EQ(cellScalars(h.terminal, 0, 0), U"\u1100\u1161\u11A8");
+    EXPECT_EQ(cellScalars(h.terminal, 2, 0), U"|");
+    h.terminal.feed("\r\n\xe0\xa4\x95\xe0\xa5\x8d\xe0\xa4\xb7|"); // KA VIRAMA SSA
+    EXPECT_EQ(cellScalars(h.terminal, 0, 1), U"\u0915\u094D\u0937");
+    EXPECT_EQ(cellScalars(h.terminal, 1, 1), U"|");
+
+    // A modifier joins a modifier base; after anything else it is an emoji of its own.
+    TerminalHarness mod(10, 1);
+    mod.terminal.feed("\xf0\x9f\x91\x8d\xf0\x9f\x8f\xbd" "a\xf0\x9f\x8f\xbd");
+    EXPECT_EQ(cellScalars(mod.terminal, 0, 0), U"\U0001F44D\U0001F3FD");
+    EXPECT_EQ(cellScalars(mod.terminal, 2, 0), U"a");
+    EXPECT_EQ(cellScalars(mod.terminal, 3, 0), U"\U0001F3FD");
+    EXPECT_EQ(mod.x(), 5);
+
+    // Regional indicators pair up: three make one flag and a lone indicator.
+    TerminalHarness flags(10, 1);
+    flags.terminal.feed("\xf0\x9f\x87\xab\xf0\x9f\x87\xb7\xf0\x9f\x87\xa9");
+    EXPECT_EQ(cellScalars(flags.terminal, 0, 0), U"\U0001F1EB\U0001F1F7");
+    EXPECT_EQ(cellScalars(flags.terminal, 2, 0), U"\U0001F1E9");
+    EXPECT_EQ(flags.x(), 4);
+
+    // A mark with nothing before it is dropped, and so is one after a cursor move onto a blank.
+    TerminalHarness lone(10, 1);
+    lone.terminal.feed("\xcc\x81" "a\x1b[3G\xcc\x81" "b");
+    EXPECT_EQ(lone.screen()[0], "a b");
+    EXPECT_EQ(cellScalars(lone.terminal, 0, 0), U"a");
+}
+
+TEST(TerminalPrint, PresentationSelectorsChangeTheWidth) {
+    // VS16 at the last column: the widened emoji moves to the next row.
+    TerminalHarness edge(4, 3);
+    edge.terminal.feed("abc\xe2\x9d\xa4\xef\xb8\x8f!");
+    EXPECT_EQ(edge.screen(), (Rows{"abc", "\xe2\x9d\xa4\xef\xb8\x8f!", ""}));
+    EXPECT_EQ(widthAt(edge.terminal, 0, 1), CellWidthState::wide);
+    EXPECT_EQ(edge.x(), 3);
+
+    // VS15 narrows a wide emoji and the cursor steps back.
+    TerminalHarness text(6, 1);
+    text.terminal.feed("\xe2\x8c\x9a\xef\xb8\x8e|"); // U+231A WATCH
+    EXPECT_EQ(widthAt(text.terminal, 0, 0), CellWidthState::narrow);
+    EXPECT_EQ(cellScalars(text.terminal, 1, 0), U"|");
+
+    // VS16 on a narrow character in insert mode pushes the row right instead of covering it.
+    TerminalHarness insert(6, 1);
+    insert.terminal.feed("xyz\r\x1b[4h\xe2\x9c\x8c\xef\xb8\x8f"); // U+270C
+    EXPECT_EQ(insert.screen()[0], "\xe2\x9c\x8c\xef\xb8\x8fxyz");
+    EXPECT_EQ(insert.x(), 2);
+
+    // A ZWJ sequence stays in the cell of its first emoji, split across feeds or not.
+    TerminalHarness zwj(8, 1);
+    zwj.terminal.feed("\xf0\x9f\x91\xa9\xe2\x80");
+    zwj.terminal.feed("\x8d\xf0\x9f\x94");
+    zwj.terminal.feed("\xac|");
+    EXPECT_EQ(cellScalars(zwj.terminal, 0, 0), U"\U0001F469\u200D\U0001F52C");
+    EXPECT_EQ(cellScalars(zwj.terminal, 2, 0), U"|");
+}
+
+TEST(TerminalPrint, CellsCarryRenditionLinkAndBackgroundOfErase) {
+    TerminalHarness h(10, 2);
+    h.terminal.feed("\x1b[1;31;48;2;1;2;3ma\x1b]8;;https://example.org\x07" "bc\xe4\xb8\xad\x1b]8;;\x07" "d");
+    CharData a = h.terminal.getCharData(0, 0);
+    EXPECT_EQ(a.attribute.fg, Attribute::Color::ansi256(1));
+    EXPECT_EQ(a.attribute.bg, Attribute::Color::trueColor(1, 2, 3));
+    EXPECT_TRUE(a.attribute.style.contains(CharacterStyle::bold));
+    EXPECT_FALSE(a.getPayload().has_value());
+    for (int col : {1, 2, 3}) EXPECT_EQ(h.terminal.getCharData(col, 0).payload.code, h.terminal.getCharData(1, 0).payload.code);
+    EXPECT_TRUE(h.terminal.getCharData(1, 0).getPayload().has_value());
+    EXPECT_FALSE(h.terminal.getCharData(5, 0).getPayload().has_value());
+
+    // Erased cells keep only the background.
+    h.terminal.feed("\x1b[2;1H\x1b[4;42m\x1b[K");
+    CharData erased = h.terminal.getCharData(3, 1);
+    EXPECT_EQ(erased.code, 0);
+    EXPECT_EQ(erased.attribute.bg, Attribute::Color::ansi256(2));
+    EXPECT_EQ(erased.attribute.fg, Attribute::Color::defaultColor());
+    EXPECT_TRUE(erased.attribute.style.isEmpty());
+}
+
+TEST(TerminalPrint, HowTheBytesAreChunkedNeverChangesTheScreen) {
+    // Text mixing every road of the print path, fed whole and then in random pieces.
+    const std::string pieces[] = {"plain ascii ", "\xe4\xb8\xad\xe6\x96\x87", "e\xcc\x81", "\xf0\x9f\x91\x8d\xf0\x9f\x8f\xbd",
+                                  "\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x91\xa7", "\xf0\x9f\x87\xab\xf0\x9f\x87\xb7",
+                                  "\xe2\x9d\xa4\xef\xb8\x8f", "\xe1\x84\x80\xe1\x85\xa1", "\x1b[31m", "\x1b[m", "\r\n", "\xff",
+                                  "\x1b(0lqk\x1b(B", "\xe0\xa4\x95\xe0\xa5\x8d\xe0\xa4\xb7"};
+    std::mt19937 random(7);
+    for (int round = 0; round < 40; ++round) {
+        std::string text;
+        for (int i = 0; i < 60; ++i) text += pieces[random() % std::size(pieces)];
+        TerminalHarness whole(13, 6), split(13, 6);
+        whole.terminal.feed(text);
+        for (size_t at = 0; at < text.size();) {
+            size_t n = 1 + random() % 7;
+            split.terminal.feed(std::string_view(text).substr(at, n));
+            at += n;
+        }
+        ASSERT_EQ(whole.screen(), split.screen()) << round;
+        ASSERT_EQ(whole.x(), split.x());
+        for (int r = 0; r < 6; ++r)
+            for (int c = 0; c < 13; ++c)
+                ASSERT_EQ(whole.terminal.buffer().row(r).packedCell(c), split.terminal.buffer().row(r).packedCell(c)) << r << "," << c;
+    }
 }
