@@ -19,14 +19,18 @@ namespace {
 
 constexpr char32_t textPresentationSelector = 0xFE0E, emojiPresentationSelector = 0xFE0F;
 
-// The well-formed two- and three-byte forms that carry most non-ASCII text are decoded here;
-// anything else (four bytes, overlongs, surrogates, truncation) goes to the full decoder.
+// The well-formed forms of common text are decoded here; anything unusual (overlongs,
+// surrogates, the edges of the range, truncation, errors) goes to the full decoder.
 inline unicode::Utf8Step decodeStep(const uint8_t* p, size_t available) {
     uint8_t lead = p[0];
     if (lead >= 0xE1 && lead != 0xED && lead <= 0xEF && available >= 3 && (p[1] & 0xC0) == 0x80 && (p[2] & 0xC0) == 0x80)
         return {char32_t((lead & 0x0Fu) << 12 | (p[1] & 0x3Fu) << 6 | (p[2] & 0x3Fu)), 3, true};
     if (lead >= 0xC2 && lead <= 0xDF && available >= 2 && (p[1] & 0xC0) == 0x80)
         return {char32_t((lead & 0x1Fu) << 6 | (p[1] & 0x3Fu)), 2, true};
+    if (lead >= 0xF1 && lead <= 0xF3 && available >= 4 && (p[1] & 0xC0) == 0x80 && (p[2] & 0xC0) == 0x80 && (p[3] & 0xC0) == 0x80)
+        return {char32_t((lead & 0x07u) << 18 | (p[1] & 0x3Fu) << 12 | (p[2] & 0x3Fu) << 6 | (p[3] & 0x3Fu)), 4, true};
+    if (lead == 0xF0 && available >= 4 && p[1] >= 0x90 && p[1] <= 0xBF && (p[2] & 0xC0) == 0x80 && (p[3] & 0xC0) == 0x80)
+        return {char32_t((p[1] & 0x3Fu) << 12 | (p[2] & 0x3Fu) << 6 | (p[3] & 0x3Fu)), 4, true};
     return unicode::decodeUtf8Scalar(std::string_view(reinterpret_cast<const char*>(p), available));
 }
 
