@@ -180,6 +180,7 @@ void Terminal::resize(int cols, int rows) {
     cols_ = cols;
     rows_ = rows;
     if (delegate) delegate->sizeChanged(*this);
+    if (inBandSizeReportsEnabled) reportInBandSizeIfAvailable();
 }
 
 std::string Terminal::lineText(int screenRow) {
@@ -746,6 +747,7 @@ void Terminal::activateAltBuffer() {
     altBuffer->y = normalBuffer->y;
     altBuffer->fillViewport(currentEraseBlankCell);
     buffer_ = altBuffer.get();
+    semanticNoteAlternateScreenSwitch(true);
     if (cursorHidden) cursorHidden = false;
     if (delegate) delegate->bufferActivated(*this);
 }
@@ -756,6 +758,7 @@ void Terminal::activateNormalBuffer(bool clearAlt) {
     normalBuffer->y = altBuffer->y;
     if (clearAlt) altBuffer->fillViewport(currentEraseBlankCell);
     buffer_ = normalBuffer.get();
+    semanticNoteAlternateScreenSwitch(false);
     if (delegate) delegate->bufferActivated(*this);
 }
 

@@ -125,6 +125,16 @@ public:
     // Kitty keyboard enhancement flags of each screen (index 0 normal, 1 alternate), top of stack.
     uint32_t keyboardEnhancementFlags() const;
 
+    // Screen rows changed since the last call (inclusive), or nothing when the screen is as it
+    // was. `scrolled` says that rows moved or were recycled, not only written. The first call,
+    // and the first after a resize or a switch of buffers, gives the whole screen.
+    struct UpdateRange {
+        int startY = 0, endY = 0;
+        bool scrolled = false;
+        bool operator==(const UpdateRange&) const = default;
+    };
+    std::optional<UpdateRange> takeUpdateRange();
+
     // Copies for readers outside the lock.
     TerminalInputStateSnapshot inputStateSnapshot() const;
     // Rows of the normal buffer, or of the alternate one.
@@ -230,6 +240,7 @@ private:
     void beginSemanticPromptGroup();
     void freshLine();
     void resetSemanticPromptState();
+    void semanticNoteAlternateScreenSwitch(bool toAlternate);
     std::string oscTerminatorFor(uint8_t terminator) const;
 
     // Modes and reports (TerminalModes.cpp)
@@ -291,8 +302,13 @@ private:
     std::array<std::vector<uint32_t>, 2> keyboardFlagStacks;
     int cellPixelWidth = 0, cellPixelHeight = 0;
     uint64_t synchronizedOutputGeneration_ = 0;
+    std::vector<uint64_t> updateStamps; // identity, recycle count and generation of each screen row
+    std::vector<uint64_t> updateStampsScratch;
+    const Buffer* updateStampsBuffer = nullptr;
+    int updateStampsCols = 0, updateCursorRow = -1, updateCursorCol = -1;
     std::optional<SemanticPromptCursorClickMode> semanticClickMode;
     int semanticClickEvents = 0;
+    SemanticContent suspendedSemanticContent;
     std::optional<std::pair<int, int>> semanticInputStart; // absolute row, column
     bool terminalVisible = true, focused = true;
     bool titleModeSetHex = false, titleModeQueryHex = false, titleModeSetUtf8 = false, titleModeQueryUtf8 = false;

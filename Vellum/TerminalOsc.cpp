@@ -314,11 +314,22 @@ void Terminal::freshLine() {
 void Terminal::beginSemanticPromptGroup() { activeSemanticGroupID = ++semanticGroupCounter; }
 
 void Terminal::resetSemanticPromptState() {
-    semanticContent = SemanticContent::none();
+    semanticContent = suspendedSemanticContent = SemanticContent::none();
     activeSemanticGroupID.reset();
     semanticClickMode.reset();
     semanticClickEvents = 0;
     semanticInputStart.reset();
+}
+
+// A full-screen program on the alternate screen is no part of the prompt or the command's
+// output; the state comes back with the normal screen.
+void Terminal::semanticNoteAlternateScreenSwitch(bool toAlternate) {
+    if (toAlternate) {
+        suspendedSemanticContent = std::exchange(semanticContent, SemanticContent::none());
+    } else {
+        semanticContent = suspendedSemanticContent;
+        suspendedSemanticContent = SemanticContent::none();
+    }
 }
 
 void Terminal::oscSemanticPrompt(std::string_view text) {

@@ -78,3 +78,38 @@ TEST(TerminalContentSnapshot, HeadlessHostKeepsDirectoryAndAnswers) {
     EXPECT_EQ(headless.dir, "file://box/srv");
     EXPECT_EQ(headless.replies, "\x1b[?65;4;1;2;6;21;22;17;28c");
 }
+
+TEST(TerminalUpdateRange, FindsWrittenMovedAndScrolledRows) {
+    TerminalOptions options = small();
+    options.cols = 10;
+    options.rows = 5;
+    HeadlessTerminal headless(options);
+    Terminal& t = *headless.terminal;
+    using Range = Terminal::UpdateRange;
+    EXPECT_EQ(t.takeUpdateRange(), (Range{0, 4, false})); // the first look sees everything
+    EXPECT_EQ(t.takeUpdateRange(), std::nullopt);
+
+    // Text on row 2: that row, and the row the cursor left.
+    t.feed("\x1b[3;1Hab");
+    EXPECT_EQ(t.takeUpdateRange(), (Range{0, 2, false}));
+    // A rectangle erased far from the cursor; a report that changes nothing on screen.
+    t.feed("\x1b[5;1;5;3$z\x1b[6n");
+    EXPECT_EQ(t.takeUpdateRange(), (Range{4, 4, false}));
+    EXPECT_EQ(t.takeUpdateRange(), std::nullopt);
+
+    // A line feed at the bottom moves every row.
+    t.feed("\x1b[5;1H\n");
+    auto scrolled = t.takeUpdateRange();
+    ASSERT_TRUE(scrolled);
+    EXPECT_TRUE(scrolled->scrolled);
+    EXPECT_EQ(scrolled->startY, 0);
+    EXPECT_EQ(scrolled->endY, 4);
+
+    // Another buffer or another size: the whole screen.
+    t.feed("\x1b[?1049h");
+    EXPECT_EQ(t.takeUpdateRange(), (Range{0, 4, false}));
+    t.feed("\x1b[?1049l");
+    t.takeUpdateRange();
+    t.resize(12, 3);
+    EXPECT_EQ(t.takeUpdateRange(), (Range{0, 2, false}));
+}

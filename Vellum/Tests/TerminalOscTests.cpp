@@ -261,9 +261,8 @@ TEST(TerminalOsc, SemanticPromptsMarkRowsAndContent) {
     // Invalid options void the whole command; the alternate screen takes none.
     h.terminal.feed("\x1b]133;C;k=x\x07");
     EXPECT_EQ(h.terminal.semanticContent, SemanticContent::prompt(SemanticPromptKind::right));
-    h.terminal.feed("\x1b[?1049h\x1b]133;C\x07");
+    h.terminal.feed("\x1b[?1049h\x1b]133;C\x07\x1b[?1049l");
     EXPECT_EQ(h.terminal.semanticContent, SemanticContent::prompt(SemanticPromptKind::right));
-    h.terminal.feed("\x1b[?1049l");
 
     // L asks for a fresh line: only when the cursor is not at the left edge.
     int row = h.terminal.buffer().y;
@@ -382,4 +381,33 @@ TEST(TerminalOsc, ClickingInAPromptMovesTheShellCursor) {
     OscHarness plain;
     plain.terminal.feed("\x1b]133;A\x07> \x1b]133;B\x07" "abc");
     EXPECT_FALSE(plain.terminal.handleSemanticPromptClick({2, 0}, false));
+}
+
+TEST(TerminalOsc, PrintedCellsCarryTheLinkAndThePromptState) {
+    TerminalOptions options = OscHarness::small();
+    options.rows = 6;
+    OscHarness h(options);
+    h.terminal.feed("a\x1b]8;;https://example.com\x07link\x1b]8;;\x07z");
+    auto payloadAt = [&](int col, int row) { return h.terminal.buffer().row(row).packedCell(col).payloadCode(); };
+    uint16_t code = payloadAt(1, 0);
+    ASSERT_NE(code, 0);
+    for (int col = 1; col <= 4; ++col) EXPECT_EQ(payloadAt(col, 0), code); // one code for the whole link
+    EXPECT_EQ(payloadAt(0, 0), 0);
+    EXPECT_EQ(payloadAt(5, 0), 0);
+    EXPECT_EQ(std::any_cast<std::string>(*TinyAtom{code}.target()), ";https://example.com");
+    EXPECT_EQ(h.terminal.getCharData(2, 0).payload, TinyAtom{code});
+
+    auto semanticAt = [&](int col, int row) { return h.terminal.getCharData(col, row).semanticContent(); };
+    h.terminal.feed("\r\n\x1b]133;A\x07$\x1b]133;B\x07ls\r\n\x1b]133;C\x07out\r\n\x1b]133;D\x07.");
+    EXPECT_EQ(semanticAt(0, 1), SemanticContent::prompt(SemanticPromptKind::initial));
+    EXPECT_EQ(semanticAt(1, 1), SemanticContent::input());
+    EXPECT_EQ(semanticAt(0, 2), SemanticContent::output());
+    EXPECT_EQ(semanticAt(0, 3), SemanticContent::none());
+
+    // A full-screen program run from the command is not its output; the state returns after it.
+    h.terminal.feed("\x1b]133;C\x07\x1b[?1049hvim\x1b[?1049lback");
+    EXPECT_EQ(h.terminal.semanticContent, SemanticContent::output());
+    EXPECT_EQ(semanticAt(1, 3), SemanticContent::output());
+    h.terminal.feed("\x1b[?1049hx");
+    EXPECT_EQ(semanticAt(0, 0), SemanticContent::none());
 }

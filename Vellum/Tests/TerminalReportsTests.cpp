@@ -193,6 +193,10 @@ TEST(TerminalReports, ReportsThatFollowTheView) {
     h.terminal.updatePixelGeometry(7, 14);
     EXPECT_EQ(h.delegate.replies, "\x1b[48;5;10;70;70t");
     EXPECT_EQ(h.reply("\x1b[?2048l\x1b[?2048h"), "\x1b[48;5;10;70;70t");
+    // Programs that asked hear of every resize.
+    h.delegate.replies.clear();
+    h.terminal.resize(12, 3);
+    EXPECT_EQ(h.delegate.replies, "\x1b[48;3;12;42;84t");
 
     // Visibility and colour scheme.
     EXPECT_EQ(h.reply("\x1b[?2033h"), "\x1b[?999;1n");
