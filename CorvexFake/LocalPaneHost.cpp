@@ -11,10 +11,11 @@ namespace corvex {
 
 namespace {
 
-vellum::TerminalOptions terminalOptions(Size size) {
+vellum::TerminalOptions terminalOptions(Size size, int scrollbackLines) {
     vellum::TerminalOptions options;
     options.cols = size.cols;
     options.rows = size.rows;
+    if (scrollbackLines > 0) options.scrollback = scrollbackLines;
     return options;
 }
 
@@ -53,8 +54,8 @@ std::optional<std::string> reportedDirectory(std::string_view report) {
 // The output is parsed on the process's parse thread, then handed to the core.
 class LocalPane : public vellum::HeadlessTerminal, public PaneProcess {
 public:
-    LocalPane(PaneProcessEvents events, Size size)
-        : HeadlessTerminal(terminalOptions(size)), events_(std::move(events)) {}
+    LocalPane(PaneProcessEvents events, Size size, int scrollbackLines)
+        : HeadlessTerminal(terminalOptions(size, scrollbackLines)), events_(std::move(events)) {}
 
     bool start(const PaneLaunch& launch) {
         auto terminated = events_.terminated;
@@ -84,6 +85,7 @@ public:
     void withTerminal(const std::function<void(vellum::Terminal&)>& visit) override {
         HeadlessTerminal::withTerminal(visit);
     }
+    uint64_t parsedBytes() const override { return HeadlessTerminal::parsedBytes(); }
 
     winsize getWindowSize() override {
         if (!requestedSize_) return HeadlessTerminal::getWindowSize();
@@ -143,7 +145,7 @@ private:
 } // namespace
 
 std::shared_ptr<PaneProcess> LocalPaneHost::spawn(const PaneLaunch& launch, PaneProcessEvents events) {
-    auto pane = std::make_shared<LocalPane>(std::move(events), launch.size);
+    auto pane = std::make_shared<LocalPane>(std::move(events), launch.size, launch.scrollbackLines);
     if (!pane->start(launch)) return nullptr;
     return pane;
 }

@@ -254,8 +254,70 @@ void SessionCore::requirePane(uint64_t pane) const {
     if (!indexOfPane(state_, pane)) notFound("pane", pane);
 }
 
-uint64_t SessionCore::spawnPane(const SpawnOptions& options) {
-    uint64_t id = takeID();
+void SessionCore::withPaneTerminal(uint64_t pane,
+                                   const std::function<void(vellum::Terminal&, uint64_t parsed)>& visit) {
+    std::shared_ptr<PaneProcess> process;
+    {
+        std::lock_guard guard(lock_);
+        process = record(pane).process;
+    }
+    process->withTerminal([&](vellum::Terminal& terminal) { visit(terminal, process->parsedBytes()); });
+}
+
+void SessionCore::setScrollbackLines(int lines) {
+    std::lock_guard guard(lock_);
+    scrollbackLines_ = lines;
+}
+
+namespace {
+
+uint64_t highestID(const Layout& layout) {
+    if (layout.isLeaf()) return layout.leafPane();
+    const SplitNode& node = *layout.splitNode();
+    return std::max({node.id, highestID(node.a), highestID(node.b)});
+}
+
+} // namespace
+
+void SessionCore::restore(const ModelState& saved, double at) {
+    Batch batch(*this);
+    if (!state_.workspaces.empty() || !panes_.empty()) return;
+    uint64_t highest = 0;
+    for (const auto& workspace : saved.workspaces) {
+        highest = std::max(highest, workspace.id);
+        for (const auto& tab : workspace.tabs) highest = std::max({highest, tab.id, highestID(tab.layout)});
+    }
+    nextID_ = std::max(nextID_, highest + 1);
+    state_.workspaces = saved.workspaces;
+    state_.focus = saved.focus;
+    std::vector<uint64_t> lost;
+    for (const auto& workspace : saved.workspaces) {
+        for (const auto& tab : workspace.tabs) {
+            for (uint64_t id : tab.layout.panes()) {
+                const Pane* pane = saved.pane(id);
+                SpawnOptions options;
+                if (pane) {
+                    options.command = pane->command;
+                    options.cwd = pane->cwd;
+                    options.cols = pane->cols;
+                    options.rows = pane->rows;
+                }
+                try {
+                    spawnPane(options, id);
+                    statePane(id).restored = PaneRestore{at, std::nullopt, std::nullopt, false};
+                } catch (const BackendError&) {
+                    lost.push_back(id);
+                }
+            }
+        }
+    }
+    for (uint64_t id : lost) removeFromLayout(id);
+    repairFocus();
+    publishState(batch);
+}
+
+uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint64_t> given) {
+    uint64_t id = given ? *given : takeID();
     Size size{options.cols.value_or(80), options.rows.value_or(24)};
     auto command = options.command.value_or(std::vector<std::string>{environment_.defaultShell, "-l"});
     std::string cwd = options.cwd.value_or(environment_.home);
@@ -284,7 +346,8 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options) {
             if (auto core = weak.lock()) core->paneClipboard(id, texts);
         },
     };
-    PaneLaunch request{id, command, *launch, paneEnvironment(environment_.variables, id, options.env), cwd, size};
+    PaneLaunch request{id, command, *launch, paneEnvironment(environment_.variables, id, options.env), cwd, size,
+                       scrollbackLines_};
     // Starting the program is a fork, not a wait; its first report blocks on this lock
     // until the pane is entered.
     auto process = host_->spawn(request, std::move(events));

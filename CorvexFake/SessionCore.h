@@ -74,6 +74,9 @@ public:
     // Runs `visit` with the terminal that parses this pane's output, while no output is
     // being parsed into it. A host without a terminal never calls it.
     virtual void withTerminal(const std::function<void(vellum::Terminal&)>& visit) { (void)visit; }
+    // How many output bytes the terminal has parsed: the position its state stands for. Read
+    // it inside withTerminal's visit, where it can't move.
+    virtual uint64_t parsedBytes() const { return 0; }
 };
 
 // What a pane's program reports. Called on any thread, never under the core's lock.
@@ -94,6 +97,7 @@ struct PaneLaunch {
     Environment environment;
     std::string cwd;
     Size size;
+    int scrollbackLines = 0; // rows of history the pane's terminal keeps; 0 leaves the host's default
 };
 
 class PaneHost {
@@ -154,6 +158,15 @@ public:
     void setGit(uint64_t pane, const std::optional<PaneGit>& git);
     // Raises when the pane is unknown.
     void requirePane(uint64_t pane) const;
+    // Runs `visit` with the pane's terminal and the output position its state stands for,
+    // outside the core's lock. Raises when the pane is unknown.
+    void withPaneTerminal(uint64_t pane, const std::function<void(vellum::Terminal&, uint64_t parsed)>& visit);
+    // History rows for the terminals of panes made from now on.
+    void setScrollbackLines(int lines);
+    // Rebuilds a saved tree, identifiers and all, on a core that holds nothing yet: each pane
+    // starts its command again in its folder and size and is marked restored at `at` (seconds
+    // since the epoch). A pane whose program can't start leaves the tree as a closed one would.
+    void restore(const ModelState& saved, double at);
 
     // Asks each pane's program for its directory and publishes the changes.
     void pollWorkingDirectories();
@@ -177,7 +190,7 @@ private:
     SessionCore(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment);
 
     uint64_t takeID() { return nextID_++; }
-    uint64_t spawnPane(const SpawnOptions& options);
+    uint64_t spawnPane(const SpawnOptions& options, std::optional<uint64_t> id = std::nullopt);
     void deliver();
     void paneOutput(uint64_t pane, ByteView bytes);
     void paneTerminated(uint64_t pane, std::optional<int32_t> exitCode);
@@ -205,6 +218,7 @@ private:
     Listener listener_;
     ModelState state_;
     uint64_t nextID_ = 1;
+    int scrollbackLines_ = 0;
     std::map<uint64_t, PaneRecord> panes_;
 };
 

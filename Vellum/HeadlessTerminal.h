@@ -122,6 +122,9 @@ public:
     // Runs `visit` on the terminal while no output is being parsed into it.
     void withTerminal(const std::function<void(Terminal&)>& visit);
     TerminalLock& terminalLock() { return *terminalLock_; }
+    // Bytes of the child's output parsed so far: the position the terminal's state stands
+    // for. Read it under terminalLock().
+    uint64_t parsedBytes() const { return parsedBytes_; }
     LocalProcess* process() const { return process_.get(); }
 
     // LocalProcessDelegate, LocalProcessBorrowedDataDelegate.
@@ -154,6 +157,7 @@ private:
     std::unique_ptr<SynchronizedOutputWatchdog> watchdog_;
     std::function<void(const LocalProcessError&)> onLaunchFailure_;
     std::function<void(std::optional<int32_t>)> onEnd_;
+    uint64_t parsedBytes_ = 0; // under terminalLock_
     std::shared_ptr<LocalProcess> process_; // last, so it goes first
 };
 

@@ -88,6 +88,7 @@ void HeadlessTerminal::dataReceivedBorrowed(std::span<const unsigned char> bytes
         std::lock_guard guard(*terminalLock_);
         if (!terminal) return; // the link was cut: the bytes go nowhere
         terminal->feed(bytes);
+        parsedBytes_ += bytes.size();
     }
     outputParsed(bytes);
 }

@@ -38,6 +38,10 @@ public:
     int rows() const { return rows_; }
     Buffer& buffer() { return *buffer_; }
     bool isAlternateBuffer() const { return buffer_ == altBuffer.get(); }
+    // The normal screen, also while the alternate one is shown.
+    Buffer& normalScreen() { return *normalBuffer; }
+    // The rendition that printed characters take now.
+    const Attribute& currentAttribute() const { return curAttr; }
     const std::string& title() const { return terminalTitle; }
     bool cursorHidden = false;
     const TerminalOptions& options() const { return options_; }

@@ -23,6 +23,7 @@
 #include "Platform/System.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/RuntimeDirectory.h"
+#include "corvexd/SavedTree.h"
 #include "corvexd/Server.h"
 #include "corvexd/SessionService.h"
 #include "CorvexFake/LocalPaneHost.h"
@@ -119,6 +120,8 @@ int serve() {
         auto other = pid.read();
         return fail("already running" + (other ? " (pid " + std::to_string(*other) + ")" : std::string()));
     }
+    // Written at once, so that a stop during the start-up knows whom to signal.
+    pid.write(::getpid());
     ::signal(SIGPIPE, SIG_IGN);
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
@@ -138,8 +141,12 @@ int serve() {
     {
         Server server(options);
         auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(), corvex::currentSessionCoreEnvironment());
-        serveSession(server, core);
-        pid.write(::getpid());
+        SessionServiceOptions service;
+        auto config = platform::environmentValue("CORVEXD_CONFIG");
+        service.settingsPath = config.empty() ? directory.path() + "/settings.json" : config;
+        if (!config.empty()) service.configName = config;
+        service.treePath = directory.treePath();
+        serveSession(server, core, service);
         server.run();
         // The shells end with the daemon: their terminals hang up.
         core->stop();
@@ -228,8 +235,10 @@ int terminate(bool forceAfterTimeout) {
     auto running = pid.read();
     if (!running) return fail("the pid file names no process");
     ::kill(*running, SIGTERM);
+    // Wait for that very process to end rather than for the lock to come free: a client may
+    // start a new daemon the moment the old one lets go, and the new one takes the lock at once.
     auto deadline = Clock::now() + stopTimeout;
-    while (!pid.tryLock()) {
+    while (processLives(*running)) {
         if (Clock::now() > deadline) {
             if (!forceAfterTimeout) return fail("the daemon (pid " + std::to_string(*running) + ") didn't stop");
             ::kill(*running, SIGKILL);
@@ -238,8 +247,6 @@ int terminate(bool forceAfterTimeout) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    // The lock goes a moment before the process does; callers expect it gone.
-    while (processLives(*running) && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return 0;
 }
 
@@ -357,7 +364,12 @@ int runCommand(const std::vector<std::string>& arguments) {
         if (command == "serve") return serve();
         if (command == "start") return start();
         if (command == "stop") return terminate(false);
-        if (command == "shutdown") return terminate(true);
+        if (command == "shutdown") {
+            // The shells end for good: the next start begins empty.
+            int status = terminate(true);
+            if (status == 0) SavedTree::remove(RuntimeDirectory::existing(RuntimeDirectory::defaultPath()).treePath());
+            return status;
+        }
         if (command == "bridge") return bridge();
         if (command == "build-id") {
             std::cout << buildId() << "\n";

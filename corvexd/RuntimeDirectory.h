@@ -28,6 +28,7 @@ public:
     std::string pidPath() const { return path_ + "/corvexd.pid"; }
     std::string startLockPath() const { return path_ + "/corvexd.start"; }
     std::string logPath() const { return path_ + "/corvexd.log"; }
+    std::string treePath() const { return path_ + "/corvexd.tree"; }
 
 private:
     explicit RuntimeDirectory(std::string path) : path_(std::move(path)) {}

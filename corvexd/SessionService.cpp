@@ -1,11 +1,17 @@
 #include "corvexd/SessionService.h"
 
+#include <chrono>
+
 #include "CorvexFake/SessionCore.h"
 #include "CorvexKit/Frame.h"
 #include "CorvexKit/Layout.h"
 #include "CorvexKit/SessionCodecJSON.h"
-#include "corvexd/PlainScreen.h"
+#include "Vellum/Terminal.h"
+#include "Vellum/TerminalSnapshotStream.h"
+#include "corvexd/PaneSearch.h"
+#include "corvexd/SavedTree.h"
 #include "corvexd/Server.h"
+#include "corvexd/SettingsFile.h"
 
 namespace corvexd {
 
@@ -42,6 +48,32 @@ std::optional<double> ratioParam(const json& params) {
 corvex::SpawnOptions spawnParams(const json& params) { return corvex::decodeJSON<corvex::SpawnOptions>(params); }
 
 corvex::Size sizeParams(const json& params) { return {params.at("cols").get<int>(), params.at("rows").get<int>()}; }
+
+// Room for a snapshot's bytes in one frame, after its header.
+constexpr size_t snapshotLimit = corvex::maxFramePayload - 20;
+
+// A new history size for a running terminal: the newest rows stay, the screen is untouched.
+void keepHistoryRows(vellum::Terminal& terminal, int rows) {
+    vellum::Buffer& buffer = terminal.normalScreen();
+    buffer.lines.setMaxLength(buffer.rows() + rows);
+    buffer.yBase = std::max(0, buffer.lines.count() - buffer.rows());
+    buffer.yDisp = buffer.yBase;
+}
+
+vellum::Color color(corvex::RGB rgb) {
+    return vellum::Color::fromBytes(uint8_t(rgb >> 16), uint8_t(rgb >> 8), uint8_t(rgb));
+}
+
+void applyColors(vellum::Terminal& terminal, const corvex::TerminalColors& colors) {
+    terminal.setForegroundColor(color(colors.foreground));
+    terminal.setBackgroundColor(color(colors.background));
+    if (colors.cursor) terminal.setCursorColorValue(color(*colors.cursor));
+    if (colors.ansi) {
+        for (size_t i = 0; i < colors.ansi->size() && i < terminal.ansiColors.size(); ++i) {
+            terminal.ansiColors[i] = color((*colors.ansi)[i]);
+        }
+    }
+}
 
 void forward(Server& server, const SessionEvent& event) {
     if (auto* output = event.as<SessionEvent::Output>()) {
@@ -88,9 +120,34 @@ void forward(Server& server, const SessionEvent& event) {
 
 } // namespace
 
-void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core) {
-    core->setListener([&server](const SessionEvent& event) { forward(server, event); });
-    server.addFeatures({"pane.keys", "split.set_ratio", "move", "pane.move"});
+void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core, const SessionServiceOptions& options) {
+    std::shared_ptr<SavedTree> tree;
+    if (!options.treePath.empty()) tree = std::make_shared<SavedTree>(options.treePath);
+    std::weak_ptr<corvex::SessionCore> weakCore = core;
+    core->setListener([&server, tree, weakCore](const SessionEvent& event) {
+        forward(server, event);
+        if (!tree || !(event.as<SessionEvent::State>() || event.as<SessionEvent::PaneChanged>())) return;
+        if (auto live = weakCore.lock()) tree->save(live->state());
+    });
+    server.addFeatures({"pane.keys", "split.set_ratio", "move", "pane.move", "pane.focus", "pane.search", "settings",
+                        "client.colors", "restore"});
+    if (tree) {
+        if (auto saved = tree->load()) {
+            double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+            core->restore(*saved, now);
+        }
+    }
+
+    // Panes made after a client set its colours take them too.
+    auto colors = std::make_shared<std::optional<corvex::TerminalColors>>();
+    auto paint = [core, colors](uint64_t pane) {
+        if (!*colors) return;
+        try {
+            core->withPaneTerminal(pane, [&](vellum::Terminal& terminal, uint64_t) { applyColors(terminal, **colors); });
+        } catch (const corvex::BackendError&) {
+            // The pane went meanwhile.
+        }
+    };
 
     auto& s = server;
     auto nothing = [](auto&& work) {
@@ -100,17 +157,21 @@ void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core) {
         };
     };
     s.addMethod("state.get", [core](MethodCall&) { return corvex::toJSON(core->state()); });
-    s.addMethod("workspace.create", [core](MethodCall& call) {
+    s.addMethod("workspace.create", [core, paint](MethodCall& call) {
         std::optional<std::string> name;
         if (call.params.contains("name") && !call.params["name"].is_null()) name = call.params["name"].get<std::string>();
-        return corvex::toJSON(core->createWorkspace(name, spawnParams(call.params)));
+        auto created = core->createWorkspace(name, spawnParams(call.params));
+        paint(created.pane);
+        return corvex::toJSON(created);
     });
     s.addMethod("workspace.rename", nothing([core](const json& p) {
         core->renameWorkspace(idParam(p, "workspace"), p.at("name").get<std::string>());
     }));
     s.addMethod("workspace.close", nothing([core](const json& p) { core->closeWorkspace(idParam(p, "workspace")); }));
-    s.addMethod("tab.create", [core](MethodCall& call) {
-        return corvex::toJSON(core->createTab(idParam(call.params, "workspace"), spawnParams(call.params)));
+    s.addMethod("tab.create", [core, paint](MethodCall& call) {
+        auto created = core->createTab(idParam(call.params, "workspace"), spawnParams(call.params));
+        paint(created.pane);
+        return corvex::toJSON(created);
     });
     s.addMethod("tab.rename", nothing([core](const json& p) {
         std::optional<std::string> title;
@@ -118,9 +179,11 @@ void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core) {
         core->renameTab(idParam(p, "tab"), title);
     }));
     s.addMethod("tab.close", nothing([core](const json& p) { core->closeTab(idParam(p, "tab")); }));
-    s.addMethod("pane.split", [core](MethodCall& call) {
+    s.addMethod("pane.split", [core, paint](MethodCall& call) {
         const json& p = call.params;
-        return corvex::toJSON(core->split(idParam(p, "pane"), directionParam(p), ratioParam(p), spawnParams(p)));
+        auto created = core->split(idParam(p, "pane"), directionParam(p), ratioParam(p), spawnParams(p));
+        paint(created.pane);
+        return corvex::toJSON(created);
     });
     s.addMethod("pane.close", nothing([core](const json& p) { core->closePane(idParam(p, "pane")); }));
     s.addMethod("split.set_ratio", nothing([core](const json& p) {
@@ -167,6 +230,8 @@ void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core) {
         if (p.contains("have_seq") && !p["have_seq"].is_null()) have = p["have_seq"].get<uint64_t>();
         std::optional<corvex::Size> viewport;
         if (p.contains("viewport") && p["viewport"].is_object()) viewport = sizeParams(p["viewport"]);
+        int scrollback = 0;
+        if (p.contains("scrollback") && !p["scrollback"].is_null()) scrollback = std::max(p["scrollback"].get<int>(), 0);
         SubscribeCapture caught{pane, &call.framesAfterReply, 0};
         capture = &caught;
         corvex::Subscription subscription;
@@ -177,6 +242,19 @@ void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core) {
             throw;
         }
         capture = nullptr;
+        if (subscription.mode == corvex::Subscription::Mode::snapshot) {
+            // The screen is rebuilt from the pane's terminal rather than its raw output, which
+            // may have lost its start. The terminal can be a chunk ahead of the core's count;
+            // its own count is what the snapshot stands for, and the live stream starts there.
+            call.framesAfterReply.clear();
+            core->withPaneTerminal(pane, [&](vellum::Terminal& terminal, uint64_t parsed) {
+                std::string bytes = vellum::snapshotStream(terminal, {scrollback, snapshotLimit});
+                call.framesAfterReply.push_back(corvex::makeSnapshotFrame(pane, parsed,
+                    static_cast<uint16_t>(terminal.cols()), static_cast<uint16_t>(terminal.rows()), bytes));
+                caught.next = parsed;
+                subscription.seq = parsed;
+            });
+        }
         if (caught.next == 0) caught.next = subscription.seq;
         server.subscribePane(call.client, pane, caught.next);
         return corvex::toJSON(subscription);
@@ -198,36 +276,86 @@ void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core) {
     s.addMethod("pane.dismiss_restored", nothing([core](const json& p) { core->dismissRestored(idParam(p, "pane")); }));
 
     s.addMethod("pane.text", [core](MethodCall& call) {
-        // The core's snapshot of a pane is its retained output; caught here, it is read as text.
-        uint64_t pane = idParam(call.params, "pane");
-        std::vector<std::string> frames;
-        SubscribeCapture caught{pane, &frames, 0};
-        capture = &caught;
-        corvex::Subscription subscription;
-        try {
-            subscription = core->subscribe(pane, std::nullopt, std::nullopt);
-        } catch (...) {
-            capture = nullptr;
-            throw;
-        }
-        capture = nullptr;
-        std::string_view bytes;
-        if (!frames.empty()) {
-            if (auto snapshot = corvex::parseSnapshotPayload(std::string_view(frames[0]).substr(corvex::frameHeaderSize))) {
-                bytes = snapshot->bytes;
-            }
-        }
-        auto screen = plainScreen(bytes, subscription.cols, subscription.rows);
         corvex::PaneText text;
-        text.lines = screen.lines;
-        text.cursorCol = screen.cursorCol;
-        text.cursorRow = screen.cursorRow;
-        text.cols = subscription.cols;
-        text.rows = subscription.rows;
-        text.seq = subscription.seq;
+        core->withPaneTerminal(idParam(call.params, "pane"), [&](vellum::Terminal& terminal, uint64_t parsed) {
+            for (int row = 0; row < terminal.rows(); ++row) text.lines.push_back(terminal.lineText(row));
+            text.cursorCol = std::min(terminal.buffer().x, terminal.cols() - 1);
+            text.cursorRow = terminal.buffer().y;
+            text.cols = terminal.cols();
+            text.rows = terminal.rows();
+            text.seq = parsed;
+        });
         return corvex::toJSON(text);
     });
+    s.addMethod("pane.search", [core](MethodCall& call) {
+        const json& p = call.params;
+        uint64_t pane = idParam(p, "pane");
+        corvex::PaneSearchOptions options;
+        options.regex = p.value("regex", false);
+        options.caseSensitive = p.value("case_sensitive", false);
+        if (p.contains("limit") && !p["limit"].is_null()) options.limit = p["limit"].get<int>();
+        if (p.contains("before") && p["before"].is_object()) {
+            options.before = corvex::CellPosition{p["before"].at("line").get<int>(), p["before"].at("col").get<int>()};
+        }
+        std::string query = p.at("query").get<std::string>();
+        corvex::PaneSearchResult result;
+        core->withPaneTerminal(pane, [&](vellum::Terminal& terminal, uint64_t parsed) {
+            result = searchTerminal(terminal, query, options);
+            result.seq = parsed;
+        });
+        return corvex::toJSON(result);
+    });
+    s.addMethod("pane.focus", nothing([core](const json& p) { core->requirePane(idParam(p, "pane")); }));
+    s.addMethod("agent.ack", nothing([core](const json& p) { core->ackAgent(idParam(p, "pane")); }));
+    s.addMethod("agent.mute", nothing([core](const json& p) {
+        core->muteAgent(idParam(p, "pane"), p.at("muted").get<bool>());
+    }));
+    s.addMethod("agent.decide", nothing([core](const json& p) {
+        std::string decision = p.at("decision").get<std::string>();
+        if (decision != "allow" && decision != "deny") throw MethodError{"bad_request", "decision is allow or deny"};
+        core->decide(idParam(p, "pane"), p.at("request").get<std::string>());
+    }));
 
+    auto settings = std::make_shared<SettingsFile>(options.settingsPath, options.configName);
+    core->setScrollbackLines(settings->scrollbackLines());
+    s.addMethod("settings.get", [settings](MethodCall&) { return corvex::toJSON(settings->current()); });
+    s.addMethod("settings.set", [settings, core, &server](MethodCall& call) {
+        auto change = corvex::decodeJSON<corvex::DaemonSettings::Change>(call.params);
+        corvex::DaemonSettings result = settings->current();
+        if (change.scrollbackLines) {
+            int lines = *change.scrollbackLines;
+            const auto& range = result.limits.scrollbackLines;
+            if (lines < range.min || lines > range.max) {
+                throw MethodError{"bad_request", "scrollback_lines must lie in " + std::to_string(range.min) + "..." +
+                                                     std::to_string(range.max)};
+            }
+            settings->setScrollbackLines(lines);
+            core->setScrollbackLines(lines);
+            std::vector<uint64_t> applied;
+            for (const auto& pane : core->state().panes) {
+                try {
+                    core->withPaneTerminal(pane.id, [&](vellum::Terminal& terminal, uint64_t) {
+                        keepHistoryRows(terminal, lines);
+                    });
+                    applied.push_back(pane.id);
+                } catch (const corvex::BackendError&) {
+                    // The pane went meanwhile.
+                }
+            }
+            result = settings->current();
+            server.broadcastEvent("settings", corvex::toJSON(result));
+            result.appliedPanes = applied;
+        }
+        return corvex::toJSON(result);
+    });
+
+    s.addMethod("client.colors", [core, colors, paint](MethodCall& call) {
+        // The panes' programs ask their terminal for its colours; they answer with the ones
+        // the user sees.
+        *colors = corvex::decodeJSON<corvex::TerminalColors>(call.params.at("colors"));
+        for (const auto& pane : core->state().panes) paint(pane.id);
+        return json::object();
+    });
     server.setInputHandler([core](ClientID, uint64_t pane, std::string_view bytes) {
         try {
             core->sendInput(pane, corvex::ByteView(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));

@@ -204,11 +204,20 @@ TEST_F(EndToEnd, ARestartedDaemonIsReachedAgainAndPaneViewsStartOver) {
     ASSERT_FALSE(sink->calls.empty());
     EXPECT_EQ(sink->calls.front(), "reset") << "nothing of the new run comes before the reset";
 
-    if (!client->getState().pane(created.pane)) {
-        store.stop();
-        GTEST_SKIP() << "the daemon does not restore its tree across a restart yet";
-    }
+    // The killed daemon's places come back, with a new shell in each, marked as restored.
+    ModelState after = client->getState();
+    const Pane* restored = after.pane(created.pane);
+    ASSERT_TRUE(restored) << "the tree is brought back";
+    EXPECT_TRUE(restored->restored.has_value());
+    EXPECT_EQ(after.workspaces.at(0).name, "kept");
     EXPECT_TRUE(mainQueue.runUntil([&] { return saw("subscribed snapshot"); }, 10s));
+    client->sendInput(created.pane, asBytes("echo in-the-new-$((6*7))\r"));
+    auto echoed = [&] {
+        return std::any_of(sink->calls.begin(), sink->calls.end(), [](const std::string& call) {
+            return call.rfind("output ", 0) == 0 && call.find("in-the-new-42") != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(mainQueue.runUntil(echoed, 10s));
     store.stop();
 }
 

@@ -12,7 +12,8 @@ namespace {
 // close, never fall over.
 json randomRequest(std::mt19937& random) {
     static const std::vector<std::string> methods = {"hello", "ping", "events.subscribe", "state.get", "pane.subscribe",
-        "pane.split", "workspace.create", "settings.set", "", "\xc3\xa9", "unknown"};
+        "pane.split", "workspace.create", "settings.set", "settings.get", "pane.search", "pane.text", "client.colors",
+        "pane.focus", "agent.decide", "", "\xc3\xa9", "unknown"};
     static const std::vector<json> values = {nullptr, true, -1, 0, 1, 18446744073709551615ull, 1.5, "x", json::array(),
         json::object(), json::array({1, "a"}), {{"pane", 1}}, "\xe2\x82\xac"};
     auto pick = [&](const auto& list) { return list[random() % list.size()]; };
@@ -23,7 +24,8 @@ json randomRequest(std::mt19937& random) {
         json params = random() % 4 ? json::object() : pick(values);
         if (params.is_object()) {
             for (int i = 0, n = static_cast<int>(random() % 4); i < n; ++i) {
-                params[pick(std::vector<std::string>{"pane", "protocol", "cols", "rows", "have_seq", "colors"})] = pick(values);
+                params[pick(std::vector<std::string>{"pane", "protocol", "cols", "rows", "have_seq", "colors", "query",
+                                                         "regex", "limit", "before", "scrollback", "scrollback_lines"})] = pick(values);
             }
         }
         request["params"] = params;

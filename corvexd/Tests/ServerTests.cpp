@@ -1,4 +1,5 @@
 #include <atomic>
+#include <map>
 #include <gtest/gtest.h>
 #include <thread>
 #include <unistd.h>
@@ -41,8 +42,19 @@ TEST(CorvexdServer, HelloDescribesThisRunAndOnlyWhatIsImplemented) {
     EXPECT_EQ(result["pid"], daemon.daemonPid());
     EXPECT_EQ(result["build"], build);
     EXPECT_EQ(result["holder"]["build"], build);
-    EXPECT_EQ(result["features"], json::array({"ping", "pane.keys", "split.set_ratio", "move", "pane.move"}))
-        << "exactly what is served";
+    // Every feature announced is served, and the methods of those not announced are unknown.
+    const std::map<std::string, std::string> methodOf = {
+        {"ping", "ping"}, {"pane.keys", "pane.keys"}, {"split.set_ratio", "split.set_ratio"}, {"move", "workspace.move"},
+        {"pane.move", "pane.move"}, {"pane.focus", "pane.focus"}, {"pane.search", "pane.search"},
+        {"settings", "settings.get"}, {"client.colors", "client.colors"}, {"restore", "pane.dismiss_restored"}};
+    for (const auto& feature : result["features"]) {
+        auto method = methodOf.find(feature.get<std::string>());
+        ASSERT_NE(method, methodOf.end()) << "announced but not known to this test: " << feature;
+        EXPECT_NE(errorCode(client.request(method->second, json::object())), "unknown_method") << feature;
+    }
+    for (const char* unannounced : {"agent.history", "service.status", "push.list", "fs.list"}) {
+        EXPECT_EQ(errorCode(client.request(unannounced, json::object())), "unknown_method") << unannounced;
+    }
     EXPECT_FALSE(result["machine"]["hostname"].get<std::string>().empty());
     EXPECT_EQ(result["machine"]["os"], "linux");
     std::string instance = result["instance"];

@@ -162,6 +162,13 @@ bool RawClient::pump(std::chrono::milliseconds timeout) {
             }
             return;
         }
+        if (type == static_cast<uint8_t>(corvex::FrameType::snapshot)) {
+            if (auto snapshot = corvex::parseSnapshotPayload(payload)) {
+                snapshots_.push_back({snapshot->pane, snapshot->seq, snapshot->cols, snapshot->rows,
+                                      std::string(snapshot->bytes)});
+            }
+            return;
+        }
         if (type != static_cast<uint8_t>(corvex::FrameType::json)) return;
         json message = json::parse(payload, nullptr, false);
         if (message.contains("id")) {
@@ -200,6 +207,24 @@ std::optional<json> RawClient::nextEvent(std::chrono::milliseconds timeout) {
     json event = events_.front();
     events_.pop_front();
     return event;
+}
+
+std::string RawClient::outputOf(uint64_t pane) const {
+    std::string out;
+    for (const auto& output : outputs_) {
+        if (output.pane == pane) out += output.bytes;
+    }
+    return out;
+}
+
+bool RawClient::untilOutput(uint64_t pane, const std::string& text, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (outputOf(pane).find(text) == std::string::npos) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left <= 0ms || closed_) return false;
+        pump(left);
+    }
+    return true;
 }
 
 bool RawClient::closedByPeer(std::chrono::milliseconds timeout) {

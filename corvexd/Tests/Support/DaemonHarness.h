@@ -90,6 +90,18 @@ public:
     };
     // Output frames received so far, in order.
     const std::vector<Output>& outputs() const { return outputs_; }
+    struct Snapshot {
+        uint64_t pane = 0;
+        uint64_t seq = 0;
+        int cols = 0;
+        int rows = 0;
+        std::string bytes;
+    };
+    const std::vector<Snapshot>& snapshots() const { return snapshots_; }
+    // All output bytes received for a pane, in order.
+    std::string outputOf(uint64_t pane) const;
+    // Reads until the pane's output holds `text`; false on timeout or close.
+    bool untilOutput(uint64_t pane, const std::string& text, std::chrono::milliseconds timeout = 10s);
     // Reads whatever arrives within the timeout.
     void drain(std::chrono::milliseconds timeout) { while (pump(timeout)) {} }
     // JSON frames received so far that were replies, in order.
@@ -107,6 +119,7 @@ private:
     std::deque<json> events_;
     std::vector<json> replies_;
     std::vector<Output> outputs_;
+    std::vector<Snapshot> snapshots_;
 };
 
 } // namespace corvexd::testing

@@ -1,0 +1,163 @@
+#include "corvexd/PaneSearch.h"
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <regex.h>
+#include <vector>
+
+#include "Vellum/Terminal.h"
+
+namespace corvexd {
+
+namespace {
+
+using corvex::BackendError;
+using corvex::CellPosition;
+using corvex::PaneSearchMatch;
+
+struct CellAt {
+    size_t byte = 0; // where the cell's text begins in the line
+    int row = 0;
+    int col = 0;
+    int width = 1;
+};
+
+// Rows joined by wrapping, as text, with where each cell's text lies.
+struct LogicalLine {
+    std::string text;
+    std::vector<CellAt> cells;
+};
+
+LogicalLine logicalLine(vellum::Buffer& buffer, int firstRow, int endRow) {
+    LogicalLine line;
+    size_t contentEnd = 0;
+    for (int row = firstRow; row < endRow; ++row) {
+        const vellum::BufferLine& cells = buffer.lines[row];
+        for (int col = 0; col < buffer.cols();) {
+            vellum::CharData cell = cells[col];
+            int width = cell.width == 2 ? 2 : 1;
+            line.cells.push_back({line.text.size(), row, col, width});
+            if (cell.code == 0 || cell.widthStateCode >= 2) {
+                line.text += ' ';
+            } else {
+                line.text += cell.getText();
+                contentEnd = line.text.size();
+            }
+            col += width;
+        }
+    }
+    // Blanks after the last character are no text of the line.
+    line.text.resize(contentEnd);
+    while (!line.cells.empty() && line.cells.back().byte >= contentEnd) line.cells.pop_back();
+    return line;
+}
+
+const CellAt& cellHolding(const LogicalLine& line, size_t byte) {
+    auto after = std::upper_bound(line.cells.begin(), line.cells.end(), byte,
+                                  [](size_t value, const CellAt& cell) { return value < cell.byte; });
+    return *(after - 1);
+}
+
+std::string foldedASCII(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+    }
+    return text;
+}
+
+// Finds the byte ranges of the matches in a line, in order, none overlapping.
+class Matcher {
+public:
+    Matcher(const std::string& query, const corvex::PaneSearchOptions& options)
+        : regex_(options.regex), caseSensitive_(options.caseSensitive),
+          needle_(options.caseSensitive ? query : foldedASCII(query)) {
+        if (query.empty()) throw BackendError("bad_request", "empty query");
+        if (!regex_) return;
+        compiled_ = std::make_unique<regex_t>();
+        int flags = REG_EXTENDED | (caseSensitive_ ? 0 : REG_ICASE);
+        int error = regcomp(compiled_.get(), query.c_str(), flags);
+        if (error != 0) {
+            char message[256];
+            regerror(error, compiled_.get(), message, sizeof(message));
+            compiled_.reset();
+            throw BackendError("bad_request", std::string("bad pattern: ") + message);
+        }
+    }
+    ~Matcher() {
+        if (compiled_) regfree(compiled_.get());
+    }
+    Matcher(const Matcher&) = delete;
+    Matcher& operator=(const Matcher&) = delete;
+
+    std::vector<std::pair<size_t, size_t>> find(const std::string& text) const {
+        std::vector<std::pair<size_t, size_t>> out;
+        if (!regex_) {
+            const std::string haystack = caseSensitive_ ? text : foldedASCII(text);
+            for (size_t at = haystack.find(needle_); at != std::string::npos; at = haystack.find(needle_, at + needle_.size())) {
+                out.emplace_back(at, at + needle_.size());
+            }
+            return out;
+        }
+        size_t at = 0;
+        while (at <= text.size()) {
+            regmatch_t match{};
+            if (regexec(compiled_.get(), text.c_str() + at, 1, &match, at > 0 ? REG_NOTBOL : 0) != 0) break;
+            size_t start = at + size_t(match.rm_so);
+            size_t end = at + size_t(match.rm_eo);
+            if (end > start) out.emplace_back(start, end);
+            at = end > start ? end : start + 1; // an empty match moves on by one
+        }
+        return out;
+    }
+
+private:
+    bool regex_;
+    bool caseSensitive_;
+    std::string needle_;
+    std::unique_ptr<regex_t> compiled_;
+};
+
+bool before(const CellPosition& a, const CellPosition& b) { return a.line < b.line || (a.line == b.line && a.col < b.col); }
+
+} // namespace
+
+corvex::PaneSearchResult searchTerminal(vellum::Terminal& terminal, const std::string& query,
+                                        const corvex::PaneSearchOptions& options) {
+    Matcher matcher(query, options);
+    int limit = std::clamp(options.limit.value_or(defaultSearchLimit), 1, maximumSearchLimit);
+    vellum::Buffer& buffer = terminal.buffer();
+    corvex::PaneSearchResult result;
+    result.cols = terminal.cols();
+    result.rows = terminal.rows();
+    result.history = buffer.yBase;
+
+    // Newest first: lines from the bottom up, and each line's matches from its end.
+    int end = buffer.lines.count();
+    while (end > 0) {
+        int first = end - 1;
+        while (first > 0 && buffer.lines[first].isWrapped()) --first;
+        LogicalLine line = logicalLine(buffer, first, end);
+        auto found = matcher.find(line.text);
+        for (auto match = found.rbegin(); match != found.rend(); ++match) {
+            const CellAt& start = cellHolding(line, match->first);
+            const CellAt& last = cellHolding(line, match->second - 1);
+            CellPosition startAt{start.row, start.col};
+            if (options.before && !before(startAt, *options.before)) continue;
+            if (int(result.matches.size()) == limit) {
+                result.next = result.matches.back().start;
+                return result;
+            }
+            PaneSearchMatch out;
+            out.start = startAt;
+            out.end = CellPosition{last.row, last.col + last.width};
+            out.text = line.text.substr(match->first, match->second - match->first);
+            out.lineText = buffer.lines[start.row].translateToString(true, 0, -1, true);
+            result.matches.push_back(std::move(out));
+        }
+        end = first;
+    }
+    return result;
+}
+
+} // namespace corvexd

@@ -1,0 +1,274 @@
+// What the daemon reads out of its panes' terminals: snapshots, text, search; and the
+// settings and colours that reach those terminals. A real daemon, real shells.
+
+#include <gtest/gtest.h>
+#include <set>
+
+#include "CorvexKit/Frame.h"
+#include "Support/DaemonHarness.h"
+#include "Vellum/Terminal.h"
+
+using namespace corvexd::testing;
+
+namespace {
+
+std::string errorCode(const std::optional<json>& reply) {
+    if (!reply || !reply->contains("error")) return "";
+    return (*reply)["error"].value("code", "");
+}
+
+json result(const std::optional<json>& reply) {
+    if (!reply) {
+        ADD_FAILURE() << "no reply";
+        return {};
+    }
+    EXPECT_TRUE(reply->contains("result")) << reply->dump();
+    return reply->value("result", json::object());
+}
+
+json shell(std::vector<std::string> command = {"/bin/sh"}) {
+    return {{"command", command}, {"env", {{"PS1", "$ "}, {"ENV", ""}}}, {"cols", 40}, {"rows", 10}};
+}
+
+uint64_t createPane(RawClient& client, const json& spawn) {
+    return result(client.request("workspace.create", spawn))["pane"].get<uint64_t>();
+}
+
+void type(RawClient& client, uint64_t pane, const std::string& text) {
+    ASSERT_TRUE(client.sendBytes(corvex::makeInputFrame(pane, text)));
+}
+
+// Types a command and waits for it to finish: a marker that the shell computes, so the
+// echo of the typed line doesn't count.
+void runAndWait(RawClient& client, uint64_t pane, const std::string& command, const std::string& marker) {
+    type(client, pane, command + "; echo " + marker + "$((40+2))\r");
+    ASSERT_TRUE(client.untilOutput(pane, marker + "42\r\n")) << client.outputOf(pane);
+}
+
+} // namespace
+
+TEST(PaneService, SnapshotsRebuildTheScreenAndTheStreamGoesOnFromThem) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient writer(daemon.socketPath());
+    uint64_t pane = createPane(writer, shell());
+    ASSERT_TRUE(writer.request("pane.subscribe", {{"pane", pane}}));
+    runAndWait(writer, pane, "printf '\\033[1;31mred\\033[0m plain\\n'; seq 1 150", "done");
+
+    RawClient viewer(daemon.socketPath());
+    json subscription = result(viewer.request("pane.subscribe", {{"pane", pane}, {"scrollback", 60}}));
+    EXPECT_EQ(subscription["mode"], "snapshot");
+    viewer.drain(200ms);
+    ASSERT_EQ(viewer.snapshots().size(), 1u);
+    const auto& snapshot = viewer.snapshots().front();
+    EXPECT_EQ(snapshot.seq, subscription["seq"].get<uint64_t>());
+    EXPECT_EQ(snapshot.cols, 40);
+    EXPECT_EQ(snapshot.rows, 10);
+
+    vellum::TerminalOptions options;
+    options.cols = snapshot.cols;
+    options.rows = snapshot.rows;
+    options.scrollback = 1000;
+    vellum::Terminal rebuilt(nullptr, options);
+    rebuilt.feed(snapshot.bytes);
+    json text = result(viewer.request("pane.text", {{"pane", pane}}));
+    for (int row = 0; row < 10; ++row) EXPECT_EQ(rebuilt.lineText(row), text["lines"][row]) << "row " << row;
+    EXPECT_EQ(text["cursor"], json::array({rebuilt.buffer().x, rebuilt.buffer().y}));
+    EXPECT_EQ(rebuilt.buffer().scrollbackRows(), 60) << "as much history as asked";
+    int top = std::atoi(rebuilt.lineText(0).c_str());
+    ASSERT_GT(top, 60);
+    EXPECT_EQ(rebuilt.buffer().lines[59].translateToString(true), std::to_string(top - 1)) << "the newest history";
+    EXPECT_EQ(rebuilt.buffer().lines[0].translateToString(true), std::to_string(top - 60));
+
+    // Everything after the snapshot comes as output from its position on, once.
+    runAndWait(writer, pane, "echo after-snap", "again");
+    ASSERT_TRUE(viewer.untilOutput(pane, "again42\r\n"));
+    uint64_t next = snapshot.seq;
+    for (const auto& output : viewer.outputs()) {
+        EXPECT_EQ(output.seq, next) << "no gap, no repeat";
+        next = output.seq + output.bytes.size();
+        rebuilt.feed(output.bytes);
+    }
+    json later = result(viewer.request("pane.text", {{"pane", pane}}));
+    for (int row = 0; row < 10; ++row) EXPECT_EQ(rebuilt.lineText(row), later["lines"][row]) << "row " << row;
+
+    // The colours went through as cells, not as text.
+    RawClient again(daemon.socketPath());
+    ASSERT_TRUE(again.request("pane.subscribe", {{"pane", pane}, {"scrollback", 1000}}));
+    again.drain(200ms);
+    ASSERT_EQ(again.snapshots().size(), 1u);
+    vellum::Terminal full(nullptr, options);
+    full.feed(again.snapshots().front().bytes);
+    bool sawRed = false;
+    for (int row = 0; row < full.buffer().lines.count() && !sawRed; ++row) {
+        auto& line = full.buffer().lines[row];
+        std::string text = line.translateToString(true);
+        auto at = text.find("red plain");
+        if (at == std::string::npos || text.find("printf") != std::string::npos) continue;
+        int col = int(at);
+        sawRed = line[col].attribute.fg == vellum::Attribute::Color::ansi256(1) &&
+                 line[col].attribute.style.contains(vellum::CharacterStyle::bold) &&
+                 line[col + 4].attribute == vellum::Attribute::empty;
+    }
+    EXPECT_TRUE(sawRed);
+}
+
+TEST(PaneService, SearchReadsTheWholeHistoryNewestFirstInPages) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+    uint64_t pane = createPane(client, shell());
+    ASSERT_TRUE(client.request("pane.subscribe", {{"pane", pane}}));
+    runAndWait(client, pane, "seq -f 'line %g' 1 300; echo Alpha' 'Beta", "finished");
+
+    auto search = [&](const std::string& query, json extra = json::object()) {
+        extra["pane"] = pane;
+        extra["query"] = query;
+        extra["regex"] = extra.value("regex", false);
+        extra["case_sensitive"] = extra.value("case_sensitive", false);
+        return client.request("pane.search", extra);
+    };
+
+    json found = result(search("line 29"));
+    ASSERT_EQ(found["matches"].size(), 11u) << found.dump();
+    EXPECT_EQ(found["matches"][0]["line_text"], "line 299") << "newest first";
+    EXPECT_EQ(found["matches"][10]["line_text"], "line 29");
+    EXPECT_EQ(found["matches"][10]["text"], "line 29");
+    EXPECT_EQ(found["matches"][10]["start"], (json{{"line", found["matches"][10]["start"]["line"]}, {"col", 0}}));
+    EXPECT_EQ(found["matches"][10]["end"]["col"], 7);
+    EXPECT_GT(found["history"].get<int>(), 250) << "the history reaches back to the first lines";
+    EXPECT_LT(found["matches"][0]["start"]["line"].get<int>(), found["history"].get<int>() + 10);
+    EXPECT_FALSE(found.contains("next"));
+
+    EXPECT_EQ(result(search("ALPHA beta"))["matches"].size(), 1u);
+    EXPECT_EQ(result(search("ALPHA", {{"case_sensitive", true}}))["matches"].size(), 0u);
+
+    // A regular expression, read in pages of 30 that follow on from each other.
+    std::set<int> lines;
+    json extra = {{"regex", true}, {"limit", 30}};
+    int pages = 0;
+    int previousLine = 1 << 30;
+    while (true) {
+        json page = result(search("^line 1[0-9]{2}$", extra));
+        for (const auto& match : page["matches"]) {
+            int line = match["start"]["line"];
+            EXPECT_LT(line, previousLine) << "newest first, across pages";
+            previousLine = line;
+            lines.insert(line);
+        }
+        ++pages;
+        if (!page.contains("next") || pages > 10) break;
+        EXPECT_EQ(page["matches"].size(), 30u);
+        extra["before"] = page["next"];
+    }
+    EXPECT_EQ(pages, 4);
+    EXPECT_EQ(lines.size(), 100u);
+
+    EXPECT_EQ(errorCode(search("line (", {{"regex", true}})), "bad_request");
+    EXPECT_EQ(errorCode(search("")), "bad_request");
+    EXPECT_EQ(errorCode(client.request("pane.search", {{"pane", 999}, {"query", "x"}, {"regex", false}, {"case_sensitive", false}})),
+              "not_found");
+    EXPECT_TRUE(client.request("ping")) << "a bad pattern costs the client nothing more";
+}
+
+TEST(PaneService, SettingsHaveLimitsReachRunningPanesAndOutliveTheDaemon) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    {
+        RawClient client(daemon.socketPath());
+        RawClient watcher(daemon.socketPath());
+        ASSERT_TRUE(watcher.request("events.subscribe"));
+        json settings = result(client.request("settings.get"));
+        EXPECT_EQ(settings["scrollback_lines"], 5000);
+        EXPECT_EQ(settings["limits"]["scrollback_lines"], (json{{"min", 100}, {"max", 100000}, {"default", 5000}}));
+
+        uint64_t pane = createPane(client, shell());
+        ASSERT_TRUE(client.request("pane.subscribe", {{"pane", pane}}));
+        runAndWait(client, pane, "seq 1 400", "okay");
+        EXPECT_EQ(errorCode(client.request("settings.set", {{"scrollback_lines", 50}})), "bad_request");
+        EXPECT_EQ(errorCode(client.request("settings.set", {{"scrollback_lines", "many"}})), "bad_request");
+        json changed = result(client.request("settings.set", {{"scrollback_lines", 150}}));
+        EXPECT_EQ(changed["scrollback_lines"], 150);
+        EXPECT_EQ(changed["applied_panes"], json::array({pane}));
+
+        // The running pane keeps only the newest 150 rows of history.
+        json found = result(client.request("pane.search", {{"pane", pane}, {"query", "^[0-9]+$"}, {"regex", true},
+                                                           {"case_sensitive", false}, {"limit", 1000}}));
+        EXPECT_EQ(found["history"], 150);
+        int oldest = std::stoi(found["matches"].back()["text"].get<std::string>());
+        EXPECT_GT(oldest, 235) << "the oldest rows are gone";
+        EXPECT_LT(oldest, 250);
+        bool told = false;
+        while (auto event = watcher.nextEvent(2s)) {
+            if ((*event)["event"] == "settings") {
+                told = (*event)["data"]["scrollback_lines"] == 150;
+                break;
+            }
+        }
+        EXPECT_TRUE(told) << "every client hears of the change";
+    }
+    ASSERT_EQ(daemon.run({"stop"}).status, 0);
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient after(daemon.socketPath());
+    EXPECT_EQ(result(after.request("settings.get"))["scrollback_lines"], 150) << "kept across a restart";
+}
+
+TEST(PaneService, ProgramsAskingForColoursHearTheClients) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+    // Each program asks for the background, then prints the answer without its controls.
+    json asker = shell({"/bin/sh", "-c",
+                        "stty raw -echo; sleep 0.5; printf '\\033]11;?\\007'; "
+                        "dd bs=1 count=24 2>/dev/null | tr -d '\\033\\007'; echo; sleep 30"});
+    uint64_t before = createPane(client, asker);
+    ASSERT_TRUE(client.request("pane.subscribe", {{"pane", before}}));
+    ASSERT_TRUE(client.request("client.colors", {{"colors", {{"foreground", "#102030"}, {"background", "#123456"}}}}));
+    uint64_t after = createPane(client, asker);
+    ASSERT_TRUE(client.request("pane.subscribe", {{"pane", after}}));
+    EXPECT_TRUE(client.untilOutput(before, "]11;rgb:1212/3434/5656")) << client.outputOf(before);
+    EXPECT_TRUE(client.untilOutput(after, "]11;rgb:1212/3434/5656")) << client.outputOf(after);
+}
+
+TEST(PaneService, TheTreeComesBackAfterAStopButNotAfterAShutdown) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    json before;
+    {
+        RawClient client(daemon.socketPath());
+        json spawn = shell();
+        spawn["name"] = "work";
+        spawn["cwd"] = daemon.base();
+        json created = result(client.request("workspace.create", spawn));
+        json split = shell();
+        split["pane"] = created["pane"];
+        split["direction"] = "right";
+        ASSERT_TRUE(client.request("pane.split", split));
+        ASSERT_TRUE(client.request("tab.create", {{"workspace", created["workspace"]}, {"command", {"/bin/sh"}}}));
+        before = result(client.request("state.get"));
+    }
+    ASSERT_EQ(daemon.run({"stop"}).status, 0);
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    {
+        RawClient client(daemon.socketPath());
+        json after = result(client.request("state.get"));
+        EXPECT_EQ(after["workspaces"], before["workspaces"]) << "the same places under the same identifiers";
+        EXPECT_EQ(after["focus"], before["focus"]);
+        ASSERT_EQ(after["panes"].size(), 3u);
+        for (const auto& pane : after["panes"]) {
+            EXPECT_TRUE(pane.contains("restored")) << pane.dump();
+            EXPECT_NE(pane["pid"], nullptr);
+        }
+        EXPECT_EQ(after["panes"][0]["cwd"], daemon.base());
+        // New things don't take identifiers of the old run's places.
+        json more = result(client.request("tab.create", {{"workspace", before["workspaces"][0]["id"]}, {"command", {"/bin/sh"}}}));
+        for (const auto& pane : before["panes"]) EXPECT_NE(more["pane"], pane["id"]);
+        uint64_t pane = after["panes"][0]["id"];
+        ASSERT_TRUE(client.request("pane.dismiss_restored", {{"pane", pane}}));
+        EXPECT_FALSE(result(client.request("state.get"))["panes"][0].contains("restored"));
+    }
+    ASSERT_EQ(daemon.run({"shutdown"}).status, 0);
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+    EXPECT_EQ(result(client.request("state.get"))["workspaces"], json::array()) << "a shutdown ends the shells for good";
+}
