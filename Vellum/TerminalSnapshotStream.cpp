@@ -252,6 +252,8 @@ std::string finalState(Terminal& terminal) {
     if (terminal.mouseProtocol > 0 && terminal.mouseProtocol < 5) privateMode(true, mouseProtocols[terminal.mouseProtocol]);
     privateMode(terminal.sendFocus, 1004);
     privateMode(terminal.bracketedPasteMode, 2004);
+    if (!terminal.alternateScrollMode) out += "\x1b[?1007l";
+    if (uint32_t flags = terminal.keyboardEnhancementFlags()) out += "\x1b[>" + std::to_string(flags) + "u";
     if (terminal.cursorStyle != terminal.options().cursorStyle) out += csi(int(terminal.cursorStyle) + 1, ' ') + "q";
     if (terminal.cursorHidden) out += "\x1b[?25l";
     return out;

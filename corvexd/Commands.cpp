@@ -21,6 +21,7 @@
 
 #include "CorvexKit/FrameParser.h"
 #include "Platform/System.h"
+#include "Platform/TimerThread.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/RuntimeDirectory.h"
 #include "corvexd/SavedTree.h"
@@ -147,6 +148,12 @@ int serve() {
         if (!config.empty()) service.configName = config;
         service.treePath = directory.treePath();
         serveSession(server, core, service);
+        // Programs change folder without telling their terminal; the panes follow them.
+        platform::TimerThread directories("corvexd.cwd");
+        std::weak_ptr<corvex::SessionCore> weak = core;
+        directories.scheduleRepeating(std::chrono::milliseconds(1500), [weak] {
+            if (auto held = weak.lock()) held->pollWorkingDirectories();
+        });
         server.run();
         // The shells end with the daemon: their terminals hang up.
         core->stop();

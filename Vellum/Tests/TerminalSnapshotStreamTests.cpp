@@ -148,7 +148,7 @@ TEST(TerminalSnapshotStream, ModesRegionSavedCursorAndTitleComeBack) {
     source.terminal.feed("\x1b]2;my title\x07" "a\r\nb\r\nc\r\nd\r\ne\r\nf");
     source.terminal.feed("\x1b[3;5H\x1b[4m\x1b" "7\x1b[m");                    // a saved cursor with a pen
     source.terminal.feed("\x1b[2;5r\x1b[?6h\x1b[2;3H\x1b[4h\x1b[?1h\x1b[?2004h"); // region, origin, insert
-    source.terminal.feed("\x1b[?1002h\x1b[?1006h\x1b[?1004h\x1b[?25l\x1b[5 q\x1b=\x1b[?7l");
+    source.terminal.feed("\x1b[?1002h\x1b[?1006h\x1b[?1004h\x1b[?25l\x1b[5 q\x1b=\x1b[?7l\x1b[>5u\x1b[?1007l");
     Rebuilt rebuilt(source.terminal, 0);
     Terminal& copy = rebuilt.harness.terminal;
     expectSameScreen(source.terminal, copy);
@@ -159,6 +159,8 @@ TEST(TerminalSnapshotStream, ModesRegionSavedCursorAndTitleComeBack) {
     EXPECT_EQ(copy.mouseMode, source.terminal.mouseMode);
     EXPECT_EQ(copy.mouseProtocol, source.terminal.mouseProtocol);
     EXPECT_EQ(copy.cursorStyle, CursorStyle::blinkBar);
+    EXPECT_EQ(copy.keyboardEnhancementFlags(), 5u) << "keys are encoded as the program asked";
+    EXPECT_FALSE(copy.alternateScrollMode);
     EXPECT_EQ(copy.buffer().scrollTop, 1);
     EXPECT_EQ(copy.buffer().scrollBottom, 4);
 

@@ -2,7 +2,9 @@
 // settings and colours that reach those terminals. A real daemon, real shells.
 
 #include <gtest/gtest.h>
+#include <filesystem>
 #include <set>
+#include <thread>
 
 #include "CorvexKit/Frame.h"
 #include "Support/DaemonHarness.h"
@@ -245,7 +247,18 @@ TEST(PaneService, TheTreeComesBackAfterAStopButNotAfterAShutdown) {
         split["direction"] = "right";
         ASSERT_TRUE(client.request("pane.split", split));
         ASSERT_TRUE(client.request("tab.create", {{"workspace", created["workspace"]}, {"command", {"/bin/sh"}}}));
-        before = result(client.request("state.get"));
+        // The first shell moves on; the pane follows it there.
+        std::string moved = daemon.base() + "/moved on";
+        std::filesystem::create_directory(moved);
+        uint64_t first = created["pane"];
+        type(client, first, "cd '" + moved + "'\r");
+        auto deadline = std::chrono::steady_clock::now() + 10s;
+        while (std::chrono::steady_clock::now() < deadline) {
+            before = result(client.request("state.get"));
+            if (before["panes"][0]["cwd"] == moved) break;
+            std::this_thread::sleep_for(100ms);
+        }
+        ASSERT_EQ(before["panes"][0]["cwd"], moved);
     }
     ASSERT_EQ(daemon.run({"stop"}).status, 0);
     ASSERT_EQ(daemon.run({"start"}).status, 0);
@@ -259,7 +272,7 @@ TEST(PaneService, TheTreeComesBackAfterAStopButNotAfterAShutdown) {
             EXPECT_TRUE(pane.contains("restored")) << pane.dump();
             EXPECT_NE(pane["pid"], nullptr);
         }
-        EXPECT_EQ(after["panes"][0]["cwd"], daemon.base());
+        EXPECT_EQ(after["panes"][0]["cwd"], daemon.base() + "/moved on") << "back in the folder it had moved to";
         // New things don't take identifiers of the old run's places.
         json more = result(client.request("tab.create", {{"workspace", before["workspaces"][0]["id"]}, {"command", {"/bin/sh"}}}));
         for (const auto& pane : before["panes"]) EXPECT_NE(more["pane"], pane["id"]);
