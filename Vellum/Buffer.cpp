@@ -150,9 +150,8 @@ void Buffer::deleteLines(int screenRow, int count, PackedCell blank) {
         lines.shiftUpAndRecycle(yBase + screenRow, yBase + scrollBottom, blank, false, defaultBidiState);
 }
 
-bool Buffer::placeCharacter(int width, PackedCell blank) {
+bool Buffer::wrapForCharacter(int width, PackedCell blank) {
     int right = rightBound();
-    if (x + width - 1 <= right) return true;
     if (!wraparound) {
         if (width == 2) return false;
         x = right;

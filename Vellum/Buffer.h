@@ -41,7 +41,7 @@ public:
     size_t insertScalarRun(const char32_t* scalars, size_t count, int width, PackedCell base, PackedCell blank);
     // Moves the cursor to where a character of `width` goes, wrapping to the next row (and
     // scrolling) when autowrap is on. False when the character is to be dropped.
-    bool placeCharacter(int width, PackedCell blank);
+    bool placeCharacter(int width, PackedCell blank) { return x + width - 1 <= rightBound() || wrapForCharacter(width, blank); }
     // Clears the scrollback rows above the screen.
     void clearScrollback();
     // New grid size; rows leave the top into the scrollback or come back from it. No reflow.
@@ -68,6 +68,7 @@ public:
     bool insertMode = false, marginMode = false, wraparound = true;
 
 private:
+    bool wrapForCharacter(int width, PackedCell blank);
     void appendRow(PackedCell blank, bool isWrapped);
     std::shared_ptr<BufferLine> makeRow(int cols, PackedCell blank, bool isWrapped) const;
     int rows_;

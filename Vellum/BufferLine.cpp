@@ -247,10 +247,8 @@ void BufferLine::fill(PackedCell with, int atCol, int len) {
     ++_generation;
 }
 
-void BufferLine::repairWideSeam(int col) {
-    if (col < 1 || col > count()) return;
+void BufferLine::healWideSeam(int col) {
     PackedCell& left = storage.cells[size_t(col - 1)];
-    if (!left.isWideHead()) return;
     left = left.blanked();
     if (col < count() && storage.cells[size_t(col)].isSpacerTail()) {
         storage.cells[size_t(col)] = storage.cells[size_t(col)].blanked();

@@ -110,7 +110,9 @@ public:
     // Makes this row object a fresh row; gives whether it had images.
     bool recycle(PackedCell with, bool isWrapped, BidiPresentationState bidiState);
     // Heals a wide character cut at the boundary between col - 1 and col.
-    void repairWideSeam(int col);
+    void repairWideSeam(int col) {
+        if (col >= 1 && col <= count() && storage.cells[size_t(col - 1)].isWideHead()) healWideSeam(col);
+    }
 
     void setSemanticMark(SemanticPromptKind kind, int column, uint64_t group);
     void attach(std::shared_ptr<const TerminalImage> image);
@@ -156,6 +158,7 @@ private:
         ++_generation;
     }
     void fillRange(PackedCell with, int start, int end);
+    void healWideSeam(int col);
     void sortMarks();
 };
 

@@ -29,7 +29,12 @@ public:
     CircularBufferLineList(int maxLength, BufferLineOwner* owner, bool isLive = true);
 
     // The row at a logical index, made blank at the owner's width when the slot is empty.
-    BufferLine& operator[](int index) { return *line(index); }
+    BufferLine& operator[](int index) {
+        if (index >= 0 && index < _count) {
+            if (const LinePointer& row = slot(index)) return *row;
+        }
+        return *line(index);
+    }
     const LinePointer& line(int index);
     void set(int index, LinePointer line);
 

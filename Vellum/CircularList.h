@@ -100,7 +100,12 @@ public:
     int maxLength = 0;
 
 protected:
-    Slot& slot(int index) { return array[size_t((int64_t(startIndex) + index) % int64_t(array.size()))]; }
+    Slot& slot(int index) {
+        // Rows are read on every printed run: a subtraction is enough for the indexes in use.
+        int64_t at = int64_t(startIndex) + index, size = int64_t(array.size());
+        if (at >= size) at = at - size < size ? at - size : at % size;
+        return array[size_t(at)];
+    }
 
     void ensureCapacity(int needed) {
         needed = std::min(needed, maxLength);

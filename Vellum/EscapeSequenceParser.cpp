@@ -342,37 +342,49 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
     const uint8_t* p = run.bytes;
     const size_t n = run.size;
     HotFields& hot = run.hot;
-    hot.pars.reset();
     hot.colonMask = 0;
     hot.collect.clear();
     hot.parameterLimitExceeded = false;
-    run.state = S::csiEntry;
-    run.index += 2;
-    if (run.index < n && p[run.index] >= 0x3C && p[run.index] <= 0x3F) {
-        hot.collect.push_back(p[run.index++]);
-        run.state = S::csiParam;
+    size_t i = run.index + 2;
+    ParserState state = S::csiEntry;
+    if (i < n && p[i] >= 0x3C && p[i] <= 0x3F) {
+        hot.collect.push_back(p[i++]);
+        state = S::csiParam;
     }
-    while (run.index < n) {
-        uint8_t c = p[run.index];
+    // The parameters are gathered in locals and stored once, where the sequence ends or leaves
+    // the common shape.
+    int64_t* pars = hot.pars.storage;
+    int count = 1;
+    int64_t value = 0;
+    uint64_t colonMask = 0;
+    auto store = [&] {
+        pars[count - 1] = value;
+        hot.pars.count = count;
+        hot.colonMask = colonMask;
+        run.index = i;
+        run.state = state;
+    };
+    while (i < n) {
+        uint8_t c = p[i];
         if (isDigit(c)) {
-            run.state = S::csiParam;
-            if (hot.parameterLimitExceeded) {
-                accumulateDigits(run);
-                continue;
+            state = S::csiParam;
+            value = std::min<int64_t>(value * 10 + (c - '0'), maximumParameterValue);
+            ++i;
+        } else if (c == ';' || (c == ':' && state == S::csiParam)) {
+            state = S::csiParam;
+            if (count >= CsiParameterStorage::capacity) {
+                store();
+                addParameterSeparator(run, c);
+                ++run.index;
+                return;
             }
-            // Parameters are short: at most five digits before the value saturates.
-            int64_t& slot = hot.pars.storage[hot.pars.count - 1];
-            int64_t value = slot;
-            size_t i = run.index;
-            do value = value * 10 + (p[i++] - '0');
-            while (i < n && isDigit(p[i]) && value <= maximumParameterValue);
-            slot = std::min(value, maximumParameterValue);
-            run.index = i;
-        } else if (c == ';' || (c == ':' && run.state == S::csiParam)) {
-            run.state = S::csiParam;
-            addParameterSeparator(run, c);
-            ++run.index;
+            pars[count - 1] = value;
+            if (c == ':') colonMask |= uint64_t(1) << (count - 1);
+            ++count;
+            value = 0;
+            ++i;
         } else {
+            store();
             if (c >= 0x40 && c <= 0x7E) {
                 ++run.index;
                 run.state = S::ground;
@@ -381,6 +393,7 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
             return;
         }
     }
+    store();
 }
 
 void EscapeSequenceParser::accumulateDigits(Run& run) {

@@ -176,6 +176,18 @@ private:
     void printMapped(uint8_t byte, char32_t& previous);
     void writeScalars(const char32_t* scalars, size_t count, int width);
     bool joinWithPrevious(char32_t scalar);
+    // What joining a scalar to a cell's character gives: the new content and width bits, and
+    // what happens to the width.
+    struct JoinMemo {
+        enum class Kind : uint8_t { separate, absorbed, extended, widened, narrowed };
+        uint64_t cellContent = 0; // 0: an empty slot (no cell with content has these bits)
+        char32_t scalar = 0;
+        uint64_t joinedContent = 0;
+        Kind kind = Kind::separate;
+    };
+    JoinMemo joinOutcome(PackedCell cell, char32_t scalar);
+    JoinMemo::Kind decideJoin(PackedCell cell, char32_t scalar, uint64_t& joinedContent);
+    std::array<JoinMemo, 64> joinMemos{};
     void widenCombinedCell(CellPosition at, PackedCell widened);
     std::optional<CellPosition> combiningTarget();
     char32_t resolvePreviousScalar();

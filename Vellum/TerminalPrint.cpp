@@ -19,14 +19,18 @@ namespace {
 
 constexpr char32_t textPresentationSelector = 0xFE0E, emojiPresentationSelector = 0xFE0F;
 
-// The well-formed two- and three-byte forms that carry most non-ASCII text are decoded here;
-// anything else (four bytes, overlongs, surrogates, truncation) goes to the full decoder.
+// The well-formed forms of common text are decoded here; anything unusual (overlongs,
+// surrogates, the edges of the range, truncation, errors) goes to the full decoder.
 inline unicode::Utf8Step decodeStep(const uint8_t* p, size_t available) {
     uint8_t lead = p[0];
     if (lead >= 0xE1 && lead != 0xED && lead <= 0xEF && available >= 3 && (p[1] & 0xC0) == 0x80 && (p[2] & 0xC0) == 0x80)
         return {char32_t((lead & 0x0Fu) << 12 | (p[1] & 0x3Fu) << 6 | (p[2] & 0x3Fu)), 3, true};
     if (lead >= 0xC2 && lead <= 0xDF && available >= 2 && (p[1] & 0xC0) == 0x80)
         return {char32_t((lead & 0x1Fu) << 6 | (p[1] & 0x3Fu)), 2, true};
+    if (lead >= 0xF1 && lead <= 0xF3 && available >= 4 && (p[1] & 0xC0) == 0x80 && (p[2] & 0xC0) == 0x80 && (p[3] & 0xC0) == 0x80)
+        return {char32_t((lead & 0x07u) << 18 | (p[1] & 0x3Fu) << 12 | (p[2] & 0x3Fu) << 6 | (p[3] & 0x3Fu)), 4, true};
+    if (lead == 0xF0 && available >= 4 && p[1] >= 0x90 && p[1] <= 0xBF && (p[2] & 0xC0) == 0x80 && (p[3] & 0xC0) == 0x80)
+        return {char32_t((p[1] & 0x3Fu) << 12 | (p[2] & 0x3Fu) << 6 | (p[3] & 0x3Fu)), 4, true};
     return unicode::decodeUtf8Scalar(std::string_view(reinterpret_cast<const char*>(p), available));
 }
 
@@ -37,19 +41,19 @@ bool isHangulJamoOrSyllable(GraphemeBreak c) {
            c == GraphemeBreak::lvt;
 }
 
-// A cheap filter in front of the full segmentation rules: false means `scalar` certainly starts
-// a new cluster after `previous`.
-bool mayJoin(char32_t previous, char32_t scalar) {
-    uint8_t properties = unicode::propertyByte(scalar);
+// A cheap filter in front of the full segmentation rules, on the property bytes of the previous
+// scalar and the new one: false means the new one certainly starts a new cluster.
+bool mayJoin(uint8_t previousProperties, uint8_t properties) {
     GraphemeBreak c = breakClass(properties);
     if (c == GraphemeBreak::extend || c == GraphemeBreak::zwj || c == GraphemeBreak::spacingMark) return true;
-    GraphemeBreak p = unicode::graphemeBreak(previous);
+    GraphemeBreak p = breakClass(previousProperties);
     if (p == GraphemeBreak::prepend) return true;
     if (c == GraphemeBreak::regionalIndicator) return p == GraphemeBreak::regionalIndicator;
     if (isHangulJamoOrSyllable(c)) return isHangulJamoOrSyllable(p);
     if (properties & unicode::tables::extendedPictographicBit) return p == GraphemeBreak::zwj;
-    return unicode::indicConjunctBreak(scalar) == unicode::IndicConjunctBreak::consonant &&
-           unicode::indicConjunctBreak(previous) != unicode::IndicConjunctBreak::none;
+    auto conjunct = [](uint8_t bits) { return unicode::IndicConjunctBreak((bits >> unicode::tables::indicConjunctShift) & 3); };
+    return conjunct(properties) == unicode::IndicConjunctBreak::consonant &&
+           conjunct(previousProperties) != unicode::IndicConjunctBreak::none;
 }
 
 } // namespace
@@ -105,6 +109,7 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
         printScalar(step.scalar, previous);
     }
 
+    uint8_t previousProperties = previous == unknownScalar ? 0 : unicode::propertyByte(previous);
     constexpr size_t batchCapacity = 256;
     char32_t batch[batchCapacity];
     size_t batched = 0;
@@ -134,11 +139,16 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
             i += step.length;
             scalar = step.scalar;
         }
-        if (previous == unknownScalar) previous = resolvePreviousScalar();
-        if (mayJoin(previous, scalar)) {
+        if (previous == unknownScalar) {
+            previous = resolvePreviousScalar();
+            previousProperties = unicode::propertyByte(previous);
+        }
+        uint8_t properties = unicode::propertyByte(scalar);
+        if (mayJoin(previousProperties, properties)) {
             flush();
             if (joinWithPrevious(scalar)) {
                 previous = scalar;
+                previousProperties = properties;
                 continue;
             }
         }
@@ -148,6 +158,7 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
         batch[batched++] = scalar;
         batchWidth = width;
         previous = scalar;
+        previousProperties = properties;
     }
     flush();
     if (previous != unknownScalar) previousScalar = previous;
@@ -169,7 +180,7 @@ void Terminal::printScalar(char32_t scalar) {
 
 void Terminal::printScalar(char32_t scalar, char32_t& previous) {
     if (previous == unknownScalar) previous = resolvePreviousScalar();
-    if (mayJoin(previous, scalar) && joinWithPrevious(scalar)) {
+    if (mayJoin(unicode::propertyByte(previous), unicode::propertyByte(scalar)) && joinWithPrevious(scalar)) {
         previous = previousScalar = scalar;
         return;
     }
@@ -231,51 +242,80 @@ char32_t Terminal::resolvePreviousScalar() {
     return scalars && !scalars->empty() ? scalars->back() : 0;
 }
 
-// Adds `scalar` to the character before the cursor when the segmentation rules keep them in
-// one cluster. Emoji modifiers only join a modifier base; an emoji sequence built this way
-// (a flag, a ZWJ sequence, a modified emoji, a text character with VS16) is drawn two
-// columns wide, except a flag whose width the options choose.
+// Adds `scalar` to the character before the cursor when they form one cluster.
 bool Terminal::joinWithPrevious(char32_t scalar) {
     auto target = combiningTarget();
     if (!target) return false;
     BufferLine& line = buffer_->lines[target->line];
     PackedCell cell = line.packedCell(target->col);
+    JoinMemo outcome = joinOutcome(cell, scalar);
+    PackedCell joined{(cell.raw & ~PackedCell::contentAndWidthBits) | outcome.joinedContent};
+    switch (outcome.kind) {
+    case JoinMemo::Kind::separate: return false;
+    case JoinMemo::Kind::absorbed: return true;
+    case JoinMemo::Kind::widened: widenCombinedCell(*target, joined); return true;
+    case JoinMemo::Kind::narrowed: {
+        line.fill(joined, target->col, 1);
+        if (target->col + 1 < line.count()) line.fill(line.packedCell(target->col + 1).blanked(), target->col + 1, 1);
+        Buffer& b = *buffer_;
+        if (target->line == b.yBase + b.y && b.x == target->col + 2) b.x = target->col + 1;
+        return true;
+    }
+    case JoinMemo::Kind::extended: line.fill(joined, target->col, 1); return true;
+    }
+    return false;
+}
+
+// What adding `scalar` to a cell's character gives. It depends on the character alone, never on
+// where the cell is, and clusters are never forgotten, so the answers are remembered: emoji
+// sequences repeat, and each one found again costs no segmentation and no lookup of its cluster.
+Terminal::JoinMemo Terminal::joinOutcome(PackedCell cell, char32_t scalar) {
+    uint64_t content = cell.raw & PackedCell::contentAndWidthBits;
+    if (cell.tag() > PackedCell::graphemeTag || content == 0) return {};
+    JoinMemo& memo = joinMemos[(content * 0x9E3779B97F4A7C15ull + scalar) >> 58];
+    if (memo.cellContent == content && memo.scalar == scalar) return memo;
+    uint64_t joinedContent = 0;
+    JoinMemo::Kind kind = decideJoin(cell, scalar, joinedContent);
+    memo = JoinMemo{content, scalar, joinedContent, kind};
+    return memo;
+}
+
+// The segmentation rules decide; emoji modifiers only join a modifier base. An emoji sequence
+// built this way (a ZWJ sequence, a modified emoji, a text character with VS16) is drawn two
+// columns wide; a flag keeps the width its first indicator took, which the options choose.
+Terminal::JoinMemo::Kind Terminal::decideJoin(PackedCell cell, char32_t scalar, uint64_t& joinedContent) {
+    using Kind = JoinMemo::Kind;
     std::u32string& scalars = clusterScratch;
     scalars.clear();
-    line.view(target->col).getScalarValues(scalars);
-    if (scalars.empty()) return false;
+    cellArena->scalarValues(cell, scalars);
+    if (scalars.empty()) return Kind::separate;
     char32_t previous = scalars.back();
     bool emojiSequence;
     if (unicode::isEmojiModifier(scalar)) {
-        if (!unicode::isEmojiModifierBase(previous)) return false;
+        if (!unicode::isEmojiModifierBase(previous)) return Kind::separate;
         emojiSequence = true;
     } else {
         unicode::GraphemeBreakState state = unicode::graphemeStateAfter(scalars);
-        if (unicode::graphemeBreakBefore(state, scalar)) return false;
+        if (unicode::graphemeBreakBefore(state, scalar)) return Kind::separate;
         emojiSequence = (previous == unicode::zeroWidthJoiner && unicode::isExtendedPictographic(scalar)) ||
                         scalar == emojiPresentationSelector;
     }
     char32_t first = scalars.front();
     scalars.push_back(scalar);
     uint8_t state = cell.widthStateCode();
-    bool narrow = state == uint8_t(CellWidthState::narrow);
-    bool widen = narrow && emojiSequence && first > 0x7F && unicode::isEmoji(first) &&
-                 !unicode::isRegionalIndicator(first);
+    Kind kind = Kind::extended;
     if (scalar == textPresentationSelector && state == uint8_t(CellWidthState::wide)) {
-        auto replaced = cellArena->replacingContent(cell, scalars, uint8_t(CellWidthState::narrow));
-        if (!replaced) return true;
-        line.fill(*replaced, target->col, 1);
-        if (target->col + 1 < line.count()) line.fill(line.packedCell(target->col + 1).blanked(), target->col + 1, 1);
-        Buffer& b = *buffer_;
-        if (target->line == b.yBase + b.y && b.x == target->col + 2) b.x = target->col + 1;
-        return true;
+        kind = Kind::narrowed;
+        state = uint8_t(CellWidthState::narrow);
+    } else if (state == uint8_t(CellWidthState::narrow) && emojiSequence && first > 0x7F && unicode::isEmoji(first) &&
+               !unicode::isRegionalIndicator(first)) {
+        kind = Kind::widened;
+        state = uint8_t(CellWidthState::wide);
     }
-    if (widen) {
-        if (auto replaced = cellArena->replacingContent(cell, scalars, uint8_t(CellWidthState::wide))) widenCombinedCell(*target, *replaced);
-        return true;
-    }
-    if (auto replaced = cellArena->replacingContent(cell, scalars, state)) line.fill(*replaced, target->col, 1);
-    return true;
+    auto replaced = cellArena->replacingContent(cell, scalars, state);
+    if (!replaced) return Kind::absorbed;
+    joinedContent = replaced->raw & PackedCell::contentAndWidthBits;
+    return kind;
 }
 
 // A narrow character that became an emoji presentation takes a second column: the next cell
