@@ -90,6 +90,16 @@ public:
             row.repairLength = out.size() - row.repairAt;
         };
         for (int col = 0; col < end;) {
+            // Plain ASCII, the bulk of any screen, goes without unpacking the cell.
+            PackedCell packed = line.packedCell(col);
+            if (packed.tag() == PackedCell::scalarTag && packed.value() >= 0x20 && packed.value() < 0x7f &&
+                packed.widthState() == CellWidthState::narrow) {
+                pen(out, attributeOf(line, packed.styleID()));
+                out += char(packed.value());
+                if (col == 0) afterFirst(1);
+                ++col;
+                continue;
+            }
             CharData cell = line[col];
             auto state = CellWidthState(cell.widthStateCode);
             // A wide character that didn't fit leaves this mark; the next row's character
@@ -148,6 +158,15 @@ private:
         return cell.code == 0 && CellWidthState(cell.widthStateCode) == CellWidthState::narrow && cell.attribute == attribute;
     }
 
+    const Attribute& attributeOf(const BufferLine& line, uint16_t styleID) {
+        if (styleID != cachedStyleID_ || &line.arena() != cachedArena_) {
+            cachedAttribute_ = line.arena().attributeFor(styleID);
+            cachedStyleID_ = styleID;
+            cachedArena_ = &line.arena();
+        }
+        return cachedAttribute_;
+    }
+
     void pen(std::string& out, const Attribute& attribute) {
         if (plain_ || attribute == pen_) return;
         out += sgr(attribute);
@@ -167,6 +186,9 @@ private:
     bool plain_;
     Attribute pen_;
     std::optional<Attribute> seamBlank_; // the blank printed at the end of the row before
+    uint16_t cachedStyleID_ = 0;
+    const CellArena* cachedArena_ = nullptr;
+    Attribute cachedAttribute_;
 };
 
 // The rows `first` up to `last` (exclusive) of a buffer's ring.
