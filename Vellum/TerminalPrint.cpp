@@ -18,6 +18,8 @@ using unicode::GraphemeBreak;
 namespace {
 
 constexpr char32_t textPresentationSelector = 0xFE0E, emojiPresentationSelector = 0xFE0F;
+// U+4E00 to U+9FFF. The print tests hold this range to the Unicode tables.
+constexpr char32_t cjkIdeographsStart = 0x4E00, cjkIdeographsCount = 0x5200;
 
 // The well-formed forms of common text are decoded here; anything unusual (overlongs,
 // surrogates, the edges of the range, truncation, errors) goes to the full decoder.
@@ -143,7 +145,9 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
             previous = resolvePreviousScalar();
             previousProperties = unicode::propertyByte(previous);
         }
-        uint8_t properties = unicode::propertyByte(scalar);
+        // CJK ideographs, the bulk of wide text, are all two columns wide with no grapheme role.
+        bool ideograph = scalar - cjkIdeographsStart < cjkIdeographsCount;
+        uint8_t properties = ideograph ? 0 : unicode::propertyByte(scalar);
         if (mayJoin(previousProperties, properties)) {
             flush();
             if (joinWithPrevious(scalar)) {
@@ -152,7 +156,7 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
                 continue;
             }
         }
-        int width = printWidth(scalar);
+        int width = ideograph ? 2 : printWidth(scalar);
         if (width <= 0) continue; // unprintable, or a mark with nothing to join
         if (batched == batchCapacity || (batched > 0 && width != batchWidth)) flush();
         batch[batched++] = scalar;

@@ -2,6 +2,7 @@
 
 #include <random>
 
+#include "Platform/Unicode.h"
 #include "Support/TerminalHarness.h"
 
 using namespace vellum;
@@ -273,5 +274,14 @@ TEST(TerminalPrint, HowTheBytesAreChunkedNeverChangesTheScreen) {
         for (int r = 0; r < 6; ++r)
             for (int c = 0; c < 13; ++c)
                 ASSERT_EQ(whole.terminal.buffer().row(r).packedCell(c), split.terminal.buffer().row(r).packedCell(c)) << r << "," << c;
+    }
+}
+
+TEST(TerminalPrint, IdeographsTakeTheShortRoadOnlyWhileTheTablesAgree) {
+    // The print path writes U+4E00..U+9FFF without asking the tables: every one must be two
+    // columns wide with no grapheme role, or the shortcut would print them wrongly.
+    for (char32_t scalar = 0x4E00; scalar <= 0x9FFF; ++scalar) {
+        ASSERT_EQ(platform::unicode::width(scalar), 2) << std::hex << uint32_t(scalar);
+        ASSERT_EQ(platform::unicode::propertyByte(scalar), 0) << std::hex << uint32_t(scalar);
     }
 }

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -161,4 +162,25 @@ TEST(CorvexdCommands, BridgeStartsTheDaemonAndRelaysBothWays) {
     EXPECT_TRUE(replies[1].contains("result"));
     EXPECT_GT(daemon.daemonPid(), 0) << "the bridge left its daemon running";
     EXPECT_EQ(daemon.run({"status"}).status, 0);
+}
+
+// A client that finds its daemon gone starts a new one at once, often while the stop that
+// ended the old one is still waiting for it. The stop is about the daemon it signalled.
+TEST(CorvexdCommands, StopEndsItsDaemonWhileClientsStartTheNextOne) {
+    DaemonHarness daemon;
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(daemon.run({"start"}).status, 0);
+        pid_t old = daemon.daemonPid();
+        std::atomic<bool> stopping = false;
+        std::thread restarter([&] {
+            while (!stopping) std::this_thread::sleep_for(1ms);
+            for (int i = 0; i < 20; ++i) daemon.run({"start"});
+        });
+        stopping = true;
+        EXPECT_EQ(daemon.run({"stop"}).status, 0) << "round " << round;
+        EXPECT_FALSE(lives(old));
+        restarter.join();
+        EXPECT_NE(daemon.daemonPid(), old) << "the clients' daemon runs";
+    }
+    EXPECT_EQ(daemon.run({"shutdown"}).status, 0);
 }

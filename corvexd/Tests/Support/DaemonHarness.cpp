@@ -14,6 +14,8 @@
 #include <thread>
 #include <unistd.h>
 
+extern char** environ;
+
 namespace corvexd::testing {
 
 namespace {
@@ -48,25 +50,43 @@ DaemonHarness::~DaemonHarness() {
     if (!std::getenv("CORVEXD_TEST_KEEP")) std::filesystem::remove_all(base_, ignored);
 }
 
+// Everything is prepared before the fork: the test process has threads, and a child of a
+// threaded process may only make async-signal-safe calls before it execs (another thread may
+// have held the allocator's lock at the fork).
 pid_t DaemonHarness::spawn(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& env,
                            const std::string& outPath, const std::string& errPath, const std::string& inPath) {
     std::string exe = executable();
+    std::map<std::string, std::string> variables;
+    for (char** entry = environ; entry && *entry; ++entry) {
+        std::string text = *entry;
+        auto equals = text.find('=');
+        if (equals != std::string::npos) variables[text.substr(0, equals)] = text.substr(equals + 1);
+    }
+    variables["CORVEXD_RUNTIME_DIR"] = runtimeDir_;
+    variables.erase("CORVEXD_EPHEMERAL");
+    for (const auto& [key, value] : env) variables[key] = value;
+    std::vector<std::string> environment;
+    for (const auto& [key, value] : variables) environment.push_back(key + "=" + value);
+    std::vector<char*> envp;
+    for (auto& entry : environment) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    std::vector<char*> argv{exe.data()};
+    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+
+    int in = ::open(inPath.c_str(), O_RDONLY | O_CLOEXEC);
+    int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     pid_t pid = ::fork();
     if (pid == 0) {
-        ::setenv("CORVEXD_RUNTIME_DIR", runtimeDir_.c_str(), 1);
-        ::unsetenv("CORVEXD_EPHEMERAL");
-        for (const auto& [key, value] : env) ::setenv(key.c_str(), value.c_str(), 1);
-        int in = ::open(inPath.c_str(), O_RDONLY);
-        int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         ::dup2(in, 0);
         ::dup2(out, 1);
         ::dup2(err, 2);
-        std::vector<char*> argv{exe.data()};
-        for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-        argv.push_back(nullptr);
-        ::execv(exe.c_str(), argv.data());
+        ::execve(exe.c_str(), argv.data(), envp.data());
         ::_exit(127);
+    }
+    for (int fd : {in, out, err}) {
+        if (fd >= 0) ::close(fd);
     }
     return pid;
 }
@@ -91,6 +111,7 @@ CommandResult DaemonHarness::run(const std::vector<std::string>& arguments, cons
 pid_t DaemonHarness::spawnServe(const std::map<std::string, std::string>& env) {
     std::string prefix = base_ + "/serve" + std::to_string(commands_++);
     pid_t pid = spawn({"serve"}, env, prefix + ".out", prefix + ".err", "/dev/null");
+    std::lock_guard guard(childrenLock_);
     children_.push_back(pid);
     return pid;
 }

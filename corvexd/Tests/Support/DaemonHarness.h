@@ -1,9 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -40,7 +42,8 @@ public:
     void setRuntimeDir(std::string path) { runtimeDir_ = std::move(path); }
     std::string socketPath() const { return runtimeDir_ + "/corvexd.sock"; }
 
-    // Runs one sub-command to its end with the harness's environment plus `env`.
+    // Runs one sub-command to its end with the harness's environment plus `env`. Safe from
+    // any thread, as a client's start-the-daemon hook may call it beside the test.
     CommandResult run(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& env = {},
                       const std::string& input = {});
     // `corvexd serve` as a child of the test; returns its pid.
@@ -56,8 +59,9 @@ private:
 
     std::string base_;
     std::string runtimeDir_;
-    int commands_ = 0;
-    std::vector<pid_t> children_;
+    std::atomic<int> commands_ = 0;
+    std::mutex childrenLock_;
+    std::vector<pid_t> children_; // under childrenLock_
 };
 
 // A client speaking frames over a plain socket, for the tests that need to misbehave.
