@@ -1,5 +1,6 @@
 #include "Vellum/TerminalSnapshotStream.h"
 
+#include <any>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -90,6 +91,17 @@ public:
             row.repairLength = out.size() - row.repairAt;
         };
         for (int col = 0; col < end;) {
+            // Plain ASCII, the bulk of any screen, goes without unpacking the cell.
+            PackedCell packed = line.packedCell(col);
+            if (packed.tag() == PackedCell::scalarTag && packed.value() >= 0x20 && packed.value() < 0x7f &&
+                packed.widthState() == CellWidthState::narrow) {
+                pen(out, attributeOf(line, packed.styleID()));
+                link(out, packed.payloadCode());
+                out += char(packed.value());
+                if (col == 0) afterFirst(1);
+                ++col;
+                continue;
+            }
             CharData cell = line[col];
             auto state = CellWidthState(cell.widthStateCode);
             // A wide character that didn't fit leaves this mark; the next row's character
@@ -125,12 +137,14 @@ public:
                 continue;
             }
             pen(out, cell.attribute);
+            link(out, packed.payloadCode());
             out += cell.getText();
             int width = cell.width == 2 ? 2 : 1;
             if (col == 0) afterFirst(width);
             col += width;
         }
         pen(out, Attribute::empty);
+        link(out, 0);
         if (next && !continues) out += "\r\n";
         return row;
     }
@@ -146,6 +160,28 @@ private:
     static bool sameBlank(const BufferLine& line, int col, const Attribute& attribute) {
         CharData cell = line[col];
         return cell.code == 0 && CellWidthState(cell.widthStateCode) == CellWidthState::narrow && cell.attribute == attribute;
+    }
+
+    const Attribute& attributeOf(const BufferLine& line, uint16_t styleID) {
+        if (styleID != cachedStyleID_ || &line.arena() != cachedArena_) {
+            cachedAttribute_ = line.arena().attributeFor(styleID);
+            cachedStyleID_ = styleID;
+            cachedArena_ = &line.arena();
+        }
+        return cachedAttribute_;
+    }
+
+    // A link (OSC 8) is carried by the cells printed while it is open.
+    void link(std::string& out, uint16_t code) {
+        if (plain_ || code == link_) return;
+        std::string target;
+        if (code != 0) {
+            auto value = TinyAtom{code}.target();
+            if (auto* text = value ? std::any_cast<std::string>(&*value) : nullptr) target = *text;
+        }
+        if (target.empty() && link_ == 0) return;
+        out += "\x1b]8;" + (target.empty() ? std::string(";") : target) + "\x1b\\";
+        link_ = target.empty() ? 0 : code;
     }
 
     void pen(std::string& out, const Attribute& attribute) {
@@ -167,6 +203,10 @@ private:
     bool plain_;
     Attribute pen_;
     std::optional<Attribute> seamBlank_; // the blank printed at the end of the row before
+    uint16_t link_ = 0;
+    uint16_t cachedStyleID_ = 0;
+    const CellArena* cachedArena_ = nullptr;
+    Attribute cachedAttribute_;
 };
 
 // The rows `first` up to `last` (exclusive) of a buffer's ring.

@@ -2,6 +2,7 @@
 // modes; the strongest check is that both terminals then answer further output alike.
 
 #include <gtest/gtest.h>
+#include <any>
 #include <random>
 
 #include "Support/TerminalHarness.h"
@@ -20,7 +21,10 @@ std::string describe(const BufferLine& line, int cols, bool withWrap = true) {
     for (int col = 0; col < cols; ++col) {
         CharData cell = line[col];
         bool strayMark = cell.code == 0 && cell.widthStateCode >= 2;
-        out += cell.debugDescription() + "/" + std::to_string(strayMark ? 0 : cell.widthStateCode) + " ";
+        out += cell.debugDescription() + "/" + std::to_string(strayMark ? 0 : cell.widthStateCode);
+        auto link = cell.getPayload();
+        if (auto* target = link ? std::any_cast<std::string>(&*link) : nullptr) out += "->" + *target;
+        out += " ";
     }
     return out;
 }
@@ -75,9 +79,12 @@ TEST(TerminalSnapshotStream, RenditionsWideAndCombinedCellsAndThePenComeBack) {
     source.terminal.feed("\x1b[1;31mred\x1b[0m plain \x1b[38;2;1;2;3;48;5;200mtrue\x1b[0m\r\n");
     source.terminal.feed("\xe4\xb8\xad\xe6\x96\x87 e\xcc\x81 \x1b[4:3;58;5;9mcurly\x1b[0m \x1b[2;3;9;7;95;104mall\r\n");
     source.terminal.feed("\x1b[44m\x1b[K\x1b[0mgap\x1b[6Cafter\x1b[5C\x1b[43m  \x1b[2X\r\n");
-    source.terminal.feed("\x1b[4:2;5;8mhidden\x1b[0m\x1b[21mdouble\x1b[0m\x1b[5;20H\x1b[1;92;48;2;9;8;7m");
+    source.terminal.feed("\x1b[4:2;5;8mhidden\x1b[0m\x1b[21mdouble\x1b[0m \x1b]8;id=4;https://example.com/a\x1b\\link\x1b]8;;\x1b\\.");
+    source.terminal.feed("\x1b[5;20H\x1b[1;92;48;2;9;8;7m");
     Rebuilt rebuilt(source.terminal, 0);
     expectSameScreen(source.terminal, rebuilt.harness.terminal);
+    EXPECT_TRUE(rebuilt.harness.terminal.getCharData(13, 3).getPayload()) << "the link is carried";
+    EXPECT_FALSE(rebuilt.harness.terminal.getCharData(17, 3).getPayload()) << "and closed after it";
 
     // The pen and cursor carry on: the same output lands alike on both.
     feedBoth(source.terminal, rebuilt.harness.terminal, "more\x1b[K\r\nnext\x1b[m line");
