@@ -200,6 +200,13 @@ TEST(PaneService, SettingsHaveLimitsReachRunningPanesAndOutliveTheDaemon) {
         int oldest = std::stoi(found["matches"].back()["text"].get<std::string>());
         EXPECT_GT(oldest, 235) << "the oldest rows are gone";
         EXPECT_LT(oldest, 250);
+        // Room given back fills again with what comes next.
+        ASSERT_TRUE(client.request("settings.set", {{"scrollback_lines", 1000}}));
+        runAndWait(client, pane, "seq 1 300", "more");
+        json grown = result(client.request("pane.search", {{"pane", pane}, {"query", "x"}, {"regex", false},
+                                                           {"case_sensitive", false}}));
+        EXPECT_GT(grown["history"].get<int>(), 400);
+        ASSERT_TRUE(client.request("settings.set", {{"scrollback_lines", 150}}));
         bool told = false;
         while (auto event = watcher.nextEvent(2s)) {
             if ((*event)["event"] == "settings") {
