@@ -118,7 +118,8 @@ namespace {
 
 constexpr uint32_t occupiedSlot = 0x80000000;
 
-uint32_t slotTag(uint64_t hash) { return occupiedSlot | uint32_t(hash >> 49) << 16; }
+// Middle bits of the hash: the slot index takes the top ones.
+uint32_t slotTag(uint64_t hash) { return occupiedSlot | uint32_t(hash >> 24 & 0x7FFF) << 16; }
 
 } // namespace
 
@@ -126,7 +127,8 @@ std::optional<uint16_t> CellArena::findAttribute(const InternedAttributeKey& key
     size_t mask = attributeSlots.size() - 1;
     uint64_t hash = cacheHash(key);
     uint32_t tag = slotTag(hash);
-    for (size_t i = size_t(hash ^ hash >> 32) & mask;; i = (i + 1) & mask) {
+    // The top bits of the product are the well-mixed ones.
+    for (size_t i = size_t(hash >> (64 - std::countr_zero(attributeSlots.size()))) & mask;; i = (i + 1) & mask) {
         uint32_t slot = attributeSlots[i];
         if (slot == 0) {
             slotIndex = i;
