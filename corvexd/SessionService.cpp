@@ -130,7 +130,7 @@ void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core, con
         if (auto live = weakCore.lock()) tree->save(live->state());
     });
     server.addFeatures({"pane.keys", "split.set_ratio", "move", "pane.move", "pane.focus", "pane.search", "settings",
-                        "client.colors", "restore"});
+                        "client.colors", "restore", "pane.clipboard"});
     if (tree) {
         if (auto saved = tree->load()) {
             double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
