@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "Vellum/Buffer.h"
@@ -304,6 +305,8 @@ private:
     bool settingFgColor = false, settingBgColor = false, settingCursorColor = false;
     TerminalProgramStatusStore programStatusStore;
     std::vector<uint16_t> payloadCodes;
+    static constexpr size_t maximumRememberedHyperlinks = 4096;
+    std::unordered_map<std::string, uint16_t> hyperlinkCodes;
     std::map<int, bool> savedPrivateModes;
     std::array<std::vector<uint32_t>, 2> keyboardFlagStacks;
     int cellPixelWidth = 0, cellPixelHeight = 0;

@@ -234,9 +234,15 @@ uint16_t Terminal::hyperlinkPayloadCode() {
     std::string target = std::move(pendingHyperlink->target);
     pendingHyperlink.reset();
     if (!parseHyperlinkPayload(target)) return activeHyperlinkCode = 0;
-    auto atom = TinyAtom::lookup(TinyAtom::Value(std::move(target)));
+    // Codes are never handed out twice in a process, so the same link printed again (a
+    // listing redrawn, a prompt) takes the code it already has.
+    if (auto known = hyperlinkCodes.find(target); known != hyperlinkCodes.end()) return activeHyperlinkCode = known->second;
+    auto atom = TinyAtom::lookup(TinyAtom::Value(target));
     activeHyperlinkCode = atom ? atom->code : 0;
-    if (atom) payloadCodes.push_back(atom->code);
+    if (atom) {
+        payloadCodes.push_back(atom->code);
+        if (hyperlinkCodes.size() < maximumRememberedHyperlinks) hyperlinkCodes.emplace(std::move(target), atom->code);
+    }
     return activeHyperlinkCode;
 }
 

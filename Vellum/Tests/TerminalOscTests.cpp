@@ -400,6 +400,11 @@ TEST(TerminalOsc, PrintedCellsCarryTheLinkAndThePromptState) {
     EXPECT_EQ(payloadAt(5, 0), 0);
     EXPECT_EQ(std::any_cast<std::string>(*TinyAtom{code}.target()), ";https://example.com");
     EXPECT_EQ(h.terminal.getCharData(2, 0).payload, TinyAtom{code});
+    // The same link again keeps its code; another link gets another.
+    h.terminal.feed("\x1b]8;;https://example.com\x07" "again\x1b]8;;https://example.org\x07" "other\x1b]8;;\x07");
+    EXPECT_EQ(payloadAt(6, 0), code);
+    EXPECT_NE(payloadAt(11, 0), code);
+    EXPECT_NE(payloadAt(11, 0), 0);
 
     auto semanticAt = [&](int col, int row) { return h.terminal.getCharData(col, row).semanticContent(); };
     h.terminal.feed("\r\n\x1b]133;A\x07$\x1b]133;B\x07ls\r\n\x1b]133;C\x07out\r\n\x1b]133;D\x07.");
