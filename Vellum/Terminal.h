@@ -99,8 +99,10 @@ public:
     // `target` in screen cells. True when the click was turned into input for the program.
     bool handleSemanticPromptClick(Position target, bool modifierHeld);
     uint64_t semanticGroupCounter = 0;
-    // A diagnostic is not printed when set.
-    bool silentLogging = false;
+    // Diagnostic lines ("Info: ...") about dropped input are printed only when this is cleared.
+    // Quiet by default: a terminal in a long-running host whose output goes to a log would
+    // otherwise write a line for every stray byte of, say, a binary file sent to the screen.
+    bool silentLogging = true;
     std::array<Color, 256> defaultAnsiColors{};
     void resetAllColors();
     void resetColor(int index);

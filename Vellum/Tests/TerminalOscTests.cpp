@@ -340,6 +340,10 @@ TEST(TerminalOsc, UnknownCodesAreLoggedUnlessSilenced) {
     h.terminal.feed("\x1b]31337;x\x07\x1b]5522;type=read\x07");
     h.terminal.silentLogging = true;
     h.terminal.feed("\x1b]31338;x\x07");
+    // A terminal is quiet until its host asks for the lines.
+    RecordingDelegate quietDelegate;
+    Terminal quiet(&quietDelegate);
+    quiet.feed("\x1b]31339;x\x07");
     EXPECT_EQ(diagnostics.lines, (std::vector<std::string>{"Info: Vellum: Unknown OSC code: 31337"}));
     for (int r = 0; r < h.terminal.rows(); ++r) EXPECT_EQ(h.terminal.lineText(r), "");
 }

@@ -333,3 +333,32 @@ TEST(TerminalDelegate, DefaultsForTheClipboardProtocol) {
     // The default colour reader gives the terminal's own.
     EXPECT_EQ(plain.getColors(terminal), std::pair(terminal.foregroundColor, terminal.backgroundColor));
 }
+
+TEST(TerminalReports, LineSizesAndTextDirection) {
+    TerminalHarness h(10, 3);
+    using Mode = BufferLine::RenderLineMode;
+    h.terminal.feed("\x1b#6\r\n\x1b#3\r\n\x1b#4\x1b#5");
+    EXPECT_EQ(h.terminal.buffer().row(0).renderMode(), Mode::doubleWidth);
+    EXPECT_EQ(h.terminal.buffer().row(1).renderMode(), Mode::doubledTop);
+    EXPECT_EQ(h.terminal.buffer().row(2).renderMode(), Mode::single);
+
+    // SPD takes 0 and 3 only; SCP 0 goes back to the configured direction.
+    h.terminal.feed("\x1b[3 S");
+    EXPECT_EQ(h.terminal.bidiState.fallbackDirection, BidiDirection::rightToLeft);
+    h.terminal.feed("\x1b[1 S");
+    EXPECT_EQ(h.terminal.bidiState.fallbackDirection, BidiDirection::rightToLeft);
+    h.terminal.feed("\x1b[0 k");
+    EXPECT_EQ(h.terminal.bidiState.fallbackDirection, BidiDirection::leftToRight);
+    h.terminal.feed("\x1b[2 k\x1b[?2500h\x1b[?2501l");
+    EXPECT_EQ(h.terminal.bidiState.fallbackDirection, BidiDirection::rightToLeft);
+    EXPECT_TRUE(h.terminal.bidiState.boxMirroring);
+    EXPECT_FALSE(h.terminal.bidiState.autodetectDirection);
+    // DECSTR brings back the configured state.
+    h.terminal.feed("\x1b[!p");
+    EXPECT_EQ(h.terminal.bidiState, BidiPresentationState{});
+    // CSI > 1 s asks for shift to reach the program with the mouse.
+    h.terminal.feed("\x1b[>1s");
+    EXPECT_TRUE(h.terminal.mouseShiftCapture);
+    h.terminal.feed("\x1b[>s");
+    EXPECT_FALSE(h.terminal.mouseShiftCapture);
+}
