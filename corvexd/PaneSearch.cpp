@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <memory>
 #include <optional>
+#include <locale.h>
 #include <regex.h>
+#include <string_view>
 #include <vector>
 
 #include "Vellum/Terminal.h"
@@ -59,24 +61,47 @@ const CellAt& cellHolding(const LogicalLine& line, size_t byte) {
     return *(after - 1);
 }
 
-std::string foldedASCII(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+// Patterns are read, and case is folded, as Unicode text whatever locale the daemon runs in.
+class UTF8Locale {
+public:
+    UTF8Locale() : previous_(utf8() ? uselocale(utf8()) : nullptr) {}
+    ~UTF8Locale() {
+        if (previous_) uselocale(previous_);
     }
-    return text;
+    UTF8Locale(const UTF8Locale&) = delete;
+    UTF8Locale& operator=(const UTF8Locale&) = delete;
+
+private:
+    static locale_t utf8() {
+        static locale_t locale = newlocale(LC_ALL_MASK, "C.UTF-8", locale_t(nullptr));
+        return locale;
+    }
+    locale_t previous_;
+};
+
+// A literal as an extended regular expression.
+std::string escaped(const std::string& literal) {
+    std::string out;
+    for (char c : literal) {
+        if (std::string_view(".[]{}()\\*+?^$|").find(c) != std::string_view::npos) out += '\\';
+        out += c;
+    }
+    return out;
 }
 
 // Finds the byte ranges of the matches in a line, in order, none overlapping.
 class Matcher {
 public:
+    // A literal that ignores case is matched as an expression, which folds all of Unicode.
     Matcher(const std::string& query, const corvex::PaneSearchOptions& options)
-        : regex_(options.regex), caseSensitive_(options.caseSensitive),
-          needle_(options.caseSensitive ? query : foldedASCII(query)) {
+        : regex_(options.regex || !options.caseSensitive), needle_(query) {
         if (query.empty()) throw BackendError("bad_request", "empty query");
         if (!regex_) return;
+        UTF8Locale locale;
         compiled_ = std::make_unique<regex_t>();
-        int flags = REG_EXTENDED | (caseSensitive_ ? 0 : REG_ICASE);
-        int error = regcomp(compiled_.get(), query.c_str(), flags);
+        int flags = REG_EXTENDED | (options.caseSensitive ? 0 : REG_ICASE);
+        std::string pattern = options.regex ? query : escaped(query);
+        int error = regcomp(compiled_.get(), pattern.c_str(), flags);
         if (error != 0) {
             char message[256];
             regerror(error, compiled_.get(), message, sizeof(message));
@@ -93,12 +118,12 @@ public:
     std::vector<std::pair<size_t, size_t>> find(const std::string& text) const {
         std::vector<std::pair<size_t, size_t>> out;
         if (!regex_) {
-            const std::string haystack = caseSensitive_ ? text : foldedASCII(text);
-            for (size_t at = haystack.find(needle_); at != std::string::npos; at = haystack.find(needle_, at + needle_.size())) {
+            for (size_t at = text.find(needle_); at != std::string::npos; at = text.find(needle_, at + needle_.size())) {
                 out.emplace_back(at, at + needle_.size());
             }
             return out;
         }
+        UTF8Locale locale;
         size_t at = 0;
         while (at <= text.size()) {
             regmatch_t match{};
@@ -106,14 +131,19 @@ public:
             size_t start = at + size_t(match.rm_so);
             size_t end = at + size_t(match.rm_eo);
             if (end > start) out.emplace_back(start, end);
-            at = end > start ? end : start + 1; // an empty match moves on by one
+            // An empty match moves on by one character.
+            if (end > start) {
+                at = end;
+            } else {
+                at = start + 1;
+                while (at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80) ++at;
+            }
         }
         return out;
     }
 
 private:
     bool regex_;
-    bool caseSensitive_;
     std::string needle_;
     std::unique_ptr<regex_t> compiled_;
 };

@@ -121,7 +121,7 @@ TEST(PaneService, SearchReadsTheWholeHistoryNewestFirstInPages) {
     RawClient client(daemon.socketPath());
     uint64_t pane = createPane(client, shell());
     ASSERT_TRUE(client.request("pane.subscribe", {{"pane", pane}}));
-    runAndWait(client, pane, "seq -f 'line %g' 1 300; echo Alpha' 'Beta", "finished");
+    runAndWait(client, pane, "seq -f 'line %g' 1 300; echo Alpha' 'Beta \xc3\x89" "COLE", "finished");
 
     auto search = [&](const std::string& query, json extra = json::object()) {
         extra["pane"] = pane;
@@ -144,6 +144,12 @@ TEST(PaneService, SearchReadsTheWholeHistoryNewestFirstInPages) {
 
     EXPECT_EQ(result(search("ALPHA beta"))["matches"].size(), 1u);
     EXPECT_EQ(result(search("ALPHA", {{"case_sensitive", true}}))["matches"].size(), 0u);
+    // Case is folded beyond ASCII; the typed line shows the word too.
+    EXPECT_EQ(result(search("\xc3\xa9" "cole"))["matches"].size(), 2u);
+    EXPECT_EQ(result(search("\xc3\xa9" "cole", {{"case_sensitive", true}}))["matches"].size(), 0u);
+    json accented = result(search("^Alpha Beta .COLE$", {{"regex", true}}));
+    ASSERT_EQ(accented["matches"].size(), 1u) << "a dot is one character, however many bytes";
+    EXPECT_EQ(accented["matches"][0]["end"]["col"], 16) << "the cell after the last";
 
     // A regular expression, read in pages of 30 that follow on from each other.
     std::set<int> lines;
