@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <pty.h>
 #include <sstream>
@@ -193,6 +196,14 @@ TEST_F(EndToEnd, ARestartedDaemonIsReachedAgainAndPaneViewsStartOver) {
                            [&](const std::string& call) { return call.rfind(prefix, 0) == 0; });
     };
     ASSERT_TRUE(mainQueue.runUntil([&] { return saw("subscribed snapshot"); }, 10s));
+    // The tree is written as its change is delivered, which may trail the reply by a moment;
+    // a crash inside that moment would rightly lose the workspace.
+    auto treeNamesTheWorkspace = [&] {
+        std::ifstream file(daemon.runtimeDir() + "/corvexd.tree");
+        std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        return text.find("\"kept\"") != std::string::npos;
+    };
+    ASSERT_TRUE(mainQueue.runUntil(treeNamesTheWorkspace, 10s));
 
     daemon.kill(SIGKILL);
     ASSERT_TRUE(mainQueue.runUntil([&] { return !store.isConnected(); }, 10s));
