@@ -4,6 +4,7 @@
 
 #include <malloc.h>
 
+#include <functional>
 #include <random>
 #include <string>
 
@@ -32,15 +33,17 @@ std::string plainText() {
     return out;
 }
 
-std::string sgrHeavy() {
-    std::mt19937 random(2);
+// Short words, each after a random rendition; the third kind is what sets the two SGR streams
+// apart.
+std::string sgrStream(unsigned seed, const std::function<std::string(std::mt19937&)>& thirdKind) {
+    std::mt19937 random(seed);
     std::string out;
     while (out.size() < streamBytes) {
         for (int w = 0; w < 10; ++w) {
             switch (random() % 4) {
             case 0: out += "\x1b[38;5;" + std::to_string(random() % 256) + "m"; break;
             case 1: out += "\x1b[1;3" + std::to_string(random() % 8) + "m"; break;
-            case 2: out += "\x1b[48;2;" + std::to_string(random() % 256) + ";" + std::to_string(random() % 256) + ";7m"; break;
+            case 2: out += thirdKind(random); break;
             default: out += "\x1b[0m"; break;
             }
             for (int n = 3 + static_cast<int>(random() % 6); n > 0; --n) out.push_back(static_cast<char>('a' + random() % 26));
@@ -51,25 +54,17 @@ std::string sgrHeavy() {
     return out;
 }
 
+std::string sgrHeavy() {
+    return sgrStream(2, [](std::mt19937& random) {
+        std::string red = std::to_string(random() % 256);
+        return "\x1b[48;2;" + red + ";" + std::to_string(random() % 256) + ";7m";
+    });
+}
+
 // The SGR stream's shape with a few thousand renditions instead of tens of thousands: this one
 // measures parsing and walking the parameters without the cost of interning ever new styles.
 std::string sgrPalette() {
-    std::mt19937 random(5);
-    std::string out;
-    while (out.size() < streamBytes) {
-        for (int w = 0; w < 10; ++w) {
-            switch (random() % 4) {
-            case 0: out += "\x1b[38;5;" + std::to_string(random() % 256) + "m"; break;
-            case 1: out += "\x1b[1;3" + std::to_string(random() % 8) + "m"; break;
-            case 2: out += "\x1b[4" + std::to_string(random() % 8) + "m"; break;
-            default: out += "\x1b[0m"; break;
-            }
-            for (int n = 3 + static_cast<int>(random() % 6); n > 0; --n) out.push_back(static_cast<char>('a' + random() % 26));
-            out.push_back(' ');
-        }
-        out += "\x1b[m\r\n";
-    }
-    return out;
+    return sgrStream(5, [](std::mt19937& random) { return "\x1b[4" + std::to_string(random() % 8) + "m"; });
 }
 
 std::string cjkAndEmoji() {

@@ -258,8 +258,8 @@ void Terminal::oscProgressReport(std::string_view text) {
 void Terminal::oscClipboard(std::string_view text, std::string_view terminator) {
     size_t semicolon = text.find(';');
     if (semicolon == std::string_view::npos) return;
-    std::string selection(text.substr(0, semicolon));
-    if (selection.empty()) selection = "c";
+    // No selection named means the clipboard.
+    std::string selection(semicolon == 0 ? std::string_view("c") : text.substr(0, semicolon));
     std::string_view payload = text.substr(semicolon + 1);
     if (!delegate) return;
     if (payload == "?") {
