@@ -251,6 +251,12 @@ void Buffer::clearScrollback() {
     yDisp = 0;
 }
 
+void Buffer::setScrollback(int rows) {
+    lines.setMaxLength(rows_ + std::max(rows, 0));
+    yBase = std::max(0, lines.count() - rows_);
+    yDisp = yBase;
+}
+
 void Buffer::resize(int cols, int rows, PackedCell blank) {
     if (cols != _cols && lines.maxLength > rows_) {
         reflow(cols, blank);

@@ -44,6 +44,8 @@ public:
     bool placeCharacter(int width, PackedCell blank) { return x + width - 1 <= rightBound() || wrapForCharacter(width, blank); }
     // Clears the scrollback rows above the screen.
     void clearScrollback();
+    // A new scrollback size: the newest rows stay, the screen is untouched.
+    void setScrollback(int rows);
     // New grid size; rows leave the top into the scrollback or come back from it. No reflow.
     void resize(int cols, int rows, PackedCell blank);
     void resetRegion();

@@ -171,6 +171,11 @@ void Terminal::sendResponse(std::string_view bytes) {
     if (delegate) delegate->send(*this, std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
 }
 
+void Terminal::setScrollback(int rows) {
+    options_.scrollback = std::max(rows, 0);
+    normalBuffer->setScrollback(options_.scrollback);
+}
+
 void Terminal::resize(int cols, int rows) {
     cols = std::max(cols, 2);
     rows = std::max(rows, 1);

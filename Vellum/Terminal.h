@@ -34,6 +34,8 @@ public:
     void feed(std::span<const uint8_t> bytes);
     void feed(std::string_view text);
     void resize(int cols, int rows);
+    // Keeps this many rows of history from now on, a full reset included.
+    void setScrollback(int rows);
 
     int cols() const { return cols_; }
     int rows() const { return rows_; }

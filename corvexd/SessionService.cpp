@@ -52,14 +52,6 @@ corvex::Size sizeParams(const json& params) { return {params.at("cols").get<int>
 // Room for a snapshot's bytes in one frame, after its header.
 constexpr size_t snapshotLimit = corvex::maxFramePayload - 20;
 
-// A new history size for a running terminal: the newest rows stay, the screen is untouched.
-void keepHistoryRows(vellum::Terminal& terminal, int rows) {
-    vellum::Buffer& buffer = terminal.normalScreen();
-    buffer.lines.setMaxLength(buffer.rows() + rows);
-    buffer.yBase = std::max(0, buffer.lines.count() - buffer.rows());
-    buffer.yDisp = buffer.yBase;
-}
-
 vellum::Color color(corvex::RGB rgb) {
     return vellum::Color::fromBytes(uint8_t(rgb >> 16), uint8_t(rgb >> 8), uint8_t(rgb));
 }
@@ -335,7 +327,7 @@ void serveSession(Server& server, std::shared_ptr<corvex::SessionCore> core, con
             for (const auto& pane : core->state().panes) {
                 try {
                     core->withPaneTerminal(pane.id, [&](vellum::Terminal& terminal, uint64_t) {
-                        keepHistoryRows(terminal, lines);
+                        terminal.setScrollback(lines);
                     });
                     applied.push_back(pane.id);
                 } catch (const corvex::BackendError&) {

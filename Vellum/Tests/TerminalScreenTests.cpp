@@ -36,6 +36,23 @@ TEST(TerminalScreen, ScrollbackFillsAndIsDropped) {
     EXPECT_EQ(h.screen(), (Rows{"5", ""}));
 }
 
+TEST(TerminalScreen, ANewScrollbackSizeKeepsTheNewestRowsAndOutlivesAReset) {
+    TerminalHarness h(5, 2, 4);
+    for (int i = 0; i < 6; ++i) h.terminal.feed(std::to_string(i) + "\r\n");
+    h.terminal.setScrollback(2);
+    EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 2);
+    EXPECT_EQ(h.terminal.buffer().lines[0].translateToString(true), "3");
+    EXPECT_EQ(h.screen(), (Rows{"5", ""})) << "the screen is untouched";
+
+    h.terminal.feed("\x1b" "c");
+    h.terminal.setScrollback(3);
+    for (int i = 0; i < 8; ++i) h.terminal.feed(std::to_string(i) + "\r\n");
+    EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 3);
+    h.terminal.feed("\x1b" "c");
+    for (int i = 0; i < 8; ++i) h.terminal.feed(std::to_string(i) + "\r\n");
+    EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 3) << "a full reset keeps the size that was set";
+}
+
 TEST(TerminalScreen, ScrollRegionsInsertAndDeleteLines) {
     TerminalHarness h(3, 5);
     h.terminal.feed("a\r\nb\r\nc\r\nd\r\ne");
