@@ -224,16 +224,6 @@ int start() {
     return 0;
 }
 
-// True while the process exists and isn't a zombie waiting for its parent.
-bool processLives(pid_t pid) {
-    if (::kill(pid, 0) != 0) return false;
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    auto close = line.rfind(')');
-    return close == std::string::npos || close + 2 >= line.size() || line[close + 2] != 'Z';
-}
-
 // Signals the running daemon and waits until it has let go of its pid file.
 int terminate(bool forceAfterTimeout) {
     auto directory = RuntimeDirectory::existing(RuntimeDirectory::defaultPath());
@@ -388,6 +378,15 @@ int runCommand(const std::vector<std::string>& arguments) {
     }
     std::cerr << usage;
     return 2;
+}
+
+bool processLives(pid_t pid) {
+    if (::kill(pid, 0) != 0) return false;
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    auto close = line.rfind(')');
+    return close == std::string::npos || close + 2 >= line.size() || line[close + 2] != 'Z';
 }
 
 } // namespace corvexd

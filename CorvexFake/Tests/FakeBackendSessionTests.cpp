@@ -12,10 +12,12 @@
 #include <thread>
 
 #include "CorvexFake/FakeBackend.h"
+#include "CorvexFake/Tests/Support/ExpectError.h"
 #include "Vellum/Tests/Support/ProcessLeakCheck.h"
 
 using namespace corvex;
 using namespace std::chrono_literals;
+using corvex::testing::expectError;
 
 namespace {
 
@@ -123,17 +125,6 @@ bool outputShows(SessionEventStream& events, const std::string& text) {
         }
         return seen.find(text) != std::string::npos;
     });
-}
-
-template <typename Operation>
-void expectError(Operation operation, const std::string& code, const std::string& message) {
-    try {
-        operation();
-        ADD_FAILURE() << "no error, expected " << message;
-    } catch (const BackendError& error) {
-        EXPECT_EQ(error.code(), code);
-        EXPECT_EQ(error.message(), message);
-    }
 }
 
 // Sets variables for the test's duration.

@@ -5,9 +5,11 @@
 
 #include "CorvexFake/SessionCore.h"
 #include "CorvexFake/Tests/Support/ScriptedPaneHost.h"
+#include "CorvexFake/Tests/Support/ExpectError.h"
 
 using namespace corvex;
 using corvex::testing::ScriptedPaneHost;
+using corvex::testing::expectError;
 
 namespace {
 
@@ -42,16 +44,6 @@ struct CoreFixture : ::testing::Test {
 
     const Tab& tabOf(const ModelState& state, uint64_t pane) { return *state.location(pane)->tab; }
 };
-
-void expectError(const std::function<void()>& operation, const std::string& code, const std::string& message) {
-    try {
-        operation();
-        ADD_FAILURE() << "no error, expected " << message;
-    } catch (const BackendError& error) {
-        EXPECT_EQ(error.code(), code);
-        EXPECT_EQ(error.message(), message);
-    }
-}
 
 } // namespace
 

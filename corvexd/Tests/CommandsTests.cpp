@@ -8,19 +8,11 @@
 #include <unistd.h>
 
 #include "Support/DaemonHarness.h"
+#include "corvexd/Commands.h"
 
 using namespace corvexd::testing;
 
 namespace {
-
-bool lives(pid_t pid) {
-    if (::kill(pid, 0) != 0) return false;
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    auto close = line.rfind(')');
-    return close == std::string::npos || close + 2 >= line.size() || line[close + 2] != 'Z';
-}
 
 mode_t modeOf(const std::string& path) {
     struct stat info{};
@@ -63,7 +55,7 @@ TEST(CorvexdCommands, StartFindsTheRunningDaemonAndStopEndsIt) {
     EXPECT_EQ(builds.out, "serve=" + build + "\nholder=" + build + "\n");
 
     EXPECT_EQ(daemon.run({"stop"}).status, 0);
-    EXPECT_FALSE(lives(first)) << "stop returns once the daemon has gone";
+    EXPECT_FALSE(corvexd::processLives(first)) << "stop returns once the daemon has gone";
     EXPECT_FALSE(std::filesystem::exists(daemon.socketPath()));
     EXPECT_EQ(daemon.run({"status"}).out, "not running\n");
     EXPECT_EQ(daemon.run({"stop"}).status, 0) << "stopping nothing is not an error";
@@ -88,7 +80,7 @@ TEST(CorvexdCommands, ConcurrentStartsLeaveOneDaemon) {
     EXPECT_EQ(builds.status, 0);
     pid_t pid = daemon.daemonPid();
     EXPECT_EQ(daemon.run({"stop"}).status, 0);
-    EXPECT_FALSE(lives(pid));
+    EXPECT_FALSE(corvexd::processLives(pid));
     EXPECT_FALSE(RawClient(daemon.socketPath(), 0ms).connected()) << "no second daemon was left behind";
 }
 
@@ -178,7 +170,7 @@ TEST(CorvexdCommands, StopEndsItsDaemonWhileClientsStartTheNextOne) {
         });
         stopping = true;
         EXPECT_EQ(daemon.run({"stop"}).status, 0) << "round " << round;
-        EXPECT_FALSE(lives(old));
+        EXPECT_FALSE(corvexd::processLives(old));
         restarter.join();
         EXPECT_NE(daemon.daemonPid(), old) << "the clients' daemon runs";
     }
