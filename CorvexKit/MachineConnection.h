@@ -33,6 +33,28 @@ struct ConnectionSnapshot {
     bool retryPaused = false;
 };
 
+// One machine's live link: its backend's store and, for a remote machine, its installer.
+// The app keeps one per connected machine, on the main thread.
+class MachineConnection {
+public:
+    MachineConnection(Machine machine, std::unique_ptr<ModelStore> store, std::shared_ptr<RemoteInstaller> installer = {})
+        : machine_(std::move(machine)), store_(std::move(store)), installer_(std::move(installer)) {}
+
+    const Machine& machine() const { return machine_; }
+    ModelStore& store() const { return *store_; }
+    const std::shared_ptr<RemoteInstaller>& installer() const { return installer_; }
+    // The machine's label; this computer goes by its current name.
+    std::string title(const std::string& computerName) const {
+        return machine_.isLocal() ? Machine::local(computerName).label : machine_.label;
+    }
+    ConnectionSnapshot snapshot() const { return {store_->connection(), store_->retryPaused()}; }
+
+private:
+    Machine machine_;
+    std::unique_ptr<ModelStore> store_;
+    std::shared_ptr<RemoteInstaller> installer_;
+};
+
 // One machine's line in the sidebar: the dot's colour, the text beside it, and the button
 // of its group.
 struct SidebarStatus {
