@@ -20,8 +20,6 @@ namespace corvex {
 namespace {
 
 constexpr int frameIntervalMs = 8;       // a 120 Hz frame
-constexpr int blinkIntervalMs = 530;
-constexpr int blinkIdleStopMs = 15000;   // a quiet cursor stops blinking, so an idle view costs nothing
 constexpr double wheelLinesPerNotch = 3;
 
 std::optional<vellum::MouseButton> mouseButton(Qt::MouseButton button) {
@@ -95,7 +93,6 @@ TerminalView::TerminalView(QWidget* parent)
     setCursor(Qt::IBeamCursor);
     frameTimer_.setSingleShot(true);
     connect(&frameTimer_, &QTimer::timeout, this, &TerminalView::frame);
-    blinkTimer_.setInterval(blinkIntervalMs);
     connect(&blinkTimer_, &QTimer::timeout, this, &TerminalView::blinkTick);
     sinceFrame_.start();
     sinceActivity_.start();
@@ -217,7 +214,10 @@ void TerminalView::restartBlink() {
     const auto& cursor = snapshot_.state().cursor;
     bool wasHidden = !blinkVisible_;
     blinkVisible_ = true;
-    if (hasFocus() && cursor.blink && !cursor.hidden) {
+    // A flash time of 0 is the desktop's way of saying that cursors do not blink.
+    int flashTime = QApplication::cursorFlashTime();
+    if (hasFocus() && cursor.blink && !cursor.hidden && flashTime > 0) {
+        blinkTimer_.setInterval(std::max(50, flashTime / 2));
         if (!blinkTimer_.isActive()) blinkTimer_.start();
     } else {
         blinkTimer_.stop();
@@ -227,7 +227,8 @@ void TerminalView::restartBlink() {
 
 void TerminalView::blinkTick() {
     const auto& cursor = snapshot_.state().cursor;
-    bool blinking = hasFocus() && cursor.blink && !cursor.hidden && sinceActivity_.elapsed() < blinkIdleStopMs;
+    // A quiet cursor stops blinking, so that an idle view costs nothing.
+    bool blinking = hasFocus() && cursor.blink && !cursor.hidden && sinceActivity_.elapsed() < blinkTimeout_.count();
     if (!blinking) {
         blinkTimer_.stop();
         if (blinkVisible_) return;

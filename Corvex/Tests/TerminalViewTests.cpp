@@ -196,6 +196,49 @@ TEST_F(TerminalViewTest, CursorIsABlockWithFocusAndHollowWithout) {
     EXPECT_EQ(image.pixelColor(center(0, 1) + QPoint(cell().width() / 3, 0)), background());
 }
 
+TEST_F(TerminalViewTest, ABlinkingCursorStopsWhenQuiet) {
+    if (!view->hasFocus()) GTEST_SKIP() << "the window did not get the keyboard";
+    QApplication::setCursorFlashTime(100);
+    view->setCursorBlinkTimeout(std::chrono::milliseconds(300));
+    feed("\x1b[1 q");
+    ASSERT_TRUE(view->isCursorBlinking());
+    PaintRecorder recorder;
+    view->installEventFilter(&recorder);
+    QCoreApplication::processEvents();
+    recorder.painted = {};
+    EXPECT_TRUE(eventually([&] { return !recorder.painted.isEmpty(); }));
+    EXPECT_EQ(recorder.painted.boundingRect().top(), 0); // the cursor's row only
+    EXPECT_EQ(recorder.painted.boundingRect().height(), cell().height());
+
+    ASSERT_TRUE(eventually([&] { return !view->isCursorBlinking(); }));
+    EXPECT_EQ(shot().pixelColor(center(0, 0)), rgb(*view->colors().cursor)); // it stops shown
+    recorder.painted = {};
+    QTest::qWait(200);
+    EXPECT_TRUE(recorder.painted.isEmpty()) << "an idle view draws nothing";
+    key(Qt::Key_A);
+    EXPECT_TRUE(view->isCursorBlinking());
+    view->removeEventFilter(&recorder);
+}
+
+TEST_F(TerminalViewTest, SynchronizedOutputIsDrawnWhenComplete) {
+    feed("\x1b[?2026hhalf");
+    EXPECT_EQ(inkIn(shot(), cellRect(1, 0, 3)), 0);
+    feed(" done\x1b[?2026l");
+    EXPECT_GT(inkIn(shot(), cellRect(1, 0, 3)), 10);
+
+    // A batch that never ends is drawn after the timeout.
+    feed("\r\n\x1b[?2026hstuck");
+    EXPECT_EQ(inkIn(shot(), cellRect(1, 1, 3)), 0);
+    EXPECT_TRUE(eventually([&] { return inkIn(shot(), cellRect(1, 1, 3)) > 10; }, 4000));
+}
+
+TEST_F(TerminalViewTest, ReverseVideoAndHiddenCursor) {
+    feed("\x1b[?25l\x1b[?5h");
+    QImage image = shot();
+    EXPECT_EQ(image.pixelColor(center(10, 3)), rgb(view->colors().foreground));
+    EXPECT_EQ(image.pixelColor(center(0, 0)), rgb(view->colors().foreground)); // no cursor drawn
+}
+
 TEST_F(TerminalViewTest, KeysReachTheProgramInXtermEncoding) {
     key(Qt::Key_A);
     EXPECT_EQ(take(), "a");
