@@ -7,6 +7,7 @@
 #include <QPainterPath>
 #include <QtMath>
 
+#include "Corvex/TerminalBoxDrawing.h"
 #include "Platform/Unicode.h"
 
 namespace corvex {
@@ -26,6 +27,14 @@ std::optional<char32_t> singleScalar(const std::string& text) {
     auto scalars = q.toUcs4();
     if (scalars.size() != 1) return std::nullopt;
     return char32_t(scalars[0]);
+}
+
+// Lines and blocks are drawn to the cell rather than taken from a font.
+std::optional<char32_t> boxCharacter(const std::string& text) {
+    if (text.size() != 3 || uint8_t(text[0]) != 0xE2 || uint8_t(text[1]) < 0x94 || uint8_t(text[1]) > 0x96) return std::nullopt;
+    char32_t c = char32_t((uint8_t(text[0]) & 0x0F) << 12 | (uint8_t(text[1]) & 0x3F) << 6 | (uint8_t(text[2]) & 0x3F));
+    if (!isBoxCharacter(c)) return std::nullopt;
+    return c;
 }
 
 // Emoji shown as pictures: wide pictographs, flags, and anything asking for emoji presentation.
@@ -166,6 +175,11 @@ void TerminalPainter::paintRow(QPainter& painter, const vellum::TerminalSnapshot
                 if (!segment.isEmpty()) segment += QLatin1Char(' ');
                 continue;
             }
+            if (auto box = boxCharacter(cell.text)) {
+                flush();
+                drawBoxCharacter(painter, *box, QRect(col * cw, top, cw * std::max(1, cell.width), ch), runLook.fg);
+                continue;
+            }
             if (fitsGrid(cell)) {
                 if (segment.isEmpty()) segmentStart = col;
                 segment += QString::fromStdString(cell.text);
@@ -273,7 +287,12 @@ void TerminalPainter::drawCursor(QPainter& painter, const vellum::TerminalRender
         if (cell && !cell->text.empty()) {
             CellLook under = look(*cell, state, false);
             painter.setFont(fonts_[size_t(under.fontIndex)]);
-            painter.setPen(under.defaultBackground ? defaultBackground(state) : under.bg);
+            QColor ink = under.defaultBackground ? defaultBackground(state) : under.bg;
+            if (auto box = boxCharacter(cell->text)) {
+                drawBoxCharacter(painter, *box, QRect(x, top, width, ch), ink);
+                break;
+            }
+            painter.setPen(ink);
             painter.drawText(QPointF(x, top + ascent_), QString::fromStdString(cell->text));
         }
         break;

@@ -160,6 +160,20 @@ TEST_F(TerminalViewTest, StylesThemeAndFontSize) {
     EXPECT_GT(cell().width(), before.width());
 }
 
+TEST_F(TerminalViewTest, BoxLinesMeetAcrossCellsAndBlocksFillThem) {
+    // A horizontal line across two cells, a vertical one down two rows, a full block.
+    feed("\xe2\x94\x80\xe2\x94\x80\xe2\x94\x82\xe2\x96\x88\r\n  \xe2\x94\x82");
+    QImage image = shot();
+    QColor ink = rgb(view->colors().foreground);
+    int w = cell().width(), h = cell().height();
+    EXPECT_EQ(image.pixelColor(w - 1, h / 2), ink);
+    EXPECT_EQ(image.pixelColor(w, h / 2), ink);
+    EXPECT_EQ(image.pixelColor(2 * w + w / 2, h - 1), ink);
+    EXPECT_EQ(image.pixelColor(2 * w + w / 2, h), ink);
+    EXPECT_EQ(image.pixelColor(2 * w + w / 2, 0), ink);
+    EXPECT_EQ(inkIn(image, cellRect(3, 0)), w * h);
+}
+
 TEST_F(TerminalViewTest, OnlyChangedRowsAreRepainted) {
     feed("\x1b[4;1H");
     PaintRecorder recorder;
