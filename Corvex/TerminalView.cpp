@@ -103,6 +103,7 @@ TerminalView::TerminalView(QWidget* parent)
         terminal_->updatePixelGeometry(cellSize().width(), cellSize().height());
     });
     applyTheme();
+    renderNow(); // the first paint shows the theme's colours, not an empty snapshot's
 }
 
 TerminalView::~TerminalView() = default;
@@ -183,9 +184,10 @@ void TerminalView::paintEvent(QPaintEvent* event) {
             int to = row == selected->end.row ? selected->end.col : state.cols;
             if (from < to) overlay.selection = std::pair{from, to};
         }
-        if (y == state.cursor.y && !state.cursor.hidden) {
+        if (y == state.cursor.y) {
+            // Uncommitted input shows at the cursor even while the program hides the cursor.
             overlay.focused = hasFocus();
-            overlay.cursor = cursorShownNow();
+            overlay.cursor = !state.cursor.hidden && cursorShownNow();
             overlay.preedit = preedit_;
         }
         painter_.paintRow(painter, snapshot_, y, overlay);
