@@ -384,6 +384,28 @@ TEST_F(TerminalViewTest, WordAndLineSelectionCopyAndBracketedPaste) {
     EXPECT_EQ(take(), "\x1b[200~ls\rrm x\x1b[201~");
 }
 
+TEST_F(TerminalViewTest, SelectionAcrossRowsAndWrappedLines) {
+    feed("0123456789012345678901234567\r\nnext line   \r\n");
+    // Three clicks take the whole logical line, wrapped rows joined without a line feed.
+    for (int i = 0; i < 3; ++i) {
+        mouse(i == 1 ? QEvent::MouseButtonDblClick : QEvent::MouseButtonPress, center(1, 1), Qt::LeftButton);
+        mouse(QEvent::MouseButtonRelease, center(1, 1), Qt::LeftButton);
+    }
+    EXPECT_EQ(view->selectedText(), "0123456789012345678901234567");
+
+    // A drag from the middle of one row into the next; blanks at a row's end are dropped.
+    mouse(QEvent::MouseButtonPress, cellRect(2, 1).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseMove, cellRect(6, 2).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseMove, cellRect(4, 2).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseButtonRelease, cellRect(4, 2).topLeft(), Qt::LeftButton);
+    EXPECT_EQ(view->selectedText(), "67\nnext");
+    mouse(QEvent::MouseButtonPress, cellRect(0, 0).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseMove, cellRect(0, 3).topLeft(), Qt::LeftButton);
+    EXPECT_EQ(view->selectedText(), "0123456789012345678901234567\nnext line\n");
+    click(center(5, 4)); // a click alone selects nothing
+    EXPECT_EQ(view->selectedText(), "");
+}
+
 TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     for (int i = 0; i < 20; ++i) feed("line " + std::to_string(i) + "\r\n");
     std::string live = view->screenText();
