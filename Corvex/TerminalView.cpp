@@ -155,7 +155,10 @@ void TerminalView::frame() {
     if (terminal_->synchronizedOutputActive) return;
     sinceFrame_.restart();
     vellum::RenderSnapshotCursor cursorBefore = snapshot_.state().cursor;
+    bool alternateBefore = snapshot_.state().isAlternateScreen;
     auto changed = snapshot_.apply(terminal_->makeRenderSnapshot(vellum::RenderSnapshotScope::dirty));
+    // A selection names rows of one screen; it means nothing on the other.
+    if (snapshot_.state().isAlternateScreen != alternateBefore) selection_.clear();
     if (snapshot_.appearanceChanged()) update();
     else if (changed) repaintRows(changed->startY, changed->endY);
     if (snapshot_.state().cursor != cursorBefore) restartBlink();

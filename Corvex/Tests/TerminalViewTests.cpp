@@ -402,6 +402,8 @@ TEST_F(TerminalViewTest, SelectionAcrossRowsAndWrappedLines) {
     mouse(QEvent::MouseButtonPress, cellRect(0, 0).topLeft(), Qt::LeftButton);
     mouse(QEvent::MouseMove, cellRect(0, 3).topLeft(), Qt::LeftButton);
     EXPECT_EQ(view->selectedText(), "0123456789012345678901234567\nnext line\n");
+    feed("\x1b[?1049h");
+    EXPECT_EQ(view->selectedText(), ""); // the other screen has its own rows
     click(center(5, 4)); // a click alone selects nothing
     EXPECT_EQ(view->selectedText(), "");
 }
