@@ -174,6 +174,15 @@ TEST_F(TerminalViewTest, BoxLinesMeetAcrossCellsAndBlocksFillThem) {
     EXPECT_EQ(inkIn(image, cellRect(3, 0)), w * h);
 }
 
+TEST_F(TerminalViewTest, DoubleWidthAndDoubleHeightLines) {
+    feed("AB\r\n\x1b#6AB\r\n\x1b#3AB\r\n\x1b#4AB");
+    QImage image = shot();
+    EXPECT_EQ(inkIn(image, cellRect(2, 0, 2)), 0);
+    for (int row = 1; row <= 3; ++row) EXPECT_GT(inkIn(image, cellRect(2, row, 2)), 4) << "row " << row;
+    // The two halves of a double-height line are the top and the bottom of one glyph.
+    EXPECT_NE(image.copy(cellRect(0, 2, 4)), image.copy(cellRect(0, 3, 4)));
+}
+
 TEST_F(TerminalViewTest, OnlyChangedRowsAreRepainted) {
     feed("\x1b[4;1H");
     PaintRecorder recorder;
