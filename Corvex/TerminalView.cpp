@@ -94,6 +94,8 @@ TerminalView::TerminalView(QWidget* parent)
     frameTimer_.setSingleShot(true);
     connect(&frameTimer_, &QTimer::timeout, this, &TerminalView::frame);
     connect(&blinkTimer_, &QTimer::timeout, this, &TerminalView::blinkTick);
+    dragScroll_.setInterval(50);
+    connect(&dragScroll_, &QTimer::timeout, this, &TerminalView::dragScrollTick);
     sinceFrame_.start();
     sinceActivity_.start();
     clock_.start();
@@ -474,7 +476,18 @@ void TerminalView::mouseMoveEvent(QMouseEvent* event) {
                         event->modifiers());
         return;
     }
-    if (selecting_ && event->buttons().testFlag(Qt::LeftButton)) extendSelectionTo(position);
+    if (selecting_ && event->buttons().testFlag(Qt::LeftButton)) {
+        dragPosition_ = position;
+        dragScrollLines_ = position.y() < 0 ? 1 : position.y() >= height() ? -1 : 0;
+        if (dragScrollLines_ && !dragScroll_.isActive()) dragScroll_.start();
+        extendSelectionTo(position);
+    }
+}
+
+void TerminalView::dragScrollTick() {
+    if (!selecting_ || dragScrollLines_ == 0) return dragScroll_.stop();
+    scrollLines(dragScrollLines_);
+    extendSelectionTo(dragPosition_);
 }
 
 void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
@@ -486,6 +499,7 @@ void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
     }
     if (selecting_ && event->button() == Qt::LeftButton) {
         selecting_ = false;
+        dragScroll_.stop();
         publishSelection();
     }
 }

@@ -417,6 +417,18 @@ TEST_F(TerminalViewTest, SelectionAcrossRowsAndWrappedLines) {
     EXPECT_EQ(view->selectedText(), "");
 }
 
+TEST_F(TerminalViewTest, DraggingPastTheTopScrollsTheHistory) {
+    for (int i = 0; i < 20; ++i) feed("line " + std::to_string(i) + "\r\n");
+    mouse(QEvent::MouseButtonPress, cellRect(4, 2).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseMove, QPoint(0, -5), Qt::LeftButton);
+    ASSERT_TRUE(eventually([&] { return view->selectedText().rfind("line 10", 0) == 0; }));
+    mouse(QEvent::MouseButtonRelease, QPoint(0, -5), Qt::LeftButton);
+    std::string selected = view->selectedText();
+    QTest::qWait(120);
+    EXPECT_EQ(view->selectedText(), selected) << "the scrolling stops with the drag";
+    EXPECT_EQ(selected.substr(selected.size() - 12), "line 16\nline"); // up to where the drag began
+}
+
 TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     for (int i = 0; i < 20; ++i) feed("line " + std::to_string(i) + "\r\n");
     std::string live = view->screenText();
