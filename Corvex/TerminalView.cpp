@@ -353,10 +353,16 @@ void TerminalView::keyPressEvent(QKeyEvent* event) {
         if (event->key() == Qt::Key_V) return pasteClipboard();
         if (isApplicationShortcutChord(*event)) return event->ignore();
     }
-    if (shift && !ctrl && !alt && !terminal_->isAlternateBuffer()) {
-        int page = std::max(1, terminal_->rows() - 1);
-        if (event->key() == Qt::Key_PageUp) return scrollLines(page);
-        if (event->key() == Qt::Key_PageDown) return scrollLines(-page);
+    if (shift && !ctrl && !alt) {
+        if (event->key() == Qt::Key_Insert) return pasteSelection();
+        if (!terminal_->isAlternateBuffer()) {
+            // Shift with the paging keys moves through the history, as desktop terminals do.
+            int page = std::max(1, terminal_->rows() - 1);
+            if (event->key() == Qt::Key_PageUp) return scrollLines(page);
+            if (event->key() == Qt::Key_PageDown) return scrollLines(-page);
+            if (event->key() == Qt::Key_Home) return scrollLines(terminal_->buffer().yBase);
+            if (event->key() == Qt::Key_End) return scrollToBottom();
+        }
     }
     auto input = keyInputFromEvent(*event);
     if (!input) return QWidget::keyPressEvent(event);
@@ -452,8 +458,7 @@ void TerminalView::mousePressEvent(QMouseEvent* event) {
         sinceDoubleClick_.invalidate();
         selectAt(position, triple ? SelectionUnit::line : SelectionUnit::character);
     } else if (event->button() == Qt::MiddleButton) {
-        QClipboard* clipboard = QGuiApplication::clipboard();
-        paste(clipboard->text(clipboard->supportsSelection() ? QClipboard::Selection : QClipboard::Clipboard).toStdString());
+        pasteSelection();
     }
 }
 
@@ -541,6 +546,11 @@ void TerminalView::copySelection() {
 }
 
 void TerminalView::pasteClipboard() { paste(QGuiApplication::clipboard()->text().toStdString()); }
+
+void TerminalView::pasteSelection() {
+    QClipboard* clipboard = QGuiApplication::clipboard();
+    paste(clipboard->text(clipboard->supportsSelection() ? QClipboard::Selection : QClipboard::Clipboard).toStdString());
+}
 
 void TerminalView::paste(const std::string& text) {
     if (text.empty()) return;

@@ -57,6 +57,8 @@ public:
     // Local actions, also for the application's shortcuts.
     void copySelection();
     void pasteClipboard();
+    // The primary selection where the desktop has one (middle click, Shift+Insert).
+    void pasteSelection();
     void paste(const std::string& text);
     std::string selectedText() const;
     void clearSelection();

@@ -439,6 +439,16 @@ TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     key(Qt::Key_A); // typing goes back to the live screen
     EXPECT_EQ(view->screenText(), live);
     take();
+    key(Qt::Key_Home, Qt::ShiftModifier);
+    view->renderNow();
+    EXPECT_EQ(view->screenText().substr(0, 7), "line 0\n");
+    key(Qt::Key_PageDown, Qt::ShiftModifier);
+    view->renderNow();
+    EXPECT_EQ(view->screenText().substr(0, 7), "line 5\n");
+    key(Qt::Key_End, Qt::ShiftModifier);
+    view->renderNow();
+    EXPECT_EQ(view->screenText(), live);
+    EXPECT_EQ(take(), "");
 
     feed("\x1b[?1049h\x1b[?1000h\x1b[?1006h");
     wheel(center(1, 1), 120 * 10); // a flick: at most six reports
