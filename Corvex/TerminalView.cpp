@@ -418,9 +418,14 @@ TerminalView::CellHit TerminalView::hitTest(QPointF position) const {
     QSize cell = cellSize();
     int cols = terminal_->cols(), rows = terminal_->rows();
     CellHit hit;
-    hit.col = std::clamp(int(std::floor(position.x() / cell.width())), 0, cols - 1);
     hit.row = std::clamp(int(std::floor(position.y() / cell.height())), 0, rows - 1);
-    hit.boundaryCol = std::clamp(int(std::lround(position.x() / cell.width())), 0, cols);
+    // Cells of a double-width or double-height row are twice as wide on the screen.
+    double cellWidth = cell.width();
+    if (size_t(hit.row) < snapshot_.rows().size() &&
+        snapshot_.rows()[size_t(hit.row)].row.renderMode != vellum::BufferLine::RenderLineMode::single)
+        cellWidth *= 2;
+    hit.col = std::clamp(int(std::floor(position.x() / cellWidth)), 0, cols - 1);
+    hit.boundaryCol = std::clamp(int(std::lround(position.x() / cellWidth)), 0, cols);
     return hit;
 }
 

@@ -181,6 +181,10 @@ TEST_F(TerminalViewTest, DoubleWidthAndDoubleHeightLines) {
     for (int row = 1; row <= 3; ++row) EXPECT_GT(inkIn(image, cellRect(2, row, 2)), 4) << "row " << row;
     // The two halves of a double-height line are the top and the bottom of one glyph.
     EXPECT_NE(image.copy(cellRect(0, 2, 4)), image.copy(cellRect(0, 3, 4)));
+    // The pointer finds the cell under it at the doubled width.
+    feed("\x1b[?1000h\x1b[?1006h");
+    click(center(2, 1));
+    EXPECT_EQ(take(), "\x1b[<0;2;2M\x1b[<0;2;2m");
 }
 
 TEST_F(TerminalViewTest, OnlyChangedRowsAreRepainted) {
