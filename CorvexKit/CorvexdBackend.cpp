@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "CorvexKit/SessionCodecJSON.h"
+#include "CorvexKit/ProtocolJSON.h"
 #include "CorvexKit/UnixSocketTransport.h"
 
 namespace corvex {
@@ -52,20 +52,6 @@ struct CorvexdBackend::PendingReply {
 
 namespace {
 
-// Identifiers and positions: a JSON integer that isn't negative (the parser keeps those
-// as unsigned).
-std::optional<uint64_t> unsignedField(const json& object, const char* key) {
-    auto found = object.find(key);
-    if (found == object.end() || !found->is_number_unsigned()) return std::nullopt;
-    return found->get<uint64_t>();
-}
-
-std::optional<int> intField(const json& object, const char* key) {
-    auto found = object.find(key);
-    if (found == object.end() || !found->is_number_integer()) return std::nullopt;
-    return found->get<int>();
-}
-
 std::string stringField(const json& object, const char* key, std::string fallback) {
     auto found = object.find(key);
     return found != object.end() && found->is_string() ? found->get<std::string>() : fallback;
@@ -79,27 +65,6 @@ std::string hexPrefix(ByteView bytes, size_t count) {
         out += digits;
     }
     return out;
-}
-
-json spawnParams(const SpawnOptions& spawn) {
-    json params = toJSON(spawn);
-    return params.is_object() ? params : json::object();
-}
-
-template <typename T>
-T decoded(const json& result) {
-    return decodeJSON<T>(result);
-}
-
-template <typename T>
-std::vector<T> decodedList(const json& result, const char* key) {
-    std::vector<T> list;
-    if (!result.is_object()) return list;
-    auto found = result.find(key);
-    if (found == result.end() || found->is_null()) return list;
-    if (!found->is_array()) throw DecodingError(std::string("\"") + key + "\" is not a list");
-    for (const auto& item : *found) list.push_back(decodeJSON<T>(item));
-    return list;
 }
 
 std::string errorText(const std::exception& error) { return error.what(); }
@@ -242,9 +207,7 @@ json CorvexdBackend::request(const std::string& method, const json& params, std:
     }
     std::string text;
     try {
-        json envelope{{"id", id}, {"method", method}};
-        if (!params.is_null()) envelope["params"] = params;
-        text = envelope.dump();
+        text = protocol::requestEnvelope(id, method, params).dump();
     } catch (const json::exception& error) {
         std::lock_guard guard(lock_);
         pending_.erase(id);
@@ -352,7 +315,7 @@ void CorvexdBackend::handleReply(int64_t id, const json& object) {
 
 void CorvexdBackend::handleEvent(const std::string& name, const json& data) {
     if (!data.is_object()) return;
-    if (name.rfind("fs.", 0) == 0) {
+    if (name.starts_with(protocol::event::filePrefix)) {
         std::shared_ptr<CorvexdFileChannel> channel;
         {
             std::lock_guard guard(lock_);
@@ -361,48 +324,7 @@ void CorvexdBackend::handleEvent(const std::string& name, const json& data) {
         if (channel) channel->fileEvent(name, data);
         return;
     }
-    std::optional<SessionEvent> event;
-    try {
-        if (name == "state") {
-            event = SessionEvent::State{decodeJSON<ModelState>(data)};
-        } else if (name == "pane") {
-            event = SessionEvent::PaneChanged{decodeJSON<Pane>(data), unsignedField(data, "rev").value_or(0)};
-        } else if (name == "settings") {
-            event = SessionEvent::Settings{decodeJSON<DaemonSettings>(data)};
-        } else if (name == "service") {
-            event = SessionEvent::Service{decodeJSON<DaemonService>(data)};
-        }
-    } catch (const DecodingError&) {
-        return;
-    }
-    auto pane = unsignedField(data, "pane");
-    if (name == "bell") {
-        if (pane) event = SessionEvent::Bell{*pane};
-    } else if (name == "pane.clipboard") {
-        auto text = data.find("text");
-        if (pane && text != data.end() && text->is_string()) {
-            event = SessionEvent::Clipboard{*pane, text->get<std::string>(),
-                                            stringField(data, "target", "") == "selection"};
-        }
-    } else if (name == "pane.resized") {
-        auto cols = intField(data, "cols");
-        auto rows = intField(data, "rows");
-        auto seq = unsignedField(data, "seq");
-        if (pane && cols && rows && seq) event = SessionEvent::Resized{*pane, *cols, *rows, *seq};
-    } else if (name == "pane.resync") {
-        if (pane) event = SessionEvent::Resync{*pane};
-    } else if (name == "agent") {
-        if (pane) {
-            std::optional<AgentInfo> info;
-            if (auto agent = data.find("agent"); agent != data.end() && agent->is_object()) {
-                try {
-                    info = decodeJSON<AgentInfo>(*agent);
-                } catch (const DecodingError&) {
-                }
-            }
-            event = SessionEvent::Agent{*pane, std::move(info)};
-        }
-    }
+    auto event = protocol::decodeEvent(name, data);
     if (!event) return;
     std::lock_guard guard(lock_);
     push(std::move(*event));
@@ -496,8 +418,10 @@ void CorvexdBackend::connect(std::shared_ptr<ByteStream>& opened) {
         std::thread([weak, weakStream, interval] { heartbeat(weak, weakStream, interval); }).detach();
     }
 
-    Hello hello = decodeJSON<Hello>(requestDuringConnect(
-        stream, "hello", json{{"protocol", protocolVersion}, {"client", configuration_.clientName}}));
+    protocol::HelloCall helloCall;
+    helloCall.client = configuration_.clientName;
+    Hello hello = protocol::decodeResult<protocol::HelloCall>(
+        requestDuringConnect(stream, std::string(helloCall.name), protocol::encodeParams(helloCall)));
 
     std::vector<Resubscription> list;
     std::optional<TerminalColors> colors;
@@ -515,8 +439,8 @@ void CorvexdBackend::connect(std::shared_ptr<ByteStream>& opened) {
     }
     log("connected to corvexd " + hello.version + " pid " + (hello.pid ? std::to_string(*hello.pid) : "?") +
         " instance " + hello.instance);
-    if (colors && hello.has(Hello::Feature::clientColors)) sendColors(*colors);
-    requestDuringConnect(stream, "events.subscribe", json());
+    if (colors && hello.has(*protocol::ClientColors::gate)) sendColors(*colors);
+    requestDuringConnect(stream, std::string(protocol::EventsSubscribe::name), json());
     resubscribe(list);
 }
 
@@ -534,7 +458,9 @@ json CorvexdBackend::requestDuringConnect(const std::shared_ptr<ByteStream>& str
 
 void CorvexdBackend::sendColors(const TerminalColors& colors) {
     try {
-        request("client.colors", json{{"colors", toJSON(colors)}});
+        protocol::ClientColors method;
+        method.colors = colors;
+        request(std::string(method.name), protocol::encodeParams(method));
     } catch (const std::exception& error) {
         log("client.colors failed: " + errorText(error));
     }
@@ -754,10 +680,10 @@ bool CorvexdBackend::answersWithin(platform::Duration limit) {
 
 void CorvexdBackend::ping() {
     try {
-        request("ping");
+        request(std::string(protocol::Ping::name));
     } catch (const BackendError& error) {
         if (error.code() != "unknown_method") throw;
-        request("state.get");
+        request(std::string(protocol::StateGet::name));
     }
 }
 
@@ -783,54 +709,83 @@ void CorvexdBackend::stop() {
 
 // ---------------------------------------------------------------- operations
 
-ModelState CorvexdBackend::getState() { return decoded<ModelState>(request("state.get")); }
+template <typename M>
+typename M::Result CorvexdBackend::call(const M& method) {
+    if constexpr (M::gate.has_value()) {
+        if (!hasFeature(*M::gate)) return typename M::Result{};
+    }
+    return protocol::decodeResult<M>(request(std::string(M::name), protocol::encodeParams(method)));
+}
+
+ModelState CorvexdBackend::getState() { return call(protocol::StateGet{}); }
 
 CreatedWorkspace CorvexdBackend::createWorkspace(const std::optional<std::string>& name, const SpawnOptions& spawn) {
-    json params = spawnParams(spawn);
-    if (name) params["name"] = *name;
-    return decoded<CreatedWorkspace>(request("workspace.create", params));
+    protocol::WorkspaceCreate method;
+    method.workspaceName = name;
+    method.spawn = spawn;
+    return call(method);
 }
 
 void CorvexdBackend::renameWorkspace(uint64_t id, const std::string& name) {
-    request("workspace.rename", json{{"workspace", id}, {"name", name}});
+    protocol::WorkspaceRename method;
+    method.workspace = id;
+    method.workspaceName = name;
+    call(method);
 }
 
-void CorvexdBackend::closeWorkspace(uint64_t id) { request("workspace.close", json{{"workspace", id}}); }
+void CorvexdBackend::closeWorkspace(uint64_t id) {
+    protocol::WorkspaceClose method;
+    method.workspace = id;
+    call(method);
+}
 
 CreatedTab CorvexdBackend::createTab(uint64_t workspace, const SpawnOptions& spawn) {
-    json params = spawnParams(spawn);
-    params["workspace"] = workspace;
-    return decoded<CreatedTab>(request("tab.create", params));
+    protocol::TabCreate method;
+    method.workspace = workspace;
+    method.spawn = spawn;
+    return call(method);
 }
 
 void CorvexdBackend::renameTab(uint64_t id, const std::optional<std::string>& title) {
-    json params{{"tab", id}};
-    if (title) params["title"] = *title;
-    request("tab.rename", params);
+    protocol::TabRename method;
+    method.tab = id;
+    method.title = title;
+    call(method);
 }
 
-void CorvexdBackend::closeTab(uint64_t id) { request("tab.close", json{{"tab", id}}); }
+void CorvexdBackend::closeTab(uint64_t id) {
+    protocol::TabClose method;
+    method.tab = id;
+    call(method);
+}
 
 CreatedSplit CorvexdBackend::split(uint64_t pane, Direction direction, std::optional<double> ratio,
                                    const SpawnOptions& spawn) {
-    json params = spawnParams(spawn);
-    params["pane"] = pane;
-    params["direction"] = wireName(direction);
-    if (ratio) params["ratio"] = *ratio;
-    return decoded<CreatedSplit>(request("pane.split", params));
+    protocol::PaneSplit method;
+    method.pane = pane;
+    method.direction = direction;
+    method.ratio = ratio;
+    method.spawn = spawn;
+    return call(method);
 }
 
-void CorvexdBackend::closePane(uint64_t id) { request("pane.close", json{{"pane", id}}); }
+void CorvexdBackend::closePane(uint64_t id) {
+    protocol::PaneClose method;
+    method.pane = id;
+    call(method);
+}
 
 void CorvexdBackend::setRatio(uint64_t split, double ratio) {
-    request("split.set_ratio", json{{"split", split}, {"ratio", ratio}});
+    protocol::SplitSetRatio method;
+    method.split = split;
+    method.ratio = ratio;
+    call(method);
 }
 
 void CorvexdBackend::focus(const FocusTarget& target) {
-    const char* key = target.kind == FocusTarget::Kind::pane ? "pane"
-                      : target.kind == FocusTarget::Kind::tab ? "tab"
-                                                               : "workspace";
-    request("focus", json{{key, target.id}});
+    protocol::FocusCall method;
+    method.target = target;
+    call(method);
 }
 
 Subscription CorvexdBackend::subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<int> scrollback,
@@ -839,11 +794,13 @@ Subscription CorvexdBackend::subscribe(uint64_t pane, std::optional<uint64_t> ha
         std::lock_guard guard(lock_);
         subscriptions_[pane] = SubscriptionEntry{scrollback, viewport};
     }
-    json params{{"pane", pane}};
-    if (haveSeq) params["have_seq"] = *haveSeq;
-    if (scrollback) params["scrollback"] = *scrollback;
-    if (viewport) params["viewport"] = json{{"cols", viewport->cols}, {"rows", viewport->rows}};
-    return decoded<Subscription>(request("pane.subscribe", params, pane));
+    protocol::PaneSubscribe method;
+    method.pane = pane;
+    method.haveSeq = haveSeq;
+    method.scrollback = scrollback;
+    method.viewport = viewport;
+    auto result = request(std::string(method.name), protocol::encodeParams(method), pane);
+    return protocol::decodeResult<protocol::PaneSubscribe>(result);
 }
 
 void CorvexdBackend::unsubscribe(uint64_t pane) {
@@ -852,7 +809,9 @@ void CorvexdBackend::unsubscribe(uint64_t pane) {
         subscriptions_.erase(pane);
         deliveredSeq_.erase(pane);
     }
-    request("pane.unsubscribe", json{{"pane", pane}});
+    protocol::PaneUnsubscribe method;
+    method.pane = pane;
+    call(method);
 }
 
 void CorvexdBackend::setViewport(uint64_t pane, Size size) {
@@ -860,16 +819,23 @@ void CorvexdBackend::setViewport(uint64_t pane, Size size) {
         std::lock_guard guard(lock_);
         if (auto entry = subscriptions_.find(pane); entry != subscriptions_.end()) entry->second.viewport = size;
     }
-    request("pane.viewport", json{{"pane", pane}, {"cols", size.cols}, {"rows", size.rows}});
+    protocol::PaneViewport method;
+    method.pane = pane;
+    method.size = size;
+    call(method);
 }
 
 void CorvexdBackend::resize(uint64_t pane, Size size) {
-    request("pane.resize", json{{"pane", pane}, {"cols", size.cols}, {"rows", size.rows}});
+    protocol::PaneResize method;
+    method.pane = pane;
+    method.size = size;
+    call(method);
 }
 
 void CorvexdBackend::focusPane(uint64_t pane) {
-    if (!hasFeature(Hello::Feature::paneFocus)) return;
-    request("pane.focus", json{{"pane", pane}});
+    protocol::PaneFocus method;
+    method.pane = pane;
+    call(method);
 }
 
 void CorvexdBackend::setTerminalColors(const std::optional<TerminalColors>& colors) {
@@ -878,7 +844,7 @@ void CorvexdBackend::setTerminalColors(const std::optional<TerminalColors>& colo
         std::lock_guard guard(lock_);
         if (terminalColors_ == colors) return;
         terminalColors_ = colors;
-        sendNow = connection_ && colors && lastHello_ && lastHello_->has(Hello::Feature::clientColors);
+        sendNow = connection_ && colors && lastHello_ && lastHello_->has(*protocol::ClientColors::gate);
     }
     if (!sendNow) return;
     std::thread([weak = weak_from_this(), colors = *colors] {
@@ -886,102 +852,155 @@ void CorvexdBackend::setTerminalColors(const std::optional<TerminalColors>& colo
     }).detach();
 }
 
-void CorvexdBackend::dismissRestored(uint64_t pane) { request("pane.dismiss_restored", json{{"pane", pane}}); }
+void CorvexdBackend::dismissRestored(uint64_t pane) {
+    protocol::PaneDismissRestored method;
+    method.pane = pane;
+    call(method);
+}
 
 void CorvexdBackend::move(const MoveRequest& move) {
-    auto beside = [&](const char* key) {
-        json params{{key, move.id}, {"to_pane", move.beside}, {"direction", wireName(move.direction)}, {"focus", move.focus}};
-        if (move.ratio) params["ratio"] = *move.ratio;
-        return params;
-    };
     switch (move.kind) {
-    case MoveRequest::Kind::workspace:
-        request("workspace.move", json{{"workspace", move.id}, {"index", move.index}});
-        break;
-    case MoveRequest::Kind::tab: {
-        json params{{"tab", move.id}, {"index", move.index}};
-        if (move.workspace) params["workspace"] = *move.workspace;
-        if (move.focus) params["focus"] = true;
-        request("tab.move", params);
+    case MoveRequest::Kind::workspace: {
+        protocol::WorkspaceMove method;
+        method.workspace = move.id;
+        method.index = move.index;
+        call(method);
         break;
     }
-    case MoveRequest::Kind::pane:
-        request("pane.move", beside("pane"));
+    case MoveRequest::Kind::tab: {
+        protocol::TabMove method;
+        method.tab = move.id;
+        method.index = move.index;
+        method.workspace = move.workspace;
+        method.focus = move.focus;
+        call(method);
         break;
-    case MoveRequest::Kind::tabJoin:
-        request("tab.join", beside("tab"));
+    }
+    case MoveRequest::Kind::pane: {
+        protocol::PaneMove method;
+        method.pane = move.id;
+        method.toPane = move.beside;
+        method.direction = move.direction;
+        method.focus = move.focus;
+        method.ratio = move.ratio;
+        call(method);
         break;
+    }
+    case MoveRequest::Kind::tabJoin: {
+        protocol::TabJoin method;
+        method.tab = move.id;
+        method.toPane = move.beside;
+        method.direction = move.direction;
+        method.focus = move.focus;
+        method.ratio = move.ratio;
+        call(method);
+        break;
+    }
     }
 }
 
-void CorvexdBackend::ackAgent(uint64_t pane) { request("agent.ack", json{{"pane", pane}}); }
+void CorvexdBackend::ackAgent(uint64_t pane) {
+    protocol::AgentAck method;
+    method.pane = pane;
+    call(method);
+}
 
 void CorvexdBackend::muteAgent(uint64_t pane, bool muted) {
-    request("agent.mute", json{{"pane", pane}, {"muted", muted}});
+    protocol::AgentMute method;
+    method.pane = pane;
+    method.muted = muted;
+    call(method);
 }
 
-PaneText CorvexdBackend::paneText(uint64_t pane) { return decoded<PaneText>(request("pane.text", json{{"pane", pane}})); }
+PaneText CorvexdBackend::paneText(uint64_t pane) {
+    protocol::PaneTextCall method;
+    method.pane = pane;
+    return call(method);
+}
 
 void CorvexdBackend::decide(uint64_t pane, const std::string& requestID, PermissionDecision decision,
                             const std::optional<std::string>& message) {
-    json params{{"pane", pane}, {"request", requestID}, {"decision", wireName(decision)}};
-    if (message) params["message"] = *message;
-    request("agent.decide", params);
+    protocol::AgentDecide method;
+    method.pane = pane;
+    method.request = requestID;
+    method.decision = decision;
+    method.message = message;
+    call(method);
 }
 
 PaneSearchResult CorvexdBackend::searchPane(uint64_t pane, const std::string& query, const PaneSearchOptions& options) {
-    json params{{"pane", pane}, {"query", query}, {"regex", options.regex}, {"case_sensitive", options.caseSensitive}};
-    if (options.limit) params["limit"] = *options.limit;
-    if (options.before) params["before"] = json{{"line", options.before->line}, {"col", options.before->col}};
-    return decoded<PaneSearchResult>(request("pane.search", params));
+    protocol::PaneSearch method;
+    method.pane = pane;
+    method.query = query;
+    method.options = options;
+    return call(method);
 }
 
 AgentHistory CorvexdBackend::agentHistory(uint64_t pane, std::optional<int> limit, std::optional<double> since) {
-    json params{{"pane", pane}};
-    if (limit) params["limit"] = *limit;
-    if (since) params["since"] = *since;
-    return decoded<AgentHistory>(request("agent.history", params));
+    protocol::AgentHistoryCall method;
+    method.pane = pane;
+    method.limit = limit;
+    method.since = since;
+    return call(method);
 }
 
 void CorvexdBackend::sendKeys(uint64_t pane, const std::optional<std::string>& text, const std::vector<std::string>& keys) {
-    json params{{"pane", pane}, {"keys", keys}};
-    if (text) params["text"] = *text;
-    request("pane.keys", params);
+    protocol::PaneKeys method;
+    method.pane = pane;
+    method.keys = keys;
+    method.text = text;
+    call(method);
 }
 
-DaemonSettings CorvexdBackend::getSettings() { return decoded<DaemonSettings>(request("settings.get")); }
+DaemonSettings CorvexdBackend::getSettings() { return call(protocol::SettingsGet{}); }
 
 DaemonSettings CorvexdBackend::setSettings(const DaemonSettings::Change& change) {
-    return decoded<DaemonSettings>(request("settings.set", toJSON(change)));
+    protocol::SettingsSet method;
+    method.change = change;
+    return call(method);
 }
 
-DaemonService CorvexdBackend::serviceStatus() { return decoded<DaemonService>(request("service.status")); }
-DaemonService CorvexdBackend::installService() { return decoded<DaemonService>(request("service.install")); }
-DaemonService CorvexdBackend::uninstallService() { return decoded<DaemonService>(request("service.uninstall")); }
+DaemonService CorvexdBackend::serviceStatus() { return call(protocol::ServiceStatus{}); }
+DaemonService CorvexdBackend::installService() { return call(protocol::ServiceInstall{}); }
+DaemonService CorvexdBackend::uninstallService() { return call(protocol::ServiceUninstall{}); }
 
 void CorvexdBackend::pushRegister(const PushRegistration& registration) {
-    request("push.register", toJSON(registration));
+    protocol::PushRegister method;
+    method.registration = registration;
+    call(method);
 }
 
-void CorvexdBackend::pushUnregister(const std::string& device) { request("push.unregister", json{{"device", device}}); }
+void CorvexdBackend::pushUnregister(const std::string& device) {
+    protocol::PushUnregister method;
+    method.device = device;
+    call(method);
+}
 
-std::vector<PushDevice> CorvexdBackend::pushList() { return decodedList<PushDevice>(request("push.list"), "devices"); }
+std::vector<PushDevice> CorvexdBackend::pushList() { return call(protocol::PushList{}); }
 
-void CorvexdBackend::pushTest(const std::string& device) { request("push.test", json{{"device", device}}); }
+void CorvexdBackend::pushTest(const std::string& device) {
+    protocol::PushTest method;
+    method.device = device;
+    call(method);
+}
 
 void CorvexdBackend::pushActivity(uint64_t pane, const std::string& device, const std::string& token,
                                   const std::optional<std::string>& env) {
-    json params{{"pane", pane}, {"device", device}, {"token", token}};
-    if (env) params["env"] = *env;
-    request("push.activity", params);
+    protocol::PushActivityStart method;
+    method.pane = pane;
+    method.device = device;
+    method.token = token;
+    method.env = env;
+    call(method);
 }
 
 void CorvexdBackend::pushActivityEnd(uint64_t pane, const std::string& device) {
-    request("push.activity_end", json{{"pane", pane}, {"device", device}});
+    protocol::PushActivityEnd method;
+    method.pane = pane;
+    method.device = device;
+    call(method);
 }
 
-std::vector<PushActivity> CorvexdBackend::pushActivities() {
-    return decodedList<PushActivity>(request("push.list"), "activities");
-}
+std::vector<PushActivity> CorvexdBackend::pushActivities() { return call(protocol::PushActivities{}); }
 
 } // namespace corvex

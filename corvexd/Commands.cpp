@@ -20,15 +20,19 @@
 #include <nlohmann/json.hpp>
 
 #include "CorvexKit/FrameParser.h"
+#include "CorvexKit/ProtocolJSON.h"
+#include "CorvexSession/LocalPaneHost.h"
+#include "CorvexSession/SessionCore.h"
+#include "Platform/Descriptors.h"
+#include "Platform/ProcessInfo.h"
 #include "Platform/System.h"
+#include "Platform/UnixSocket.h"
 #include "Platform/TimerThread.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/RuntimeDirectory.h"
 #include "corvexd/SavedTree.h"
 #include "corvexd/Server.h"
 #include "corvexd/SessionService.h"
-#include "CorvexFake/LocalPaneHost.h"
-#include "CorvexFake/SessionCore.h"
 
 namespace corvexd {
 
@@ -48,20 +52,7 @@ int fail(const std::string& message) {
 }
 
 // A connected socket, or -1 when nothing accepts at the path.
-int connectTo(const std::string& path) {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof(address.sun_path) - 1));
-    int result;
-    do {
-        result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    } while (result < 0 && errno == EINTR);
-    if (result == 0) return fd;
-    ::close(fd);
-    return -1;
-}
+int connectTo(const std::string& path) { return platform::connectUnixSocket(path).fd; }
 
 bool accepts(const std::string& path) {
     int fd = connectTo(path);
@@ -136,7 +127,7 @@ int serve() {
     options.socketPath = directory.socketPath();
     options.version = buildVersion();
     options.buildId = buildId();
-    options.executable = executablePath();
+    options.executable = platform::executablePath();
     options.ephemeral = platform::environmentValue("CORVEXD_EPHEMERAL") == "exit";
     options.stopFd = stopFd;
     {
@@ -166,7 +157,7 @@ int serve() {
 // Starts `corvexd serve` detached from this process: its own session, no terminal, output
 // to the log, and not our child once we return.
 void spawnServe(const RuntimeDirectory& directory) {
-    std::string executable = executablePath();
+    std::string executable = platform::executablePath();
     pid_t child = ::fork();
     if (child < 0) throw DaemonError(std::string("fork: ") + std::strerror(errno));
     if (child == 0) {
@@ -235,7 +226,7 @@ int terminate(bool forceAfterTimeout) {
     // Wait for that very process to end rather than for the lock to come free: a client may
     // start a new daemon the moment the old one lets go, and the new one takes the lock at once.
     auto deadline = Clock::now() + stopTimeout;
-    while (processLives(*running)) {
+    while (platform::processLives(*running)) {
         if (Clock::now() > deadline) {
             if (!forceAfterTimeout) return fail("the daemon (pid " + std::to_string(*running) + ") didn't stop");
             ::kill(*running, SIGKILL);
@@ -245,20 +236,6 @@ int terminate(bool forceAfterTimeout) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return 0;
-}
-
-bool writeAll(int fd, const char* data, size_t size) {
-    while (size > 0) {
-        ssize_t count = ::send(fd, data, size, MSG_NOSIGNAL);
-        if (count < 0 && errno == ENOTSOCK) count = ::write(fd, data, size);
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += count;
-        size -= static_cast<size_t>(count);
-    }
-    return true;
 }
 
 // Relays standard input to the daemon and the daemon to standard output, until the daemon
@@ -280,7 +257,7 @@ int bridge() {
         if (fds[0].revents) {
             ssize_t count = ::recv(socket, buffer, sizeof(buffer), 0);
             if (count < 0 && errno == EINTR) continue;
-            if (count <= 0 || !writeAll(1, buffer, static_cast<size_t>(count))) break;
+            if (count <= 0 || !platform::writeAll(1, std::string_view(buffer, static_cast<size_t>(count)))) break;
         }
         if (fds[1].revents) {
             ssize_t count = ::read(0, buffer, sizeof(buffer));
@@ -288,7 +265,7 @@ int bridge() {
             if (count <= 0) {
                 inputOpen = false;
                 ::shutdown(socket, SHUT_WR);
-            } else if (!writeAll(socket, buffer, static_cast<size_t>(count))) {
+            } else if (!platform::writeAll(socket, std::string_view(buffer, static_cast<size_t>(count)))) {
                 break;
             }
         }
@@ -298,24 +275,33 @@ int bridge() {
 }
 
 // The running daemon's hello, or absent when none answers.
-std::optional<nlohmann::json> askHello(const std::string& socketPath) {
+std::optional<corvex::Hello> askHello(const std::string& socketPath) {
+    namespace protocol = corvex::protocol;
     int fd = connectTo(socketPath);
     if (fd < 0) return std::nullopt;
     timeval timeout{5, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    nlohmann::json request = {{"id", 1}, {"method", "hello"}, {"params", {{"protocol", 1}, {"client", "corvexd status"}}}};
-    std::string frame = corvex::makeJSONFrame(request.dump());
-    std::optional<nlohmann::json> result;
-    if (writeAll(fd, frame.data(), frame.size())) {
+    protocol::HelloCall call;
+    call.client = "corvexd status";
+    std::string frame = corvex::makeJSONFrame(protocol::requestEnvelope(1, call.name, protocol::encodeParams(call)).dump());
+    std::optional<corvex::Hello> result;
+    bool answered = false;
+    if (platform::writeAll(fd, frame)) {
         corvex::FrameParser parser;
         char buffer[65536];
-        while (!result) {
+        while (!answered) {
             ssize_t count = ::recv(fd, buffer, sizeof(buffer), 0);
             if (count <= 0) break;
             bool ok = parser.append(std::string_view(buffer, static_cast<size_t>(count)), [&](uint8_t type, std::string_view payload) {
                 if (type != static_cast<uint8_t>(corvex::FrameType::json)) return;
                 auto reply = nlohmann::json::parse(payload, nullptr, false);
-                if (reply.is_object() && reply.value("id", 0) == 1 && reply.contains("result")) result = reply["result"];
+                if (!reply.is_object() || reply.value("id", 0) != 1) return;
+                answered = true;
+                if (!reply.contains("result")) return;
+                try {
+                    result = protocol::decodeResult<protocol::HelloCall>(reply["result"]);
+                } catch (const corvex::DecodingError&) {
+                }
             });
             if (!ok) break;
         }
@@ -335,12 +321,8 @@ int status(const std::vector<std::string>& options) {
         RuntimeDirectory::existing(directory);
         auto hello = askHello(socketPath);
         if (!hello) return fail("not running");
-        auto text = [](const nlohmann::json& object, const char* key) {
-            auto found = object.find(key);
-            return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
-        };
-        std::string holder = hello->contains("holder") && (*hello)["holder"].is_object() ? text((*hello)["holder"], "build") : "";
-        std::cout << "serve=" << text(*hello, "build") << "\nholder=" << holder << "\n";
+        std::string holder = hello->holder ? hello->holder->build.value_or("") : "";
+        std::cout << "serve=" << hello->build.value_or("") << "\nholder=" << holder << "\n";
         return 0;
     }
     bool running = accepts(socketPath);
@@ -378,15 +360,6 @@ int runCommand(const std::vector<std::string>& arguments) {
     }
     std::cerr << usage;
     return 2;
-}
-
-bool processLives(pid_t pid) {
-    if (::kill(pid, 0) != 0) return false;
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    auto close = line.rfind(')');
-    return close == std::string::npos || close + 2 >= line.size() || line[close + 2] != 'Z';
 }
 
 } // namespace corvexd
