@@ -593,13 +593,13 @@ Subscription SessionCore::subscribe(uint64_t pane, std::optional<uint64_t> haveS
             } else if (mode == Subscription::Mode::replay) {
                 opening.push_back(SessionEvent::Output{pane, *haveSeq, output.bytesFrom(*haveSeq)});
             }
-            if (!first) {
-                for (auto& event : opening) batch.push(std::move(event));
-                opening.clear();
+            // Under the lock, so that nothing the pane prints later can come before them.
+            for (auto& event : opening) {
+                if (first) first(event);
+                else batch.push(std::move(event));
             }
         }
     }
-    for (const auto& event : opening) first(event);
     if (resizeProcess) resizeProcess->resize(*resizeTo);
     if (fromTerminal) subscription = subscribeFromTerminal(pane, scrollback, first);
     return subscription;

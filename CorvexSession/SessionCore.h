@@ -149,7 +149,9 @@ public:
     // `scrollback` rows of history, at the position the terminal has parsed, which may be
     // ahead of output still on its way: a consumer skips output before a snapshot's `seq`.
     // With `first`, those first events go to it on the calling thread instead of the
-    // listener, for a consumer that serves several subscribers from the one stream.
+    // listener, for a consumer that serves several subscribers from the one stream. It is
+    // called under the core's lock, so that no later output overtakes them, and must not
+    // call back into the core.
     Subscription subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<Size> viewport,
                            int scrollback = 0, const Listener& first = {});
     void unsubscribe(uint64_t pane);

@@ -130,12 +130,12 @@ Subscription SessionCore::subscribeFromTerminal(uint64_t pane, int scrollback, c
         // Output the core counted after the snapshot was taken, which a consumer that only
         // now subscribed hasn't seen.
         if (entry.output.seq() > parsed) opening.push_back(SessionEvent::Output{pane, parsed, entry.output.bytesFrom(parsed)});
-        if (!first) {
-            for (auto& event : opening) batch.push(std::move(event));
-            opening.clear();
+        // Under the lock, so that nothing the pane prints later can come before them.
+        for (auto& event : opening) {
+            if (first) first(event);
+            else batch.push(std::move(event));
         }
     }
-    for (const auto& event : opening) first(event);
     return subscription;
 }
 

@@ -1,5 +1,6 @@
 #include "corvexd/SessionService.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "CorvexKit/Frame.h"
@@ -30,14 +31,23 @@ struct SubscribeCapture {
     uint64_t pane = 0;
     std::vector<std::string>* frames = nullptr;
     uint64_t next = 0; // where the subscriber's live stream begins
+    bool opened = false; // the subscription's own first events have come
 };
 thread_local SubscribeCapture* capture = nullptr;
 
-// A subscriber's opening: its snapshot or replay, as frames after the reply.
+// A subscriber's opening: its snapshot or replay, as frames after the reply, then what the
+// pane printed since. Output it already holds, still on its way from before the subscribe,
+// is left out.
 void captureOpening(SubscribeCapture& caught, const SessionEvent& event) {
+    if (event.as<SessionEvent::Subscribed>()) caught.opened = true;
+    if (!caught.opened) return;
     if (auto* output = event.as<SessionEvent::Output>()) {
-        caught.frames->push_back(corvex::makeOutputFrame(output->pane, output->seq, text(output->bytes)));
-        caught.next = output->seq + output->bytes.size();
+        uint64_t end = output->seq + output->bytes.size();
+        if (end <= caught.next && !output->bytes.empty()) return;
+        uint64_t from = std::max(output->seq, caught.next);
+        auto held = text(output->bytes).substr(from - output->seq);
+        caught.frames->push_back(corvex::makeOutputFrame(output->pane, from, held));
+        caught.next = end;
     } else if (auto* snapshot = event.as<SessionEvent::Snapshot>()) {
         caught.frames->push_back(corvex::makeSnapshotFrame(snapshot->pane, snapshot->seq,
                                                            static_cast<uint16_t>(snapshot->cols),
