@@ -21,6 +21,10 @@
 
 namespace vellum {
 
+struct TerminalRenderSnapshot;
+struct RenderSnapshotCache;
+enum class RenderSnapshotScope : uint8_t;
+
 // The emulator proper: receives the parser's calls, keeps cursor, modes, colours and
 // character sets, writes cells into the active buffer and replies through its delegate.
 class Terminal final : private ParserTarget {
@@ -148,6 +152,12 @@ public:
     TerminalInputStateSnapshot inputStateSnapshot() const;
     // Rows of the normal buffer, or of the alternate one.
     TerminalContentSnapshot contentSnapshot(TerminalContentRegion region, bool alternate);
+    // What a frame draws (TerminalRenderSnapshot.h): every shown row, or those changed since
+    // the last call. Takes the update range, so one reader per terminal.
+    TerminalRenderSnapshot makeRenderSnapshot(RenderSnapshotScope scope);
+    // Moves the shown rows by `rows` into the history (negative) or back towards the live
+    // screen, within what the active buffer holds.
+    void scrollDisplay(int rows);
 
 private:
     friend class TerminalDelegate;
@@ -322,6 +332,7 @@ private:
     SemanticContent suspendedSemanticContent;
     std::optional<std::pair<int, int>> semanticInputStart; // absolute row, column
     bool terminalVisible = true, focused = true;
+    std::shared_ptr<RenderSnapshotCache> renderSnapshotCache; // made at the first snapshot
     bool titleModeSetHex = false, titleModeQueryHex = false, titleModeSetUtf8 = false, titleModeQueryUtf8 = false;
 };
 
