@@ -1,5 +1,6 @@
 #include <QApplication>
 #include <QClipboard>
+#include <QLineEdit>
 #include <QMainWindow>
 #include <QTabBar>
 #include <QTest>
@@ -222,6 +223,101 @@ TEST(AppWindowTest, PasteSendsTheClipboardAndAProgramCanCopy) {
     harness.pressReturn();
     EXPECT_TRUE(eventually([] { return QApplication::clipboard()->text() == "copied-by-program"; }))
         << QApplication::clipboard()->text().toStdString();
+}
+
+TEST(AppWindowTest, UnicodeAndColourOutputAreShownAsWritten) {
+    AppHarness harness;
+    ASSERT_TRUE(harness.waitForShell());
+    uint64_t pane = harness.focusedPane();
+    // Octal escapes keep the typed command plain ASCII; the output is UTF-8 and a red block.
+    harness.type("clear; printf 'h\\303\\251llo \\344\\270\\226\\347\\225\\214 \\033[41m        \\033[0m end\\n'");
+    harness.pressReturn();
+    ASSERT_TRUE(harness.screenShows(pane, "h\xc3\xa9llo \xe4\xb8\x96\xe7\x95\x8c")) << harness.screenText(pane);
+    EXPECT_TRUE(harness.daemonShows(pane, "h\xc3\xa9llo \xe4\xb8\x96\xe7\x95\x8c"));
+    ASSERT_TRUE(harness.screenShows(pane, "end"));
+
+    PaneHostView* view = harness.app().host(pane);
+    ASSERT_TRUE(eventually([&] {
+        QImage shot = harness.screenshot();
+        QRect area = inWindow(harness, view->terminal()).intersected(shot.rect());
+        int red = 0;
+        for (int y = area.top(); y <= area.bottom(); ++y) {
+            for (int x = area.left(); x <= area.right(); ++x) {
+                QColor c = shot.pixelColor(x, y);
+                red += c.red() > 150 && c.green() < 90 && c.blue() < 90;
+            }
+        }
+        return red > 8 * view->terminal()->cellSize().width() * view->terminal()->cellSize().height() / 2;
+    }));
+    harness.keepScreenshot("unicode-colour");
+}
+
+TEST(AppWindowTest, MaximizingShowsOnePaneAndClosingItShowsTheRest) {
+    AppHarness harness;
+    ASSERT_TRUE(harness.waitForShell());
+    ModelStore& store = harness.store();
+    uint64_t first = harness.focusedPane();
+    harness.shortcut(Qt::Key_D);
+    ASSERT_TRUE(eventually([&] { return paneCount(store) == 2; }));
+    ASSERT_TRUE(harness.waitForShell());
+    uint64_t second = harness.focusedPane();
+
+    harness.shortcut(Qt::Key_M);
+    ASSERT_TRUE(eventually([&] { return harness.app().splitView()->maximized() == second; }));
+    EXPECT_FALSE(harness.app().host(first)->isVisible());
+    EXPECT_EQ(harness.app().host(second)->geometry(), harness.app().splitView()->rect());
+
+    // Closing the maximized pane leaves the other one, shown whole.
+    harness.shortcut(Qt::Key_W);
+    ASSERT_TRUE(eventually([&] { return paneCount(store) == 1; }));
+    EXPECT_FALSE(harness.app().splitView()->maximized());
+    EXPECT_TRUE(eventually([&] { return harness.app().host(first) && harness.app().host(first)->isVisible(); }));
+}
+
+TEST(AppWindowTest, WorkspacesAreRenamedAndReorderedFromTheSidebarAndTabsFromTheTabBar) {
+    AppHarness harness;
+    ASSERT_TRUE(harness.waitForShell());
+    ModelStore& store = harness.store();
+    harness.shortcut(Qt::Key_N);
+    ASSERT_TRUE(eventually([&] { return store.state().workspaces.size() == 2; }));
+    uint64_t first = store.state().workspaces[0].id;
+    uint64_t second = store.state().workspaces[1].id;
+
+    SidebarView* sidebar = harness.app().sidebar();
+    QTreeWidgetItem* row = sidebar->item(SidebarTree::workspaceRow, "local", second);
+    ASSERT_NE(row, nullptr);
+    sidebar->editItem(row);
+    QWidget* editor = QApplication::focusWidget();
+    ASSERT_NE(qobject_cast<QLineEdit*>(editor), nullptr);
+    qobject_cast<QLineEdit*>(editor)->selectAll();
+    QTest::keyClicks(editor, "Logs");
+    QTest::keyClick(editor, Qt::Key_Return);
+    ASSERT_TRUE(eventually([&] { return store.state().workspace(second)->name == "Logs"; }));
+
+    // Drag "Logs" above the first workspace.
+    QTreeWidget* tree = sidebar->tree();
+    ASSERT_TRUE(eventually([&] { return sidebar->item(SidebarTree::workspaceRow, "local", second) != nullptr; }));
+    tree->setCurrentItem(sidebar->item(SidebarTree::workspaceRow, "local", second));
+    sidebar->tree()->onMoveWorkspace("local", second, 0);
+    ASSERT_TRUE(eventually([&] { return store.state().workspaces[0].id == second; }));
+    EXPECT_EQ(store.state().workspaces[1].id, first);
+    ASSERT_TRUE(eventually([&] {
+        QTreeWidgetItem* machine = tree->topLevelItem(0);
+        return machine && machine->childCount() == 2 && machine->child(0)->text(0) == "Logs";
+    }));
+
+    // A tab renamed in the tab bar.
+    harness.shortcut(Qt::Key_T);
+    ASSERT_TRUE(eventually([&] { return harness.app().tabBar()->bar()->count() == 2; }));
+    harness.app().tabBar()->beginRename(1);
+    QWidget* tabEditor = QApplication::focusWidget();
+    ASSERT_NE(qobject_cast<QLineEdit*>(tabEditor), nullptr);
+    qobject_cast<QLineEdit*>(tabEditor)->selectAll();
+    QTest::keyClicks(tabEditor, "build");
+    QTest::keyClick(tabEditor, Qt::Key_Return);
+    ASSERT_TRUE(eventually([&] { return harness.app().tabBar()->bar()->tabText(1) == "build"; }));
+    EXPECT_NE(harness.app().window()->windowTitle().toStdString().find("build — Logs"), std::string::npos)
+        << harness.app().window()->windowTitle().toStdString();
 }
 
 } // namespace
