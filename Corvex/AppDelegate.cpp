@@ -173,8 +173,7 @@ std::shared_ptr<SessionBackend> AppDelegate::makeBackend() {
         if (alive.lock()) log_.write("corvexd: " + text);
     };
     localDaemon_ = daemon;
-    std::string socket = daemon.socketPath();
-    if (socket.empty()) socket = CorvexdBackend::defaultSocketPath(choice.runtimeDir);
+    std::string socket = daemon.socketPath().value_or(CorvexdBackend::defaultSocketPath(choice.runtimeDir));
     log(choice.daemonLogLine(socket));
     auto logger = [this, alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
         if (alive.lock()) log_.write(text);

@@ -20,6 +20,7 @@ std::optional<TerminalKey> specialKey(int key) {
     case Qt::Key_Right: return TerminalKey::right;
     case Qt::Key_Home: return TerminalKey::home;
     case Qt::Key_End: return TerminalKey::end;
+    case Qt::Key_Clear: return TerminalKey::begin;
     case Qt::Key_PageUp: return TerminalKey::pageUp;
     case Qt::Key_PageDown: return TerminalKey::pageDown;
     case Qt::Key_Insert: return TerminalKey::insert;

@@ -7,6 +7,7 @@
 #include <QPainterPath>
 #include <QtMath>
 
+#include "Corvex/TerminalBoxDrawing.h"
 #include "Platform/Unicode.h"
 
 namespace corvex {
@@ -26,6 +27,14 @@ std::optional<char32_t> singleScalar(const std::string& text) {
     auto scalars = q.toUcs4();
     if (scalars.size() != 1) return std::nullopt;
     return char32_t(scalars[0]);
+}
+
+// Lines and blocks are drawn to the cell rather than taken from a font.
+std::optional<char32_t> boxCharacter(const std::string& text) {
+    if (text.size() != 3 || uint8_t(text[0]) != 0xE2 || uint8_t(text[1]) < 0x94 || uint8_t(text[1]) > 0x96) return std::nullopt;
+    char32_t c = char32_t((uint8_t(text[0]) & 0x0F) << 12 | (uint8_t(text[1]) & 0x3F) << 6 | (uint8_t(text[2]) & 0x3F));
+    if (!isBoxCharacter(c)) return std::nullopt;
+    return c;
 }
 
 // Emoji shown as pictures: wide pictographs, flags, and anything asking for emoji presentation.
@@ -137,6 +146,8 @@ void TerminalPainter::paintRow(QPainter& painter, const vellum::TerminalSnapshot
     painter.fillRect(QRect(0, top, painter.device()->width(), ch), defaultBackground(state));
     if (y < 0 || y >= int(snapshot.rows().size())) return;
     const vellum::RenderSnapshotRow& row = snapshot.rows()[size_t(y)].row;
+    painter.save();
+    applyLineMode(painter, row.renderMode, top);
     static const std::vector<vellum::RenderSnapshotCell> noCells;
     const auto& cells = row.cells ? *row.cells : noCells;
     int cols = std::min(int(cells.size()), state.cols);
@@ -166,6 +177,11 @@ void TerminalPainter::paintRow(QPainter& painter, const vellum::TerminalSnapshot
                 if (!segment.isEmpty()) segment += QLatin1Char(' ');
                 continue;
             }
+            if (auto box = boxCharacter(cell.text)) {
+                flush();
+                drawBoxCharacter(painter, *box, QRect(col * cw, top, cw * std::max(1, cell.width), ch), runLook.fg);
+                continue;
+            }
             if (fitsGrid(cell)) {
                 if (segment.isEmpty()) segmentStart = col;
                 segment += QString::fromStdString(cell.text);
@@ -184,6 +200,22 @@ void TerminalPainter::paintRow(QPainter& painter, const vellum::TerminalSnapshot
         int x = state.cursor.x;
         drawCursor(painter, state, overlay, x < cols ? &cells[size_t(x)] : nullptr, top);
     }
+    painter.restore();
+}
+
+void TerminalPainter::applyLineMode(QPainter& painter, vellum::BufferLine::RenderLineMode mode, int top) const {
+    using Mode = vellum::BufferLine::RenderLineMode;
+    if (mode == Mode::single) return;
+    int ch = cell_.height();
+    painter.setClipRect(QRect(0, top, painter.device()->width(), ch), Qt::IntersectClip);
+    // Double width draws the row's cells twice as wide; double height draws them twice as tall
+    // and shows the top or the bottom half in this row.
+    QTransform transform;
+    if (mode == Mode::doubledTop) transform.translate(0, top);
+    if (mode == Mode::doubledDown) transform.translate(0, top - ch);
+    transform.scale(2, mode == Mode::doubleWidth ? 1 : 2);
+    if (mode != Mode::doubleWidth) transform.translate(0, -top);
+    painter.setTransform(transform, true);
 }
 
 void TerminalPainter::drawCellText(QPainter& painter, const vellum::RenderSnapshotCell& cell, int fontIndex, int x, int top) {
@@ -273,7 +305,12 @@ void TerminalPainter::drawCursor(QPainter& painter, const vellum::TerminalRender
         if (cell && !cell->text.empty()) {
             CellLook under = look(*cell, state, false);
             painter.setFont(fonts_[size_t(under.fontIndex)]);
-            painter.setPen(under.defaultBackground ? defaultBackground(state) : under.bg);
+            QColor ink = under.defaultBackground ? defaultBackground(state) : under.bg;
+            if (auto box = boxCharacter(cell->text)) {
+                drawBoxCharacter(painter, *box, QRect(x, top, width, ch), ink);
+                break;
+            }
+            painter.setPen(ink);
             painter.drawText(QPointF(x, top + ascent_), QString::fromStdString(cell->text));
         }
         break;

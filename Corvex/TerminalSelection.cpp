@@ -86,7 +86,8 @@ std::string TerminalSelection::text(vellum::Buffer& buffer) const {
     auto r = range();
     if (!r) return {};
     std::string out;
-    int lastRow = std::min(r->end.col == 0 ? r->end.row - 1 : r->end.row, buffer.lines.count() - 1);
+    // A selection that ends at the start of a row takes the line feed before it.
+    int lastRow = std::min(r->end.row, buffer.lines.count() - 1);
     for (int row = std::max(r->start.row, 0); row <= lastRow; ++row) {
         vellum::BufferLine& line = buffer.lines[row];
         int from = row == r->start.row ? r->start.col : 0;

@@ -20,8 +20,6 @@ namespace corvex {
 namespace {
 
 constexpr int frameIntervalMs = 8;       // a 120 Hz frame
-constexpr int blinkIntervalMs = 530;
-constexpr int blinkIdleStopMs = 15000;   // a quiet cursor stops blinking, so an idle view costs nothing
 constexpr double wheelLinesPerNotch = 3;
 
 std::optional<vellum::MouseButton> mouseButton(Qt::MouseButton button) {
@@ -95,7 +93,6 @@ TerminalView::TerminalView(QWidget* parent)
     setCursor(Qt::IBeamCursor);
     frameTimer_.setSingleShot(true);
     connect(&frameTimer_, &QTimer::timeout, this, &TerminalView::frame);
-    blinkTimer_.setInterval(blinkIntervalMs);
     connect(&blinkTimer_, &QTimer::timeout, this, &TerminalView::blinkTick);
     sinceFrame_.start();
     sinceActivity_.start();
@@ -106,6 +103,7 @@ TerminalView::TerminalView(QWidget* parent)
         terminal_->updatePixelGeometry(cellSize().width(), cellSize().height());
     });
     applyTheme();
+    renderNow(); // the first paint shows the theme's colours, not an empty snapshot's
 }
 
 TerminalView::~TerminalView() = default;
@@ -157,7 +155,10 @@ void TerminalView::frame() {
     if (terminal_->synchronizedOutputActive) return;
     sinceFrame_.restart();
     vellum::RenderSnapshotCursor cursorBefore = snapshot_.state().cursor;
+    bool alternateBefore = snapshot_.state().isAlternateScreen;
     auto changed = snapshot_.apply(terminal_->makeRenderSnapshot(vellum::RenderSnapshotScope::dirty));
+    // A selection names rows of one screen; it means nothing on the other.
+    if (snapshot_.state().isAlternateScreen != alternateBefore) selection_.clear();
     if (snapshot_.appearanceChanged()) update();
     else if (changed) repaintRows(changed->startY, changed->endY);
     if (snapshot_.state().cursor != cursorBefore) restartBlink();
@@ -186,9 +187,10 @@ void TerminalView::paintEvent(QPaintEvent* event) {
             int to = row == selected->end.row ? selected->end.col : state.cols;
             if (from < to) overlay.selection = std::pair{from, to};
         }
-        if (y == state.cursor.y && !state.cursor.hidden) {
+        if (y == state.cursor.y) {
+            // Uncommitted input shows at the cursor even while the program hides the cursor.
             overlay.focused = hasFocus();
-            overlay.cursor = cursorShownNow();
+            overlay.cursor = !state.cursor.hidden && cursorShownNow();
             overlay.preedit = preedit_;
         }
         painter_.paintRow(painter, snapshot_, y, overlay);
@@ -217,7 +219,10 @@ void TerminalView::restartBlink() {
     const auto& cursor = snapshot_.state().cursor;
     bool wasHidden = !blinkVisible_;
     blinkVisible_ = true;
-    if (hasFocus() && cursor.blink && !cursor.hidden) {
+    // A flash time of 0 is the desktop's way of saying that cursors do not blink.
+    int flashTime = QApplication::cursorFlashTime();
+    if (hasFocus() && cursor.blink && !cursor.hidden && flashTime > 0) {
+        blinkTimer_.setInterval(std::max(50, flashTime / 2));
         if (!blinkTimer_.isActive()) blinkTimer_.start();
     } else {
         blinkTimer_.stop();
@@ -227,7 +232,8 @@ void TerminalView::restartBlink() {
 
 void TerminalView::blinkTick() {
     const auto& cursor = snapshot_.state().cursor;
-    bool blinking = hasFocus() && cursor.blink && !cursor.hidden && sinceActivity_.elapsed() < blinkIdleStopMs;
+    // A quiet cursor stops blinking, so that an idle view costs nothing.
+    bool blinking = hasFocus() && cursor.blink && !cursor.hidden && sinceActivity_.elapsed() < blinkTimeout_.count();
     if (!blinking) {
         blinkTimer_.stop();
         if (blinkVisible_) return;

@@ -3,6 +3,7 @@
 #include <QElapsedTimer>
 #include <QTimer>
 #include <QWidget>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -65,6 +66,10 @@ public:
     void scrollLines(int lines);
     // Whether programs may have the mouse; with it off the mouse always selects.
     void setMouseReportingAllowed(bool allowed) { mouseReportingAllowed_ = allowed; }
+    // How long a blinking cursor goes on blinking after the last input or output; then it
+    // stays on and the view stops its timer. The blink rate is the desktop's.
+    void setCursorBlinkTimeout(std::chrono::milliseconds timeout) { blinkTimeout_ = timeout; }
+    bool isCursorBlinking() const { return blinkTimer_.isActive(); }
     // Takes a snapshot and repaints now instead of at the next frame.
     void renderNow();
     vellum::Terminal& terminal() { return *terminal_; }
@@ -137,6 +142,7 @@ private:
     QTimer blinkTimer_;
     QElapsedTimer sinceActivity_;
     bool blinkVisible_ = true;
+    std::chrono::milliseconds blinkTimeout_{15000};
 
     TerminalSelection selection_;
     std::optional<TerminalSelection::Range> paintedSelection_;

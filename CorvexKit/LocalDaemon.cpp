@@ -1,153 +1,150 @@
 #include "CorvexKit/LocalDaemon.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <random>
-#include <signal.h>
-#include <spawn.h>
-#include <sstream>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/System.h"
-
-extern char** environ;
+#include "CorvexKit/RemoteSetup.h"
 
 namespace corvex {
 
+namespace fs = std::filesystem;
+
 namespace {
 
-std::string trimmed(std::string text) {
-    const char* blanks = " \t\r\n";
-    size_t first = text.find_first_not_of(blanks);
+std::string trimmed(const std::string& text) {
+    const char* space = " \t\r\n\f\v";
+    size_t first = text.find_first_not_of(space);
     if (first == std::string::npos) return {};
-    size_t last = text.find_last_not_of(blanks);
-    return text.substr(first, last - first + 1);
+    return text.substr(first, text.find_last_not_of(space) - first + 1);
 }
 
-std::string readAll(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
+bool isExecutable(const std::string& path) { return ::access(path.c_str(), X_OK) == 0 && fs::is_regular_file(path); }
+
+std::string withoutTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
 }
 
-std::string uniqueName() {
-    std::random_device random;
-    std::ostringstream name;
-    name << std::hex << random() << random();
-    return name.str();
+void setVariable(std::vector<std::string>& env, const std::string& name, const std::string& value) {
+    std::erase_if(env, [&](const std::string& entry) { return entry.starts_with(name + "="); });
+    env.push_back(name + "=" + value);
 }
 
-bool startsWith(const std::string& text, std::string_view prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
+std::string parentOf(const std::string& path) { return fs::path(path).parent_path().string(); }
+
+// The newest build directory in the base holding an executable corvexd.
+std::optional<std::string> newestBuild(const std::string& base) {
+    std::vector<std::string> ids;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(base, error)) {
+        std::string name = entry.path().filename().string();
+        if (name != "current" && isExecutable(entry.path().string() + "/corvexd")) ids.push_back(name);
+    }
+    if (ids.empty()) return std::nullopt;
+    std::sort(ids.begin(), ids.end());
+    return base + "/" + ids.back() + "/corvexd";
 }
 
 } // namespace
 
-std::vector<std::string> LocalDaemon::environment(const std::vector<std::string>& inherited,
-                                                  const std::optional<std::string>& runtimeDir,
-                                                  const std::optional<std::string>& installDir) {
-    std::vector<std::string> result;
-    for (const auto& entry : inherited) {
-        if (startsWith(entry, "DROVER_") || startsWith(entry, "CORVEX_") || startsWith(entry, "CORVEXD_")) continue;
-        result.push_back(entry);
-    }
+std::vector<std::string> LocalDaemon::environment() const {
+    auto env = environmentWithout({"DROVER_", "CORVEX_"});
     if (runtimeDir) {
-        result.push_back("CORVEXD_RUNTIME_DIR=" + *runtimeDir);
-        std::string folder = *runtimeDir;
-        while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
-        result.push_back("CORVEXD_EPHEMERAL=exit");
-        result.push_back("CORVEXD_CONFIG=" + folder + "/config.toml");
+        setVariable(env, "CORVEXD_RUNTIME_DIR", *runtimeDir);
+        setVariable(env, "CORVEXD_EPHEMERAL", "exit");
+        setVariable(env, "CORVEXD_CONFIG", withoutTrailingSlash(*runtimeDir) + "/config.toml");
     }
-    if (installDir) result.push_back("CORVEXD_INSTALL_DIR=" + *installDir);
+    if (installDir) setVariable(env, "CORVEXD_INSTALL_DIR", *installDir);
+    return env;
+}
+
+ProcessResult LocalDaemon::run(const std::string& executable, const std::vector<std::string>& arguments) const {
+    ProcessRequest request;
+    request.program = executable;
+    request.arguments = arguments;
+    request.environment = environment();
+    request.outputThroughFiles = true;
+    ProcessResult result = runProcess(request);
+    result.out = trimmed(result.out);
+    result.err = trimmed(result.err);
     return result;
 }
 
-LocalDaemon::Result LocalDaemon::run(const std::string& executable, const std::vector<std::string>& arguments) const {
-    std::vector<std::string> inherited;
-    for (char** entry = environ; entry && *entry; ++entry) inherited.emplace_back(*entry);
-    std::vector<std::string> env = environment(inherited, runtimeDir, installDir);
+void LocalDaemon::report(const std::string& line) const {
+    if (log) log(line);
+}
 
-    // Files, not pipes: a daemonising child may keep an inherited pipe open for ever.
-    std::string base = platform::temporaryDirectory() + "/corvexd-" + uniqueName();
-    std::string outPath = base + ".out", errPath = base + ".err";
-
-    std::vector<char*> argv{const_cast<char*>(executable.c_str())};
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (auto& entry : env) envp.push_back(entry.data());
-    envp.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none, defaults;
-    sigemptyset(&none);
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    sigaddset(&defaults, SIGTERM);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
-    Result result;
-    pid_t pid = -1;
-    int error = posix_spawn(&pid, executable.c_str(), &actions, &attributes, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (error != 0) {
-        result.err = "can't run " + executable + ": " + std::strerror(error);
-        return result;
+std::string LocalDaemon::bundledInstallPath() const {
+    ProcessResult result;
+    try {
+        result = run(source, {"install", "--print-path"});
+    } catch (const std::exception& error) {
+        throw Failure(Failure::Kind::failed, std::string("Couldn't ask corvexd where it installs: ") + error.what());
     }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    if (result.status != 0 || result.out.empty()) {
+        std::string detail = result.err.empty() ? "exit status " + std::to_string(result.status) : result.err;
+        throw Failure(Failure::Kind::failed, "Couldn't ask corvexd where it installs: " + detail);
     }
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = trimmed(readAll(outPath));
-    result.err = trimmed(readAll(errPath));
-    std::error_code ignored;
-    std::filesystem::remove(outPath, ignored);
-    std::filesystem::remove(errPath, ignored);
-    return result;
+    return result.out;
 }
 
 std::string LocalDaemon::installedPath() const {
-    // The daemon installs itself only where it offers to; until then the bundled one serves.
-    return source;
+    if (runInPlace) return source;
+    std::string base = parentOf(parentOf(bundledInstallPath()));
+    std::string candidate = base + "/current/corvexd";
+    if (isExecutable(candidate)) return candidate;
+    std::string detail;
+    try {
+        auto installed = run(source, {"install"});
+        detail = installed.err.empty() ? "exit status " + std::to_string(installed.status) : installed.err;
+    } catch (const std::exception& error) {
+        detail = error.what();
+    }
+    if (isExecutable(candidate)) return candidate;
+    if (auto newest = newestBuild(base)) return *newest;
+    throw Failure(Failure::Kind::failed, "Couldn't install corvexd: " + detail);
 }
 
-std::string LocalDaemon::socketPath() const {
-    Result result = run(installedPath(), {"status", "--print-socket"});
-    if (result.status != 0) return {};
+std::optional<std::string> LocalDaemon::socketPath() const {
+    // Any build answers this from the environment alone; asking the source installs nothing.
+    auto result = run(source, {"status", "--print-socket"});
+    if (result.status != 0 || result.out.empty()) return std::nullopt;
     return result.out;
+}
+
+void LocalDaemon::fail(const ProcessResult& result, const std::string& fallback) const {
+    if (result.status == RemoteSetup::holderTooOldExit) {
+        throw Failure(Failure::Kind::holderTooOld,
+                      result.err.empty() ? "The running shells use an older corvexd." : result.err);
+    }
+    throw Failure(Failure::Kind::failed, result.err.empty() ? fallback : result.err);
 }
 
 void LocalDaemon::start() const {
     std::string path = installedPath();
-    Result result = run(path, {"start"});
+    auto result = run(path, {"start"});
     if (result.status == 0) return;
-    if (log) log("start (" + path + ") exited with " + std::to_string(result.status));
-    if (result.status == 3)
-        throw Failure(Failure::Kind::holderTooOld,
-                      result.err.empty() ? "The running shells use an older corvexd." : result.err);
-    throw Failure(Failure::Kind::failed,
-                  result.err.empty() ? "corvexd start exited with " + std::to_string(result.status) : result.err);
+    report("start (" + path + ") exited with " + std::to_string(result.status));
+    fail(result, "corvexd start exited with " + std::to_string(result.status));
+}
+
+void LocalDaemon::upgrade() const {
+    if (runInPlace) return;
+    auto result = run(source, {"upgrade"});
+    report("corvexd upgrade (" + source + ") exited with " + std::to_string(result.status));
+    if (result.status != 0) fail(result, "corvexd upgrade exited with " + std::to_string(result.status));
 }
 
 void LocalDaemon::shutdownAndRemove() const {
-    run(installedPath(), {"shutdown"});
+    try {
+        run(source, {"shutdown"});
+    } catch (const std::exception&) {
+        // Nothing to end, or nothing installed: the directories still go.
+    }
     std::error_code ignored;
-    if (installDir) std::filesystem::remove_all(*installDir, ignored);
-    if (runtimeDir) std::filesystem::remove_all(*runtimeDir, ignored);
+    if (installDir) fs::remove_all(*installDir, ignored);
+    if (runtimeDir) fs::remove_all(*runtimeDir, ignored);
 }
 
 } // namespace corvex

@@ -8,7 +8,7 @@ constexpr std::string_view csi = "\x1b[", ss3 = "\x1bO";
 
 std::string withAlt(std::string bytes, bool alt) { return alt ? "\x1b" + bytes : bytes; }
 
-// Cursor keys and Home/End: SS3 in application cursor mode, CSI otherwise, CSI 1;m with modifiers.
+// Cursor keys, Home, End and the keypad's Begin: SS3 in application cursor mode, CSI otherwise, CSI 1;m with modifiers.
 std::string cursorKey(char final, const KeyInput& input, KeyboardModes modes) {
     if (input.modifiers.any()) return std::string(csi) + "1;" + std::to_string(input.modifiers.parameter()) + final;
     return std::string(modes.applicationCursor ? ss3 : csi) + final;
@@ -105,6 +105,7 @@ std::string encodeKey(const KeyInput& input, KeyboardModes modes) {
     case TerminalKey::left: return cursorKey('D', input, modes);
     case TerminalKey::home: return cursorKey('H', input, modes);
     case TerminalKey::end: return cursorKey('F', input, modes);
+    case TerminalKey::begin: return cursorKey('E', input, modes);
     case TerminalKey::insert: return tildeKey(2, m);
     case TerminalKey::deleteKey: return tildeKey(3, m);
     case TerminalKey::pageUp: return tildeKey(5, m);

@@ -21,6 +21,7 @@ enum class TerminalKey : uint8_t {
     right,
     home,
     end,
+    begin, // the keypad's middle key with Num Lock off
     pageUp,
     pageDown,
     insert,

@@ -23,6 +23,7 @@
 #include "Platform/System.h"
 #include "Platform/TimerThread.h"
 #include "corvexd/BuildInfo.h"
+#include "corvexd/InstallCommand.h"
 #include "corvexd/RuntimeDirectory.h"
 #include "corvexd/SavedTree.h"
 #include "corvexd/Server.h"
@@ -373,6 +374,7 @@ int runCommand(const std::vector<std::string>& arguments) {
             return 0;
         }
         if (command == "status") return status(rest);
+        if (command == "install") return installCommand(rest);
     } catch (const DaemonError& error) {
         return fail(error.what());
     }

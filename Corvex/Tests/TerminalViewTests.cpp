@@ -160,6 +160,29 @@ TEST_F(TerminalViewTest, StylesThemeAndFontSize) {
     EXPECT_GT(cell().width(), before.width());
 }
 
+TEST_F(TerminalViewTest, BoxLinesMeetAcrossCellsAndBlocksFillThem) {
+    // A horizontal line across two cells, a vertical one down two rows, a full block.
+    feed("\xe2\x94\x80\xe2\x94\x80\xe2\x94\x82\xe2\x96\x88\r\n  \xe2\x94\x82");
+    QImage image = shot();
+    QColor ink = rgb(view->colors().foreground);
+    int w = cell().width(), h = cell().height();
+    EXPECT_EQ(image.pixelColor(w - 1, h / 2), ink);
+    EXPECT_EQ(image.pixelColor(w, h / 2), ink);
+    EXPECT_EQ(image.pixelColor(2 * w + w / 2, h - 1), ink);
+    EXPECT_EQ(image.pixelColor(2 * w + w / 2, h), ink);
+    EXPECT_EQ(image.pixelColor(2 * w + w / 2, 0), ink);
+    EXPECT_EQ(inkIn(image, cellRect(3, 0)), w * h);
+}
+
+TEST_F(TerminalViewTest, DoubleWidthAndDoubleHeightLines) {
+    feed("AB\r\n\x1b#6AB\r\n\x1b#3AB\r\n\x1b#4AB");
+    QImage image = shot();
+    EXPECT_EQ(inkIn(image, cellRect(2, 0, 2)), 0);
+    for (int row = 1; row <= 3; ++row) EXPECT_GT(inkIn(image, cellRect(2, row, 2)), 4) << "row " << row;
+    // The two halves of a double-height line are the top and the bottom of one glyph.
+    EXPECT_NE(image.copy(cellRect(0, 2, 4)), image.copy(cellRect(0, 3, 4)));
+}
+
 TEST_F(TerminalViewTest, OnlyChangedRowsAreRepainted) {
     feed("\x1b[4;1H");
     PaintRecorder recorder;
@@ -194,6 +217,49 @@ TEST_F(TerminalViewTest, CursorIsABlockWithFocusAndHollowWithout) {
     image = shot();
     EXPECT_EQ(image.pixelColor(cellRect(0, 1).topLeft() + QPoint(0, cell().height() / 2)), cursor);
     EXPECT_EQ(image.pixelColor(center(0, 1) + QPoint(cell().width() / 3, 0)), background());
+}
+
+TEST_F(TerminalViewTest, ABlinkingCursorStopsWhenQuiet) {
+    if (!view->hasFocus()) GTEST_SKIP() << "the window did not get the keyboard";
+    QApplication::setCursorFlashTime(100);
+    view->setCursorBlinkTimeout(std::chrono::milliseconds(300));
+    feed("\x1b[1 q");
+    ASSERT_TRUE(view->isCursorBlinking());
+    PaintRecorder recorder;
+    view->installEventFilter(&recorder);
+    QCoreApplication::processEvents();
+    recorder.painted = {};
+    EXPECT_TRUE(eventually([&] { return !recorder.painted.isEmpty(); }));
+    EXPECT_EQ(recorder.painted.boundingRect().top(), 0); // the cursor's row only
+    EXPECT_EQ(recorder.painted.boundingRect().height(), cell().height());
+
+    ASSERT_TRUE(eventually([&] { return !view->isCursorBlinking(); }));
+    EXPECT_EQ(shot().pixelColor(center(0, 0)), rgb(*view->colors().cursor)); // it stops shown
+    recorder.painted = {};
+    QTest::qWait(200);
+    EXPECT_TRUE(recorder.painted.isEmpty()) << "an idle view draws nothing";
+    key(Qt::Key_A);
+    EXPECT_TRUE(view->isCursorBlinking());
+    view->removeEventFilter(&recorder);
+}
+
+TEST_F(TerminalViewTest, SynchronizedOutputIsDrawnWhenComplete) {
+    feed("\x1b[?2026hhalf");
+    EXPECT_EQ(inkIn(shot(), cellRect(1, 0, 3)), 0);
+    feed(" done\x1b[?2026l");
+    EXPECT_GT(inkIn(shot(), cellRect(1, 0, 3)), 10);
+
+    // A batch that never ends is drawn after the timeout.
+    feed("\r\n\x1b[?2026hstuck");
+    EXPECT_EQ(inkIn(shot(), cellRect(1, 1, 3)), 0);
+    EXPECT_TRUE(eventually([&] { return inkIn(shot(), cellRect(1, 1, 3)) > 10; }, 4000));
+}
+
+TEST_F(TerminalViewTest, ReverseVideoAndHiddenCursor) {
+    feed("\x1b[?25l\x1b[?5h");
+    QImage image = shot();
+    EXPECT_EQ(image.pixelColor(center(10, 3)), rgb(view->colors().foreground));
+    EXPECT_EQ(image.pixelColor(center(0, 0)), rgb(view->colors().foreground)); // no cursor drawn
 }
 
 TEST_F(TerminalViewTest, KeysReachTheProgramInXtermEncoding) {
@@ -325,6 +391,30 @@ TEST_F(TerminalViewTest, WordAndLineSelectionCopyAndBracketedPaste) {
     feed("\x1b[?2004h");
     view->pasteClipboard();
     EXPECT_EQ(take(), "\x1b[200~ls\rrm x\x1b[201~");
+}
+
+TEST_F(TerminalViewTest, SelectionAcrossRowsAndWrappedLines) {
+    feed("0123456789012345678901234567\r\nnext line   \r\n");
+    // Three clicks take the whole logical line, wrapped rows joined without a line feed.
+    for (int i = 0; i < 3; ++i) {
+        mouse(i == 1 ? QEvent::MouseButtonDblClick : QEvent::MouseButtonPress, center(1, 1), Qt::LeftButton);
+        mouse(QEvent::MouseButtonRelease, center(1, 1), Qt::LeftButton);
+    }
+    EXPECT_EQ(view->selectedText(), "0123456789012345678901234567");
+
+    // A drag from the middle of one row into the next; blanks at a row's end are dropped.
+    mouse(QEvent::MouseButtonPress, cellRect(2, 1).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseMove, cellRect(6, 2).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseMove, cellRect(4, 2).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseButtonRelease, cellRect(4, 2).topLeft(), Qt::LeftButton);
+    EXPECT_EQ(view->selectedText(), "67\nnext");
+    mouse(QEvent::MouseButtonPress, cellRect(0, 0).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseMove, cellRect(0, 3).topLeft(), Qt::LeftButton);
+    EXPECT_EQ(view->selectedText(), "0123456789012345678901234567\nnext line\n");
+    feed("\x1b[?1049h");
+    EXPECT_EQ(view->selectedText(), ""); // the other screen has its own rows
+    click(center(5, 4)); // a click alone selects nothing
+    EXPECT_EQ(view->selectedText(), "");
 }
 
 TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {

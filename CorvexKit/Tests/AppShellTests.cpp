@@ -7,7 +7,6 @@
 #include "CorvexKit/AppLog.h"
 #include "CorvexKit/AppPreferences.h"
 #include "CorvexKit/BackendChoice.h"
-#include "CorvexKit/LocalDaemon.h"
 #include "CorvexKit/WindowModel.h"
 #include "Platform/MainQueue.h"
 #include "Support/ScratchDirectory.h"
@@ -112,46 +111,6 @@ TEST(AppLogTest, AnUnwritablePathIsIgnored) {
     AppLog log("/proc/no/such/place.log");
     log.write("dropped");
     SUCCEED();
-}
-
-TEST(LocalDaemonTest, AnIsolatedDaemonLeavesWithItsLastClient) {
-    auto env = LocalDaemon::environment({"PATH=/bin", "CORVEXD_BIN=/x", "CORVEX_PANE=3", "DROVER_X=1"},
-                                        std::string("/rt/"), std::string("/inst"));
-    EXPECT_EQ(env, (std::vector<std::string>{"PATH=/bin", "CORVEXD_RUNTIME_DIR=/rt/", "CORVEXD_EPHEMERAL=exit",
-                                             "CORVEXD_CONFIG=/rt/config.toml", "CORVEXD_INSTALL_DIR=/inst"}));
-    EXPECT_EQ(LocalDaemon::environment({"HOME=/h"}, std::nullopt, std::nullopt), (std::vector<std::string>{"HOME=/h"}));
-}
-
-TEST(LocalDaemonTest, StartFailuresTellAnOldHolderFromTheRest) {
-    corvex::testing::ScratchDirectory scratch;
-    std::string script = scratch.writeExecutable(
-        "corvexd", "#!/bin/sh\n[ \"$1\" = start ] || exit 0\necho \"holder says no\" >&2\nexit \"$STATUS\"\n");
-    LocalDaemon daemon;
-    daemon.source = script;
-    daemon.runInPlace = true;
-    std::vector<std::string> logged;
-    daemon.log = [&](const std::string& line) { logged.push_back(line); };
-
-    ::setenv("STATUS", "3", 1);
-    try {
-        daemon.start();
-        FAIL() << "start should fail";
-    } catch (const LocalDaemon::Failure& failure) {
-        EXPECT_EQ(failure.kind, LocalDaemon::Failure::Kind::holderTooOld);
-        EXPECT_STREQ(failure.what(), "holder says no");
-    }
-    ::setenv("STATUS", "4", 1);
-    try {
-        daemon.start();
-        FAIL() << "start should fail";
-    } catch (const LocalDaemon::Failure& failure) {
-        EXPECT_EQ(failure.kind, LocalDaemon::Failure::Kind::failed);
-    }
-    ::setenv("STATUS", "0", 1);
-    EXPECT_NO_THROW(daemon.start());
-    ::unsetenv("STATUS");
-    EXPECT_EQ(logged, (std::vector<std::string>{"start (" + script + ") exited with 3",
-                                                "start (" + script + ") exited with 4"}));
 }
 
 TEST(MachineStatusLineTest, EachSituationHasItsLine) {

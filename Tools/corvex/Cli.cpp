@@ -14,6 +14,7 @@
 #include "CorvexKit/SessionCodec.h"
 #include "CorvexKit/UnixSocketTransport.h"
 #include "Tools/corvex/Commands.h"
+#include "Tools/corvex/RemotePrepare.h"
 #include "Tools/corvex/Terminal.h"
 
 extern char** environ;
@@ -80,10 +81,13 @@ void startLocalDaemon() {
     }
 }
 
-std::shared_ptr<CorvexdBackend> makeBackend(const Invocation& invocation) {
+std::shared_ptr<CorvexdBackend> makeBackend(const Invocation& invocation, std::shared_ptr<CorvexdTransport> remote) {
     CorvexdBackend::Configuration configuration;
     configuration.clientName = invocation.clientName;
-    if (invocation.sshTarget) {
+    if (remote) {
+        configuration.transport = std::move(remote);
+        configuration.retry = RetryPolicy::remote();
+    } else if (invocation.sshTarget) {
         auto ssh = std::make_shared<SSHProcessTransport>();
         ssh->target = *invocation.sshTarget;
         ssh->sshPath = "ssh"; // the user's own, found on PATH
@@ -150,7 +154,13 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     }
     ::signal(SIGPIPE, SIG_IGN);
     Streams io{in, out, err};
-    auto backend = makeBackend(invocation);
+    // A machine reached over ssh gets its daemon installed first, as the app does it.
+    std::shared_ptr<CorvexdTransport> remote;
+    if (invocation.sshTarget && !invocation.remoteCommand) {
+        remote = prepareRemote(*invocation.sshTarget, err);
+        if (!remote) return 1;
+    }
+    auto backend = makeBackend(invocation, std::move(remote));
     int status = 1;
     try {
         backend->start();

@@ -91,6 +91,7 @@ TEST(KeyEncoder, CursorKeysFollowTheCursorKeyMode) {
     EXPECT_EQ(encodeKey(key(TerminalKey::left), application), "\x1bOD");
     EXPECT_EQ(encodeKey(key(TerminalKey::home), normal), "\x1b[H");
     EXPECT_EQ(encodeKey(key(TerminalKey::end), application), "\x1bOF");
+    EXPECT_EQ(encodeKey(key(TerminalKey::begin), normal), "\x1b[E");
     // Modifiers always give the CSI form with the modifier parameter.
     EXPECT_EQ(encodeKey(key(TerminalKey::up, shift), application), "\x1b[1;2A");
     EXPECT_EQ(encodeKey(key(TerminalKey::left, alt), normal), "\x1b[1;3D");
