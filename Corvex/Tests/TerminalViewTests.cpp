@@ -469,6 +469,20 @@ TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     EXPECT_EQ(take(), "\x1b[B\x1b[B\x1b[B");
 }
 
+TEST_F(TerminalViewTest, CtrlClickOpensALink) {
+    std::vector<std::string> opened;
+    view->onOpenLink = [&](std::string url) { opened.push_back(std::move(url)); };
+    feed("\x1b]8;id=1;https://example.com/a?b=1\x1b\\link\x1b]8;;\x1b\\ plain");
+    QImage image = shot();
+    EXPECT_GT(inkIn(image, QRect(cellRect(0, 0).left(), cellRect(0, 0).bottom() - 3, 4 * cell().width(), 4)),
+              inkIn(image, QRect(cellRect(5, 0).left(), cellRect(5, 0).bottom() - 3, 4 * cell().width(), 4)))
+        << "the link is underlined";
+    click(center(2, 0), Qt::ControlModifier);
+    click(center(6, 0), Qt::ControlModifier);
+    click(center(2, 0));
+    EXPECT_EQ(opened, std::vector<std::string>{"https://example.com/a?b=1"});
+}
+
 TEST_F(TerminalViewTest, OscClipboardTitleAndBell) {
     std::string clipboard, title;
     int bells = 0;
