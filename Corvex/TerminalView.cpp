@@ -321,6 +321,8 @@ void TerminalView::scrollToBottom() { scrollLines(-(terminal_->buffer().yBase - 
 
 void TerminalView::sendUserInput(std::string_view bytes) {
     if (bytes.empty()) return;
+    // The pointer hides while typing, and comes back when the mouse moves.
+    if (underMouse()) setCursor(Qt::BlankCursor);
     scrollToBottom();
     restartBlink();
     if (onInput) onInput(std::vector<uint8_t>(bytes.begin(), bytes.end()));
@@ -488,6 +490,9 @@ void TerminalView::mouseDoubleClickEvent(QMouseEvent* event) {
 
 void TerminalView::mouseMoveEvent(QMouseEvent* event) {
     QPointF position = event->position();
+    // An arrow says that the program has the mouse; a text beam that the mouse selects.
+    Qt::CursorShape shape = mouseReportsGo(event->modifiers()) ? Qt::ArrowCursor : Qt::IBeamCursor;
+    if (cursor().shape() != shape) setCursor(shape);
     bool anyMotion = terminal_->mouseMode == int(vellum::MouseTracking::anyEvent) && mouseReportsGo(event->modifiers());
     if (reportedButton_ || anyMotion) {
         CellHit hit = hitTest(position);

@@ -362,12 +362,15 @@ TEST_F(TerminalViewTest, MouseReportsAndTheShiftBypass) {
     mouse(QEvent::MouseButtonRelease, center(1, 0), Qt::RightButton);
     EXPECT_EQ(take(), "\x1b[<18;1;1M\x1b[<34;2;1M\x1b[<2;2;1m");
 
+    EXPECT_EQ(view->cursor().shape(), Qt::ArrowCursor); // the program has the mouse
+
     // With Shift the mouse selects instead.
     mouse(QEvent::MouseButtonPress, cellRect(1, 0).topLeft(), Qt::LeftButton, Qt::ShiftModifier);
     mouse(QEvent::MouseMove, cellRect(4, 0).topLeft(), Qt::LeftButton, Qt::ShiftModifier);
     mouse(QEvent::MouseButtonRelease, cellRect(4, 0).topLeft(), Qt::LeftButton, Qt::ShiftModifier);
     EXPECT_EQ(take(), "");
     EXPECT_EQ(view->selectedText(), "bcd");
+    EXPECT_EQ(view->cursor().shape(), Qt::IBeamCursor);
 }
 
 TEST_F(TerminalViewTest, WordAndLineSelectionCopyAndBracketedPaste) {
