@@ -81,6 +81,8 @@ public:
     std::function<void(std::string title)> onTitle;
     std::function<void()> onBell;
     std::function<void()> onFocusIn; // the view took the keyboard
+    // Ctrl+click on a link a program printed (OSC 8); when unset the desktop opens it.
+    std::function<void(std::string url)> onOpenLink;
 
     QSize sizeHint() const override;
     QVariant inputMethodQuery(Qt::InputMethodQuery query) const override;
@@ -128,6 +130,7 @@ private:
     void selectAt(QPointF position, SelectionUnit unit);
     void extendSelectionTo(QPointF position);
     void dragScrollTick();
+    std::optional<std::string> linkAt(QPointF position) const;
     void publishSelection();
     int historyTopRow() const; // buffer row of the first shown row
 
