@@ -190,7 +190,6 @@ void Server::acceptClients() {
         client->id = nextClientID_++;
         client->fd = fd;
         clients_.emplace(client->id, std::move(client));
-        servedAnyone_ = true;
     }
 }
 
@@ -295,6 +294,9 @@ void Server::readFrom(Client& client) {
 }
 
 void Server::handleFrame(Client& client, uint8_t type, std::string_view payload) {
+    // A client counts once it has asked something: `start` probing the socket doesn't, or an
+    // ephemeral daemon would leave as soon as it had started.
+    servedAnyone_ = true;
     switch (static_cast<corvex::FrameType>(type)) {
     case corvex::FrameType::json:
         handleJSON(client, payload);

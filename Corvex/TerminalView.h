@@ -1,0 +1,169 @@
+#pragma once
+
+#include <QElapsedTimer>
+#include <QTimer>
+#include <QWidget>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "Corvex/TerminalPainter.h"
+#include "Corvex/TerminalSelection.h"
+#include "Corvex/TerminalTheme.h"
+#include "CorvexKit/SessionBackend.h"
+#include "Vellum/MouseEncoder.h"
+#include "Vellum/TerminalRenderSnapshot.h"
+#include "Vellum/WheelInput.h"
+
+namespace vellum {
+class Terminal;
+}
+
+namespace corvex {
+
+// A pane's terminal on the screen. It owns a terminal with no process of its own: the
+// session's output is fed in from the backend and drawn here, and what the user does becomes
+// bytes for the program through `onInput`. Drawing is QPainter from the snapshot, repainting
+// only the rows that changed.
+class TerminalView : public QWidget {
+    Q_OBJECT
+public:
+    explicit TerminalView(QWidget* parent = nullptr);
+    ~TerminalView() override;
+
+    // Main thread. Replies the terminal generates while fed are dropped: the daemon's own
+    // terminal already answered the program.
+    void feedFromBackend(std::span<const uint8_t> bytes);
+    bool isFeeding() const { return feeding_; }
+    // The size the daemon confirmed; never reported back as a user action.
+    void resizeTerminal(int cols, int rows);
+    void resetTerminal(); // as ESC c
+    QSize cellSize() const { return painter_.cellSize(); }
+    void setFontSize(double points);
+    double fontSize() const;
+    void setDarkAppearance(bool dark);
+    bool darkAppearance() const { return dark_; }
+    // The current palette, for "client.colors".
+    TerminalColors colors() const;
+    // The rows shown, as text, for tests.
+    std::string screenText() const;
+    int cols() const;
+    int rows() const;
+
+    // Local actions, also for the application's shortcuts.
+    void copySelection();
+    void pasteClipboard();
+    // The primary selection where the desktop has one (middle click, Shift+Insert).
+    void pasteSelection();
+    void paste(const std::string& text);
+    std::string selectedText() const;
+    void clearSelection();
+    // Shows the live screen again after scrolling into the history.
+    void scrollToBottom();
+    // Moves the shown rows into the history (positive) or back (negative).
+    void scrollLines(int lines);
+    // Whether programs may have the mouse; with it off the mouse always selects.
+    void setMouseReportingAllowed(bool allowed) { mouseReportingAllowed_ = allowed; }
+    // How long a blinking cursor goes on blinking after the last input or output; then it
+    // stays on and the view stops its timer. The blink rate is the desktop's.
+    void setCursorBlinkTimeout(std::chrono::milliseconds timeout) { blinkTimeout_ = timeout; }
+    bool isCursorBlinking() const { return blinkTimer_.isActive(); }
+    // Takes a snapshot and repaints now instead of at the next frame.
+    void renderNow();
+    vellum::Terminal& terminal() { return *terminal_; }
+
+    std::function<void(std::vector<uint8_t>)> onInput; // keys, paste, mouse and focus reports
+    std::function<void(std::string text)> onClipboardWrite; // OSC 52 from the program
+    std::function<void(std::string title)> onTitle;
+    std::function<void()> onBell;
+    std::function<void()> onFocusIn; // the view took the keyboard
+
+    QSize sizeHint() const override;
+    QVariant inputMethodQuery(Qt::InputMethodQuery query) const override;
+
+protected:
+    bool event(QEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+    void inputMethodEvent(QInputMethodEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void mouseDoubleClickEvent(QMouseEvent* event) override;
+    void wheelEvent(QWheelEvent* event) override;
+    void focusInEvent(QFocusEvent* event) override;
+    void focusOutEvent(QFocusEvent* event) override;
+    bool focusNextPrevChild(bool next) override;
+
+private:
+    class Delegate;
+    friend class Delegate;
+
+    void scheduleFrame();
+    void frame();
+    void repaintRows(int first, int last);
+    void sendUserInput(std::string_view bytes);
+    void restartBlink();
+    void blinkTick();
+    bool cursorShownNow() const;
+    QRect cursorRect() const;
+    // Runs `change` with the terminal's replies dropped.
+    template <typename Change>
+    void quietly(Change&& change);
+    void applyTheme();
+
+    // Pointer helpers.
+    struct CellHit {
+        int col = 0, row = 0;       // the cell under the pointer, on screen
+        int boundaryCol = 0;        // the nearest cell edge
+    };
+    CellHit hitTest(QPointF position) const;
+    bool mouseReportsGo(Qt::KeyboardModifiers modifiers) const;
+    bool sendMouseReport(vellum::MouseAction action, vellum::MouseButton button, QPointF position,
+                         Qt::KeyboardModifiers modifiers);
+    void selectAt(QPointF position, SelectionUnit unit);
+    void extendSelectionTo(QPointF position);
+    void dragScrollTick();
+    void publishSelection();
+    int historyTopRow() const; // buffer row of the first shown row
+
+    std::unique_ptr<Delegate> delegate_;
+    std::unique_ptr<vellum::Terminal> terminal_;
+    vellum::TerminalSnapshot snapshot_;
+    TerminalPainter painter_;
+    TerminalTheme theme_;
+    bool dark_ = true;
+    bool feeding_ = false;
+    int quiet_ = 0;
+
+    QTimer frameTimer_;
+    QElapsedTimer sinceFrame_;
+    QTimer blinkTimer_;
+    QElapsedTimer sinceActivity_;
+    bool blinkVisible_ = true;
+    std::chrono::milliseconds blinkTimeout_{15000};
+
+    TerminalSelection selection_;
+    std::optional<TerminalSelection::Range> paintedSelection_;
+    bool selecting_ = false;
+    // A drag past the top or bottom edge scrolls while the pointer stays out there.
+    QTimer dragScroll_;
+    int dragScrollLines_ = 0;
+    QPointF dragPosition_;
+    QElapsedTimer sinceDoubleClick_;
+    QPointF doubleClickAt_;
+    bool mouseReportingAllowed_ = true;
+    std::optional<vellum::MouseButton> reportedButton_;
+    std::optional<std::pair<int, int>> lastMotionCell_;
+
+    QString preedit_;
+    vellum::WheelDistanceAccumulator<vellum::WheelRoute> wheelAccumulator_;
+    vellum::WheelReportBudget wheelBudget_;
+    QElapsedTimer clock_;
+};
+
+} // namespace corvex
