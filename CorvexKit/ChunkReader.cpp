@@ -41,7 +41,7 @@ std::optional<Bytes> ChunkReader::next() {
 
 void ChunkReader::close() {
     std::lock_guard guard(lock_);
-    cancelled_ = fd_ >= 0;
+    cancelled_ = cancelled_ || fd_ >= 0; // a second close keeps the first one's answer
     closeLocked();
 }
 

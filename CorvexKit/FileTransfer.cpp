@@ -232,6 +232,9 @@ void FileTransfer::setCurrent(const std::string& path) {
 }
 
 void FileTransfer::publish() {
+    // One publisher at a time, so the handler sees the totals in the order they were taken;
+    // the state lock itself is never held across the call.
+    std::lock_guard publishing(publishLock_);
     Progress copy;
     ProgressHandler handler;
     {

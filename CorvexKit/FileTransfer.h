@@ -83,6 +83,7 @@ private:
 
     std::shared_ptr<FileBackend> source_;
     std::shared_ptr<FileBackend> destination_;
+    std::mutex publishLock_;
     mutable std::mutex lock_;
     Progress progress_;
     std::map<std::string, uint64_t> written_;

@@ -24,7 +24,8 @@ public:
     FileSpace statfs(const std::string& path) override;
     FileReadStream read(const std::string& path, const FileReadOptions& options) override;
     FileEntry write(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
-                    FileProgress progress, const platform::CancellationToken& cancel) override;
+                    FileProgress progress,
+                    const platform::CancellationToken& cancel = platform::CancellationToken()) override;
 };
 
 // A local file as the source of a write. The size and fingerprint are taken once, when made.

@@ -87,10 +87,10 @@ protected:
         ::mkdir(to().c_str(), 0755);
     }
 
-    FileTransfer quickTransfer(std::shared_ptr<FileBackend> source) {
-        FileTransfer transfer(std::move(source), local);
-        transfer.retryDelays = {0.01, 0.01, 0.01, 0.01, 0.01};
-        transfer.chunk = 4096;
+    std::unique_ptr<FileTransfer> quickTransfer(std::shared_ptr<FileBackend> source) {
+        auto transfer = std::make_unique<FileTransfer>(std::move(source), local);
+        transfer->retryDelays = {0.01, 0.01, 0.01, 0.01, 0.01};
+        transfer->chunk = 4096;
         return transfer;
     }
 };
@@ -114,10 +114,10 @@ TEST_F(Transfers, ATreeArrivesWholeWithoutWhatCannotBeCopied) {
     ::mkfifo(from("tree/fifo").c_str(), 0600);
     local->setattr(from("tree/sub"), "1400000000000000007", std::nullopt);
 
-    FileTransfer transfer = quickTransfer(local);
+    auto transfer = quickTransfer(local);
     std::vector<FileTransfer::Progress> seen;
     std::mutex seenLock;
-    transfer.copy({from("tree")}, to(), FileTransfer::Conflict::fail, [&](const FileTransfer::Progress& progress) {
+    transfer->copy({from("tree")}, to(), FileTransfer::Conflict::fail, [&](const FileTransfer::Progress& progress) {
         std::lock_guard guard(seenLock);
         seen.push_back(progress);
     });
@@ -135,7 +135,7 @@ TEST_F(Transfers, ATreeArrivesWholeWithoutWhatCannotBeCopied) {
         EXPECT_EQ(failureOf([&] { local->stat(to("tree/" + skipped)); }).code(), "not_found") << skipped;
     EXPECT_TRUE(stagingFiles(to()).empty());
 
-    FileTransfer::Progress last = transfer.progress();
+    FileTransfer::Progress last = transfer->progress();
     EXPECT_EQ(last.totalFiles, 5);
     EXPECT_EQ(last.doneFiles, 5);
     EXPECT_EQ(last.totalBytes, 300000u * 2 + 6 + 10 + 8);
@@ -147,7 +147,7 @@ TEST_F(Transfers, ALinkNamedByTheUserIsFollowed) {
     ::mkdir(from("real").c_str(), 0755);
     writeBytes(from("real/file"), "inside");
     ::symlink("real", from("link").c_str());
-    quickTransfer(local).copy({from("link")}, to(), FileTransfer::Conflict::fail);
+    quickTransfer(local)->copy({from("link")}, to(), FileTransfer::Conflict::fail);
     EXPECT_TRUE(local->stat(to("link")).isDirectory());
     EXPECT_FALSE(local->stat(to("link")).link);
     EXPECT_EQ(readBytes(to("link/file")), "inside");
@@ -159,19 +159,19 @@ TEST_F(Transfers, ConflictsAreSkippedReplacedOrRefused) {
     writeBytes(to("b"), "old b");
     EXPECT_EQ(FileTransfer::existing({"a", "b"}, to(), *local), std::vector<std::string>{"b"});
 
-    FileTransfer transfer = quickTransfer(local);
-    BackendError refused = failureOf([&] { transfer.copy({from("b")}, to(), FileTransfer::Conflict::fail); });
+    auto transfer = quickTransfer(local);
+    BackendError refused = failureOf([&] { transfer->copy({from("b")}, to(), FileTransfer::Conflict::fail); });
     EXPECT_EQ(refused.code(), "exists");
 
-    transfer.copy({from("a"), from("b")}, to(), FileTransfer::Conflict::skip);
-    FileTransfer::Progress skipped = transfer.progress();
+    transfer->copy({from("a"), from("b")}, to(), FileTransfer::Conflict::skip);
+    FileTransfer::Progress skipped = transfer->progress();
     EXPECT_EQ(skipped.doneFiles, 2);
     EXPECT_EQ(skipped.skippedFiles, 1);
     EXPECT_EQ(skipped.doneBytes, skipped.totalBytes);
     EXPECT_EQ(readBytes(to("a")), "new a");
     EXPECT_EQ(readBytes(to("b")), "old b");
 
-    transfer.copy({from("b")}, to(), FileTransfer::Conflict::replace);
+    transfer->copy({from("b")}, to(), FileTransfer::Conflict::replace);
     EXPECT_EQ(readBytes(to("b")), "new b");
     EXPECT_TRUE(stagingFiles(to()).empty());
 }
@@ -181,15 +181,15 @@ TEST_F(Transfers, ADroppedConnectionIsRetriedFromTheStagingOffset) {
     writeBytes(from("file"), bytes);
     breaking->breaks = 2;
     breaking->breakAfter = 40000;
-    FileTransfer transfer = quickTransfer(breaking);
+    auto transfer = quickTransfer(breaking);
     std::vector<int> attempts;
-    transfer.onRetry = [&](const std::string& path, const BackendError& error, int attempt) {
+    transfer->onRetry = [&](const std::string& path, const BackendError& error, int attempt) {
         EXPECT_EQ(path, to("file"));
         EXPECT_EQ(error.code(), "disconnected");
         attempts.push_back(attempt);
     };
     std::vector<uint64_t> done;
-    transfer.copy({from("file")}, to(), FileTransfer::Conflict::fail,
+    transfer->copy({from("file")}, to(), FileTransfer::Conflict::fail,
                   [&](const FileTransfer::Progress& progress) { done.push_back(progress.doneBytes); });
 
     EXPECT_EQ(attempts, (std::vector<int>{2, 3}));
@@ -204,11 +204,11 @@ TEST_F(Transfers, RetriesEndAfterTheLastDelay) {
     writeBytes(from("file"), patternBytes(50000));
     breaking->breaks = 100;
     breaking->breakAfter = 4096;
-    FileTransfer transfer = quickTransfer(breaking);
-    transfer.retryDelays = {0, 0};
+    auto transfer = quickTransfer(breaking);
+    transfer->retryDelays = {0, 0};
     int retries = 0;
-    transfer.onRetry = [&](const std::string&, const BackendError&, int) { ++retries; };
-    EXPECT_EQ(failureOf([&] { transfer.copy({from("file")}, to(), FileTransfer::Conflict::fail); }).code(),
+    transfer->onRetry = [&](const std::string&, const BackendError&, int) { ++retries; };
+    EXPECT_EQ(failureOf([&] { transfer->copy({from("file")}, to(), FileTransfer::Conflict::fail); }).code(),
               "disconnected");
     EXPECT_EQ(retries, 2);
     EXPECT_EQ(breaking->readOffsets.size(), 3u);
@@ -222,51 +222,51 @@ TEST_F(Transfers, AnInterruptedCopyIsFinishedByTheSameCopyAgain) {
         writeBytes(from("tree/f" + std::to_string(index)), patternBytes(60000 + index, index));
     breaking->breaks = 1000;
     breaking->breakAfter = 20000;
-    FileTransfer first = quickTransfer(breaking);
-    first.retryDelays = {};
-    first.maxStreams = 2;
-    EXPECT_EQ(failureOf([&] { first.copy({from("tree")}, to(), FileTransfer::Conflict::fail); }).code(),
+    auto first = quickTransfer(breaking);
+    first->retryDelays = {};
+    first->maxStreams = 2;
+    EXPECT_EQ(failureOf([&] { first->copy({from("tree")}, to(), FileTransfer::Conflict::fail); }).code(),
               "disconnected");
     EXPECT_FALSE(stagingFiles(to()).empty());
 
     breaking->breaks = 0;
     breaking->readOffsets.clear();
-    FileTransfer second = quickTransfer(breaking);
-    second.maxStreams = 1;
-    second.copy({from("tree")}, to(), FileTransfer::Conflict::fail);
+    auto second = quickTransfer(breaking);
+    second->maxStreams = 1;
+    second->copy({from("tree")}, to(), FileTransfer::Conflict::fail);
     EXPECT_TRUE(std::any_of(breaking->readOffsets.begin(), breaking->readOffsets.end(),
                             [](uint64_t offset) { return offset > 0; }));
     for (int index = 0; index < 6; ++index)
         EXPECT_EQ(readBytes(to("tree/f" + std::to_string(index))), patternBytes(60000 + index, index));
     EXPECT_TRUE(stagingFiles(to()).empty());
-    EXPECT_EQ(second.progress().doneBytes, second.progress().totalBytes);
+    EXPECT_EQ(second->progress().doneBytes, second->progress().totalBytes);
 }
 
 TEST_F(Transfers, ASourceThatChangesBetweenAttemptsFailsAsChanged) {
     writeBytes(from("file"), patternBytes(80000, 5));
     breaking->breaks = 1;
     breaking->breakAfter = 30000;
-    FileTransfer transfer = quickTransfer(breaking);
-    transfer.onRetry = [&](const std::string&, const BackendError&, int) {
+    auto transfer = quickTransfer(breaking);
+    transfer->onRetry = [&](const std::string&, const BackendError&, int) {
         writeBytes(from("file"), patternBytes(80000, 6));
         local->setattr(from("file"), "1000000000000000000", std::nullopt);
     };
-    BackendError error = failureOf([&] { transfer.copy({from("file")}, to(), FileTransfer::Conflict::fail); });
+    BackendError error = failureOf([&] { transfer->copy({from("file")}, to(), FileTransfer::Conflict::fail); });
     EXPECT_EQ(error.code(), "changed");
     EXPECT_EQ(failureOf([&] { local->stat(to("file")); }).code(), "not_found");
 }
 
 TEST_F(Transfers, NothingIsWrittenWhenASourceIsMissingOrTheTargetIsInTheWay) {
     writeBytes(from("a"), "a");
-    FileTransfer transfer = quickTransfer(local);
-    EXPECT_EQ(failureOf([&] { transfer.copy({from("a"), from("missing")}, to(), FileTransfer::Conflict::fail); }).code(),
+    auto transfer = quickTransfer(local);
+    EXPECT_EQ(failureOf([&] { transfer->copy({from("a"), from("missing")}, to(), FileTransfer::Conflict::fail); }).code(),
               "not_found");
     EXPECT_EQ(failureOf([&] { local->stat(to("a")); }).code(), "not_found");
 
     ::mkdir(from("dir").c_str(), 0755);
     writeBytes(from("dir/inner"), "x");
     writeBytes(to("dir"), "a file where the directory goes");
-    EXPECT_EQ(failureOf([&] { transfer.copy({from("dir")}, to(), FileTransfer::Conflict::replace); }).code(), "exists");
+    EXPECT_EQ(failureOf([&] { transfer->copy({from("dir")}, to(), FileTransfer::Conflict::replace); }).code(), "exists");
     EXPECT_EQ(readBytes(to("dir")), "a file where the directory goes");
 
     // An existing directory is merged into, not refused.
@@ -274,17 +274,17 @@ TEST_F(Transfers, NothingIsWrittenWhenASourceIsMissingOrTheTargetIsInTheWay) {
     writeBytes(from("merge/new"), "n");
     ::mkdir(to("merge").c_str(), 0755);
     writeBytes(to("merge/old"), "o");
-    transfer.copy({from("merge")}, to(), FileTransfer::Conflict::fail);
+    transfer->copy({from("merge")}, to(), FileTransfer::Conflict::fail);
     EXPECT_EQ(readBytes(to("merge/new")), "n");
     EXPECT_EQ(readBytes(to("merge/old")), "o");
 }
 
 TEST_F(Transfers, ACancelledCopyStopsAndKeepsItsStagingFiles) {
     writeBytes(from("file"), patternBytes(400000));
-    FileTransfer transfer = quickTransfer(local);
+    auto transfer = quickTransfer(local);
     platform::CancellationToken cancel;
     BackendError error = failureOf([&] {
-        transfer.copy({from("file")}, to(), FileTransfer::Conflict::fail,
+        transfer->copy({from("file")}, to(), FileTransfer::Conflict::fail,
                       [&](const FileTransfer::Progress& progress) { if (progress.doneBytes > 50000) cancel.cancel(); },
                       cancel);
     });

@@ -106,7 +106,7 @@ TEST_F(LocalFiles, StatDescribesFilesLinksAndTheRoot) {
 }
 
 TEST_F(LocalFiles, PathsMustBeAbsoluteAndWhole) {
-    for (std::string bad : {"relative/file", "../etc/passwd", "", std::string("/tmp/a\0b", 8)}) {
+    for (std::string bad : {std::string("relative/file"), std::string("../etc/passwd"), std::string(), std::string("/tmp/a\0b", 8)}) {
         BackendError error = failureOf([&] { backend.stat(bad); });
         EXPECT_EQ(error.code(), "bad_request") << bad;
     }
