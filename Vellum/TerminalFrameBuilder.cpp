@@ -124,9 +124,11 @@ bool TerminalFrameBuilder::buildPass(const TerminalSnapshot& snapshot, const Fra
             ++counters_.rowsReused;
         } else {
             entry.buffers.clear();
+            uint64_t skipped = counters_.glyphsSkipped;
             buildRow(snapshot, y, from, to, entry.buffers);
             if (atlasInvalidatedDuringBuild_) break;
-            entry.revision = rows[size_t(y)].revision;
+            // A row that misses glyphs is built again next frame, when they may fit.
+            entry.revision = counters_.glyphsSkipped == skipped ? rows[size_t(y)].revision : 0;
             entry.signature = signature;
             entry.selectionFrom = from;
             entry.selectionTo = to;
