@@ -183,7 +183,6 @@ struct GlyphRasterizer::Impl {
         FcCharSet* set = FcCharSetCreate();
         FcCharSetAddChar(set, scalar);
         FcPatternAddCharSet(request, FC_CHARSET, set);
-        FcPatternAddString(request, FC_FAMILY, reinterpret_cast<const FcChar8*>(family.c_str()));
         FcPatternAddDouble(request, FC_PIXEL_SIZE, pixelSize);
         Face* face = openMatch(request, false);
         FcCharSetDestroy(set);

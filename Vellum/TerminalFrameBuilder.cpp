@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 #include "Platform/Unicode.h"
 #include "Vellum/BoxDrawingRenderer.h"
@@ -45,13 +46,38 @@ void appendRect(std::vector<ColorCell>& out, float x, float y, float width, floa
 TerminalFrameBuilder::TerminalFrameBuilder(const std::string& family, double pixelSize)
     : rasterizer_(std::make_unique<GlyphRasterizer>(family, pixelSize)),
       gray_(1024, GlyphAtlas::recommendedMaxSize(GlyphAtlasFormat::grayscale, false), GlyphAtlasFormat::grayscale),
-      color_(1024, GlyphAtlas::recommendedMaxSize(GlyphAtlasFormat::bgra, false), GlyphAtlasFormat::bgra) {}
+      color_(1024, GlyphAtlas::recommendedMaxSize(GlyphAtlasFormat::bgra, false), GlyphAtlasFormat::bgra) {
+    measureCell();
+}
+
+void TerminalFrameBuilder::measureCell() {
+    cell_ = rasterizer_->metrics();
+    baselineShift_ = 0;
+    if (requestedWidth_ > 0 && requestedHeight_ > 0) {
+        baselineShift_ = (requestedHeight_ - cell_.height) / 2;
+        cell_.width = requestedWidth_;
+        cell_.height = requestedHeight_;
+        cell_.ascent += baselineShift_;
+        cell_.underlinePosition = std::min(cell_.underlinePosition + baselineShift_, cell_.height - cell_.lineThickness);
+        cell_.strikePosition += baselineShift_;
+    }
+}
+
+void TerminalFrameBuilder::setCellSize(int width, int height) {
+    if (width == requestedWidth_ && height == requestedHeight_) return;
+    requestedWidth_ = width;
+    requestedHeight_ = height;
+    measureCell();
+    ++fontGeneration_;
+    forgetGlyphs();
+}
 
 TerminalFrameBuilder::~TerminalFrameBuilder() = default;
 
 void TerminalFrameBuilder::setFont(const std::string& family, double pixelSize) {
     if (family == rasterizer_->family() && pixelSize == rasterizer_->pixelSize()) return;
     rasterizer_ = std::make_unique<GlyphRasterizer>(family, pixelSize);
+    measureCell();
     ++fontGeneration_;
     forgetGlyphs();
 }
@@ -68,14 +94,13 @@ void TerminalFrameBuilder::forgetGlyphs() {
     for (auto& row : rowCache_) row.revision = 0;
 }
 
-uint64_t TerminalFrameBuilder::signatureOf(const TerminalRenderSnapshot& state, const FrameOverlay& overlay) const {
+uint64_t TerminalFrameBuilder::signatureOf(const TerminalRenderSnapshot& state, const FrameOverlay&) const {
     uint64_t h = fontGeneration_;
     h = hashMix(h, uint64_t(gray_.size()) << 32 | uint64_t(color_.size()));
     h = hashMix(h, gray_.textureGeneration() << 32 ^ color_.textureGeneration());
     auto addColor = [&](Color c) { h = hashMix(h, uint64_t(c.red) << 32 | uint64_t(c.green) << 16 | c.blue); };
     addColor(state.foregroundColor);
     addColor(state.backgroundColor);
-    addColor(overlay.selectionBackground);
     h = hashMix(h, state.reverseVideo);
     for (const Color& c : state.palette) addColor(c);
     return h;
@@ -107,7 +132,6 @@ bool TerminalFrameBuilder::buildPass(const TerminalSnapshot& snapshot, const Fra
     const auto& rows = snapshot.rows();
     rowCache_.resize(rows.size());
     draw_.frame.clear();
-    selectionColor_ = toFloat4(overlay.selectionBackground);
     draw_.clearColor = toFloat4(state.reverseVideo ? state.foregroundColor : state.backgroundColor);
     for (int y = 0; y < int(rows.size()); ++y) {
         int from = 0, to = 0;
@@ -149,11 +173,11 @@ bool TerminalFrameBuilder::buildPass(const TerminalSnapshot& snapshot, const Fra
 }
 
 TerminalFrameBuilder::CellColors TerminalFrameBuilder::colorsOf(const RenderSnapshotCell& cell,
-                                                                const TerminalRenderSnapshot& state) const {
+                                                                const TerminalRenderSnapshot& state, bool selected) const {
     const Attribute& a = cell.attribute;
     CellColors out{resolve(a.fg, state, true), resolve(a.bg, state, false),
                    a.bg.kind() == Attribute::Color::Kind::defaultColor};
-    if (a.style.contains(CharacterStyle::inverse)) {
+    if (a.style.contains(CharacterStyle::inverse) != selected) {
         std::swap(out.fg, out.bg);
         out.defaultBackground = false;
     }
@@ -189,8 +213,7 @@ void TerminalFrameBuilder::buildRow(const TerminalSnapshot& snapshot, int y, int
             continue;
         int cellsWide = std::max(1, c.width);
         bool selected = x >= from && x < to;
-        CellColors colors = colorsOf(c, state);
-        if (selected) colors.bg = selectionColor_, colors.defaultBackground = false;
+        CellColors colors = colorsOf(c, state, selected);
         float left = float(x * m.width), width = float(m.width * cellsWide);
         if (!colors.defaultBackground) {
             // Neighbours of one colour share a rectangle.
@@ -272,6 +295,7 @@ const TerminalFrameBuilder::GlyphEntry* TerminalFrameBuilder::glyph(std::string_
     if (auto found = index.find(text); found != index.end()) return &glyphs_[found->second];
     const CellMetrics& m = cell();
     GlyphEntry entry;
+    int shift = baselineShift_;
     auto place = [&](RasterGlyph& g) {
         GlyphAtlas& atlas = g.color ? color_ : gray_;
         auto region = atlas.ensureRegion(g.width, g.height);
@@ -284,11 +308,12 @@ const TerminalFrameBuilder::GlyphEntry* TerminalFrameBuilder::glyph(std::string_
             return true;
         }
         atlas.writeRows(*region, g.pixels.data(), g.width * atlas.bytesPerPixel());
-        entry.quads.push_back(Quad{g.left, g.top, g.width, g.height, *region, g.color});
+        entry.quads.push_back(Quad{g.left, g.top + shift, g.width, g.height, *region, g.color});
         return true;
     };
     rasterScratch_.clear();
     if (auto scalar = synthesized(text)) {
+        shift = 0; // drawn to the cell itself
         CoverageBitmap bitmap;
         renderSynthesizedGlyph(*scalar, m.width * cells, m.height, true, bitmap);
         rasterScratch_.push_back(RasterGlyph{0, 0, bitmap.width, bitmap.height, false, std::move(bitmap.pixels)});
@@ -312,12 +337,25 @@ const TerminalFrameBuilder::GlyphEntry* TerminalFrameBuilder::glyph(std::string_
     return &glyphs_.back();
 }
 
+template <typename Vertex>
+void TerminalFrameBuilder::appendQuad(std::vector<Vertex>& out, Vertex base, float x, float y, float w, float h, Float2 tex,
+                                      Float2 texSize) {
+    for (Float2 corner : kQuadCorners) {
+        Vertex v = base;
+        v.position = Float2{x + w * corner.x, y + h * corner.y};
+        if constexpr (std::is_same_v<Vertex, GlyphVertex>) v.texCoord = Float2{tex.x + texSize.x * corner.x, tex.y + texSize.y * corner.y};
+        out.push_back(v);
+    }
+}
+
 void TerminalFrameBuilder::buildCursor(const TerminalSnapshot& snapshot, const FrameOverlay& overlay) {
     draw_.cursorColorVertices.clear();
     draw_.cursorGlyphVerticesGray.clear();
     draw_.cursorGlyphVerticesColor.clear();
     const TerminalRenderSnapshot& state = snapshot.state();
     const RenderSnapshotCursor& cursor = state.cursor;
+    // Uncommitted input shows at the cursor even while the program hides the cursor.
+    if (!overlay.preedit.empty()) return buildPreedit(state, overlay.preedit);
     if (!overlay.cursorShown || cursor.hidden || cursor.y < 0 || cursor.y >= int(snapshot.rows().size())) return;
     const CellMetrics& m = cell();
     const RenderSnapshotCell* under = nullptr;
@@ -326,10 +364,8 @@ void TerminalFrameBuilder::buildCursor(const TerminalSnapshot& snapshot, const F
     int wide = under ? std::max(1, under->width) : 1;
     float x = float(cursor.x * m.width), y = float(cursor.y * m.height), w = float(m.width * wide), h = float(m.height);
     Float4 color = toFloat4(state.cursorColor.value_or(state.reverseVideo ? state.backgroundColor : state.foregroundColor));
-    auto rect = [&](float rx, float ry, float rw, float rh) {
-        for (Float2 corner : kQuadCorners)
-            draw_.cursorColorVertices.push_back(ColorVertex{{rx + rw * corner.x, ry + rh * corner.y}, {}, color});
-    };
+    ColorVertex base{{}, {}, color};
+    auto rect = [&](float rx, float ry, float rw, float rh) { appendQuad(draw_.cursorColorVertices, base, rx, ry, rw, rh); };
     float thick = float(std::max(2, m.lineThickness));
     bool block = cursor.style == CursorStyle::blinkBlock || cursor.style == CursorStyle::steadyBlock;
     if (!overlay.cursorFocused) {
@@ -345,19 +381,39 @@ void TerminalFrameBuilder::buildCursor(const TerminalSnapshot& snapshot, const F
     rect(x, y, w, h);
     // The character under a block cursor shows in the background colour.
     if (!under || under->text.empty()) return;
-    const GlyphEntry* entry = glyph(under->text, wide, styleOf(under->attribute));
-    if (!entry) return;
-    Float4 textColor = draw_.clearColor;
-    for (const Quad& q : entry->quads) {
+    if (const GlyphEntry* entry = glyph(under->text, wide, styleOf(under->attribute)))
+        appendCursorGlyph(*entry, x, y, draw_.clearColor);
+}
+
+void TerminalFrameBuilder::appendCursorGlyph(const GlyphEntry& entry, float x, float y, Float4 color) {
+    for (const Quad& q : entry.quads) {
         const GlyphAtlas& atlas = q.color ? color_ : gray_;
         float size = float(atlas.size());
         auto& out = q.color ? draw_.cursorGlyphVerticesColor : draw_.cursorGlyphVerticesGray;
-        for (Float2 corner : kQuadCorners)
-            out.push_back(GlyphVertex{{x + float(q.left) + float(q.width) * corner.x, y + float(q.top) + float(q.height) * corner.y},
-                                      {(float(q.region.x) + float(q.region.width) * corner.x) / size,
-                                       (float(q.region.y) + float(q.region.height) * corner.y) / size},
-                                      q.color ? Float4{1, 1, 1, 1} : textColor});
+        appendQuad(out, GlyphVertex{{}, {}, q.color ? Float4{1, 1, 1, 1} : color}, x + float(q.left), y + float(q.top),
+                   float(q.width), float(q.height), Float2{float(q.region.x) / size, float(q.region.y) / size},
+                   Float2{float(q.region.width) / size, float(q.region.height) / size});
     }
+}
+
+void TerminalFrameBuilder::buildPreedit(const TerminalRenderSnapshot& state, const std::string& text) {
+    const CellMetrics& m = cell();
+    Float4 fg = toFloat4(state.reverseVideo ? state.backgroundColor : state.foregroundColor);
+    float x = float(state.cursor.x * m.width), y = float(state.cursor.y * m.height);
+    float start = x;
+    std::string_view rest = text;
+    std::string piece;
+    while (!rest.empty()) {
+        auto step = platform::unicode::decodeUtf8Scalar(rest);
+        piece.assign(rest.substr(0, step.length));
+        rest.remove_prefix(step.length);
+        int cells = std::max(1, platform::unicode::width(step.scalar));
+        appendQuad(draw_.cursorColorVertices, ColorVertex{{}, {}, draw_.clearColor}, x, y, float(m.width * cells), float(m.height));
+        if (const GlyphEntry* entry = glyph(piece, cells, FontStyle::regular)) appendCursorGlyph(*entry, x, y, fg);
+        x += float(m.width * cells);
+    }
+    appendQuad(draw_.cursorColorVertices, ColorVertex{{}, {}, fg}, start, y + float(m.underlinePosition), x - start,
+               float(m.lineThickness));
 }
 
 } // namespace vellum

@@ -22,9 +22,9 @@ struct FrameOverlay {
     };
     bool cursorShown = true;   // not hidden by the program, and in the visible half of a blink
     bool cursorFocused = true; // a view without focus shows a hollow block
-    // Screen rows; the end column is exclusive.
+    // Screen rows; the end column is exclusive. Selected cells are drawn inverted.
     std::optional<std::pair<Point, Point>> selection;
-    Color selectionBackground = Color::fromBytes(0x3a, 0x5f, 0x9a);
+    std::string preedit; // an input method's uncommitted text, shown underlined at the cursor
     bool operator==(const FrameOverlay&) const = default;
 };
 
@@ -42,7 +42,10 @@ public:
     ~TerminalFrameBuilder();
 
     void setFont(const std::string& family, double pixelSize);
-    const CellMetrics& cell() const { return rasterizer_->metrics(); }
+    // Places glyphs in a grid the view has chosen rather than the font's own; the font's lines
+    // stay centred in the taller or shorter cell.
+    void setCellSize(int width, int height);
+    const CellMetrics& cell() const { return cell_; }
 
     const DrawData& build(const TerminalSnapshot& snapshot, const FrameOverlay& overlay);
 
@@ -83,14 +86,23 @@ private:
     void buildRow(const TerminalSnapshot& snapshot, int y, int from, int to, RowDrawBuffers& out);
     void buildCursor(const TerminalSnapshot& snapshot, const FrameOverlay& overlay);
     const GlyphEntry* glyph(std::string_view text, int cells, FontStyle style);
-    CellColors colorsOf(const RenderSnapshotCell& cell, const TerminalRenderSnapshot& state) const;
+    CellColors colorsOf(const RenderSnapshotCell& cell, const TerminalRenderSnapshot& state, bool selected) const;
+    void appendCursorGlyph(const GlyphEntry& entry, float x, float y, Float4 color);
+    void buildPreedit(const TerminalRenderSnapshot& state, const std::string& text);
+    template <typename Vertex>
+    static void appendQuad(std::vector<Vertex>& out, Vertex base, float x, float y, float w, float h, Float2 tex = {}, Float2 texSize = {});
     Float4 resolve(Attribute::Color color, const TerminalRenderSnapshot& state, bool foreground) const;
     void appendGlyph(const GlyphEntry& entry, float x, float y, Float4 color, RowDrawBuffers& out) const;
     void appendDecorations(const Attribute& attribute, Float4 color, float x, float y, float width, RowDrawBuffers& out) const;
     uint64_t signatureOf(const TerminalRenderSnapshot& state, const FrameOverlay& overlay) const;
     void forgetGlyphs();
 
+    void measureCell();
+
     std::unique_ptr<GlyphRasterizer> rasterizer_;
+    CellMetrics cell_;
+    int requestedWidth_ = 0, requestedHeight_ = 0;
+    int baselineShift_ = 0;
     GlyphAtlas gray_, color_;
     std::vector<GlyphEntry> glyphs_;
     GlyphMap glyphIndex_[8]; // by style and cell count
@@ -99,7 +111,6 @@ private:
     std::vector<RowCacheEntry> rowCache_;
     uint64_t fontGeneration_ = 1;
     bool atlasInvalidatedDuringBuild_ = false;
-    Float4 selectionColor_;
     DrawData draw_;
     FrameBuildCounters counters_;
 };

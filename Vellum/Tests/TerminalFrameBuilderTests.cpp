@@ -168,7 +168,7 @@ TEST(TerminalFrameBuilder, OnlyChangedRowsAreBuiltAgain) {
     auto before = s.builder.counters().rowsBuilt;
     const DrawData& selected = s.frame();
     EXPECT_EQ(s.builder.counters().rowsBuilt, before + 2);
-    EXPECT_EQ(selected.frame.backgroundCells.front().color, rgba(s.overlay.selectionBackground));
+    EXPECT_EQ(selected.frame.backgroundCells.front().color, rgba(s.snapshot.state().foregroundColor)); // inverted
     EXPECT_EQ(selected.frame.backgroundCells.front().position.x, s.cw());
 
     // A new font invalidates every row.
