@@ -123,6 +123,8 @@ TerminalPainter::CellLook TerminalPainter::look(const vellum::RenderSnapshotCell
     out.underline = a.underlineStyle;
     if (out.underline == vellum::UnderlineStyle::none && a.style.contains(vellum::CharacterStyle::underline))
         out.underline = vellum::UnderlineStyle::single;
+    // Links a program printed are marked the way desktop terminals mark them.
+    if (out.underline == vellum::UnderlineStyle::none && cell.payloadID) out.underline = vellum::UnderlineStyle::dashed;
     if (out.underline != vellum::UnderlineStyle::none) out.underlineColor = a.underlineColor ? resolve(*a.underlineColor, true) : out.fg;
     out.strike = a.style.contains(vellum::CharacterStyle::crossedOut);
     return out;
@@ -146,6 +148,8 @@ void TerminalPainter::paintRow(QPainter& painter, const vellum::TerminalSnapshot
     painter.fillRect(QRect(0, top, painter.device()->width(), ch), defaultBackground(state));
     if (y < 0 || y >= int(snapshot.rows().size())) return;
     const vellum::RenderSnapshotRow& row = snapshot.rows()[size_t(y)].row;
+    painter.save();
+    applyLineMode(painter, row.renderMode, top);
     static const std::vector<vellum::RenderSnapshotCell> noCells;
     const auto& cells = row.cells ? *row.cells : noCells;
     int cols = std::min(int(cells.size()), state.cols);
@@ -182,7 +186,8 @@ void TerminalPainter::paintRow(QPainter& painter, const vellum::TerminalSnapshot
             }
             if (fitsGrid(cell)) {
                 if (segment.isEmpty()) segmentStart = col;
-                segment += QString::fromStdString(cell.text);
+                if (cell.text.size() == 1) segment += QLatin1Char(cell.text[0]);
+                else segment += QString::fromStdString(cell.text);
                 continue;
             }
             flush();
@@ -198,6 +203,22 @@ void TerminalPainter::paintRow(QPainter& painter, const vellum::TerminalSnapshot
         int x = state.cursor.x;
         drawCursor(painter, state, overlay, x < cols ? &cells[size_t(x)] : nullptr, top);
     }
+    painter.restore();
+}
+
+void TerminalPainter::applyLineMode(QPainter& painter, vellum::BufferLine::RenderLineMode mode, int top) const {
+    using Mode = vellum::BufferLine::RenderLineMode;
+    if (mode == Mode::single) return;
+    int ch = cell_.height();
+    painter.setClipRect(QRect(0, top, painter.device()->width(), ch), Qt::IntersectClip);
+    // Double width draws the row's cells twice as wide; double height draws them twice as tall
+    // and shows the top or the bottom half in this row.
+    QTransform transform;
+    if (mode == Mode::doubledTop) transform.translate(0, top);
+    if (mode == Mode::doubledDown) transform.translate(0, top - ch);
+    transform.scale(2, mode == Mode::doubleWidth ? 1 : 2);
+    if (mode != Mode::doubleWidth) transform.translate(0, -top);
+    painter.setTransform(transform, true);
 }
 
 void TerminalPainter::drawCellText(QPainter& painter, const vellum::RenderSnapshotCell& cell, int fontIndex, int x, int top) {

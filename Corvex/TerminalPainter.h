@@ -51,6 +51,7 @@ private:
     };
     CellLook look(const vellum::RenderSnapshotCell& cell, const vellum::TerminalRenderSnapshot& state, bool selected) const;
     bool fitsGrid(const vellum::RenderSnapshotCell& cell);
+    void applyLineMode(QPainter& painter, vellum::BufferLine::RenderLineMode mode, int top) const;
     // Draws one cell's text on its own, shrunk to its cells when the glyph is wider.
     void drawCellText(QPainter& painter, const vellum::RenderSnapshotCell& cell, int fontIndex, int x, int top);
     void drawDecorations(QPainter& painter, const CellLook& look, int x, int width, int top);

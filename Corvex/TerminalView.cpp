@@ -2,6 +2,8 @@
 
 #include <QApplication>
 #include <QClipboard>
+#include <QDesktopServices>
+#include <QUrl>
 #include <QGuiApplication>
 #include <QInputMethodEvent>
 #include <QKeyEvent>
@@ -9,11 +11,13 @@
 #include <QPaintEvent>
 #include <QPainter>
 #include <QWheelEvent>
+#include <any>
 #include <cmath>
 
 #include "Corvex/TerminalKeyMapping.h"
 #include "Vellum/KeyEncoder.h"
 #include "Vellum/Terminal.h"
+#include "Vellum/TinyAtom.h"
 
 namespace corvex {
 
@@ -94,6 +98,8 @@ TerminalView::TerminalView(QWidget* parent)
     frameTimer_.setSingleShot(true);
     connect(&frameTimer_, &QTimer::timeout, this, &TerminalView::frame);
     connect(&blinkTimer_, &QTimer::timeout, this, &TerminalView::blinkTick);
+    dragScroll_.setInterval(50);
+    connect(&dragScroll_, &QTimer::timeout, this, &TerminalView::dragScrollTick);
     sinceFrame_.start();
     sinceActivity_.start();
     clock_.start();
@@ -316,6 +322,8 @@ void TerminalView::scrollToBottom() { scrollLines(-(terminal_->buffer().yBase - 
 
 void TerminalView::sendUserInput(std::string_view bytes) {
     if (bytes.empty()) return;
+    // The pointer hides while typing, and comes back when the mouse moves.
+    if (underMouse()) setCursor(Qt::BlankCursor);
     scrollToBottom();
     restartBlink();
     if (onInput) onInput(std::vector<uint8_t>(bytes.begin(), bytes.end()));
@@ -352,10 +360,16 @@ void TerminalView::keyPressEvent(QKeyEvent* event) {
         if (event->key() == Qt::Key_V) return pasteClipboard();
         if (isApplicationShortcutChord(*event)) return event->ignore();
     }
-    if (shift && !ctrl && !alt && !terminal_->isAlternateBuffer()) {
-        int page = std::max(1, terminal_->rows() - 1);
-        if (event->key() == Qt::Key_PageUp) return scrollLines(page);
-        if (event->key() == Qt::Key_PageDown) return scrollLines(-page);
+    if (shift && !ctrl && !alt) {
+        if (event->key() == Qt::Key_Insert) return pasteSelection();
+        if (!terminal_->isAlternateBuffer()) {
+            // Shift with the paging keys moves through the history, as desktop terminals do.
+            int page = std::max(1, terminal_->rows() - 1);
+            if (event->key() == Qt::Key_PageUp) return scrollLines(page);
+            if (event->key() == Qt::Key_PageDown) return scrollLines(-page);
+            if (event->key() == Qt::Key_Home) return scrollLines(terminal_->buffer().yBase);
+            if (event->key() == Qt::Key_End) return scrollToBottom();
+        }
     }
     auto input = keyInputFromEvent(*event);
     if (!input) return QWidget::keyPressEvent(event);
@@ -411,9 +425,14 @@ TerminalView::CellHit TerminalView::hitTest(QPointF position) const {
     QSize cell = cellSize();
     int cols = terminal_->cols(), rows = terminal_->rows();
     CellHit hit;
-    hit.col = std::clamp(int(std::floor(position.x() / cell.width())), 0, cols - 1);
     hit.row = std::clamp(int(std::floor(position.y() / cell.height())), 0, rows - 1);
-    hit.boundaryCol = std::clamp(int(std::lround(position.x() / cell.width())), 0, cols);
+    // Cells of a double-width or double-height row are twice as wide on the screen.
+    double cellWidth = cell.width();
+    if (size_t(hit.row) < snapshot_.rows().size() &&
+        snapshot_.rows()[size_t(hit.row)].row.renderMode != vellum::BufferLine::RenderLineMode::single)
+        cellWidth *= 2;
+    hit.col = std::clamp(int(std::floor(position.x() / cellWidth)), 0, cols - 1);
+    hit.boundaryCol = std::clamp(int(std::lround(position.x() / cellWidth)), 0, cols);
     return hit;
 }
 
@@ -445,14 +464,20 @@ void TerminalView::mousePressEvent(QMouseEvent* event) {
         }
         return;
     }
+    if (event->button() == Qt::LeftButton && event->modifiers().testFlag(Qt::ControlModifier)) {
+        if (auto url = linkAt(position)) {
+            if (onOpenLink) onOpenLink(*url);
+            else QDesktopServices::openUrl(QUrl(QString::fromStdString(*url)));
+            return;
+        }
+    }
     if (event->button() == Qt::LeftButton) {
         bool triple = sinceDoubleClick_.isValid() && sinceDoubleClick_.elapsed() < QApplication::doubleClickInterval() &&
                       (position - doubleClickAt_).manhattanLength() < 6;
         sinceDoubleClick_.invalidate();
         selectAt(position, triple ? SelectionUnit::line : SelectionUnit::character);
     } else if (event->button() == Qt::MiddleButton) {
-        QClipboard* clipboard = QGuiApplication::clipboard();
-        paste(clipboard->text(clipboard->supportsSelection() ? QClipboard::Selection : QClipboard::Clipboard).toStdString());
+        pasteSelection();
     }
 }
 
@@ -466,6 +491,9 @@ void TerminalView::mouseDoubleClickEvent(QMouseEvent* event) {
 
 void TerminalView::mouseMoveEvent(QMouseEvent* event) {
     QPointF position = event->position();
+    // An arrow says that the program has the mouse; a text beam that the mouse selects.
+    Qt::CursorShape shape = mouseReportsGo(event->modifiers()) ? Qt::ArrowCursor : Qt::IBeamCursor;
+    if (cursor().shape() != shape) setCursor(shape);
     bool anyMotion = terminal_->mouseMode == int(vellum::MouseTracking::anyEvent) && mouseReportsGo(event->modifiers());
     if (reportedButton_ || anyMotion) {
         CellHit hit = hitTest(position);
@@ -475,7 +503,18 @@ void TerminalView::mouseMoveEvent(QMouseEvent* event) {
                         event->modifiers());
         return;
     }
-    if (selecting_ && event->buttons().testFlag(Qt::LeftButton)) extendSelectionTo(position);
+    if (selecting_ && event->buttons().testFlag(Qt::LeftButton)) {
+        dragPosition_ = position;
+        dragScrollLines_ = position.y() < 0 ? 1 : position.y() >= height() ? -1 : 0;
+        if (dragScrollLines_ && !dragScroll_.isActive()) dragScroll_.start();
+        extendSelectionTo(position);
+    }
+}
+
+void TerminalView::dragScrollTick() {
+    if (!selecting_ || dragScrollLines_ == 0) return dragScroll_.stop();
+    scrollLines(dragScrollLines_);
+    extendSelectionTo(dragPosition_);
 }
 
 void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
@@ -487,8 +526,24 @@ void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
     }
     if (selecting_ && event->button() == Qt::LeftButton) {
         selecting_ = false;
+        dragScroll_.stop();
         publishSelection();
     }
+}
+
+std::optional<std::string> TerminalView::linkAt(QPointF position) const {
+    CellHit hit = hitTest(position);
+    if (size_t(hit.row) >= snapshot_.rows().size()) return std::nullopt;
+    const auto& cells = snapshot_.rows()[size_t(hit.row)].row.cells;
+    if (!cells || size_t(hit.col) >= cells->size()) return std::nullopt;
+    int col = hit.col;
+    if (col > 0 && (*cells)[size_t(col)].widthState == vellum::RenderSnapshotWidthState::spacerTail) --col;
+    auto code = (*cells)[size_t(col)].payloadID;
+    if (!code) return std::nullopt;
+    auto target = vellum::TinyAtom{*code}.target();
+    const auto* payload = target ? std::any_cast<std::string>(&*target) : nullptr;
+    if (!payload) return std::nullopt;
+    return vellum::Terminal::parseHyperlinkPayload(*payload);
 }
 
 void TerminalView::selectAt(QPointF position, SelectionUnit unit) {
@@ -528,6 +583,11 @@ void TerminalView::copySelection() {
 }
 
 void TerminalView::pasteClipboard() { paste(QGuiApplication::clipboard()->text().toStdString()); }
+
+void TerminalView::pasteSelection() {
+    QClipboard* clipboard = QGuiApplication::clipboard();
+    paste(clipboard->text(clipboard->supportsSelection() ? QClipboard::Selection : QClipboard::Clipboard).toStdString());
+}
 
 void TerminalView::paste(const std::string& text) {
     if (text.empty()) return;

@@ -59,6 +59,8 @@ public:
     // Local actions, also for the application's shortcuts.
     void copySelection();
     void pasteClipboard();
+    // The primary selection where the desktop has one (middle click, Shift+Insert).
+    void pasteSelection();
     void paste(const std::string& text);
     std::string selectedText() const;
     void clearSelection();
@@ -81,6 +83,8 @@ public:
     std::function<void(std::string title)> onTitle;
     std::function<void()> onBell;
     std::function<void()> onFocusIn; // the view took the keyboard
+    // Ctrl+click on a link a program printed (OSC 8); when unset the desktop opens it.
+    std::function<void(std::string url)> onOpenLink;
 
     QSize sizeHint() const override;
     QVariant inputMethodQuery(Qt::InputMethodQuery query) const override;
@@ -132,6 +136,8 @@ private:
                          Qt::KeyboardModifiers modifiers);
     void selectAt(QPointF position, SelectionUnit unit);
     void extendSelectionTo(QPointF position);
+    void dragScrollTick();
+    std::optional<std::string> linkAt(QPointF position) const;
     void publishSelection();
     int historyTopRow() const; // buffer row of the first shown row
 
@@ -154,6 +160,10 @@ private:
     TerminalSelection selection_;
     std::optional<TerminalSelection::Range> paintedSelection_;
     bool selecting_ = false;
+    // A drag past the top or bottom edge scrolls while the pointer stays out there.
+    QTimer dragScroll_;
+    int dragScrollLines_ = 0;
+    QPointF dragPosition_;
     QElapsedTimer sinceDoubleClick_;
     QPointF doubleClickAt_;
     bool mouseReportingAllowed_ = true;

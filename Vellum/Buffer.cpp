@@ -1,6 +1,7 @@
 #include "Vellum/Buffer.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace vellum {
 
@@ -104,17 +105,31 @@ void Buffer::fillViewport(PackedCell blank) {
     }
 }
 
+bool Buffer::hasPartialMargins() const { return marginMode && (marginLeft != 0 || marginRight != _cols - 1); }
+
+// Rows top..bottom move by `count` (up when positive) between the margins only; the rows left
+// behind are blank there. Nothing enters the scrollback. A wide character across a margin is
+// healed first, so no half of one moves alone.
+void Buffer::shiftInsideMargins(int top, int bottom, int count, PackedCell blank) {
+    int width = marginRight - marginLeft + 1;
+    for (int r = top; r <= bottom; ++r) {
+        row(r).repairWideSeam(marginLeft);
+        row(r).repairWideSeam(marginRight + 1);
+    }
+    int height = bottom - top + 1;
+    int distance = std::min(std::abs(count), height);
+    if (count > 0) {
+        for (int r = top; r + distance <= bottom; ++r) row(r).copyFrom(row(r + distance), marginLeft, marginLeft, width);
+        for (int r = bottom - distance + 1; r <= bottom; ++r) row(r).replacePackedCells(marginLeft, marginRight + 1, blank);
+    } else {
+        for (int r = bottom; r - distance >= top; --r) row(r).copyFrom(row(r - distance), marginLeft, marginLeft, width);
+        for (int r = top; r < top + distance; ++r) row(r).replacePackedCells(marginLeft, marginRight + 1, blank);
+    }
+}
+
 void Buffer::scroll(PackedCell blank, bool isWrapped) {
-    if (marginMode && (marginLeft != 0 || marginRight != _cols - 1)) {
-        // Only the columns inside the margins move; nothing enters the scrollback. A wide
-        // character across a margin is healed first, so no half of one moves alone.
-        for (int r = scrollTop; r <= scrollBottom; ++r) {
-            row(r).repairWideSeam(marginLeft);
-            row(r).repairWideSeam(marginRight + 1);
-        }
-        for (int r = scrollTop; r < scrollBottom; ++r)
-            row(r).copyFrom(row(r + 1), marginLeft, marginLeft, marginRight - marginLeft + 1);
-        row(scrollBottom).replacePackedCells(marginLeft, marginRight + 1, blank);
+    if (hasPartialMargins()) {
+        shiftInsideMargins(scrollTop, scrollBottom, 1, blank);
         return;
     }
     if (scrollTop != 0 || scrollBottom != rows_ - 1) {
@@ -134,6 +149,10 @@ void Buffer::scroll(PackedCell blank, bool isWrapped) {
 void Buffer::insertLines(int screenRow, int count, PackedCell blank) {
     if (screenRow < scrollTop || screenRow > scrollBottom) return;
     count = std::min(count, scrollBottom - screenRow + 1);
+    if (hasPartialMargins()) {
+        shiftInsideMargins(screenRow, scrollBottom, -count, blank);
+        return;
+    }
     for (int i = 0; i < count; ++i) {
         // The bottom row of the region comes back blank at the insertion point.
         auto bottom = lines.line(yBase + scrollBottom);
@@ -146,6 +165,10 @@ void Buffer::insertLines(int screenRow, int count, PackedCell blank) {
 void Buffer::deleteLines(int screenRow, int count, PackedCell blank) {
     if (screenRow < scrollTop || screenRow > scrollBottom) return;
     count = std::min(count, scrollBottom - screenRow + 1);
+    if (hasPartialMargins()) {
+        shiftInsideMargins(screenRow, scrollBottom, count, blank);
+        return;
+    }
     for (int i = 0; i < count; ++i)
         lines.shiftUpAndRecycle(yBase + screenRow, yBase + scrollBottom, blank, false, defaultBidiState);
 }

@@ -66,10 +66,13 @@ public:
     Attribute savedAttr;
     const Charset* savedCharset = nullptr;
     bool savedOriginMode = false, savedMarginMode = false, savedWraparound = true, savedReverseWraparound = false;
+    bool savedProtected = false;
 
     bool insertMode = false, marginMode = false, wraparound = true;
 
 private:
+    bool hasPartialMargins() const;
+    void shiftInsideMargins(int top, int bottom, int count, PackedCell blank);
     bool wrapForCharacter(int width, PackedCell blank);
     void appendRow(PackedCell blank, bool isWrapped);
     std::shared_ptr<BufferLine> makeRow(int cols, PackedCell blank, bool isWrapped) const;

@@ -68,4 +68,11 @@ const Charset* charsetForDesignator(unsigned char designator) {
     }
 }
 
+unsigned char designatorFor(const Charset* charset) {
+    static constexpr unsigned char designators[] = {'0', 'A', 'B', '4', '5', 'R', 'Q', 'K', 'Y', '6', 'Z', '7', '='};
+    for (unsigned char designator : designators)
+        if (charsetForDesignator(designator) == charset) return designator;
+    return 'B';
+}
+
 } // namespace vellum

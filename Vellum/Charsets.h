@@ -23,5 +23,7 @@ private:
 // The set for a designator byte of ESC ( and friends ("0", "A", "B", "K"...), or nothing
 // when the designator is unknown. "B" (United States) maps nothing.
 const Charset* charsetForDesignator(unsigned char designator);
+// A designator that selects `charset`; "B" for no mapping.
+unsigned char designatorFor(const Charset* charset);
 
 } // namespace vellum

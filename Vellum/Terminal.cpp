@@ -10,64 +10,6 @@ namespace vellum {
 
 namespace unicode = platform::unicode;
 
-namespace {
-
-int param(CsiParameters pars, int i, int fallback) {
-    if (i >= pars.size() || pars[i] == 0) return fallback;
-    return static_cast<int>(pars[i]);
-}
-
-int rawParam(CsiParameters pars, int i) { return i < pars.size() ? static_cast<int>(pars[i]) : 0; }
-
-bool collectIs(std::span<const uint8_t> collect, std::string_view text) {
-    return collect.size() == text.size() && std::equal(collect.begin(), collect.end(), text.begin());
-}
-
-} // namespace
-
-// A DECRQSS request: the payload is gathered and answered at the end of the string.
-class DecrqssHandler final : public DcsHandler {
-public:
-    explicit DecrqssHandler(Terminal& terminal) : terminal(terminal) {}
-    void hook(std::span<const uint8_t>, CsiParameters, uint8_t) override {}
-    void put(std::span<const uint8_t> data) override {
-        if (request.size() + data.size() <= 64) request.append(data.begin(), data.end());
-    }
-    void unhook() override {
-        auto payload = terminal.statusStringPayload(request);
-        if (!payload) terminal.log("Unknown DCS + " + request);
-        terminal.sendResponse(statusStringReply(payload, terminal.cc));
-    }
-
-private:
-    Terminal& terminal;
-    std::string request;
-};
-
-// XTGETTCAP: hex names separated by ";", answered from the terminfo table.
-class XtgettcapHandler final : public DcsHandler {
-public:
-    static constexpr size_t limit = 0x100000;
-    explicit XtgettcapHandler(Terminal& terminal) : terminal(terminal) {}
-    void hook(std::span<const uint8_t>, CsiParameters, uint8_t) override {}
-    void put(std::span<const uint8_t> data) override {
-        if (request.size() + data.size() > limit) overflowed = true;
-        if (!overflowed) request.append(data.begin(), data.end());
-    }
-    void unhook() override {
-        if (overflowed) return;
-        std::string reply = terminfoCapabilityReplies(request, terminal.options_.termName, terminal.cc);
-        if (!reply.empty()) terminal.sendResponse(reply);
-    }
-
-private:
-    Terminal& terminal;
-    std::string request;
-    bool overflowed = false;
-};
-
-std::unique_ptr<DcsHandler> makeSixelDcsHandler();
-
 void TerminalDelegate::setForegroundColor(Terminal& source, Color color) { source.foregroundColor = color; }
 void TerminalDelegate::setBackgroundColor(Terminal& source, Color color) { source.backgroundColor = color; }
 void TerminalDelegate::setCursorColor(Terminal& source, std::optional<Color> color) { source.cursorColor = color; }
@@ -137,6 +79,7 @@ void Terminal::setup(bool isReset) {
         b->resetRegion();
         b->savedX = b->savedY = 0;
         b->savedAttr = Attribute::empty;
+        b->savedProtected = false;
         b->savedCharset = nullptr;
         b->tabStops.setup(cols_, options_.tabStopWidth);
     }
@@ -145,6 +88,7 @@ void Terminal::setup(bool isReset) {
     gLevel = 0;
     curAttr = Attribute::empty;
     curStyleID = 0;
+    protectedPen = rectangularAttributeChange = false;
     updateEraseWords();
     mouseMode = 0;
     mouseProtocol = 0;
@@ -209,9 +153,15 @@ PackedCell Terminal::eraseSpaceCell() {
 // Erased cells keep only the background, which an empty cell carries inline: no style is
 // interned for it, so a colour change costs nothing here.
 void Terminal::updateEraseBlank() {
-    Attribute erase = Attribute::empty;
-    erase.bg = curAttr.bg;
-    currentEraseBlankCell = cellArena->pack(erase, std::u32string_view(U"\0", 1), 0).value_or(PackedCell{});
+    if (curAttr.bg == Attribute::Color::defaultColor()) {
+        currentEraseBlankCell = PackedCell{};
+    } else if (auto inlined = CellArena::inlineBackgroundCell(curAttr.bg)) {
+        currentEraseBlankCell = *inlined;
+    } else {
+        Attribute erase = Attribute::empty;
+        erase.bg = curAttr.bg;
+        currentEraseBlankCell = cellArena->pack(erase, std::u32string_view(U"\0", 1), 0).value_or(PackedCell{});
+    }
 }
 
 // ---- C0 and ESC
@@ -235,9 +185,8 @@ void Terminal::dispatchExecute(uint8_t code) {
 
 void Terminal::lineFeed() {
     Buffer& b = *buffer_;
-    bool outsideMargins = b.marginMode && (b.x < b.marginLeft || b.x > b.marginRight);
     if (b.y == b.scrollBottom) {
-        if (!outsideMargins) b.scroll(currentEraseBlankCell, false);
+        if (cursorInsideMargins()) b.scroll(currentEraseBlankCell, false);
     } else if (b.y < rows_ - 1) {
         ++b.y;
         b.row(b.y).setWrapped(false);
@@ -247,17 +196,24 @@ void Terminal::lineFeed() {
     previousScalar = 0;
 }
 
+// A cursor outside the left and right margins moves, but never scrolls the region.
 void Terminal::index() {
     Buffer& b = *buffer_;
-    if (b.y == b.scrollBottom) b.scroll(currentEraseBlankCell, false);
-    else if (b.y < rows_ - 1) ++b.y;
+    if (b.y == b.scrollBottom) {
+        if (cursorInsideMargins()) b.scroll(currentEraseBlankCell, false);
+    } else if (b.y < rows_ - 1) {
+        ++b.y;
+    }
     if (b.x >= cols_) --b.x;
 }
 
 void Terminal::reverseIndex() {
     Buffer& b = *buffer_;
-    if (b.y == b.scrollTop) b.insertLines(b.scrollTop, 1, currentEraseBlankCell);
-    else if (b.y > 0) --b.y;
+    if (b.y == b.scrollTop) {
+        if (cursorInsideMargins()) b.insertLines(b.scrollTop, 1, currentEraseBlankCell);
+    } else if (b.y > 0) {
+        --b.y;
+    }
 }
 
 void Terminal::carriageReturn() {
@@ -269,8 +225,9 @@ void Terminal::carriageReturn() {
 void Terminal::backspace() {
     Buffer& b = *buffer_;
     restrictCursor(!reverseWraparound);
-    int left = b.marginMode ? b.marginLeft : 0;
-    if (b.x > left) {
+    int left = b.leftBound();
+    // Left of the left margin the cursor still moves, down to the first column.
+    if (b.x > left || (b.x < left && b.x > 0)) {
         --b.x;
     } else if (reverseWraparound && b.x == left) {
         if (b.y > b.scrollTop && b.y <= b.scrollBottom) {
@@ -305,6 +262,7 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t code) {
         case '7': saveCursor(); break;
         case '8': restoreCursor(); break;
         case '9': columnScroll(false); break;
+        case 'Z': sendDeviceAttributes({}, {}); break;
         case '=': applicationKeypad = true; break;
         case '>': applicationKeypad = false; break;
         case 'D': index(); break;
@@ -346,6 +304,7 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t code) {
         if (first == '#' && code == '8') {
             auto e = cellArena->pack(curStyleID, U"E", 0);
             for (int r = 0; r < rows_; ++r) b.row(r).fill(e.value_or(currentEraseBlankCell));
+            b.resetRegion();
             b.x = b.y = 0;
             return;
         }
@@ -410,6 +369,7 @@ void Terminal::saveCursor() {
     b.savedOriginMode = originMode;
     b.savedMarginMode = b.marginMode;
     b.savedReverseWraparound = reverseWraparound;
+    b.savedProtected = protectedPen;
 }
 
 void Terminal::restoreCursor() {
@@ -425,211 +385,66 @@ void Terminal::restoreCursor() {
         each->wraparound = b.savedWraparound;
     }
     reverseWraparound = b.savedReverseWraparound;
+    protectedPen = b.savedProtected;
     previousScalar = 0;
 }
 
 // ---- Erasing
 
-void Terminal::eraseInDisplay(int mode) {
+// Rows below or above the cursor's row are reset whole; the cursor's row is cut at the cursor.
+void Terminal::eraseInDisplay(int mode, bool selective) {
     Buffer& b = *buffer_;
-    PackedCell blankCell = currentEraseBlankCell;
+    auto eraseRows = [&](int first, int end) {
+        for (int r = first; r < end; ++r) {
+            BufferLine& line = b.row(r);
+            eraseRow(line, 0, cols_, selective);
+            if (!selective) line.setWrapped(false);
+        }
+    };
     switch (mode) {
     case 0:
-        eraseInLine(0);
-        for (int r = b.y + 1; r < rows_; ++r) {
-            b.row(r).fill(blankCell);
-            b.row(r).setWrapped(false);
-        }
+        eraseInLine(0, selective);
+        eraseRows(b.y + 1, rows_);
         break;
     case 1:
-        eraseInLine(1);
-        for (int r = 0; r < b.y; ++r) {
-            b.row(r).fill(blankCell);
-            b.row(r).setWrapped(false);
-        }
+        eraseInLine(1, selective);
+        eraseRows(0, b.y);
         break;
-    case 2: b.fillViewport(blankCell); break;
+    case 2: eraseRows(0, rows_); break;
     case 3: b.clearScrollback(); break;
     default: break;
     }
 }
 
-void Terminal::eraseInLine(int mode) {
+void Terminal::eraseInLine(int mode, bool selective) {
     Buffer& b = *buffer_;
     BufferLine& line = b.row(b.y);
     int x = std::min(b.x, cols_ - 1);
     switch (mode) {
     case 0:
-        line.erasePackedCells(x, cols_, currentEraseBlankCell);
+        eraseRow(line, x, cols_, selective);
         if (b.y + 1 < rows_) b.row(b.y + 1).setWrapped(false);
         break;
-    case 1: line.erasePackedCells(0, x + 1, currentEraseBlankCell); break;
-    case 2: line.replacePackedCells(0, cols_, currentEraseBlankCell); break;
+    case 1: eraseRow(line, 0, x + 1, selective); break;
+    case 2: eraseRow(line, 0, cols_, selective); break;
     default: break;
     }
 }
 
+// Columns [start, end) become the erase word. A selective erase passes over protected cells.
+// Erasing to the end of a row that already ends in the same blank writes only the used part.
+void Terminal::eraseRow(BufferLine& line, int start, int end, bool selective) {
+    line.repairWideSeam(start);
+    line.repairWideSeam(end);
+    if (!selective) {
+        line.fill(currentEraseBlankCell, start, end - start);
+        return;
+    }
+    for (int c = start; c < end; ++c)
+        if (!line.packedCell(c).isProtected()) line.fill(currentEraseBlankCell, c, 1);
+}
+
 // ---- CSI
-
-void Terminal::setScrollRegion(CsiParameters pars) {
-    Buffer& b = *buffer_;
-    int top = param(pars, 0, 1) - 1;
-    int bottom = rawParam(pars, 1);
-    if (bottom == 0 || bottom > rows_) bottom = rows_;
-    bottom -= 1;
-    if (top < bottom) {
-        b.scrollTop = top;
-        b.scrollBottom = bottom;
-    }
-    setCursor(0, 0);
-}
-
-void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect) {
-    Buffer& b = *buffer_;
-    int n = param(pars, 0, 1);
-    bool question = collectIs(collect, "?");
-    switch (code) {
-    case '@':
-        if (b.x <= b.rightBound() && b.x >= b.leftBound())
-            b.row(b.y).insertPackedCells(std::min(b.x, cols_ - 1), n, b.rightBound(), currentEraseBlankCell);
-        break;
-    case 'A': b.y = std::max(b.y - n, b.y >= b.scrollTop ? b.scrollTop : 0); restrictCursor(); break;
-    case 'B':
-        b.y = std::min(b.y + n, b.y <= b.scrollBottom ? b.scrollBottom : rows_ - 1);
-        if (b.x >= cols_) --b.x;
-        break;
-    case 'C': {
-        int limit = b.marginMode && b.x > b.marginRight ? cols_ - 1 : b.rightBound();
-        b.x = std::min(b.x + n, limit);
-        break;
-    }
-    case 'D': {
-        restrictCursor();
-        int limit = b.x < b.leftBound() ? 0 : b.leftBound();
-        b.x = std::max(b.x - n, limit);
-        break;
-    }
-    case 'E': b.y = std::min(b.y + n, b.y <= b.scrollBottom ? b.scrollBottom : rows_ - 1); b.x = b.leftBound(); break;
-    case 'F': b.y = std::max(b.y - n, b.y >= b.scrollTop ? b.scrollTop : 0); b.x = b.leftBound(); break;
-    case 'G': case '`': setCursor(n - 1, originMode ? b.y - b.scrollTop : b.y); break;
-    case 'H': case 'f': setCursor(param(pars, 1, 1) - 1, n - 1); break;
-    case 'I': tab(std::min(n, cols_ - 1)); break;
-    case 'J': eraseInDisplay(rawParam(pars, 0)); break;
-    case 'K': eraseInLine(rawParam(pars, 0)); break;
-    case 'L': if (b.y >= b.scrollTop && b.y <= b.scrollBottom) { b.insertLines(b.y, n, currentEraseBlankCell); b.x = b.leftBound(); } break;
-    case 'M': if (b.y >= b.scrollTop && b.y <= b.scrollBottom) { b.deleteLines(b.y, n, currentEraseBlankCell); b.x = b.leftBound(); } break;
-    case 'P': b.row(b.y).deletePackedCells(std::min(b.x, cols_ - 1), n, b.rightBound(), currentEraseBlankCell); break;
-    case 'S':
-        if (collectIs(collect, " ")) {
-            int direction = rawParam(pars, 0);
-            if (direction == 0 || direction == 3)
-                bidiState.fallbackDirection = direction == 0 ? BidiDirection::leftToRight : BidiDirection::rightToLeft;
-            break;
-        }
-        for (int i = 0; i < std::min(n, rows_); ++i) b.scroll(currentEraseBlankCell, false);
-        break;
-    case 'T':
-        if (collect.empty()) b.insertLines(b.scrollTop, std::min(n, rows_), currentEraseBlankCell);
-        else if (collectIs(collect, ">")) setTitleModes(pars, false);
-        break;
-    case 'X': b.row(b.y).erasePackedCells(std::min(b.x, cols_ - 1), std::min(b.x + n, cols_), currentEraseBlankCell); break;
-    case 'Z': for (int i = 0; i < n; ++i) b.x = b.tabStops.previous(b.x); break;
-    case 'b':
-        for (int i = 0; i < std::min(n, 65535) && previousScalar; ++i) printScalar(previousScalar);
-        break;
-    case 'c': sendDeviceAttributes(pars, collect); break;
-    case 'd': setCursor(b.x, n - 1); break;
-    case 'e': setCursor(b.x, b.y + n - (originMode ? b.scrollTop : 0)); break;
-    case 'a': setCursor(b.x + n - (originMode && b.marginMode ? b.marginLeft : 0), originMode ? b.y - b.scrollTop : b.y); break;
-    case 'g':
-        if (rawParam(pars, 0) == 0) b.tabStops.clear(b.x);
-        else if (rawParam(pars, 0) == 3) b.tabStops.clearAll();
-        break;
-    case 'h':
-    case 'l':
-        if (collect.empty() || question) setModes(pars, question, code == 'h');
-        else log(std::string(code == 'h' ? "Unhandled setMode (SM) with " : "Unhandled resetMode (RM) with ") + sequence::describe(pars));
-        break;
-    case 'k':
-        if (collectIs(collect, " ")) {
-            int path = rawParam(pars, 0);
-            if (path == 0) bidiState.fallbackDirection = options_.initialBidiState.fallbackDirection;
-            else if (path == 1 || path == 2)
-                bidiState.fallbackDirection = path == 1 ? BidiDirection::leftToRight : BidiDirection::rightToLeft;
-        } else {
-            unknownCsi(code, pars, collect);
-        }
-        break;
-    case 'm': if (collect.empty()) selectGraphicRendition(pars); break;
-    case 'n': deviceStatus(pars, question); break;
-    case 'p':
-        if (collectIs(collect, "!")) softReset();
-        else if (collectIs(collect, "\"")) setConformanceLevel(pars);
-        else if (collectIs(collect, "$") || collectIs(collect, "?$")) requestMode(pars, collect.size() == 2);
-        break;
-    case 'q':
-        if (collectIs(collect, " ")) {
-            int style = rawParam(pars, 0);
-            CursorStyle next = cursorStyle;
-            if (style == 0) next = options_.cursorStyle;
-            else if (style >= 1 && style <= 6) next = static_cast<CursorStyle>(style - 1);
-            if (next != cursorStyle) {
-                cursorStyle = next;
-                if (delegate) delegate->cursorStyleChanged(*this, next);
-            }
-        } else if (collectIs(collect, ">") && pars.size() == 1 && pars[0] == 0) {
-            sendResponse(xtVersionReply(cc));
-        }
-        break;
-    case 'r':
-        if (collect.empty()) setScrollRegion(pars);
-        else if (question) restorePrivateModes(pars);
-        break;
-    case 's':
-        if (question) {
-            savePrivateModes(pars);
-        } else if (collectIs(collect, ">")) {
-            mouseShiftCapture = rawParam(pars, 0) == 1;
-        } else if (collect.empty()) {
-            if (b.marginMode) {
-                int right = pars.size() > 1 ? std::min(param(pars, 1, cols_), cols_) - 1 : cols_ - 1;
-                int left = param(pars, 0, 1) - 1;
-                b.marginRight = right;
-                b.marginLeft = std::min(right, left);
-            } else {
-                saveCursor();
-            }
-        }
-        break;
-    case 't':
-        if (collect.empty()) windowOptions(pars);
-        else if (collectIs(collect, ">")) setTitleModes(pars, true);
-        break;
-    case 'u':
-        if (!handleKittyKeyboardProtocol(pars, collect) && collect.empty()) restoreCursor();
-        break;
-    case 'v': if (collectIs(collect, "$")) copyRectangularArea(pars); break;
-    case 'x':
-        if (collectIs(collect, "$")) fillRectangularArea(pars);
-        else log("Not implemented CSI x with collect: collect=" + sequence::describe(collect));
-        break;
-    case 'y': if (collectIs(collect, "*")) requestChecksumRectangularArea(pars); break;
-    case 'z':
-        if (collectIs(collect, "$")) eraseRectangularArea(pars, false);
-        else if (collectIs(collect, "'")) log("TODO: Enable Locator Reporting (DECELR)");
-        break;
-    case '{':
-        if (collectIs(collect, "$")) eraseRectangularArea(pars, true);
-        else log("CSI # { not implemented - XTPUSHSGR with " + sequence::describe(pars));
-        break;
-    case '}':
-        if (collectIs(collect, "'")) insertColumns(n);
-        else log("CSI # } not implemented- XTPOPSGR with " + sequence::describe(pars));
-        break;
-    case '~': deleteColumns(n); break;
-    default: unknownCsi(code, pars, collect); break;
-    }
-}
 
 void Terminal::softReset() {
     bidiState = options_.initialBidiState;
@@ -644,6 +459,7 @@ void Terminal::softReset() {
     buffer_->scrollTop = 0;
     buffer_->scrollBottom = rows_ - 1;
     curAttr = Attribute::empty;
+    protectedPen = false;
     updateEraseWords();
     gCharsets = {};
     charset = nullptr;
@@ -651,99 +467,9 @@ void Terminal::softReset() {
     for (Buffer* each : {normalBuffer.get(), altBuffer.get()}) {
         each->savedX = each->savedY = 0;
         each->savedAttr = Attribute::empty;
+        each->savedProtected = false;
         each->savedCharset = nullptr;
     }
-}
-
-// ---- SGR
-
-void Terminal::selectGraphicRendition(CsiParameters pars) {
-    Attribute before = curAttr;
-    Attribute& a = curAttr;
-    uint64_t colonMask = parser.parsColonMask();
-    auto extendedColor = [&](int& i) -> std::optional<Attribute::Color> {
-        bool colon = (colonMask >> i) & 1;
-        std::optional<Attribute::Color> result;
-        if (colon) {
-            int end = i + 1;
-            while (end < pars.size() && ((colonMask >> (end - 1)) & 1)) ++end;
-            int fields = end - i; // including the 38/48/58
-            int kind = fields > 1 ? rawParam(pars, i + 1) : -1;
-            auto clamp255 = [&](int index) { return static_cast<uint8_t>(std::min(rawParam(pars, index), 255)); };
-            if (kind == 5 && fields >= 3) result = Attribute::Color::ansi256(clamp255(i + 2));
-            else if (kind == 2 && fields == 5) result = Attribute::Color::trueColor(clamp255(i + 2), clamp255(i + 3), clamp255(i + 4));
-            else if (kind == 2 && fields >= 6) result = Attribute::Color::trueColor(clamp255(i + 3), clamp255(i + 4), clamp255(i + 5));
-            i = end - 1;
-            return result;
-        }
-        int kind = rawParam(pars, i + 1);
-        if (i + 1 >= pars.size()) return std::nullopt;
-        if (kind == 5) {
-            if (i + 2 < pars.size()) result = Attribute::Color::ansi256(static_cast<uint8_t>(std::min(rawParam(pars, i + 2), 255)));
-            i = std::min(i + 2, pars.size() - 1);
-        } else if (kind == 2) {
-            if (i + 4 < pars.size())
-                result = Attribute::Color::trueColor(static_cast<uint8_t>(std::min(rawParam(pars, i + 2), 255)),
-                                                     static_cast<uint8_t>(std::min(rawParam(pars, i + 3), 255)),
-                                                     static_cast<uint8_t>(std::min(rawParam(pars, i + 4), 255)));
-            i = std::min(i + 4, pars.size() - 1);
-        } else {
-            i = i + 1;
-        }
-        return result;
-    };
-    if (pars.size() == 1 && pars[0] == 0) {
-        a = Attribute::empty;
-    } else {
-        for (int i = 0; i < pars.size(); ++i) {
-            int p = static_cast<int>(pars[i]);
-            auto setStyle = [&](CharacterStyle s, bool on) { on ? a.style.insert(s) : a.style.remove(s); };
-            switch (p) {
-            case 0: a = Attribute::empty; break;
-            case 1: setStyle(CharacterStyle::bold, true); break;
-            case 2: setStyle(CharacterStyle::dim, true); break;
-            case 3: setStyle(CharacterStyle::italic, true); break;
-            case 4:
-                setStyle(CharacterStyle::underline, true);
-                a.underlineStyle = UnderlineStyle::single;
-                if (((colonMask >> i) & 1) && i + 1 < pars.size()) {
-                    int sub = rawParam(pars, ++i);
-                    static constexpr UnderlineStyle styles[] = {UnderlineStyle::none, UnderlineStyle::single, UnderlineStyle::double_,
-                                                                UnderlineStyle::curly, UnderlineStyle::dotted, UnderlineStyle::dashed};
-                    a.underlineStyle = sub >= 0 && sub <= 5 ? styles[sub] : UnderlineStyle::single;
-                    if (sub == 0) setStyle(CharacterStyle::underline, false);
-                }
-                break;
-            case 5: setStyle(CharacterStyle::blink, true); break;
-            case 7: setStyle(CharacterStyle::inverse, true); break;
-            case 8: setStyle(CharacterStyle::invisible, true); break;
-            case 9: setStyle(CharacterStyle::crossedOut, true); break;
-            case 21: setStyle(CharacterStyle::underline, true); a.underlineStyle = UnderlineStyle::double_; break;
-            case 22: setStyle(CharacterStyle::bold, false); setStyle(CharacterStyle::dim, false); break;
-            case 23: setStyle(CharacterStyle::italic, false); break;
-            case 24: setStyle(CharacterStyle::underline, false); a.underlineStyle = UnderlineStyle::none; break;
-            case 25: setStyle(CharacterStyle::blink, false); break;
-            case 27: setStyle(CharacterStyle::inverse, false); break;
-            case 28: setStyle(CharacterStyle::invisible, false); break;
-            case 29: setStyle(CharacterStyle::crossedOut, false); break;
-            case 38: if (auto c = extendedColor(i)) a.fg = *c; break;
-            case 39: a.fg = Attribute::Color::defaultColor(); break;
-            case 48: if (auto c = extendedColor(i)) a.bg = *c; break;
-            case 49: a.bg = Attribute::Color::defaultColor(); break;
-            case 58: if (auto c = extendedColor(i)) a.underlineColor = *c; break;
-            case 59: a.underlineColor.reset(); break;
-            default:
-                if (p >= 30 && p <= 37) a.fg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 30));
-                else if (p >= 40 && p <= 47) a.bg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 40));
-                else if (p >= 90 && p <= 97) a.fg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 90 + 8));
-                else if (p >= 100 && p <= 107) a.bg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 100 + 8));
-                break;
-            }
-        }
-    }
-    if (a == before) return;
-    curStyleID = cellArena->intern(a).value_or(0);
-    if (a.bg != before.bg) updateEraseBlank();
 }
 
 void Terminal::activateAltBuffer() {
@@ -765,27 +491,6 @@ void Terminal::activateNormalBuffer(bool clearAlt) {
     buffer_ = normalBuffer.get();
     semanticNoteAlternateScreenSwitch(false);
     if (delegate) delegate->bufferActivated(*this);
-}
-
-// ---- DCS, OSC, APC
-
-std::optional<std::string> Terminal::statusStringPayload(std::string_view request) const {
-    const Buffer& b = *buffer_;
-    if (request == "\"q") return std::string("\"q");
-    if (request == "\"p") return std::string("65;1\"p");
-    if (request == "r") return std::to_string(b.scrollTop + 1) + ";" + std::to_string(b.scrollBottom + 1) + "r";
-    if (request == "m") return curAttr.toSgr();
-    if (request == "s") return std::to_string(b.marginLeft + 1) + ";" + std::to_string(b.marginRight + 1) + "s";
-    if (request == " q") return std::to_string(static_cast<int>(cursorStyle) + 1) + " q";
-    return std::nullopt;
-}
-
-std::unique_ptr<DcsHandler> Terminal::dispatchDcs(std::span<const uint8_t> collect, uint8_t code, CsiParameters) {
-    if (code != 'q') return nullptr;
-    if (collectIs(collect, "$")) return std::make_unique<DecrqssHandler>(*this);
-    if (collectIs(collect, "+")) return std::make_unique<XtgettcapHandler>(*this);
-    if (collect.empty()) return makeSixelDcsHandler();
-    return nullptr;
 }
 
 void Terminal::setForegroundColor(Color color) {

@@ -49,6 +49,8 @@ public:
     Buffer& normalScreen() { return *normalBuffer; }
     // The rendition that printed characters take now.
     const Attribute& currentAttribute() const { return curAttr; }
+    // Whether cells printed now are protected from selective erase (DECSCA).
+    bool protectsPrintedCells() const { return protectedPen; }
     const std::string& title() const { return terminalTitle; }
     bool cursorHidden = false;
     const TerminalOptions& options() const { return options_; }
@@ -113,6 +115,17 @@ public:
     std::array<Color, 256> defaultAnsiColors{};
     void resetAllColors();
     void resetColor(int index);
+    // Colours a program set with OSC 5 and OSC 10 to 19 (the foreground and background only
+    // while a program's choice is in force), so that a snapshot can set them again.
+    struct ProgramColors {
+        std::optional<Color> foreground, background;
+        std::array<std::optional<Color>, 7> dynamic; // OSC 13 to 19
+        std::array<std::optional<Color>, 5> special; // OSC 5: bold, underline, blink, reverse, italic
+    };
+    const ProgramColors& programColors() const { return programColors_; }
+    // G0 to G3 (null: no mapping) and the one invoked into GL.
+    const std::array<const Charset*, 4>& designatedCharsets() const { return gCharsets; }
+    int invokedCharset() const { return gLevel; }
 
     // ---- Window and pixel geometry
     // The size of one cell in pixels, for the reports that need it; 0 means unknown.
@@ -224,15 +237,21 @@ private:
     void restrictCursor(bool noPendingWrap = true);
     void saveCursor();
     void restoreCursor();
-    void eraseInDisplay(int mode);
-    void eraseInLine(int mode);
+    // `selective`: DECSED and DECSEL, which spare protected cells.
+    void eraseInDisplay(int mode, bool selective = false);
+    void eraseInLine(int mode, bool selective = false);
+    void eraseRow(BufferLine& line, int start, int end, bool selective);
     void selectGraphicRendition(CsiParameters pars);
     void setModes(CsiParameters pars, bool privateMode, bool value);
     void setPrivateMode(int mode, bool value);
     void deviceStatus(CsiParameters pars, bool privateMode);
     void requestMode(CsiParameters pars, bool privateMode);
+    ModeReportValue privateModeReport(int mode);
+    ModeReportValue ansiModeReport(int mode) const;
     std::optional<bool> privateModeValue(int mode) const;
     void windowOptions(CsiParameters pars);
+    void windowReport(WindowManipulationCommand::Kind kind);
+    std::string reportableTitle(const std::string& title) const;
     void activateAltBuffer();
     void activateNormalBuffer(bool clearAlt);
     void setgLevel(int level);
@@ -243,11 +262,44 @@ private:
     void unknownEsc(std::span<const uint8_t> collect, uint8_t code);
     void setTitleModes(CsiParameters pars, bool value);
 
+    // Operations of the CSI decoder (TerminalCsi.cpp)
+    void cursorUp(int count);
+    void cursorDown(int count);
+    void cursorForward(int count);
+    void cursorBackward(int count);
+    void cursorCharAbsolute(int col);
+    void cursorForwardRelative(int count);
+    void linePositionAbsolute(int row);
+    void linePositionRelative(int count);
+    void tabBackward(int count);
+    void tabClear(int mode);
+    void setMargins(CsiParameters pars);
+    bool cursorInsideMargins() const;
+    bool cursorInsideRegion() const;
+    void insertChars(int count);
+    void deleteChars(int count);
+    void eraseChars(int count);
+    void insertLines(int count);
+    void deleteLines(int count);
+    void scrollUp(int count);
+    void scrollDown(int count);
+    void repeatPrecedingCharacter(int count);
+    void setCursorStyle(int style);
+    void selectCharacterProtection(int mode);
+    void selectPresentationDirection(int direction);
+    void selectCharacterPath(int path);
+
     // OSC (TerminalOsc.cpp)
     void oscTitle(int64_t code, std::string_view text);
     void oscChangeOrQueryColorIndex(std::string_view text, std::string_view terminator);
     void oscSetColors(std::string_view text, int startAt, std::string_view terminator);
     void oscResetColor(std::string_view text);
+    void oscChangeOrQuerySpecialColor(std::string_view text, std::string_view terminator);
+    void oscResetSpecialColor(std::string_view text);
+    // `which` counts from OSC 10: 0 foreground, 1 background, 2 cursor, 3 to 9 the others.
+    Color dynamicColor(int which) const;
+    void setDynamicColor(int which, Color color);
+    void resetDynamicColor(int which);
     void oscSetCurrentDirectory(std::string_view text, bool document);
     void oscHyperlink(std::string_view text);
     void oscProgressReport(std::string_view text);
@@ -305,6 +357,8 @@ private:
 
     Attribute curAttr;
     uint16_t curStyleID = 0;
+    bool protectedPen = false;               // DECSCA
+    bool rectangularAttributeChange = false; // DECSACE
     PackedCell currentEraseBlankCell;
     char32_t previousScalar = 0;
     std::vector<uint8_t> readingBuffer;
@@ -315,6 +369,8 @@ private:
     std::string terminalTitle, iconTitle;
     std::vector<std::string> terminalTitleStack, iconTitleStack;
     bool settingFgColor = false, settingBgColor = false, settingCursorColor = false;
+    ProgramColors programColors_;
+    std::optional<Color> hostForeground, hostBackground;
     TerminalProgramStatusStore programStatusStore;
     std::vector<uint16_t> payloadCodes;
     static constexpr size_t maximumRememberedHyperlinks = 4096;

@@ -229,33 +229,58 @@ void Terminal::changeColumnMode(int columns) {
     setCursor(0, 0);
 }
 
+namespace {
+
+// Modes that are fixed here whatever a program asks, in both the DEC and the ANSI set.
+std::optional<ModeReportValue> fixedMode(int mode) {
+    switch (mode) {
+    case 2: case 8: case 18: case 19: return ModeReportValue::set;
+    case 10: case 42: case 44: case 46: case 67: case 80: return ModeReportValue::permanentlyReset;
+    case 13: case 14: case 30: case 41: case 1001: return ModeReportValue::reset;
+    default: return std::nullopt;
+    }
+}
+
+// DEC private modes that are taken but have no effect.
+std::optional<ModeReportValue> fixedPrivateMode(int mode) {
+    switch (mode) {
+    case 117: case 1034: return ModeReportValue::permanentlyReset;
+    case 1048: return ModeReportValue::reset;
+    case 2027: return ModeReportValue::permanentlySet;
+    default: return fixedMode(mode);
+    }
+}
+
+} // namespace
+
+ModeReportValue Terminal::privateModeReport(int mode) {
+    auto fromBool = [](bool on) { return on ? ModeReportValue::set : ModeReportValue::reset; };
+    if (mode == 5522) {
+        bool allowed = options_.kittyClipboardPolicy.allowPasteEvents && delegate &&
+                       delegate->kittyClipboardCapabilities(*this).canSendPasteEvents;
+        return allowed ? fromBool(kittyPasteEventsEnabled) : ModeReportValue::notRecognized;
+    }
+    if (auto on = readDECPrivateMode(mode)) return fromBool(*on);
+    return fixedPrivateMode(mode).value_or(ModeReportValue::notRecognized);
+}
+
+ModeReportValue Terminal::ansiModeReport(int mode) const {
+    auto fromBool = [](bool on) { return on ? ModeReportValue::set : ModeReportValue::reset; };
+    switch (mode) {
+    case 4: return fromBool(buffer_->insertMode);
+    case 8: return fromBool(bidiState.supportMode == BidiSupportMode::implicit);
+    case 20: return fromBool(lineFeedMode);
+    default: return fixedMode(mode).value_or(ModeReportValue::notRecognized);
+    }
+}
+
 void Terminal::requestMode(CsiParameters pars, bool privateMode) {
     if (pars.size() == 0) {
         sendResponse(modeReport(privateMode, std::nullopt, ModeReportValue::notRecognized, cc));
         return;
     }
     int mode = static_cast<int>(pars[0]);
-    ModeReportValue value = ModeReportValue::notRecognized;
-    auto fromBool = [](bool on) { return on ? ModeReportValue::set : ModeReportValue::reset; };
-    if (privateMode) {
-        if (mode == 117) value = ModeReportValue::permanentlyReset;
-        else if (mode == 2027) value = ModeReportValue::permanentlySet;
-        else if (mode == 5522) {
-            bool allowed = options_.kittyClipboardPolicy.allowPasteEvents && delegate &&
-                           delegate->kittyClipboardCapabilities(*this).canSendPasteEvents;
-            if (allowed) value = fromBool(kittyPasteEventsEnabled);
-        } else if (auto on = readDECPrivateMode(mode)) value = fromBool(*on);
-    } else {
-        switch (mode) {
-        case 2: case 8: case 18: case 19: value = ModeReportValue::set; break;
-        case 4: value = fromBool(buffer_->insertMode); break;
-        case 20: value = fromBool(lineFeedMode); break;
-        case 10: case 42: case 44: case 46: case 67: case 80: value = ModeReportValue::permanentlyReset; break;
-        case 13: case 14: case 30: case 41: case 1001: value = ModeReportValue::reset; break;
-        default: break;
-        }
-    }
-    sendResponse(modeReport(privateMode, mode, value, cc));
+    sendResponse(modeReport(privateMode, mode, privateMode ? privateModeReport(mode) : ansiModeReport(mode), cc));
 }
 
 bool Terminal::isDarkColorScheme() const {
@@ -410,24 +435,64 @@ void Terminal::windowOptions(CsiParameters pars) {
             return;
         }
     }
+    windowReport(command->kind);
+}
+
+// The answers a pane gives by itself when its host gave none. A pane is its own window: it
+// stands at the origin, is never iconified, and its screen is its text area.
+void Terminal::windowReport(WindowManipulationCommand::Kind kind) {
+    using Kind = WindowManipulationCommand::Kind;
     std::string csi(csiIntroducer(cc));
+    auto oscString = [&](const std::string& body) { return std::string(oscIntroducer(cc)) + body + std::string(stringTerminator(cc)); };
+    auto report = [&](int code, int first, int second) {
+        sendResponse(csi + std::to_string(code) + ";" + std::to_string(first) + ";" + std::to_string(second) + "t");
+    };
     int cellWidth = cellPixelWidth, cellHeight = cellPixelHeight;
     if (delegate && (cellWidth <= 0 || cellHeight <= 0))
         if (auto size = delegate->cellSizeInPixels(*this)) std::tie(cellWidth, cellHeight) = *size;
     bool pixelsKnown = cellWidth > 0 && cellHeight > 0;
-    switch (command->kind) {
-    case Kind::reportTextAreaCharacters:
-        sendResponse(csi + "8;" + std::to_string(rows_) + ";" + std::to_string(cols_) + "t");
-        break;
+    switch (kind) {
+    case Kind::reportTerminalState: sendResponse(csi + "1t"); break;
+    case Kind::reportTerminalPosition:
+    case Kind::reportTextAreaPosition: report(3, 0, 0); break;
+    case Kind::reportTextAreaCharacters: report(8, rows_, cols_); break;
+    case Kind::reportScreenSizeCharacters: report(9, rows_, cols_); break;
     case Kind::reportTextAreaPixelDimension:
-        if (pixelsKnown)
-            sendResponse(csi + "4;" + std::to_string(rows_ * cellHeight) + ";" + std::to_string(cols_ * cellWidth) + "t");
+    case Kind::reportTerminalWindowPixelDimension:
+        if (pixelsKnown) report(4, rows_ * cellHeight, cols_ * cellWidth);
+        break;
+    case Kind::reportSizeOfScreenInPixels:
+        if (pixelsKnown) report(5, rows_ * cellHeight, cols_ * cellWidth);
         break;
     case Kind::reportCellSizeInPixels:
-        if (pixelsKnown) sendResponse(csi + "6;" + std::to_string(cellHeight) + ";" + std::to_string(cellWidth) + "t");
+        if (pixelsKnown) report(6, cellHeight, cellWidth);
         break;
-    default: break;
+    case Kind::reportIconLabel: sendResponse(oscString("L" + reportableTitle(iconTitle))); break;
+    case Kind::reportWindowTitle: sendResponse(oscString("l" + reportableTitle(terminalTitle))); break;
+    default: break; // moving, resizing and stacking a pane are the host's business
     }
+}
+
+// A title as it may go back to the program: never with control characters (C0, DEL, or C1 in
+// UTF-8 form), which a title set
+// from untrusted output could otherwise smuggle into the program's input; in hexadecimal when
+// the program asked for that (CSI > 1 t).
+std::string Terminal::reportableTitle(const std::string& title) const {
+    std::string clean;
+    for (size_t i = 0; i < title.size(); ++i) {
+        auto c = static_cast<unsigned char>(title[i]);
+        bool c1 = c == 0xc2 && i + 1 < title.size() && static_cast<unsigned char>(title[i + 1]) < 0xa0; // U+0080 to U+009F
+        if (c1) ++i;
+        else if (c >= 0x20 && c != 0x7f) clean.push_back(static_cast<char>(c));
+    }
+    if (!titleModeQueryHex) return clean;
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string hex;
+    for (unsigned char c : clean) {
+        hex.push_back(digits[c >> 4]);
+        hex.push_back(digits[c & 15]);
+    }
+    return hex;
 }
 
 void Terminal::unknownCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect) {

@@ -120,14 +120,20 @@ void Terminal::dispatchOsc(int64_t code, std::span<const uint8_t> data, uint8_t 
     switch (code) {
     case 0: case 1: case 2: oscTitle(code, text); break;
     case 4: oscChangeOrQueryColorIndex(text, st); break;
+    case 5: oscChangeOrQuerySpecialColor(text, st); break;
     case 6: oscSetCurrentDirectory(text, true); break;
     case 7: oscSetCurrentDirectory(text, false); break;
     case 8: oscHyperlink(text); break;
     case 9: oscProgressReport(text); break;
-    case 10: case 11: case 12: oscSetColors(text, static_cast<int>(code - 10), st); break;
+    case 10: case 11: case 12: case 13: case 14: case 15: case 16: case 17: case 18: case 19:
+        oscSetColors(text, static_cast<int>(code - 10), st);
+        break;
     case 52: oscClipboard(text, st); break;
     case 104: oscResetColor(text); break;
-    case 112: setCursorColorValue(std::nullopt); break;
+    case 105: oscResetSpecialColor(text); break;
+    case 110: case 111: case 112: case 113: case 114: case 115: case 116: case 117: case 118: case 119:
+        resetDynamicColor(static_cast<int>(code - 110));
+        break;
     case 133: oscSemanticPrompt(text); break;
     case 777: oscNotification(text); break;
     case 1337: osciTerm2(data, st); break;
@@ -163,21 +169,94 @@ void Terminal::oscChangeOrQueryColorIndex(std::string_view text, std::string_vie
     }
 }
 
+// OSC 10 to 19: foreground, background, cursor, pointer foreground and background, Tektronix
+// foreground and background, highlight background, Tektronix cursor, highlight foreground.
+// Each spec after the first goes to the next colour of the list.
 void Terminal::oscSetColors(std::string_view text, int startAt, std::string_view terminator) {
     int which = startAt;
     for (std::string_view spec : split(text, ';')) {
-        if (which > 2) break;
+        if (which > 9) break;
         if (spec == "?") {
-            Color value = which == 0 ? foregroundColor : which == 1 ? backgroundColor : cursorColor.value_or(foregroundColor);
-            sendResponse(std::string(oscIntroducer(cc)) + std::to_string(10 + which) + ";" + value.formatAsXcolor() +
+            sendResponse(std::string(oscIntroducer(cc)) + std::to_string(10 + which) + ";" + dynamicColor(which).formatAsXcolor() +
                          std::string(terminator));
         } else if (auto color = Color::parseColor(spec)) {
-            if (which == 0) setForegroundColor(*color);
-            else if (which == 1) setBackgroundColor(*color);
-            else setCursorColorValue(*color);
+            setDynamicColor(which, *color);
         }
         ++which;
     }
+}
+
+Color Terminal::dynamicColor(int which) const {
+    switch (which) {
+    case 0: return foregroundColor;
+    case 1: return backgroundColor;
+    case 2: return cursorColor.value_or(foregroundColor);
+    default: break;
+    }
+    if (auto set = programColors_.dynamic[size_t(which - 3)]) return *set;
+    // The pointer and the Tektronix window follow the text colours, the highlight is reversed.
+    static constexpr bool followsForeground[] = {true, false, true, false, true, true, false};
+    return followsForeground[which - 3] ? foregroundColor : backgroundColor;
+}
+
+// The program's foreground and background set aside the host's, so that a reset (OSC 110,
+// OSC 111) gives the host's back.
+void Terminal::setDynamicColor(int which, Color color) {
+    switch (which) {
+    case 0:
+        if (!hostForeground) hostForeground = foregroundColor;
+        programColors_.foreground = color;
+        setForegroundColor(color);
+        break;
+    case 1:
+        if (!hostBackground) hostBackground = backgroundColor;
+        programColors_.background = color;
+        setBackgroundColor(color);
+        break;
+    case 2: setCursorColorValue(color); break;
+    default: programColors_.dynamic[size_t(which - 3)] = color; break;
+    }
+}
+
+void Terminal::resetDynamicColor(int which) {
+    switch (which) {
+    case 0:
+        if (hostForeground) setForegroundColor(*std::exchange(hostForeground, std::nullopt));
+        programColors_.foreground.reset();
+        break;
+    case 1:
+        if (hostBackground) setBackgroundColor(*std::exchange(hostBackground, std::nullopt));
+        programColors_.background.reset();
+        break;
+    case 2: setCursorColorValue(std::nullopt); break;
+    default: programColors_.dynamic[size_t(which - 3)].reset(); break;
+    }
+}
+
+// OSC 5: the colours of bold, underline, blink, reverse and italic text, in "index;spec" pairs.
+// Until set they read as the foreground.
+void Terminal::oscChangeOrQuerySpecialColor(std::string_view text, std::string_view terminator) {
+    auto fields = split(text, ';');
+    for (size_t i = 0; i + 1 < fields.size(); i += 2) {
+        auto index = smallNumber(fields[i], int(programColors_.special.size()) - 1);
+        if (!index) break;
+        auto& slot = programColors_.special[size_t(*index)];
+        if (fields[i + 1] == "?") {
+            sendResponse(std::string(oscIntroducer(cc)) + "5;" + std::to_string(*index) + ";" +
+                         slot.value_or(foregroundColor).formatAsXcolor() + std::string(terminator));
+        } else if (auto color = Color::parseColor(fields[i + 1])) {
+            slot = *color;
+        }
+    }
+}
+
+void Terminal::oscResetSpecialColor(std::string_view text) {
+    if (text.empty()) {
+        programColors_.special = {};
+        return;
+    }
+    for (std::string_view field : split(text, ';'))
+        if (auto index = smallNumber(field, int(programColors_.special.size()) - 1)) programColors_.special[size_t(*index)].reset();
 }
 
 void Terminal::resetAllColors() {

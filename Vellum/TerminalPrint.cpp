@@ -62,7 +62,7 @@ bool mayJoin(uint8_t previousProperties, uint8_t properties) {
 
 // The word that every cell printed now shares; a pending link gets its code here, once a run.
 PackedCell Terminal::printBase() {
-    return PackedCell::make(PackedCell::scalarTag, 0, curStyleID, 0, false, hyperlinkPayloadCode(), semanticContent.code());
+    return PackedCell::make(PackedCell::scalarTag, 0, curStyleID, 0, protectedPen, hyperlinkPayloadCode(), semanticContent.code());
 }
 
 int Terminal::printWidth(char32_t scalar) const {

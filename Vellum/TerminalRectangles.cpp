@@ -114,12 +114,14 @@ void Terminal::deleteColumns(int count) {
         b.row(r).deletePackedCells(b.x, count, b.rightBound(), currentEraseBlankCell);
 }
 
-// DECBI and DECFI: the cursor moves a column, and at the margin the text moves instead.
+// DECBI and DECFI: the cursor moves a column, and at the margin the text between the margins
+// moves instead, in the rows of the region. Outside the margins the cursor stops at the edge.
 void Terminal::columnScroll(bool back) {
     Buffer& b = *buffer_;
     int left = b.leftBound(), right = b.rightBound();
-    if (back ? b.x > left : b.x < right) {
-        b.x = std::min(b.x, cols_ - 1) + (back ? -1 : 1);
+    int x = std::min(b.x, cols_ - 1);
+    if (x != (back ? left : right)) {
+        b.x = std::clamp(x + (back ? -1 : 1), 0, cols_ - 1);
         return;
     }
     for (int r = b.scrollTop; r <= b.scrollBottom; ++r) {

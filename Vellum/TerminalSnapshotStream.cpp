@@ -97,6 +97,7 @@ public:
                 packed.widthState() == CellWidthState::narrow) {
                 pen(out, attributeOf(line, packed.styleID()));
                 link(out, packed.payloadCode());
+                protection(out, packed.isProtected());
                 out += char(packed.value());
                 if (col == 0) afterFirst(1);
                 ++col;
@@ -138,6 +139,7 @@ public:
             }
             pen(out, cell.attribute);
             link(out, packed.payloadCode());
+            protection(out, packed.isProtected());
             out += cell.getText();
             int width = cell.width == 2 ? 2 : 1;
             if (col == 0) afterFirst(width);
@@ -145,6 +147,7 @@ public:
         }
         pen(out, Attribute::empty);
         link(out, 0);
+        protection(out, false);
         if (next && !continues) out += "\r\n";
         return row;
     }
@@ -184,6 +187,13 @@ private:
         link_ = target.empty() ? 0 : code;
     }
 
+    // Cells that a selective erase passes over (DECSCA) are printed with protection on.
+    void protection(std::string& out, bool on) {
+        if (plain_ || on == protected_) return;
+        out += on ? "\x1b[1\"q" : "\x1b[0\"q";
+        protected_ = on;
+    }
+
     void pen(std::string& out, const Attribute& attribute) {
         if (plain_ || attribute == pen_) return;
         out += sgr(attribute);
@@ -204,6 +214,7 @@ private:
     Attribute pen_;
     std::optional<Attribute> seamBlank_; // the blank printed at the end of the row before
     uint16_t link_ = 0;
+    bool protected_ = false;
     uint16_t cachedStyleID_ = 0;
     const CellArena* cachedArena_ = nullptr;
     Attribute cachedAttribute_;
@@ -236,12 +247,63 @@ size_t totalSize(const std::vector<RowBytes>& rows) {
     return total;
 }
 
-bool hasSavedCursor(const Buffer& buffer) {
-    return buffer.savedX != 0 || buffer.savedY != 0 || buffer.savedAttr != Attribute::empty;
+// A save of the cursor (`save` is ESC 7 or CSI ? 1049 h) that also keeps the character set it
+// had: it is put in G0 just for the save, and G0 is emptied again after it.
+std::string withSavedCharset(const Charset* charset, std::string_view save) {
+    if (!charset) return std::string(save);
+    return "\x1b(" + std::string(1, char(designatorFor(charset))) + "\x0f" + std::string(save) + "\x1b(B";
 }
 
 std::string savedCursor(const Buffer& buffer) {
-    return cursorTo(buffer.savedY, buffer.savedX) + sgr(buffer.savedAttr) + "\x1b" "7" + "\x1b[0m";
+    return cursorTo(buffer.savedY, buffer.savedX) + sgr(buffer.savedAttr) + withSavedCharset(buffer.savedCharset, "\x1b" "7") +
+           "\x1b[0m";
+}
+
+bool hasSavedCursor(const Buffer& buffer) {
+    return buffer.savedX != 0 || buffer.savedY != 0 || buffer.savedAttr != Attribute::empty || buffer.savedCharset;
+}
+
+// Tab stops, when a program moved them from the regular ones: all cleared, then each set.
+std::string tabStops(const Buffer& buffer, int cols) {
+    TabStops regular;
+    regular.setup(cols, buffer.tabStopWidth);
+    bool same = true;
+    for (int col = 0; col < cols && same; ++col) same = buffer.tabStops.isSet(col) == regular.isSet(col);
+    if (same) return {};
+    std::string out = "\x1b[3g";
+    for (int col = 0; col < cols; ++col)
+        if (buffer.tabStops.isSet(col)) out += cursorTo(0, col) + "\x1bH";
+    return out;
+}
+
+// The designated sets and the one invoked. Last of all, since they change what printing means.
+std::string charsets(Terminal& terminal) {
+    static constexpr char intermediates[] = {'(', ')', '*', '+'};
+    static constexpr const char* invocations[] = {"\x0f", "\x0e", "\x1bn", "\x1bo"};
+    std::string out;
+    const auto& sets = terminal.designatedCharsets();
+    for (size_t g = 0; g < sets.size(); ++g)
+        if (sets[g]) out += "\x1b" + std::string(1, intermediates[g]) + std::string(1, char(designatorFor(sets[g])));
+    if (terminal.invokedCharset() != 0) out += invocations[terminal.invokedCharset() & 3];
+    return out;
+}
+
+std::string oscColor(std::string_view code, const Color& color) { return "\x1b]" + std::string(code) + ";" + color.formatAsXcolor() + "\x07"; }
+
+// Colours a program changed: the text colours first, since the palette may derive from them.
+std::string colors(Terminal& terminal) {
+    const auto& program = terminal.programColors();
+    std::string out;
+    if (program.foreground) out += oscColor("10", *program.foreground);
+    if (program.background) out += oscColor("11", *program.background);
+    if (terminal.cursorColor) out += oscColor("12", *terminal.cursorColor);
+    for (size_t i = 0; i < program.dynamic.size(); ++i)
+        if (program.dynamic[i]) out += oscColor(std::to_string(13 + i), *program.dynamic[i]);
+    for (size_t i = 0; i < program.special.size(); ++i)
+        if (program.special[i]) out += oscColor("5;" + std::to_string(i), *program.special[i]);
+    for (size_t i = 0; i < terminal.ansiColors.size(); ++i)
+        if (terminal.ansiColors[i] != terminal.defaultAnsiColors[i]) out += oscColor("4;" + std::to_string(i), terminal.ansiColors[i]);
+    return out;
 }
 
 // The cursor, its pending wrap, the pen, the region and the modes of the shown screen.
@@ -249,7 +311,7 @@ std::string finalState(Terminal& terminal) {
     Buffer& buffer = terminal.buffer();
     int cols = terminal.cols();
     int rows = terminal.rows();
-    std::string out;
+    std::string out = tabStops(buffer, cols);
     if (hasSavedCursor(buffer)) out += savedCursor(buffer);
     if (buffer.scrollTop != 0 || buffer.scrollBottom != rows - 1) {
         out += "\x1b[" + std::to_string(buffer.scrollTop + 1) + ";" + std::to_string(buffer.scrollBottom + 1) + "r";
@@ -274,6 +336,7 @@ std::string finalState(Terminal& terminal) {
         out += cursorTo(y - rowOrigin, std::max(buffer.x, 0) - colOrigin);
     }
     if (terminal.currentAttribute() != Attribute::empty) out += sgr(terminal.currentAttribute());
+    if (terminal.protectsPrintedCells()) out += "\x1b[1\"q";
 
     if (buffer.insertMode) out += "\x1b[4h";
     if (terminal.lineFeedMode) out += "\x1b[20h";
@@ -296,7 +359,7 @@ std::string finalState(Terminal& terminal) {
     if (uint32_t flags = terminal.keyboardEnhancementFlags()) out += "\x1b[>" + std::to_string(flags) + "u";
     if (terminal.cursorStyle != terminal.options().cursorStyle) out += csi(int(terminal.cursorStyle) + 1, ' ') + "q";
     if (terminal.cursorHidden) out += "\x1b[?25l";
-    return out;
+    return out + charsets(terminal);
 }
 
 std::string build(Terminal& terminal, const SnapshotStreamOptions& options, bool plain) {
@@ -307,6 +370,7 @@ std::string build(Terminal& terminal, const SnapshotStreamOptions& options, bool
 
     std::string head;
     if (!terminal.title().empty()) head += "\x1b]2;" + terminal.title() + "\x07";
+    head += colors(terminal);
 
     int history = std::clamp(options.scrollbackRows, 0, normal.yBase);
     int screenEnd = std::min(normal.yBase + rows, normal.lines.count());
@@ -315,7 +379,8 @@ std::string build(Terminal& terminal, const SnapshotStreamOptions& options, bool
     std::string alternatePart;
     if (alternate) {
         Buffer& shown = terminal.buffer();
-        alternatePart = cursorTo(normal.savedY, normal.savedX) + sgr(normal.savedAttr) + "\x1b[?1049h\x1b[0m\x1b[H";
+        alternatePart = tabStops(normal, cols) + cursorTo(normal.savedY, normal.savedX) + sgr(normal.savedAttr) +
+                        withSavedCharset(normal.savedCharset, "\x1b[?1049h") + "\x1b[0m\x1b[H";
         for (auto& row : rowStrings(shown, shown.yBase, shown.yBase + rows, cols, plain)) append(alternatePart, row, true);
     }
     std::string tail = finalState(terminal);

@@ -174,6 +174,19 @@ TEST_F(TerminalViewTest, BoxLinesMeetAcrossCellsAndBlocksFillThem) {
     EXPECT_EQ(inkIn(image, cellRect(3, 0)), w * h);
 }
 
+TEST_F(TerminalViewTest, DoubleWidthAndDoubleHeightLines) {
+    feed("AB\r\n\x1b#6AB\r\n\x1b#3AB\r\n\x1b#4AB");
+    QImage image = shot();
+    EXPECT_EQ(inkIn(image, cellRect(2, 0, 2)), 0);
+    for (int row = 1; row <= 3; ++row) EXPECT_GT(inkIn(image, cellRect(2, row, 2)), 4) << "row " << row;
+    // The two halves of a double-height line are the top and the bottom of one glyph.
+    EXPECT_NE(image.copy(cellRect(0, 2, 4)), image.copy(cellRect(0, 3, 4)));
+    // The pointer finds the cell under it at the doubled width.
+    feed("\x1b[?1000h\x1b[?1006h");
+    click(center(2, 1));
+    EXPECT_EQ(take(), "\x1b[<0;2;2M\x1b[<0;2;2m");
+}
+
 TEST_F(TerminalViewTest, OnlyChangedRowsAreRepainted) {
     feed("\x1b[4;1H");
     PaintRecorder recorder;
@@ -349,12 +362,15 @@ TEST_F(TerminalViewTest, MouseReportsAndTheShiftBypass) {
     mouse(QEvent::MouseButtonRelease, center(1, 0), Qt::RightButton);
     EXPECT_EQ(take(), "\x1b[<18;1;1M\x1b[<34;2;1M\x1b[<2;2;1m");
 
+    EXPECT_EQ(view->cursor().shape(), Qt::ArrowCursor); // the program has the mouse
+
     // With Shift the mouse selects instead.
     mouse(QEvent::MouseButtonPress, cellRect(1, 0).topLeft(), Qt::LeftButton, Qt::ShiftModifier);
     mouse(QEvent::MouseMove, cellRect(4, 0).topLeft(), Qt::LeftButton, Qt::ShiftModifier);
     mouse(QEvent::MouseButtonRelease, cellRect(4, 0).topLeft(), Qt::LeftButton, Qt::ShiftModifier);
     EXPECT_EQ(take(), "");
     EXPECT_EQ(view->selectedText(), "bcd");
+    EXPECT_EQ(view->cursor().shape(), Qt::IBeamCursor);
 }
 
 TEST_F(TerminalViewTest, WordAndLineSelectionCopyAndBracketedPaste) {
@@ -408,6 +424,18 @@ TEST_F(TerminalViewTest, SelectionAcrossRowsAndWrappedLines) {
     EXPECT_EQ(view->selectedText(), "");
 }
 
+TEST_F(TerminalViewTest, DraggingPastTheTopScrollsTheHistory) {
+    for (int i = 0; i < 20; ++i) feed("line " + std::to_string(i) + "\r\n");
+    mouse(QEvent::MouseButtonPress, cellRect(4, 2).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseMove, QPoint(0, -5), Qt::LeftButton);
+    ASSERT_TRUE(eventually([&] { return view->selectedText().rfind("line 10", 0) == 0; }));
+    mouse(QEvent::MouseButtonRelease, QPoint(0, -5), Qt::LeftButton);
+    std::string selected = view->selectedText();
+    QTest::qWait(120);
+    EXPECT_EQ(view->selectedText(), selected) << "the scrolling stops with the drag";
+    EXPECT_EQ(selected.substr(selected.size() - 12), "line 16\nline"); // up to where the drag began
+}
+
 TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     for (int i = 0; i < 20; ++i) feed("line " + std::to_string(i) + "\r\n");
     std::string live = view->screenText();
@@ -418,6 +446,16 @@ TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     key(Qt::Key_A); // typing goes back to the live screen
     EXPECT_EQ(view->screenText(), live);
     take();
+    key(Qt::Key_Home, Qt::ShiftModifier);
+    view->renderNow();
+    EXPECT_EQ(view->screenText().substr(0, 7), "line 0\n");
+    key(Qt::Key_PageDown, Qt::ShiftModifier);
+    view->renderNow();
+    EXPECT_EQ(view->screenText().substr(0, 7), "line 5\n");
+    key(Qt::Key_End, Qt::ShiftModifier);
+    view->renderNow();
+    EXPECT_EQ(view->screenText(), live);
+    EXPECT_EQ(take(), "");
 
     feed("\x1b[?1049h\x1b[?1000h\x1b[?1006h");
     wheel(center(1, 1), 120 * 10); // a flick: at most six reports
@@ -432,6 +470,20 @@ TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     feed("\x1b[?1000l");
     wheel(center(1, 1), -120); // no mouse mode: alternate scroll sends cursor keys
     EXPECT_EQ(take(), "\x1b[B\x1b[B\x1b[B");
+}
+
+TEST_F(TerminalViewTest, CtrlClickOpensALink) {
+    std::vector<std::string> opened;
+    view->onOpenLink = [&](std::string url) { opened.push_back(std::move(url)); };
+    feed("\x1b]8;id=1;https://example.com/a?b=1\x1b\\link\x1b]8;;\x1b\\ plain");
+    QImage image = shot();
+    EXPECT_GT(inkIn(image, QRect(cellRect(0, 0).left(), cellRect(0, 0).bottom() - 3, 4 * cell().width(), 4)),
+              inkIn(image, QRect(cellRect(5, 0).left(), cellRect(5, 0).bottom() - 3, 4 * cell().width(), 4)))
+        << "the link is underlined";
+    click(center(2, 0), Qt::ControlModifier);
+    click(center(6, 0), Qt::ControlModifier);
+    click(center(2, 0));
+    EXPECT_EQ(opened, std::vector<std::string>{"https://example.com/a?b=1"});
 }
 
 TEST_F(TerminalViewTest, OscClipboardTitleAndBell) {

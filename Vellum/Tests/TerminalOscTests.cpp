@@ -124,8 +124,9 @@ TEST(TerminalOsc, CursorColourFallsBackToForegroundAndResets) {
     h.terminal.feed("\x1b]112\x07");
     EXPECT_EQ(h.terminal.cursorColor, std::nullopt);
     EXPECT_EQ(h.reply("\x1b]12;?\x07"), "\x1b]12;rgb:ffff/ffff/ffff\x07");
-    // A spec after the cursor colour has nowhere to go.
-    EXPECT_EQ(h.reply("\x1b]11;?;?;?\x07"), "\x1b]11;rgb:0000/0000/0000\x07\x1b]12;rgb:ffff/ffff/ffff\x07");
+    // A spec after the cursor colour goes to the pointer's foreground, which follows the text.
+    EXPECT_EQ(h.reply("\x1b]11;?;?;?\x07"),
+              "\x1b]11;rgb:0000/0000/0000\x07\x1b]12;rgb:ffff/ffff/ffff\x07\x1b]13;rgb:ffff/ffff/ffff\x07");
 }
 
 TEST(TerminalOsc, DirectoryAndDocumentOnlyFromTrustedProcesses) {

@@ -179,6 +179,41 @@ TEST(TerminalSnapshotStream, ModesRegionSavedCursorAndTitleComeBack) {
     expectSameScreen(source.terminal, copy);
 }
 
+TEST(TerminalSnapshotStream, CharacterSetsTabStopsAndColoursComeBack) {
+    TerminalHarness source(20, 4);
+    source.terminal.feed("\x1b)0\x1b(A\x0e");                                      // G1 line drawing, invoked
+    source.terminal.feed("\x1b[3g\x1b[1;4H\x1bH\x1b[1;9H\x1bH\x1b[1;1H");          // stops at 4 and 9 only
+    source.terminal.feed("\x1b]10;rgb:ee/ee/ee\x07\x1b]12;rgb:00/ff/00\x07\x1b]4;1;rgb:12/34/56\x07"); // text, cursor, palette
+    source.terminal.feed("\x1b]17;rgb:01/02/03\x07\x1b]5;0;rgb:ff/00/00\x07");
+    source.terminal.feed("\x1b[2;2H\x1b" "7\x0f\x1b[1;1H");                           // saved with line drawing on
+    Rebuilt rebuilt(source.terminal, 0);
+    Terminal& copy = rebuilt.harness.terminal;
+    expectSameScreen(source.terminal, copy);
+    EXPECT_EQ(copy.ansiColors[1], Color::fromBytes(0x12, 0x34, 0x56));
+    EXPECT_EQ(copy.foregroundColor, Color::fromBytes(0xee, 0xee, 0xee));
+    EXPECT_EQ(copy.cursorColor, Color::fromBytes(0, 0xff, 0));
+    EXPECT_EQ(copy.programColors().dynamic[4], Color::fromBytes(1, 2, 3));
+    EXPECT_EQ(copy.programColors().special[0], Color::fromBytes(0xff, 0, 0));
+    EXPECT_EQ(copy.ansiColors, source.terminal.ansiColors);
+
+    feedBoth(source.terminal, copy, "#q\tq\x0e\tq");
+    EXPECT_EQ(copy.lineText(0), "\xc2\xa3q q    \xe2\x94\x80") << "pound from G0, a line from G1, at the stops set";
+    expectSameScreen(source.terminal, copy);
+    feedBoth(source.terminal, copy, "\x0f\x1b" "8q");
+    expectSameScreen(source.terminal, copy);
+    EXPECT_EQ(copy.lineText(1), " \xe2\x94\x80") << "the saved cursor kept its character set";
+}
+
+TEST(TerminalSnapshotStream, ProtectedCellsStayProtected) {
+    TerminalHarness source(12, 2);
+    source.terminal.feed("\x1b[1\"qkeep\x1b[0\"qdrop\x1b[1\"q");
+    Rebuilt rebuilt(source.terminal, 0);
+    Terminal& copy = rebuilt.harness.terminal;
+    feedBoth(source.terminal, copy, "more\x1b[1;1H\x1b[?K");
+    EXPECT_EQ(copy.lineText(0), "keep    more");
+    expectSameScreen(source.terminal, copy);
+}
+
 TEST(TerminalSnapshotStream, TheLimitDropsTheOldestHistoryFirst) {
     TerminalHarness source(20, 5, 3000);
     for (int i = 0; i < 2000; ++i) source.terminal.feed("\x1b[1mrow\x1b[m " + std::to_string(i) + "\r\n");
@@ -200,7 +235,8 @@ TEST(TerminalSnapshotStream, RandomScreensAreRebuiltCellForCell) {
     const char* pieces[] = {"hello", " ", "\xe4\xb8\xad", "\xf0\x9f\x98\x80", "e\xcc\x81", "\r\n", "\r", "\n", "\b",
                             "\t", "\x1b[K", "\x1b[1K", "\x1b[2J", "\x1b[J", "\x1b[31m", "\x1b[1;4m", "\x1b[m",
                             "\x1b[48;5;33m", "\x1b[38;2;10;20;30m", "\x1b[7m", "\x1b[3X", "\x1b[2@", "\x1b[2P",
-                            "\x1b[L", "\x1b[M", "\x1bM", "\x1b[S", "\x1b[T", "0123456789abcdefghij"};
+                            "\x1b[L", "\x1b[M", "\x1bM", "\x1b[S", "\x1b[T", "0123456789abcdefghij",
+                            "\x1b(0", "\x1b(B", "\x1bH", "\x1b[3g", "\x1b[g"};
     for (int round = 0; round < 200; ++round) {
         TerminalHarness source(12, 5, 50);
         std::string fed;
@@ -220,7 +256,7 @@ TEST(TerminalSnapshotStream, RandomScreensAreRebuiltCellForCell) {
         Buffer& b = rebuilt.harness.terminal.buffer();
         ASSERT_EQ(b.scrollbackRows(), a.scrollbackRows());
         expectSameRows(a, b, 0, 0, a.scrollbackRows(), 12);
-        feedBoth(source.terminal, rebuilt.harness.terminal, "tail text that wraps\r\n");
+        feedBoth(source.terminal, rebuilt.harness.terminal, "\x1b(Btail\ttext\tthat wraps\r\n");
         expectSameScreen(source.terminal, rebuilt.harness.terminal);
         if (HasFailure()) break;
     }

@@ -1,0 +1,167 @@
+#include "Support/AppHarness.h"
+
+#include <QApplication>
+#include <QMainWindow>
+#include <QSettings>
+#include <QTest>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Corvex/PaneHostView.h"
+#include "Corvex/TerminalView.h"
+
+namespace corvex::apptest {
+
+bool eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return done();
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        QTest::qWait(10);
+    }
+    return true;
+}
+
+AppHarness::AppHarness() {
+    char pattern[] = "/tmp/corvex-app-XXXXXX";
+    base_ = ::mkdtemp(pattern);
+    runtimeDir_ = base_ + "/rt";
+    std::filesystem::create_directories(runtimeDir_);
+    std::filesystem::permissions(runtimeDir_, std::filesystem::perms::owner_all);
+    ::setenv("CORVEXD_RUNTIME_DIR", runtimeDir_.c_str(), 1);
+    QSettings("Corvex", "Corvex").clear();
+    app_ = std::make_unique<AppDelegate>(AppDelegate::Options{false, base_ + "/Corvex.log"});
+    app_->launch();
+    [[maybe_unused]] bool exposed = QTest::qWaitForWindowExposed(app_->window());
+}
+
+AppHarness::~AppHarness() {
+    if (reader_) reader_->stop();
+    reader_.reset();
+    app_.reset();
+    // The daemon leaves with its last client; this makes sure of it, shells and all.
+    std::string command = "CORVEXD_RUNTIME_DIR='" + runtimeDir_ + "' '" + std::getenv("CORVEXD_BIN") +
+                          "' shutdown >/dev/null 2>&1";
+    [[maybe_unused]] int status = std::system(command.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(base_, ignored);
+}
+
+bool AppHarness::waitForShell() {
+    return eventually([this] {
+        PaneHostView* view = app_->focusedHost();
+        return view && view->isVisible() && view->host().subscribed() && view->host().haveSeq().has_value() &&
+               !screenText(view->paneID()).empty() &&
+               screenText(view->paneID()).find_first_not_of(" \n") != std::string::npos;
+    });
+}
+
+uint64_t AppHarness::focusedPane() {
+    PaneHostView* view = app_->focusedHost();
+    return view ? view->paneID() : 0;
+}
+
+void AppHarness::type(const std::string& text) {
+    PaneHostView* view = app_->focusedHost();
+    if (!view) return;
+    QTest::keyClicks(view->terminal(), QString::fromStdString(text));
+}
+
+void AppHarness::pressReturn() {
+    if (PaneHostView* view = app_->focusedHost()) QTest::keyClick(view->terminal(), Qt::Key_Return);
+}
+
+void AppHarness::shortcut(Qt::Key key, Qt::KeyboardModifiers modifiers) {
+    QWidget* target = QApplication::focusWidget();
+    if (!target) target = app_->window();
+    QTest::keyClick(target, key, modifiers);
+}
+
+CorvexdBackend& AppHarness::reader() {
+    if (!reader_) {
+        reader_ = CorvexdBackend::make(CorvexdBackend::Configuration::socket(socketPath(), "corvex-app-tests"));
+        reader_->start();
+    }
+    return *reader_;
+}
+
+std::string AppHarness::daemonText(uint64_t pane) {
+    try {
+        return reader().paneText(pane).text();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+std::string AppHarness::screenText(uint64_t pane) {
+    PaneHostView* view = app_->host(pane);
+    return view ? view->terminal()->screenText() : std::string();
+}
+
+bool AppHarness::screenShows(uint64_t pane, const std::string& text, std::chrono::milliseconds timeout) {
+    return eventually([&] { return screenText(pane).find(text) != std::string::npos; }, timeout);
+}
+
+bool AppHarness::daemonShows(uint64_t pane, const std::string& text, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    return eventually(
+        [&] {
+            if (daemonText(pane).find(text) != std::string::npos) return true;
+            return std::chrono::steady_clock::now() > deadline;
+        },
+        timeout + 1s) &&
+           daemonText(pane).find(text) != std::string::npos;
+}
+
+QImage AppHarness::screenshot() {
+    return app_->window()->grab().toImage();
+}
+
+void AppHarness::keepScreenshot(const std::string& name) {
+    const char* folder = std::getenv("CORVEX_TEST_SHOTS");
+    if (!folder || !*folder) return;
+    screenshot().save(QString::fromStdString(std::string(folder) + "/" + name + ".png"), "PNG");
+}
+
+std::string AppHarness::logText() const {
+    std::ifstream file(app_->logPath());
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+std::string AppHarness::describe() {
+    std::ostringstream text;
+    PaneHostView* view = app_->focusedHost();
+    text << "focused pane: " << (view ? std::to_string(view->paneID()) : "none");
+    if (view) {
+        text << " visible " << view->isVisible() << " subscribed " << view->host().subscribed() << " have "
+             << (view->host().haveSeq() ? std::to_string(*view->host().haveSeq()) : "none") << " size "
+             << view->width() << "x" << view->height() << "\nscreen:\n"
+             << screenText(view->paneID()) << "\ndaemon:\n"
+             << daemonText(view->paneID());
+    }
+    text << "\nlog:\n" << logText();
+    return text.str();
+}
+
+int AppHarness::daemonPid() const {
+    std::ifstream file(runtimeDir_ + "/corvexd.pid");
+    int pid = 0;
+    file >> pid;
+    return pid;
+}
+
+void AppHarness::killDaemon() {
+    if (reader_) reader_->stop();
+    reader_.reset();
+    int pid = daemonPid();
+    if (pid > 0) ::kill(pid, SIGKILL);
+}
+
+} // namespace corvex::apptest

@@ -1,0 +1,125 @@
+// Select Graphic Rendition: the parameters of CSI ... m change the pen that printed cells take.
+#include "Vellum/Terminal.h"
+
+namespace vellum {
+
+namespace {
+
+uint8_t clampedComponent(CsiParameters pars, int i) {
+    int64_t value = i < pars.size() ? pars[i] : 0;
+    return static_cast<uint8_t>(std::min<int64_t>(value, 255));
+}
+
+bool hasSubParameter(uint64_t colonMask, int i) { return (colonMask >> i) & 1; }
+
+// 38, 48 and 58 with what follows them: "5;n" or "2;r;g;b", or the colon forms "5:n", "2:r:g:b"
+// and "2:space:r:g:b". `i` is left on the last parameter consumed. Too few values consume what
+// there is and give nothing.
+std::optional<Attribute::Color> extendedColor(CsiParameters pars, int& i, uint64_t colonMask) {
+    if (hasSubParameter(colonMask, i)) {
+        int end = i + 1;
+        while (end < pars.size() && hasSubParameter(colonMask, end - 1)) ++end;
+        int fields = end - i; // the 38, 48 or 58 included
+        int64_t kind = fields > 1 ? pars[i + 1] : -1;
+        int first = i;
+        i = end - 1;
+        if (kind == 5 && fields >= 3) return Attribute::Color::ansi256(clampedComponent(pars, first + 2));
+        if (kind == 2 && fields == 5)
+            return Attribute::Color::trueColor(clampedComponent(pars, first + 2), clampedComponent(pars, first + 3),
+                                               clampedComponent(pars, first + 4));
+        if (kind == 2 && fields >= 6)
+            return Attribute::Color::trueColor(clampedComponent(pars, first + 3), clampedComponent(pars, first + 4),
+                                               clampedComponent(pars, first + 5));
+        return std::nullopt;
+    }
+    if (i + 1 >= pars.size()) return std::nullopt;
+    int64_t kind = pars[i + 1];
+    int first = i;
+    if (kind == 5) {
+        i = std::min(first + 2, pars.size() - 1);
+        if (first + 2 < pars.size()) return Attribute::Color::ansi256(clampedComponent(pars, first + 2));
+        return std::nullopt;
+    }
+    if (kind == 2) {
+        i = std::min(first + 4, pars.size() - 1);
+        if (first + 4 < pars.size())
+            return Attribute::Color::trueColor(clampedComponent(pars, first + 2), clampedComponent(pars, first + 3),
+                                               clampedComponent(pars, first + 4));
+        return std::nullopt;
+    }
+    i = first + 1;
+    return std::nullopt;
+}
+
+UnderlineStyle underlineStyleFor(int64_t sub) {
+    static constexpr UnderlineStyle styles[] = {UnderlineStyle::none,  UnderlineStyle::single, UnderlineStyle::double_,
+                                                UnderlineStyle::curly, UnderlineStyle::dotted, UnderlineStyle::dashed};
+    return sub >= 0 && sub <= 5 ? styles[sub] : UnderlineStyle::single;
+}
+
+void setStyle(Attribute& a, CharacterStyle style, bool on) { on ? a.style.insert(style) : a.style.remove(style); }
+
+// One parameter (with what it consumes after it) applied to `a`.
+void applyRendition(Attribute& a, CsiParameters pars, int& i, uint64_t colonMask) {
+    int64_t p = pars[i];
+    switch (p) {
+    case 0: a = Attribute::empty; return;
+    case 1: setStyle(a, CharacterStyle::bold, true); return;
+    case 2: setStyle(a, CharacterStyle::dim, true); return;
+    case 3: setStyle(a, CharacterStyle::italic, true); return;
+    case 4:
+        setStyle(a, CharacterStyle::underline, true);
+        a.underlineStyle = UnderlineStyle::single;
+        if (hasSubParameter(colonMask, i) && i + 1 < pars.size()) {
+            int64_t sub = pars[++i];
+            a.underlineStyle = underlineStyleFor(sub);
+            if (sub == 0) setStyle(a, CharacterStyle::underline, false);
+        }
+        return;
+    case 5: setStyle(a, CharacterStyle::blink, true); return;
+    case 7: setStyle(a, CharacterStyle::inverse, true); return;
+    case 8: setStyle(a, CharacterStyle::invisible, true); return;
+    case 9: setStyle(a, CharacterStyle::crossedOut, true); return;
+    case 21:
+        setStyle(a, CharacterStyle::underline, true);
+        a.underlineStyle = UnderlineStyle::double_;
+        return;
+    case 22:
+        setStyle(a, CharacterStyle::bold, false);
+        setStyle(a, CharacterStyle::dim, false);
+        return;
+    case 23: setStyle(a, CharacterStyle::italic, false); return;
+    case 24:
+        setStyle(a, CharacterStyle::underline, false);
+        a.underlineStyle = UnderlineStyle::none;
+        return;
+    case 25: setStyle(a, CharacterStyle::blink, false); return;
+    case 27: setStyle(a, CharacterStyle::inverse, false); return;
+    case 28: setStyle(a, CharacterStyle::invisible, false); return;
+    case 29: setStyle(a, CharacterStyle::crossedOut, false); return;
+    case 38: if (auto c = extendedColor(pars, i, colonMask)) a.fg = *c; return;
+    case 39: a.fg = Attribute::Color::defaultColor(); return;
+    case 48: if (auto c = extendedColor(pars, i, colonMask)) a.bg = *c; return;
+    case 49: a.bg = Attribute::Color::defaultColor(); return;
+    case 58: if (auto c = extendedColor(pars, i, colonMask)) a.underlineColor = *c; return;
+    case 59: a.underlineColor.reset(); return;
+    default: break;
+    }
+    if (p >= 30 && p <= 37) a.fg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 30));
+    else if (p >= 40 && p <= 47) a.bg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 40));
+    else if (p >= 90 && p <= 97) a.fg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 90 + 8));
+    else if (p >= 100 && p <= 107) a.bg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 100 + 8));
+}
+
+} // namespace
+
+void Terminal::selectGraphicRendition(CsiParameters pars) {
+    Attribute before = curAttr;
+    uint64_t colonMask = parser.parsColonMask();
+    for (int i = 0; i < pars.size(); ++i) applyRendition(curAttr, pars, i, colonMask);
+    if (curAttr == before) return;
+    curStyleID = cellArena->intern(curAttr).value_or(0);
+    if (curAttr.bg != before.bg) updateEraseBlank();
+}
+
+} // namespace vellum
