@@ -88,6 +88,10 @@ void TerminalFrameBuilder::setAtlasMaximum(int maxSize) {
     forgetGlyphs();
 }
 
+void TerminalFrameBuilder::invalidateRows() {
+    for (auto& row : rowCache_) row.revision = 0;
+}
+
 void TerminalFrameBuilder::forgetGlyphs() {
     glyphs_.clear();
     for (auto& index : glyphIndex_) index.clear();

@@ -48,6 +48,8 @@ public:
     const CellMetrics& cell() const { return cell_; }
 
     const DrawData& build(const TerminalSnapshot& snapshot, const FrameOverlay& overlay);
+    // Every row is built again on the next frame; glyphs stay.
+    void invalidateRows();
 
     GlyphAtlas& atlas(GlyphAtlasKind kind) { return kind == GlyphAtlasKind::grayscale ? gray_ : color_; }
     const FrameBuildCounters& counters() const { return counters_; }
