@@ -47,6 +47,16 @@ std::string screenful(int seed) {
     return out;
 }
 
+uint64_t builderAllocations = 0;
+
+// The builder's own share, apart from the snapshot refresh.
+const DrawData& build(TerminalFrameBuilder& builder, const TerminalSnapshot& snapshot, const FrameOverlay& overlay) {
+    uint64_t before = allocations.load();
+    const DrawData& draw = builder.build(snapshot, overlay);
+    builderAllocations += allocations.load() - before;
+    return draw;
+}
+
 struct Pane {
     TerminalOptions options;
     std::unique_ptr<Terminal> terminal;
@@ -70,16 +80,6 @@ struct Pane {
         return build(builder, snapshot, overlay);
     }
 };
-
-uint64_t builderAllocations = 0;
-
-// The builder's own share, apart from the snapshot refresh.
-const DrawData& build(TerminalFrameBuilder& builder, const TerminalSnapshot& snapshot, const FrameOverlay& overlay) {
-    uint64_t before = allocations.load();
-    const DrawData& draw = builder.build(snapshot, overlay);
-    builderAllocations += allocations.load() - before;
-    return draw;
-}
 
 void report(benchmark::State& state, uint64_t allocationsBefore, const DrawData& draw) {
     state.counters["allocs_per_frame"] =
