@@ -109,6 +109,7 @@ TerminalView::TerminalView(QWidget* parent)
         terminal_->updatePixelGeometry(cellSize().width(), cellSize().height());
     });
     applyTheme();
+    attachGLSurface();
     renderNow(); // the first paint shows the theme's colours, not an empty snapshot's
 }
 

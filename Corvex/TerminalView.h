@@ -25,6 +25,8 @@ class Terminal;
 
 namespace corvex {
 
+class TerminalGLSurface;
+
 // A pane's terminal on the screen. It owns a terminal with no process of its own: the
 // session's output is fed in from the backend and drawn here, and what the user does becomes
 // bytes for the program through `onInput`. Drawing is QPainter from the snapshot, repainting
@@ -117,6 +119,11 @@ private:
     template <typename Change>
     void quietly(Change&& change);
     void applyTheme();
+    // Draws through the GPU surface unless it is turned off or can't be made.
+    void attachGLSurface();
+    // Every repaint of the view also reaches the GPU surface while it draws the view.
+    void update();
+    void update(const QRect& area);
 
     // Pointer helpers.
     struct CellHit {
@@ -167,6 +174,7 @@ private:
     vellum::WheelDistanceAccumulator<vellum::WheelRoute> wheelAccumulator_;
     vellum::WheelReportBudget wheelBudget_;
     QElapsedTimer clock_;
+    TerminalGLSurface* glSurface_ = nullptr;
 };
 
 } // namespace corvex
