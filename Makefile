@@ -8,6 +8,9 @@ test: bootstrap
 	cmake --preset ci
 	cmake --build --preset ci
 	ctest --preset ci
+	cmake --preset tsan
+	cmake --build --preset tsan
+	ctest --preset tsan
 
 run: build
 	scripts/run

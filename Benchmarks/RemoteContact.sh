@@ -57,7 +57,11 @@ ssh-keygen -q -t ed25519 -N '' -f "$dir/client_key"
 cp "$dir/client_key.pub" "$dir/authorized_keys"
 chmod 644 "$dir/authorized_keys"
 mkdir -p /run/sshd "$dir/h"
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+# A port nothing listens on.
+while :; do
+  port=$((20000 + RANDOM % 40000))
+  (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || break
+done
 cat >"$dir/sshd_config" <<CONF
 ListenAddress 127.0.0.1
 Port $port

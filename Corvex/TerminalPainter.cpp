@@ -184,7 +184,8 @@ void TerminalPainter::paintRow(QPainter& painter, const vellum::TerminalSnapshot
             }
             if (fitsGrid(cell)) {
                 if (segment.isEmpty()) segmentStart = col;
-                segment += QString::fromStdString(cell.text);
+                if (cell.text.size() == 1) segment += QLatin1Char(cell.text[0]);
+                else segment += QString::fromStdString(cell.text);
                 continue;
             }
             flush();

@@ -94,6 +94,8 @@ TerminalView::TerminalView(QWidget* parent)
     frameTimer_.setSingleShot(true);
     connect(&frameTimer_, &QTimer::timeout, this, &TerminalView::frame);
     connect(&blinkTimer_, &QTimer::timeout, this, &TerminalView::blinkTick);
+    dragScroll_.setInterval(50);
+    connect(&dragScroll_, &QTimer::timeout, this, &TerminalView::dragScrollTick);
     sinceFrame_.start();
     sinceActivity_.start();
     clock_.start();
@@ -351,10 +353,16 @@ void TerminalView::keyPressEvent(QKeyEvent* event) {
         if (event->key() == Qt::Key_V) return pasteClipboard();
         if (isApplicationShortcutChord(*event)) return event->ignore();
     }
-    if (shift && !ctrl && !alt && !terminal_->isAlternateBuffer()) {
-        int page = std::max(1, terminal_->rows() - 1);
-        if (event->key() == Qt::Key_PageUp) return scrollLines(page);
-        if (event->key() == Qt::Key_PageDown) return scrollLines(-page);
+    if (shift && !ctrl && !alt) {
+        if (event->key() == Qt::Key_Insert) return pasteSelection();
+        if (!terminal_->isAlternateBuffer()) {
+            // Shift with the paging keys moves through the history, as desktop terminals do.
+            int page = std::max(1, terminal_->rows() - 1);
+            if (event->key() == Qt::Key_PageUp) return scrollLines(page);
+            if (event->key() == Qt::Key_PageDown) return scrollLines(-page);
+            if (event->key() == Qt::Key_Home) return scrollLines(terminal_->buffer().yBase);
+            if (event->key() == Qt::Key_End) return scrollToBottom();
+        }
     }
     auto input = keyInputFromEvent(*event);
     if (!input) return QWidget::keyPressEvent(event);
@@ -410,9 +418,14 @@ TerminalView::CellHit TerminalView::hitTest(QPointF position) const {
     QSize cell = cellSize();
     int cols = terminal_->cols(), rows = terminal_->rows();
     CellHit hit;
-    hit.col = std::clamp(int(std::floor(position.x() / cell.width())), 0, cols - 1);
     hit.row = std::clamp(int(std::floor(position.y() / cell.height())), 0, rows - 1);
-    hit.boundaryCol = std::clamp(int(std::lround(position.x() / cell.width())), 0, cols);
+    // Cells of a double-width or double-height row are twice as wide on the screen.
+    double cellWidth = cell.width();
+    if (size_t(hit.row) < snapshot_.rows().size() &&
+        snapshot_.rows()[size_t(hit.row)].row.renderMode != vellum::BufferLine::RenderLineMode::single)
+        cellWidth *= 2;
+    hit.col = std::clamp(int(std::floor(position.x() / cellWidth)), 0, cols - 1);
+    hit.boundaryCol = std::clamp(int(std::lround(position.x() / cellWidth)), 0, cols);
     return hit;
 }
 
@@ -450,8 +463,7 @@ void TerminalView::mousePressEvent(QMouseEvent* event) {
         sinceDoubleClick_.invalidate();
         selectAt(position, triple ? SelectionUnit::line : SelectionUnit::character);
     } else if (event->button() == Qt::MiddleButton) {
-        QClipboard* clipboard = QGuiApplication::clipboard();
-        paste(clipboard->text(clipboard->supportsSelection() ? QClipboard::Selection : QClipboard::Clipboard).toStdString());
+        pasteSelection();
     }
 }
 
@@ -474,7 +486,18 @@ void TerminalView::mouseMoveEvent(QMouseEvent* event) {
                         event->modifiers());
         return;
     }
-    if (selecting_ && event->buttons().testFlag(Qt::LeftButton)) extendSelectionTo(position);
+    if (selecting_ && event->buttons().testFlag(Qt::LeftButton)) {
+        dragPosition_ = position;
+        dragScrollLines_ = position.y() < 0 ? 1 : position.y() >= height() ? -1 : 0;
+        if (dragScrollLines_ && !dragScroll_.isActive()) dragScroll_.start();
+        extendSelectionTo(position);
+    }
+}
+
+void TerminalView::dragScrollTick() {
+    if (!selecting_ || dragScrollLines_ == 0) return dragScroll_.stop();
+    scrollLines(dragScrollLines_);
+    extendSelectionTo(dragPosition_);
 }
 
 void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
@@ -486,6 +509,7 @@ void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
     }
     if (selecting_ && event->button() == Qt::LeftButton) {
         selecting_ = false;
+        dragScroll_.stop();
         publishSelection();
     }
 }
@@ -527,6 +551,11 @@ void TerminalView::copySelection() {
 }
 
 void TerminalView::pasteClipboard() { paste(QGuiApplication::clipboard()->text().toStdString()); }
+
+void TerminalView::pasteSelection() {
+    QClipboard* clipboard = QGuiApplication::clipboard();
+    paste(clipboard->text(clipboard->supportsSelection() ? QClipboard::Selection : QClipboard::Clipboard).toStdString());
+}
 
 void TerminalView::paste(const std::string& text) {
     if (text.empty()) return;

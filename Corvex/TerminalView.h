@@ -57,6 +57,8 @@ public:
     // Local actions, also for the application's shortcuts.
     void copySelection();
     void pasteClipboard();
+    // The primary selection where the desktop has one (middle click, Shift+Insert).
+    void pasteSelection();
     void paste(const std::string& text);
     std::string selectedText() const;
     void clearSelection();
@@ -125,6 +127,7 @@ private:
                          Qt::KeyboardModifiers modifiers);
     void selectAt(QPointF position, SelectionUnit unit);
     void extendSelectionTo(QPointF position);
+    void dragScrollTick();
     void publishSelection();
     int historyTopRow() const; // buffer row of the first shown row
 
@@ -147,6 +150,10 @@ private:
     TerminalSelection selection_;
     std::optional<TerminalSelection::Range> paintedSelection_;
     bool selecting_ = false;
+    // A drag past the top or bottom edge scrolls while the pointer stays out there.
+    QTimer dragScroll_;
+    int dragScrollLines_ = 0;
+    QPointF dragPosition_;
     QElapsedTimer sinceDoubleClick_;
     QPointF doubleClickAt_;
     bool mouseReportingAllowed_ = true;

@@ -1,63 +1,65 @@
 #include "CorvexFake/FakeBackend.h"
 
 #include <chrono>
-#include <random>
-#include <sstream>
-#include <sys/utsname.h>
+#include <map>
 #include <thread>
-#include <unistd.h>
 
-#include "CorvexFake/LocalPaneHost.h"
+#include "CorvexSession/LocalPaneHost.h"
+#include "CorvexSession/SessionHello.h"
 #include "Platform/TimerThread.h"
 
 namespace corvex {
 
 namespace {
 
-Hello fakeHello() {
-    Hello hello;
-    hello.protocol = 1;
-    hello.protocolMin = 1;
-    hello.protocolMax = 1;
-    hello.daemon = "corvex-fake";
-    hello.version = "0.1.0";
-    std::ostringstream instance;
-    instance << std::hex << std::mt19937_64(std::random_device{}())();
-    hello.instance = instance.str();
-    hello.pid = static_cast<int32_t>(getpid());
-    Hello::Machine machine;
-    char name[256] = {};
-    machine.hostname = gethostname(name, sizeof name - 1) == 0 && name[0] ? name : "localhost";
-    utsname system{};
-    if (uname(&system) == 0) {
-        machine.os = system.sysname;
-        machine.arch = system.machine;
+// The engine's stream is shared by whoever subscribes; this backend's one reader starts each
+// pane where its subscribe said, skipping output it already has from a snapshot.
+class StreamStarts {
+public:
+    std::optional<SessionEvent> pass(const SessionEvent& event) {
+        std::lock_guard guard(lock_);
+        if (auto subscribed = event.as<SessionEvent::Subscribed>()) {
+            from_[subscribed->pane] = subscribed->subscription.seq;
+            return event;
+        }
+        auto output = event.as<SessionEvent::Output>();
+        if (!output) return event;
+        auto start = from_.find(output->pane);
+        if (start == from_.end() || output->seq >= start->second) return event;
+        uint64_t end = output->seq + output->bytes.size();
+        if (end <= start->second) return std::nullopt;
+        auto skipped = static_cast<std::ptrdiff_t>(start->second - output->seq);
+        return SessionEvent::Output{output->pane, start->second, Bytes(output->bytes.begin() + skipped, output->bytes.end())};
     }
-    hello.machine = machine;
-    return hello;
-}
+
+private:
+    std::mutex lock_;
+    std::map<uint64_t, uint64_t> from_;
+};
 
 } // namespace
 
 std::shared_ptr<FakeBackend> FakeBackend::create(std::shared_ptr<PaneHost> host) {
     auto backend = std::shared_ptr<FakeBackend>(new FakeBackend(host ? host : std::make_shared<LocalPaneHost>()));
     std::weak_ptr<SessionEventStream> events = backend->events_;
-    backend->core_->setListener([events](const SessionEvent& event) {
-        if (auto stream = events.lock()) stream->push(event);
+    backend->core_->setListener([events, starts = std::make_shared<StreamStarts>()](const SessionEvent& event) {
+        auto stream = events.lock();
+        if (!stream) return;
+        if (auto passed = starts->pass(event)) stream->push(std::move(*passed));
     });
     return backend;
 }
 
 FakeBackend::FakeBackend(std::shared_ptr<PaneHost> host)
-    : core_(SessionCore::create(std::move(host), currentSessionCoreEnvironment())) {}
+    : instance_(newInstanceID()), core_(SessionCore::create(std::move(host), currentSessionCoreEnvironment())) {}
 
 FakeBackend::~FakeBackend() { stop(); }
 
 void FakeBackend::start() {
-    events_->push(SessionEvent::Connected{fakeHello()});
+    events_->push(SessionEvent::Connected{sessionHello({"corvex-fake", "0.1.0", instance_, engineFeatureNames()})});
     events_->push(SessionEvent::State{core_->state()});
     if (cwdTimer_) return;
-    cwdTimer_ = std::make_unique<platform::TimerThread>("corvex.fake.cwd");
+    cwdTimer_ = std::make_unique<platform::TimerThread>("corvex.session.cwd");
     std::weak_ptr<SessionCore> core = core_;
     auto poll = [core] {
         if (auto held = core.lock()) held->pollWorkingDirectories();
@@ -99,8 +101,7 @@ void FakeBackend::focus(const FocusTarget& target) {
 
 Subscription FakeBackend::subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<int> scrollback,
                                     std::optional<Size> viewport) {
-    (void)scrollback; // everything retained is sent; there is no separate history here
-    return core_->subscribe(pane, haveSeq, viewport);
+    return core_->subscribe(pane, haveSeq, viewport, scrollback.value_or(0));
 }
 
 void FakeBackend::focusPane(uint64_t pane) {
@@ -110,9 +111,12 @@ void FakeBackend::focusPane(uint64_t pane) {
 }
 
 void FakeBackend::setTerminalColors(const std::optional<TerminalColors>& colors) {
-    std::lock_guard guard(lock_);
-    colors_ = colors;
-    ++terminalColorsCalls_;
+    {
+        std::lock_guard guard(lock_);
+        colors_ = colors;
+        ++terminalColorsCalls_;
+    }
+    core_->setTerminalColors(colors);
 }
 
 void FakeBackend::decide(uint64_t pane, const std::string& request, PermissionDecision decision,

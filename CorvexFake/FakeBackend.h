@@ -7,7 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "CorvexFake/SessionCore.h"
+#include "CorvexSession/SessionCore.h"
 #include "CorvexKit/SessionBackend.h"
 
 namespace platform {
@@ -25,8 +25,8 @@ struct FakeDecision {
     bool operator==(const FakeDecision&) const = default;
 };
 
-// The whole backend inside the app's process: real shells on real pseudo-terminals, with the
-// session semantics of the shared core. Also the scripted driver's way to set agents,
+// The whole backend inside the app's process: real shells on real pseudo-terminals, served by
+// the same session engine as the daemon. Also the scripted driver's way to set agents,
 // restore notes and git facts, and to read what the app asked for.
 class FakeBackend : public SessionBackend, public std::enable_shared_from_this<FakeBackend> {
 public:
@@ -72,6 +72,10 @@ public:
                   const std::vector<std::string>& keys) override {
         core_->sendKeys(pane, text, keys);
     }
+    PaneText paneText(uint64_t pane) override { return core_->paneText(pane); }
+    PaneSearchResult searchPane(uint64_t pane, const std::string& query, const PaneSearchOptions& options) override {
+        return core_->searchPane(pane, query, options);
+    }
 
     void setAgent(uint64_t pane, const std::optional<AgentInfo>& info) { core_->setAgent(pane, info); }
     void setRestored(uint64_t pane, const std::optional<PaneRestore>& restored) { core_->setRestored(pane, restored); }
@@ -90,6 +94,7 @@ private:
     explicit FakeBackend(std::shared_ptr<PaneHost> host);
 
     std::shared_ptr<SessionEventStream> events_ = std::make_shared<SessionEventStream>();
+    const std::string instance_;
     std::shared_ptr<SessionCore> core_;
     std::unique_ptr<platform::TimerThread> cwdTimer_;
 

@@ -14,6 +14,7 @@
 #include "CorvexKit/CorvexdTransport.h"
 #include "CorvexKit/Frame.h"
 #include "CorvexKit/FrameParser.h"
+#include "CorvexKit/Protocol.h"
 #include "CorvexKit/SessionBackend.h"
 #include "Platform/Clock.h"
 #include "Platform/SerialQueue.h"
@@ -50,7 +51,7 @@ public:
 // the backend on the pushing thread.
 class CorvexdBackend final : public SessionBackend, public std::enable_shared_from_this<CorvexdBackend> {
 public:
-    static constexpr int protocolVersion = 1;
+    static constexpr int protocolVersion = protocol::version;
 
     using TextSink = std::function<void(const std::string& text)>;
     using ReplyHook = std::function<void(const nlohmann::json& result)>;
@@ -187,6 +188,9 @@ private:
     void handleOutput(const OutputFrame& frame);
     void handleSnapshot(const SnapshotFrame& frame);
 
+    // One typed method of the protocol: sent unless its feature gate is closed.
+    template <typename M>
+    typename M::Result call(const M& method);
     void push(SessionEvent event); // with lock_ held
     void log(const std::string& text) const;
     void trace(const std::string& text) const;

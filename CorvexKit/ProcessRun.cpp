@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Platform/System.h"
+
 extern char** environ;
 
 namespace corvex {
@@ -53,8 +55,7 @@ PipeEnds makePipe() {
 
 // A file already unlinked, so nothing is left behind whatever happens.
 Descriptor makeCaptureFile(const char* suffix) {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/corvexd-XXXXXX" + suffix;
+    std::string pattern = platform::temporaryDirectory() + "/corvexd-XXXXXX" + suffix;
     int fd = ::mkostemps(pattern.data(), static_cast<int>(std::strlen(suffix)), O_CLOEXEC);
     if (fd < 0) throw std::runtime_error("can't make " + pattern + ": " + std::strerror(errno));
     ::unlink(pattern.c_str());

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include "CorvexKit/SSHDiagnosis.h"
 #include "CorvexKit/SSHProcessTransport.h"
 #include "Platform/System.h"
 
@@ -80,9 +81,9 @@ std::vector<std::string> SSHOptions::oneOff() const {
 
 std::vector<std::string> SSHOptions::check() const {
     std::vector<std::string> options = common();
-    for (const char* value : {"BatchMode=yes", "ConnectTimeout=8", "ControlMaster=no", "ControlPath=none"}) {
-        addOption(options, value);
-    }
+    // The check's own set, without its "--", target and command.
+    auto checkArguments = SSHCheck::arguments("");
+    options.insert(options.end(), checkArguments.begin(), checkArguments.end() - 3);
     for (auto& option : proxy()) options.push_back(std::move(option));
     return options;
 }

@@ -319,15 +319,9 @@ std::optional<ModelState> movingTab(const ModelState& state, const MoveRequest& 
     auto removedAt = static_cast<size_t>(
         std::find_if(from.tabs.begin(), from.tabs.end(), [&](const Tab& t) { return t.id == request.id; }) -
         from.tabs.begin());
+    if (crossing && from.activeTab == request.id) from.activeTab = successorTab(from.tabs, removedAt);
     Tab moved = std::move(from.tabs[removedAt]);
     from.tabs.erase(from.tabs.begin() + static_cast<ptrdiff_t>(removedAt));
-    if (crossing && from.activeTab == request.id) {
-        if (from.tabs.empty()) {
-            from.activeTab.reset();
-        } else {
-            from.activeTab = from.tabs[std::max<size_t>(removedAt, 1) - 1].id;
-        }
-    }
 
     auto& to = next.workspaces[*targetIndex];
     auto insertAt = std::min(static_cast<size_t>(request.index), to.tabs.size());

@@ -210,6 +210,10 @@ struct PaneLocation {
     const Tab* tab = nullptr;
 };
 
+// The tab that becomes active when the tab at `leaving` leaves `tabs` (which still hold it):
+// the one before it, or the one after when it was the first; absent when it was alone.
+std::optional<uint64_t> successorTab(const std::vector<Tab>& tabs, size_t leaving);
+
 // One machine's whole session tree. Lookups return pointers into this value (null when
 // absent); they stay valid while the value is neither changed nor destroyed.
 struct ModelState {
@@ -232,6 +236,23 @@ struct ModelState {
 
     // Each workspace's `activeTab`.
     std::map<uint64_t, std::optional<uint64_t>> activeTabs() const;
+
+    // The tree edits that the session engine makes and a client may foresee. They touch
+    // the tree only: panes' records and programs are the caller's.
+
+    // Takes the tab out of its workspace; an active tab hands over to its successor.
+    // False when there is no such tab.
+    bool removeTab(uint64_t tab);
+    // Takes the pane out of its tab's layout: an active pane hands over to the first pane of
+    // its sibling, and a tab left empty is removed.
+    void removePaneFromTabs(uint64_t pane);
+    // Points the focus at what still exists: its workspace or else the first, there the
+    // focused tab or else the workspace's active one (or first), there the focused pane or
+    // else the tab's active one.
+    void repairFocus();
+    // The focused workspace's active tab is the focused tab; every other workspace keeps an
+    // active tab that it holds, or else takes its first.
+    void settleActiveTabs();
 
     bool operator==(const ModelState&) const = default;
 };

@@ -3,11 +3,11 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "CorvexKit/SessionBackend.h"
 #include "Platform/System.h"
+#include "Platform/UnixSocket.h"
 
 namespace corvex {
 
@@ -37,21 +37,11 @@ UnixSocketTransport::UnixSocketTransport(std::string socketPath, std::function<v
 
 int UnixSocketTransport::connect(const std::string& path) {
     if (path.size() >= pathLimit) throw BackendError("bad_request", "socket path too long: " + path);
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) throw BackendError("internal", std::string("socket() failed: ") + std::strerror(errno));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
-    int result;
-    do {
-        result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    } while (result < 0 && errno == EINTR);
-    if (result < 0) {
-        int error = errno;
-        ::close(fd);
-        throw BackendError("disconnected", "can't connect to " + path + ": " + std::strerror(error));
+    auto connected = platform::connectUnixSocket(path);
+    if (connected.fd < 0) {
+        throw BackendError("disconnected", "can't connect to " + path + ": " + std::strerror(connected.error));
     }
-    return fd;
+    return connected.fd;
 }
 
 std::shared_ptr<ByteStream> UnixSocketTransport::open(const ProgressHandler& progress) {

@@ -123,9 +123,8 @@ uint32_t slotTag(uint64_t hash) { return occupiedSlot | uint32_t(hash >> 24 & 0x
 
 } // namespace
 
-std::optional<uint16_t> CellArena::findAttribute(const InternedAttributeKey& key, size_t& slotIndex) const {
+std::optional<uint16_t> CellArena::findAttribute(const InternedAttributeKey& key, uint64_t hash, size_t& slotIndex) const {
     size_t mask = attributeSlots.size() - 1;
-    uint64_t hash = cacheHash(key);
     uint32_t tag = slotTag(hash);
     // The top bits of the product are the well-mixed ones.
     for (size_t i = size_t(hash >> (64 - std::countr_zero(attributeSlots.size()))) & mask;; i = (i + 1) & mask) {
@@ -143,28 +142,42 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identif
     attributeKeys[identifier] = key;
     size_t used = size_t(identifier) + 1;
     if (attributeSlots.size() < 2 * used) {
-        std::vector<uint32_t> old = std::exchange(attributeSlots, std::vector<uint32_t>(std::bit_ceil(std::max<size_t>(1024, 4 * used))));
+        std::vector<uint32_t> old = std::exchange(attributeSlots, std::vector<uint32_t>(std::bit_ceil(std::max<size_t>(1024, 2 * used))));
         for (uint32_t slot : old) {
             if (slot == 0) continue;
             size_t index = 0;
-            findAttribute(attributeKeys[slot & 0xFFFF], index);
+            const InternedAttributeKey& each = attributeKeys[slot & 0xFFFF];
+            findAttribute(each, cacheHash(each), index);
             attributeSlots[index] = slot;
         }
     }
+    uint64_t hash = cacheHash(key);
+    size_t bit = presenceBit(hash);
+    attributePresence[bit / 64] |= uint64_t(1) << (bit % 64);
     size_t index = 0;
-    if (findAttribute(key, index)) return;
-    attributeSlots[index] = slotTag(cacheHash(key)) | identifier;
+    if (findAttribute(key, hash, index)) return;
+    attributeSlots[index] = slotTag(hash) | identifier;
 }
 
 std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
     InternedAttributeKey key(attributes);
     if (key.isZero()) return 0;
+    uint64_t hash = cacheHash(key);
+    CacheEntry& cached = attributeCache[size_t(hash >> (64 - cacheBits))];
+    if (cached.identifierPlusOne != 0 && cached.key == key) return uint16_t(cached.identifierPlusOne - 1);
     size_t free = 0;
-    if (auto found = findAttribute(key, free)) return found;
-    if (isSnapshotCopy || attributeCountValue > attributeCapacity) return std::nullopt;
+    bool full = isSnapshotCopy || attributeCountValue > attributeCapacity;
+    if (!mayBePresent(hash)) {
+        if (full) return std::nullopt;
+    } else if (auto found = findAttribute(key, hash, free)) {
+        cached = {key, uint32_t(*found) + 1};
+        return found;
+    }
+    if (full) return std::nullopt;
     uint16_t identifier = uint16_t(attributeCountValue++);
     this->attributes[identifier] = PackedAttributeRecord::from(attributes);
     storeAttribute(key, identifier);
+    cached = {key, uint32_t(identifier) + 1};
     return identifier;
 }
 
@@ -202,21 +215,22 @@ Attribute CellArena::attributeFor(uint16_t styleID) const {
     return attributes[styleID].attribute();
 }
 
+std::optional<PackedCell> CellArena::inlineBackgroundCell(const Color& bg) {
+    if (bg.kind() == Color::Kind::ansi256) return PackedCell::make(PackedCell::paletteBackgroundTag, bg.code(), 0, 0, false, 0, 0);
+    if (bg.kind() == Color::Kind::trueColor) {
+        uint32_t value = uint32_t(bg.red()) | uint32_t(bg.green()) << 8 | uint32_t(bg.blue()) << 16;
+        return PackedCell::make(PackedCell::trueColorBackgroundTag, value, 0, 0, false, 0, 0);
+    }
+    return std::nullopt;
+}
+
 std::optional<PackedCell> CellArena::packInlineBackground(const Attribute& attribute, uint8_t widthState,
                                                           uint16_t payloadCode, uint8_t semanticContentCode,
                                                           bool isProtected) const {
     if (!isBlankRendition(attribute)) return std::nullopt;
-    const Color& bg = attribute.bg;
-    if (bg.kind() == Color::Kind::ansi256) {
-        return PackedCell::make(PackedCell::paletteBackgroundTag, bg.code(), 0, widthState, isProtected, payloadCode,
-                                semanticContentCode);
-    }
-    if (bg.kind() == Color::Kind::trueColor) {
-        uint32_t value = uint32_t(bg.red()) | uint32_t(bg.green()) << 8 | uint32_t(bg.blue()) << 16;
-        return PackedCell::make(PackedCell::trueColorBackgroundTag, value, 0, widthState, isProtected, payloadCode,
-                                semanticContentCode);
-    }
-    return std::nullopt;
+    auto cell = inlineBackgroundCell(attribute.bg);
+    if (!cell) return std::nullopt;
+    return PackedCell{cell->raw | PackedCell::make(0, 0, 0, widthState, isProtected, payloadCode, semanticContentCode).raw};
 }
 
 std::optional<PackedCell> CellArena::packCluster(uint16_t styleID, std::u32string_view scalars, uint8_t widthState,

@@ -87,6 +87,9 @@ public:
     std::optional<PackedCell> pack(uint16_t styleID, std::u32string_view character, uint8_t widthState,
                                    uint16_t payloadCode = 0, uint8_t semanticContentCode = 0, bool isProtected = false);
     CharData unpack(PackedCell cell) const;
+    // An empty cell whose only rendition is this background, held in the word itself (no
+    // style is interned); nothing for the default backgrounds.
+    static std::optional<PackedCell> inlineBackgroundCell(const Attribute::Color& bg);
 
     Scalars scalarValues(PackedCell cell) const;
     void scalarValues(PackedCell cell, Scalars& appending) const;
@@ -144,12 +147,27 @@ private:
     std::unique_ptr<PackedAttributeRecord[]> attributes;
     int attributeCountValue = 1;
     // Identifiers by key: open addressing with linear probing, at most half full. A slot is
-    // 0 when empty, else bit 31, 15 bits of the key's hash and the identifier: small enough to
-    // stay in cache, so that looking up a key never interned (the common case of programs that
-    // paint with many true colours) costs one probe and no key comparison.
+    // 0 when empty, else bit 31, 15 bits of the key's hash and the identifier, so that a probe
+    // past other keys compares no key.
     std::vector<uint32_t> attributeSlots;
+    // In front of the slots, which a full table spreads over half a megabyte: the renditions
+    // met last, direct-mapped, and one bit per hash value telling that no key with that hash
+    // was ever stored. Programs that paint with many true colours mostly ask for renditions
+    // never seen, and most of those are answered by the bit without touching the slots.
+    struct CacheEntry {
+        InternedAttributeKey key;
+        uint32_t identifierPlusOne = 0;
+    };
+    static constexpr int cacheBits = 10, presenceBits = 19;
+    std::vector<CacheEntry> attributeCache = std::vector<CacheEntry>(size_t(1) << cacheBits);
+    std::vector<uint64_t> attributePresence = std::vector<uint64_t>((size_t(1) << presenceBits) / 64);
+    static size_t presenceBit(uint64_t hash) { return size_t(hash >> 20) & ((size_t(1) << presenceBits) - 1); }
+    bool mayBePresent(uint64_t hash) const {
+        size_t bit = presenceBit(hash);
+        return (attributePresence[bit / 64] >> (bit % 64)) & 1;
+    }
     std::vector<InternedAttributeKey> attributeKeys; // by identifier
-    std::optional<uint16_t> findAttribute(const InternedAttributeKey& key, size_t& slotIndex) const;
+    std::optional<uint16_t> findAttribute(const InternedAttributeKey& key, uint64_t hash, size_t& slotIndex) const;
     void storeAttribute(const InternedAttributeKey& key, uint16_t identifier);
     std::vector<std::unique_ptr<GraphemeBlock>> graphemeBlocks;
     int allocatedGraphemeBlockCount = 0;

@@ -153,9 +153,15 @@ PackedCell Terminal::eraseSpaceCell() {
 // Erased cells keep only the background, which an empty cell carries inline: no style is
 // interned for it, so a colour change costs nothing here.
 void Terminal::updateEraseBlank() {
-    Attribute erase = Attribute::empty;
-    erase.bg = curAttr.bg;
-    currentEraseBlankCell = cellArena->pack(erase, std::u32string_view(U"\0", 1), 0).value_or(PackedCell{});
+    if (curAttr.bg == Attribute::Color::defaultColor()) {
+        currentEraseBlankCell = PackedCell{};
+    } else if (auto inlined = CellArena::inlineBackgroundCell(curAttr.bg)) {
+        currentEraseBlankCell = *inlined;
+    } else {
+        Attribute erase = Attribute::empty;
+        erase.bg = curAttr.bg;
+        currentEraseBlankCell = cellArena->pack(erase, std::u32string_view(U"\0", 1), 0).value_or(PackedCell{});
+    }
 }
 
 // ---- C0 and ESC

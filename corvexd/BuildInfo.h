@@ -8,7 +8,5 @@ namespace corvexd {
 std::string buildVersion();
 // "<version>-<hash>": the hash of the source tree it was built from, or "dev".
 std::string buildId();
-// The path of the running executable.
-std::string executablePath();
 
 } // namespace corvexd

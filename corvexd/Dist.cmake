@@ -16,15 +16,24 @@ set(dist_platform ${dist_os}-${dist_arch})
 set(dist_dir ${CMAKE_BINARY_DIR}/share/corvex/corvexd-dist)
 set(dist_binary ${dist_dir}/${dist_platform}/corvexd)
 
-# A remote machine has none of our build's libraries; the C++ runtime goes inside.
-if(NOT CORVEX_SANITIZE)
-  target_link_options(corvexd PRIVATE -static-libstdc++ -static-libgcc)
+# A remote machine has none of our build's libraries, and maybe an older C library than
+# this one (Ubuntu 22.04 has glibc 2.35, Debian 11 2.31): the shipped daemon is linked
+# statically, from the same objects as the local one. User lookups in a static glibc still
+# work from /etc/passwd; the daemon needs no more. A sanitized build ships its own daemon,
+# which runs only here, for the tests.
+set(dist_source corvexd)
+if(NOT CORVEX_SANITIZE AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
+  add_executable(corvexd-static main.cpp)
+  target_link_libraries(corvexd-static PRIVATE corvexdCore)
+  target_link_options(corvexd-static PRIVATE -static)
+  set_target_properties(corvexd-static PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/corvexd-static)
+  set(dist_source corvexd-static)
 endif()
 
-set(dist_copy ${CMAKE_COMMAND} -E copy $<TARGET_FILE:corvexd> ${dist_binary})
+set(dist_copy ${CMAKE_COMMAND} -E copy $<TARGET_FILE:${dist_source}> ${dist_binary})
 if(CMAKE_STRIP)
   # Debug information only slows the upload down.
-  set(dist_copy ${CMAKE_STRIP} --strip-debug -o ${dist_binary} $<TARGET_FILE:corvexd>)
+  set(dist_copy ${CMAKE_STRIP} --strip-debug -o ${dist_binary} $<TARGET_FILE:${dist_source}>)
 endif()
 add_custom_command(
   OUTPUT ${dist_binary} ${dist_dir}/manifest.json
@@ -32,7 +41,7 @@ add_custom_command(
   COMMAND ${dist_copy}
   COMMAND ${CMAKE_COMMAND} -DDIST=${dist_dir} -DPLATFORM=${dist_platform} -DVERSION=${PROJECT_VERSION}
           -DID=${PROJECT_VERSION}-${CORVEXD_BUILD_HASH} -P ${CMAKE_CURRENT_SOURCE_DIR}/DistManifest.cmake
-  DEPENDS corvexd ${CMAKE_CURRENT_SOURCE_DIR}/DistManifest.cmake
+  DEPENDS ${dist_source} ${CMAKE_CURRENT_SOURCE_DIR}/DistManifest.cmake
   COMMENT "corvexd-dist: ${dist_platform}"
   VERBATIM)
 add_custom_target(corvexd-dist ALL DEPENDS ${dist_binary} ${dist_dir}/manifest.json)

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/ProcessInfo.h"
 #include "Platform/System.h"
 #include "corvexd/BuildInfo.h"
 
@@ -34,7 +35,7 @@ std::string installBase() {
     if (auto dir = platform::environmentValue("CORVEXD_INSTALL_DIR"); !dir.empty()) return dir;
     // A build already installed somewhere (the temporary fallback of a read-only home, say)
     // makes that place current rather than copying itself elsewhere.
-    std::string exe = executablePath();
+    std::string exe = platform::executablePath();
     if (nameOf(exe) == "corvexd" && nameOf(parentOf(exe)) == buildId()) return parentOf(parentOf(exe));
     auto data = platform::environmentValue("XDG_DATA_HOME");
     if (data.empty()) data = platform::homeDirectory() + "/.local/share";
@@ -123,7 +124,7 @@ int installCommand(const std::vector<std::string>& options) {
         std::string base = installBase();
         std::string target = installTargetPath();
         makeDirectories(parentOf(target));
-        std::string source = executablePath();
+        std::string source = platform::executablePath();
         if (!sameFile(source, target)) copyExecutable("/proc/self/exe", target);
         pointCurrentAt(base, buildId());
         std::cout << target << "\n";

@@ -5,20 +5,18 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <random>
 #include <set>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include "CorvexKit/FrameParser.h"
 #include "CorvexKit/SessionBackend.h"
-#include "CorvexKit/SessionCodec.h"
-#include "CorvexKit/SessionCodecJSON.h"
-#include "Platform/System.h"
+#include "CorvexKit/ProtocolJSON.h"
+#include "CorvexSession/SessionHello.h"
+#include "Platform/UnixSocket.h"
 #include "corvexd/RuntimeDirectory.h"
 
 namespace corvexd {
@@ -27,62 +25,22 @@ using nlohmann::json;
 
 namespace {
 
-constexpr int protocolVersion = 1;
 constexpr size_t readChunk = 65536;
 
 using RequestError = MethodError;
 
-std::string randomInstance() {
-    std::random_device device;
-    uint64_t value = (static_cast<uint64_t>(device()) << 32) ^ device();
-    char text[17];
-    std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(value));
-    return text;
-}
-
-std::string lowercase(std::string text) {
-    for (auto& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
-
-corvex::Hello::Machine thisMachine() {
-    corvex::Hello::Machine machine;
-    machine.hostname = platform::hostName();
-    if (machine.hostname.empty()) machine.hostname = "localhost";
-    utsname names{};
-    if (::uname(&names) == 0) {
-        machine.os = lowercase(names.sysname);
-        machine.arch = names.machine;
-    }
-    machine.home = platform::homeDirectory();
-    return machine;
-}
-
 std::string dump(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
 
 int listenOn(const std::string& path) {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) throw DaemonError(std::string("socket: ") + std::strerror(errno));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) {
-        ::close(fd);
-        throw DaemonError("socket path too long: " + path);
-    }
-    std::memcpy(address.sun_path, path.data(), path.size());
     // The caller holds the pid file's lock, so a socket left at the path is a dead daemon's.
     ::unlink(path.c_str());
     // Bound with a private mode from the start: no moment exists where others could connect.
     mode_t previous = ::umask(0177);
-    int bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    int bindError = errno;
+    auto listening = platform::listenUnixSocket(path, 128);
     ::umask(previous);
-    if (bound != 0 || ::listen(fd, 128) != 0) {
-        int error = bound != 0 ? bindError : errno;
-        ::close(fd);
-        throw DaemonError("can't listen on " + path + ": " + std::strerror(error));
-    }
-    return fd;
+    if (listening.error == ENAMETOOLONG) throw DaemonError("socket path too long: " + path);
+    if (listening.fd < 0) throw DaemonError("can't listen on " + path + ": " + std::strerror(listening.error));
+    return listening.fd;
 }
 
 bool sameUser(int fd) {
@@ -115,7 +73,7 @@ struct Server::Client {
     size_t pending() const { return out.size() - sent; }
 };
 
-Server::Server(ServerOptions options) : options_(std::move(options)), instance_(randomInstance()) {
+Server::Server(ServerOptions options) : options_(std::move(options)), instance_(corvex::newInstanceID()) {
     listenFd_ = listenOn(options_.socketPath);
     wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wakeFd_ < 0) {
@@ -271,7 +229,7 @@ void Server::unsubscribePane(ClientID id, uint64_t pane) {
 }
 
 void Server::broadcastEvent(const std::string& name, json data) {
-    auto frame = std::make_shared<std::string>(corvex::makeJSONFrame(dump({{"event", name}, {"data", std::move(data)}})));
+    auto frame = std::make_shared<std::string>(corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(name, std::move(data)))));
     deliver([this, frame] {
         for (auto& [id, client] : clients_) {
             if (client->events) enqueue(*client, *frame);
@@ -284,7 +242,7 @@ void Server::publishOutput(uint64_t pane, uint64_t seq, std::string bytes) {
 }
 
 void Server::publishPaneEvent(uint64_t pane, const std::string& name, json data) {
-    auto frame = std::make_shared<std::string>(corvex::makeJSONFrame(dump({{"event", name}, {"data", std::move(data)}})));
+    auto frame = std::make_shared<std::string>(corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(name, std::move(data)))));
     deliver([this, pane, frame] {
         for (auto& [id, client] : clients_) {
             if (client->panes.count(pane)) enqueue(*client, *frame);
@@ -294,7 +252,8 @@ void Server::publishPaneEvent(uint64_t pane, const std::string& name, json data)
 
 void Server::resync(Client& client, uint64_t pane) {
     client.panes.erase(pane);
-    enqueue(client, corvex::makeJSONFrame(dump({{"event", "pane.resync"}, {"data", {{"pane", pane}}}})));
+    auto wire = corvex::protocol::encodeEvent(corvex::SessionEvent::Resync{pane});
+    enqueue(client, corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(wire->name, std::move(wire->data)))));
 }
 
 void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes) {
@@ -354,42 +313,37 @@ void Server::handleFrame(Client& client, uint8_t type, std::string_view payload)
 }
 
 json Server::builtInMethod(Client& client, const std::string& name, MethodCall& call) {
-    if (name == "hello") return helloJSON();
-    if (name == "ping") return json::object();
-    if (name == "state.get") return corvex::toJSON(corvex::ModelState{});
-    if (name == "events.subscribe") {
+    namespace protocol = corvex::protocol;
+    if (name == protocol::HelloCall::name) return protocol::encodeResult<protocol::HelloCall>(hello());
+    if (name == protocol::Ping::name) return protocol::encodeResult<protocol::Ping>({});
+    if (name == protocol::StateGet::name) return protocol::encodeResult<protocol::StateGet>({});
+    if (name == protocol::EventsSubscribe::name) {
         client.events = true;
-        json state = methods_.count("state.get") ? methods_["state.get"](call) : corvex::toJSON(corvex::ModelState{});
-        call.framesAfterReply.push_back(corvex::makeJSONFrame(dump({{"event", "state"}, {"data", std::move(state)}})));
-        return json::object();
+        auto state = methods_.count(std::string(protocol::StateGet::name))
+                         ? methods_[std::string(protocol::StateGet::name)](call)
+                         : protocol::encodeResult<protocol::StateGet>({});
+        call.framesAfterReply.push_back(
+            corvex::makeJSONFrame(dump(protocol::eventEnvelope(protocol::event::state, std::move(state)))));
+        return protocol::encodeResult<protocol::EventsSubscribe>({});
     }
     throw RequestError{"unknown_method", "unknown method " + name};
 }
 
-json Server::helloJSON() const {
-    corvex::Hello hello;
-    hello.protocol = protocolVersion;
-    hello.protocolMin = protocolVersion;
-    hello.protocolMax = protocolVersion;
-    hello.daemon = "corvexd";
-    hello.version = options_.version;
-    hello.instance = instance_;
-    hello.pid = static_cast<int32_t>(::getpid());
-    hello.machine = thisMachine();
-    hello.featureNames = features_;
+corvex::Hello Server::hello() const {
+    auto hello = corvex::sessionHello({"corvexd", options_.version, instance_, features_});
     hello.exe = options_.executable;
     hello.build = options_.buildId;
     corvex::Hello::Holder holder;
     holder.pid = hello.pid;
     holder.version = options_.version;
-    holder.protocol = protocolVersion;
+    holder.protocol = corvex::protocol::version;
     holder.exe = options_.executable;
     holder.build = options_.buildId;
     holder.canUpgrade = false;
     holder.outdated = false;
     hello.holder = holder;
     hello.holderOutdated = false;
-    return corvex::toJSON(hello);
+    return hello;
 }
 
 void Server::handleJSON(Client& client, std::string_view text) {
@@ -403,40 +357,32 @@ void Server::handleJSON(Client& client, std::string_view text) {
     auto params = message.find("params");
     static const json noParams = json::object();
     MethodCall call{client.id, params != message.end() && params->is_object() ? *params : noParams, {}};
-    json reply = {{"id", *id}};
+    json reply;
+    auto fail = [&](std::string_view code, std::string_view message) {
+        reply = corvex::protocol::errorEnvelope(*id, code, message);
+        call.framesAfterReply.clear();
+    };
     try {
         if (method == message.end() || !method->is_string()) throw RequestError{"bad_request", "a request needs a method"};
         if (params != message.end() && !params->is_object() && !params->is_null()) {
             throw RequestError{"bad_request", "params must be an object"};
         }
         const std::string& name = method->get_ref<const std::string&>();
-        if (auto handler = methods_.find(name); handler != methods_.end()) {
-            reply["result"] = handler->second(call);
-        } else {
-            reply["result"] = builtInMethod(client, name, call);
-        }
+        auto handler = methods_.find(name);
+        json result = handler != methods_.end() ? handler->second(call) : builtInMethod(client, name, call);
+        reply = corvex::protocol::resultEnvelope(*id, std::move(result));
     } catch (const RequestError& error) {
-        reply.erase("result");
-        reply["error"] = {{"code", error.code}, {"message", error.message}};
-        call.framesAfterReply.clear();
+        fail(error.code, error.message);
     } catch (const corvex::BackendError& error) {
-        reply.erase("result");
-        reply["error"] = {{"code", error.code()}, {"message", error.message()}};
-        call.framesAfterReply.clear();
+        fail(error.code(), error.message());
     } catch (const json::exception& error) {
         // A handler read a param of the wrong shape.
-        reply.erase("result");
-        reply["error"] = {{"code", "bad_request"}, {"message", error.what()}};
-        call.framesAfterReply.clear();
+        fail("bad_request", error.what());
     } catch (const corvex::DecodingError& error) {
-        reply.erase("result");
-        reply["error"] = {{"code", "bad_request"}, {"message", error.what()}};
-        call.framesAfterReply.clear();
+        fail("bad_request", error.what());
     } catch (const std::exception& error) {
         // One request failed; the daemon and its other clients go on.
-        reply.erase("result");
-        reply["error"] = {{"code", "internal"}, {"message", error.what()}};
-        call.framesAfterReply.clear();
+        fail("internal", error.what());
     }
     enqueue(client, corvex::makeJSONFrame(dump(reply)));
     for (auto& frame : call.framesAfterReply) enqueue(client, std::move(frame));

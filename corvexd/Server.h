@@ -14,6 +14,8 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "CorvexKit/SessionBackend.h"
+
 namespace corvexd {
 
 struct ServerOptions {
@@ -102,7 +104,7 @@ private:
     void handleFrame(Client& client, uint8_t type, std::string_view payload);
     void handleJSON(Client& client, std::string_view text);
     nlohmann::json builtInMethod(Client& client, const std::string& name, MethodCall& call);
-    nlohmann::json helloJSON() const;
+    corvex::Hello hello() const;
     void flush(Client& client);
     void enqueue(Client& client, std::string frame);
     void closeClient(uint64_t id);

@@ -181,6 +181,10 @@ TEST_F(TerminalViewTest, DoubleWidthAndDoubleHeightLines) {
     for (int row = 1; row <= 3; ++row) EXPECT_GT(inkIn(image, cellRect(2, row, 2)), 4) << "row " << row;
     // The two halves of a double-height line are the top and the bottom of one glyph.
     EXPECT_NE(image.copy(cellRect(0, 2, 4)), image.copy(cellRect(0, 3, 4)));
+    // The pointer finds the cell under it at the doubled width.
+    feed("\x1b[?1000h\x1b[?1006h");
+    click(center(2, 1));
+    EXPECT_EQ(take(), "\x1b[<0;2;2M\x1b[<0;2;2m");
 }
 
 TEST_F(TerminalViewTest, OnlyChangedRowsAreRepainted) {
@@ -417,6 +421,18 @@ TEST_F(TerminalViewTest, SelectionAcrossRowsAndWrappedLines) {
     EXPECT_EQ(view->selectedText(), "");
 }
 
+TEST_F(TerminalViewTest, DraggingPastTheTopScrollsTheHistory) {
+    for (int i = 0; i < 20; ++i) feed("line " + std::to_string(i) + "\r\n");
+    mouse(QEvent::MouseButtonPress, cellRect(4, 2).topLeft(), Qt::LeftButton);
+    mouse(QEvent::MouseMove, QPoint(0, -5), Qt::LeftButton);
+    ASSERT_TRUE(eventually([&] { return view->selectedText().rfind("line 10", 0) == 0; }));
+    mouse(QEvent::MouseButtonRelease, QPoint(0, -5), Qt::LeftButton);
+    std::string selected = view->selectedText();
+    QTest::qWait(120);
+    EXPECT_EQ(view->selectedText(), selected) << "the scrolling stops with the drag";
+    EXPECT_EQ(selected.substr(selected.size() - 12), "line 16\nline"); // up to where the drag began
+}
+
 TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     for (int i = 0; i < 20; ++i) feed("line " + std::to_string(i) + "\r\n");
     std::string live = view->screenText();
@@ -427,6 +443,16 @@ TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     key(Qt::Key_A); // typing goes back to the live screen
     EXPECT_EQ(view->screenText(), live);
     take();
+    key(Qt::Key_Home, Qt::ShiftModifier);
+    view->renderNow();
+    EXPECT_EQ(view->screenText().substr(0, 7), "line 0\n");
+    key(Qt::Key_PageDown, Qt::ShiftModifier);
+    view->renderNow();
+    EXPECT_EQ(view->screenText().substr(0, 7), "line 5\n");
+    key(Qt::Key_End, Qt::ShiftModifier);
+    view->renderNow();
+    EXPECT_EQ(view->screenText(), live);
+    EXPECT_EQ(take(), "");
 
     feed("\x1b[?1049h\x1b[?1000h\x1b[?1006h");
     wheel(center(1, 1), 120 * 10); // a flick: at most six reports

@@ -12,12 +12,14 @@
 #include <thread>
 
 #include "CorvexFake/FakeBackend.h"
-#include "CorvexFake/Tests/Support/ExpectError.h"
+#include "Platform/Tests/Support/Eventually.h"
+#include "CorvexSession/Tests/Support/ExpectError.h"
 #include "Vellum/Tests/Support/ProcessLeakCheck.h"
 
 using namespace corvex;
 using namespace std::chrono_literals;
 using corvex::testing::expectError;
+using platform::testing::eventually;
 
 namespace {
 
@@ -38,16 +40,6 @@ bool processEnded(int32_t pid) {
     std::string stat = procFile(pid, "stat");
     auto close = stat.rfind(')');
     return close == std::string::npos || (close + 2 < stat.size() && stat[close + 2] == 'Z');
-}
-
-template <typename Predicate>
-bool eventually(Predicate predicate) {
-    auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
 }
 
 // The child's own environment and argv[0], once it has become the program it runs.
@@ -225,15 +217,15 @@ TEST_F(FakeBackendSession, TreeOperationsKeepTabsFocusAndShellsInStep) {
     EXPECT_EQ(state.focus.pane, c);
     EXPECT_TRUE(eventually([&] { return processEnded(pidA); })) << "the closed pane's shell lives on";
 
-    // Closing the last pane of a tab removes the tab, and focus goes to the workspace's last tab.
+    // Closing the last pane of a tab removes the tab, and focus goes to the tab before it.
     auto second = backend->createTab(first.workspace, shell);
     auto third = backend->createTab(first.workspace, shell);
     backend->focus(FocusTarget::tab(second.tab));
     backend->closePane(second.pane);
     state = backend->getState();
     ASSERT_EQ(state.workspaces[0].tabs.size(), 2u);
-    EXPECT_EQ(state.focus, (Focus{first.workspace, third.tab, third.pane}));
-    EXPECT_EQ(state.workspaces[0].activeTab, third.tab);
+    EXPECT_EQ(state.focus, (Focus{first.workspace, first.tab, c}));
+    EXPECT_EQ(state.workspaces[0].activeTab, first.tab);
 
     // A pane moved beside another takes its shell along; a tab joined beside a pane vanishes
     // as a tab. The panes' list keeps its order.
@@ -294,10 +286,9 @@ TEST_F(FakeBackendSession, ASubscriberCatchesUpByReplaySnapshotOrNothing) {
     auto snapshot = seen[1].as<SessionEvent::Snapshot>();
     ASSERT_TRUE(snapshot);
     EXPECT_EQ(snapshot->seq, seq);
-    EXPECT_LE(snapshot->bytes.size(), 4u << 20) << "at most 4 MiB retained";
-    EXPECT_GE(snapshot->bytes.size(), 3u << 20);
-    std::string tail(snapshot->bytes.end() - 5, snapshot->bytes.end());
-    EXPECT_EQ(tail, "END\r\n");
+    // The screen as the terminal shows it, not the output that made it.
+    EXPECT_LT(snapshot->bytes.size(), 64u << 10);
+    EXPECT_NE(std::string(snapshot->bytes.begin(), snapshot->bytes.end()).find("END"), std::string::npos);
 
     // More than 1 MiB behind: a snapshot, though the bytes are still retained.
     EXPECT_EQ(backend->subscribe(pane, seq - (1536u << 10)).mode, Subscription::Mode::snapshot);

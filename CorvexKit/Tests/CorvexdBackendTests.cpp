@@ -351,19 +351,9 @@ TEST_F(CorvexdBackendTest, ErrorsFromTheDaemonAndFromNoConnection) {
     EXPECT_EQ(backend->request("ping"), json::object());
 }
 
-TEST_F(CorvexdBackendTest, EveryOperationSpeaksItsMethodWithItsParams) {
-    CreatedWorkspace createdWorkspace{1, 2, 3};
-    CreatedTab createdTab{2, 3};
-    CreatedSplit createdSplit{4, 5};
-    PaneText text;
-    text.lines = {"a"};
-    text.cols = 80;
-    text.rows = 24;
-    PaneSearchResult found;
-    found.seq = 9;
-    found.cols = 80;
-    found.rows = 24;
-    found.matches.push_back(PaneSearchMatch{{1, 2}, {1, 5}, "err", "an err"});
+// The session methods are held to the daemon's answers by the backend contract suite; these
+// are the ones no end here serves yet, so their wire form is pinned down here.
+TEST_F(CorvexdBackendTest, MethodsNoEndServesYetSpeakTheirParams) {
     AgentHistory history;
     history.pane = 3;
     history.max = 100;
@@ -375,12 +365,9 @@ TEST_F(CorvexdBackendTest, EveryOperationSpeaksItsMethodWithItsParams) {
     service.needs = {"linger"};
     PushDevice device{"d", "phone", "relay", "prod"};
     std::map<std::string, json> results{
-        {"workspace.create", toJSON(createdWorkspace)}, {"tab.create", toJSON(createdTab)},
-        {"pane.split", toJSON(createdSplit)},           {"pane.text", toJSON(text)},
-        {"pane.search", toJSON(found)},                 {"agent.history", toJSON(history)},
-        {"settings.get", toJSON(settings)},             {"settings.set", toJSON(settings)},
-        {"service.status", toJSON(service)},            {"service.install", toJSON(service)},
-        {"service.uninstall", toJSON(service)},         {"push.list", json{{"devices", {toJSON(device)}}}},
+        {"agent.history", toJSON(history)},       {"settings.set", toJSON(settings)},
+        {"service.status", toJSON(service)},      {"service.install", toJSON(service)},
+        {"service.uninstall", toJSON(service)},   {"push.list", json{{"devices", {toJSON(device)}}}},
     };
     auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {
         auto result = results.find(request.method);
@@ -388,58 +375,10 @@ TEST_F(CorvexdBackendTest, EveryOperationSpeaksItsMethodWithItsParams) {
         peer.reply(request.id, result->second);
         return true;
     });
-    json hello = FakeDaemon::defaultHello();
-    hello["features"] = {"pane.focus"};
-    daemon.setHello(hello);
     startConnected();
 
-    SpawnOptions spawn;
-    spawn.command = std::vector<std::string>{"zsh", "-l"};
-    spawn.cwd = "/srv";
-    spawn.env = std::map<std::string, std::string>{{"A", "B"}};
-    spawn.cols = 100;
-    spawn.rows = 30;
-    SpawnOptions cwdOnly;
-    cwdOnly.cwd = "/tmp";
-    PaneSearchOptions options;
-    options.regex = true;
-    options.limit = 5;
-    options.before = CellPosition{10, 2};
     PushRegistration registration{"d", "h", "k", "phone", "relay", "prod"};
-
-    EXPECT_EQ(backend->createWorkspace("dev", spawn), createdWorkspace);
-    EXPECT_EQ(backend->createWorkspace(), createdWorkspace);
-    backend->renameWorkspace(1, "x");
-    backend->closeWorkspace(1);
-    EXPECT_EQ(backend->createTab(1, cwdOnly), createdTab);
-    backend->renameTab(2, std::nullopt);
-    backend->renameTab(2, "t");
-    backend->closeTab(2);
-    EXPECT_EQ(backend->split(3, Direction::down, 0.25, {}), createdSplit);
-    EXPECT_EQ(backend->split(3, Direction::right), createdSplit);
-    backend->closePane(4);
-    backend->setRatio(5, 0.5);
-    backend->focus(FocusTarget::tab(2));
-    backend->focus(FocusTarget::workspace(1));
-    backend->focusPane(3);
-    backend->resize(3, Size{100, 30});
-    backend->setViewport(3, Size{90, 20});
-    backend->sendKeys(3, "hi", {"Enter", "C-c"});
-    backend->sendKeys(3, std::nullopt, {"Up"});
-    backend->dismissRestored(3);
-    EXPECT_EQ(backend->paneText(3), text);
-    EXPECT_EQ(backend->searchPane(3, "err", options), found);
-    backend->move(MoveRequest::moveWorkspace(1, 0));
-    backend->move(MoveRequest::moveTab(2, 1, 3));
-    backend->move(MoveRequest::moveTab(2, std::nullopt, 0, true));
-    backend->move(MoveRequest::movePane(4, 3, Direction::left, std::nullopt, true));
-    backend->move(MoveRequest::joinTab(2, 3, Direction::up, 0.75));
-    backend->ackAgent(3);
-    backend->muteAgent(3, true);
-    backend->decide(3, "r1", PermissionDecision::deny, "not now");
-    backend->decide(3, "r2", PermissionDecision::allow, std::nullopt);
     EXPECT_EQ(backend->agentHistory(3, 10, 1.5), history);
-    EXPECT_EQ(backend->getSettings(), settings);
     EXPECT_EQ(backend->setSettings(DaemonSettings::Change{5000}), settings);
     EXPECT_EQ(backend->serviceStatus(), service);
     EXPECT_EQ(backend->installService(), service);
@@ -450,47 +389,10 @@ TEST_F(CorvexdBackendTest, EveryOperationSpeaksItsMethodWithItsParams) {
     EXPECT_TRUE(backend->pushActivities().empty()) << "the activities key is absent from that reply";
     backend->pushTest("d");
     backend->pushActivity(3, "d", "tok", "prod");
-    backend->pushActivity(3, "d", "tok", std::nullopt);
     backend->pushActivityEnd(3, "d");
-    backend->unsubscribe(3);
 
     std::vector<std::pair<std::string, json>> expected{
-        {"workspace.create",
-         {{"command", {"zsh", "-l"}}, {"cwd", "/srv"}, {"env", {{"A", "B"}}}, {"cols", 100}, {"rows", 30}, {"name", "dev"}}},
-        {"workspace.create", json::object()},
-        {"workspace.rename", {{"workspace", 1}, {"name", "x"}}},
-        {"workspace.close", {{"workspace", 1}}},
-        {"tab.create", {{"cwd", "/tmp"}, {"workspace", 1}}},
-        {"tab.rename", {{"tab", 2}}},
-        {"tab.rename", {{"tab", 2}, {"title", "t"}}},
-        {"tab.close", {{"tab", 2}}},
-        {"pane.split", {{"pane", 3}, {"direction", "down"}, {"ratio", 0.25}}},
-        {"pane.split", {{"pane", 3}, {"direction", "right"}}},
-        {"pane.close", {{"pane", 4}}},
-        {"split.set_ratio", {{"split", 5}, {"ratio", 0.5}}},
-        {"focus", {{"tab", 2}}},
-        {"focus", {{"workspace", 1}}},
-        {"pane.focus", {{"pane", 3}}},
-        {"pane.resize", {{"pane", 3}, {"cols", 100}, {"rows", 30}}},
-        {"pane.viewport", {{"pane", 3}, {"cols", 90}, {"rows", 20}}},
-        {"pane.keys", {{"pane", 3}, {"keys", {"Enter", "C-c"}}, {"text", "hi"}}},
-        {"pane.keys", {{"pane", 3}, {"keys", {"Up"}}}},
-        {"pane.dismiss_restored", {{"pane", 3}}},
-        {"pane.text", {{"pane", 3}}},
-        {"pane.search",
-         {{"pane", 3}, {"query", "err"}, {"regex", true}, {"case_sensitive", false}, {"limit", 5},
-          {"before", {{"line", 10}, {"col", 2}}}}},
-        {"workspace.move", {{"workspace", 1}, {"index", 0}}},
-        {"tab.move", {{"tab", 2}, {"index", 3}, {"workspace", 1}}},
-        {"tab.move", {{"tab", 2}, {"index", 0}, {"focus", true}}},
-        {"pane.move", {{"pane", 4}, {"to_pane", 3}, {"direction", "left"}, {"focus", true}}},
-        {"tab.join", {{"tab", 2}, {"to_pane", 3}, {"direction", "up"}, {"focus", false}, {"ratio", 0.75}}},
-        {"agent.ack", {{"pane", 3}}},
-        {"agent.mute", {{"pane", 3}, {"muted", true}}},
-        {"agent.decide", {{"pane", 3}, {"request", "r1"}, {"decision", "deny"}, {"message", "not now"}}},
-        {"agent.decide", {{"pane", 3}, {"request", "r2"}, {"decision", "allow"}}},
         {"agent.history", {{"pane", 3}, {"limit", 10}, {"since", 1.5}}},
-        {"settings.get", nullptr},
         {"settings.set", {{"scrollback_lines", 5000}}},
         {"service.status", nullptr},
         {"service.install", nullptr},
@@ -502,9 +404,7 @@ TEST_F(CorvexdBackendTest, EveryOperationSpeaksItsMethodWithItsParams) {
         {"push.list", nullptr},
         {"push.test", {{"device", "d"}}},
         {"push.activity", {{"pane", 3}, {"device", "d"}, {"token", "tok"}, {"env", "prod"}}},
-        {"push.activity", {{"pane", 3}, {"device", "d"}, {"token", "tok"}}},
         {"push.activity_end", {{"pane", 3}, {"device", "d"}}},
-        {"pane.unsubscribe", {{"pane", 3}}},
     };
     auto requests = daemon.requests();
     ASSERT_EQ(requests.size(), expected.size() + 2);

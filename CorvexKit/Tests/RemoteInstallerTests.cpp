@@ -59,6 +59,7 @@ protected:
     }
     void SetUp() override {
         if (auto reason = LoopbackSSH::unavailableReason()) GTEST_SKIP() << *reason;
+        ASSERT_NE(server, nullptr) << "the loopback sshd didn't start";
         server->resetAccount();
         manifest = rs::Manifest::load(distFolder());
     }

@@ -245,3 +245,63 @@ TEST(PaneDisplayTitle, ShowsTheFolderInsteadOfTheAgentsProductTitle) {
     EXPECT_EQ(Pane::displayTitle("Claude Code", std::nullopt), "Claude Code");
     EXPECT_EQ(Pane::displayTitle("Claude Codex", "/tmp"), "Claude Codex");
 }
+
+// The one rule for which tab takes over when the active one leaves, however it leaves.
+TEST(SuccessorTab, TheTabBeforeOrElseTheNext) {
+    auto tabs = [](std::vector<uint64_t> ids) {
+        std::vector<Tab> out;
+        for (auto id : ids) out.push_back(Tab{id, std::nullopt, id, Layout::leaf(id)});
+        return out;
+    };
+    struct Case {
+        std::vector<uint64_t> ids;
+        size_t leaving;
+        std::optional<uint64_t> successor;
+    };
+    const Case table[] = {
+        {{1, 2, 3}, 2, 2}, {{1, 2, 3}, 1, 1}, {{1, 2, 3}, 0, 2},
+        {{1, 2}, 0, 2},    {{7}, 0, std::nullopt}, {{}, 0, std::nullopt}, {{1, 2}, 5, std::nullopt},
+    };
+    for (const auto& c : table) EXPECT_EQ(successorTab(tabs(c.ids), c.leaving), c.successor) << c.leaving;
+}
+
+TEST(ModelState, TreeEditsHandOverTabsPanesAndFocus) {
+    // Closing the focused tab: its predecessor takes the focus and the workspace.
+    auto state = sample();
+    state.focus = Focus{1, 4, 6};
+    state.settleActiveTabs();
+    ASSERT_TRUE(state.removeTab(4));
+    state.repairFocus();
+    EXPECT_EQ(state.focus, (Focus{1, 2, 3}));
+    EXPECT_EQ(state.workspace(1)->activeTab, 2u);
+    EXPECT_FALSE(state.removeTab(4));
+
+    // A pane leaves: its sibling's first pane becomes the tab's active one; the last pane of
+    // a tab takes the tab along, and the workspace hands over as for a closed tab.
+    state = sample();
+    state.workspaces[0].tabs[1].activePane = 6;
+    state.removePaneFromTabs(6);
+    EXPECT_EQ(state.workspace(1)->tab(4)->activePane, 5u);
+    EXPECT_EQ(state.workspace(1)->tab(4)->layout, Layout::leaf(5));
+    state.focus = Focus{8, 9, 10};
+    state.removePaneFromTabs(10);
+    state.repairFocus();
+    EXPECT_TRUE(state.workspace(8)->tabs.empty());
+    EXPECT_EQ(state.focus, (Focus{8, std::nullopt, std::nullopt}));
+
+    // The focused workspace gone: the first one, at its own active tab.
+    state = sample();
+    state.workspaces[0].activeTab = 4;
+    state.focus = Focus{99, 98, 97};
+    state.repairFocus();
+    EXPECT_EQ(state.focus, (Focus{1, 4, 5}));
+
+    // Settling: the focused workspace shows the focused tab; another keeps a tab it holds.
+    state = sample();
+    state.focus = Focus{1, 4, 5};
+    state.workspaces[1].activeTab = 77;
+    state.settleActiveTabs();
+    EXPECT_EQ(state.workspace(1)->activeTab, 4u);
+    EXPECT_EQ(state.workspace(8)->activeTab, 9u);
+    EXPECT_EQ(state.workspace(11)->activeTab, std::nullopt);
+}

@@ -13,6 +13,7 @@
 #include "CorvexKit/SSHProcessTransport.h"
 #include "CorvexKit/SessionCodec.h"
 #include "CorvexKit/UnixSocketTransport.h"
+#include "Platform/ProcessInfo.h"
 #include "Tools/corvex/Commands.h"
 #include "Tools/corvex/RemotePrepare.h"
 #include "Tools/corvex/Terminal.h"
@@ -50,10 +51,7 @@ const char* const usageText =
 namespace {
 
 std::string executableDirectory() {
-    char path[PATH_MAX];
-    ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
-    if (length <= 0) return {};
-    std::string exe(path, static_cast<size_t>(length));
+    std::string exe = platform::executablePath();
     return exe.substr(0, exe.rfind('/'));
 }
 

@@ -1,6 +1,7 @@
 #include "Tools/corvex/EventLines.h"
 
 #include "CorvexKit/SessionCodecJSON.h"
+#include "Platform/Overloaded.h"
 
 namespace corvex::cli {
 
@@ -8,19 +9,12 @@ using json = nlohmann::json;
 
 namespace {
 
-template <typename... Ts>
-struct Overloaded : Ts... {
-    using Ts::operator()...;
-};
-template <typename... Ts>
-Overloaded(Ts...) -> Overloaded<Ts...>;
-
 std::string text(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
 json describe(const SessionEvent& event) {
     using E = SessionEvent;
     return std::visit(
-        Overloaded{
+        platform::Overloaded{
             [](const E::Connected& e) { return json{{"event", "connected"}, {"hello", toJSON(e.hello)}}; },
             [](const E::Disconnected& e) { return json{{"event", "disconnected"}, {"reason", e.reason}}; },
             [](const E::Progress& e) { return json{{"event", "progress"}, {"text", e.text}}; },

@@ -1,22 +1,15 @@
 #include "Tools/corvex/RemotePrepare.h"
 
 #include <atomic>
-#include <climits>
 #include <ostream>
-#include <unistd.h>
 
 #include "CorvexKit/MachineConnection.h"
 #include "CorvexKit/SSHDiagnosis.h"
+#include "Platform/ProcessInfo.h"
 
 namespace corvex::cli {
 
 namespace {
-
-std::string executablePath() {
-    char path[PATH_MAX];
-    ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
-    return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
-}
 
 void reportFailure(const std::string& target, const RemoteFailure& failure, std::ostream& err) {
     err << "corvex: " << failure.what() << "\n";
@@ -45,7 +38,7 @@ std::shared_ptr<CorvexdTransport> prepareRemote(const std::string& target, std::
         return nullptr;
     }
     MemoryPreferences preferences;
-    auto settings = RemoteLinkSettings::from(preferences, bundledDistFolder(executablePath()), SSHOptions::fromEnvironment());
+    auto settings = RemoteLinkSettings::from(preferences, bundledDistFolder(platform::executablePath()), SSHOptions::fromEnvironment());
     settings.sshPath = "ssh"; // the user's own, found on PATH
     auto link = makeRemoteLink(target, target, settings);
     auto progress = [&err](const std::string& text) { err << text << "\n" << std::flush; };

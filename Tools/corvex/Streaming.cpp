@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "CorvexKit/CorvexdBackend.h"
+#include "Platform/Descriptors.h"
 #include "Platform/SerialQueue.h"
 #include "Tools/corvex/Commands.h"
 #include "Tools/corvex/EventLines.h"
@@ -26,15 +27,6 @@ bool paneIsOver(const SessionEvent& event, uint64_t pane) {
     if (auto changed = event.as<SessionEvent::PaneChanged>()) return changed->pane.id == pane && changed->pane.exited;
     if (auto state = event.as<SessionEvent::State>()) return state->state.pane(pane) == nullptr;
     return false;
-}
-
-void writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        ssize_t count = ::write(fd, bytes.data(), bytes.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return;
-        bytes.remove_prefix(static_cast<size_t>(count));
-    }
 }
 
 Size terminalSize() {
@@ -86,7 +78,7 @@ int attachPane(CorvexdBackend& backend, uint64_t pane) {
     while (backend.events()->tryNext()) {
     }
     RawTerminal raw;
-    writeAll(STDOUT_FILENO, clearScreen);
+    platform::writeAll(STDOUT_FILENO, clearScreen);
     backend.subscribe(pane, std::nullopt, std::nullopt, size);
 
     std::weak_ptr<CorvexdBackend> weak = backend.shared_from_this();
@@ -129,9 +121,9 @@ int attachPane(CorvexdBackend& backend, uint64_t pane) {
             backend.ping();
         } catch (const BackendError&) {
         }
-        writeAll(STDOUT_FILENO, leaveModes);
+        platform::writeAll(STDOUT_FILENO, leaveModes);
         raw.restore();
-        writeAll(STDOUT_FILENO, "\r\n[" + note + "]\r\n");
+        platform::writeAll(STDOUT_FILENO, "\r\n[" + note + "]\r\n");
         return 0;
     };
     for (;;) {
@@ -149,10 +141,10 @@ int attachPane(CorvexdBackend& backend, uint64_t pane) {
         auto event = events->next(50ms);
         if (!event) continue;
         if (auto output = event->as<SessionEvent::Output>(); output && output->pane == pane) {
-            writeAll(STDOUT_FILENO, view(output->bytes));
+            platform::writeAll(STDOUT_FILENO, view(output->bytes));
         } else if (auto snapshot = event->as<SessionEvent::Snapshot>(); snapshot && snapshot->pane == pane) {
-            writeAll(STDOUT_FILENO, clearScreen);
-            writeAll(STDOUT_FILENO, view(snapshot->bytes));
+            platform::writeAll(STDOUT_FILENO, clearScreen);
+            platform::writeAll(STDOUT_FILENO, view(snapshot->bytes));
         } else if (paneIsOver(*event, pane)) {
             return finish("pane " + std::to_string(pane) + " exited");
         }

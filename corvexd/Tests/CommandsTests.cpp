@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "Support/DaemonHarness.h"
+#include "Platform/ProcessInfo.h"
 #include "corvexd/Commands.h"
 
 using namespace corvexd::testing;
@@ -55,7 +56,7 @@ TEST(CorvexdCommands, StartFindsTheRunningDaemonAndStopEndsIt) {
     EXPECT_EQ(builds.out, "serve=" + build + "\nholder=" + build + "\n");
 
     EXPECT_EQ(daemon.run({"stop"}).status, 0);
-    EXPECT_FALSE(corvexd::processLives(first)) << "stop returns once the daemon has gone";
+    EXPECT_FALSE(platform::processLives(first)) << "stop returns once the daemon has gone";
     EXPECT_FALSE(std::filesystem::exists(daemon.socketPath()));
     EXPECT_EQ(daemon.run({"status"}).out, "not running\n");
     EXPECT_EQ(daemon.run({"stop"}).status, 0) << "stopping nothing is not an error";
@@ -80,7 +81,7 @@ TEST(CorvexdCommands, ConcurrentStartsLeaveOneDaemon) {
     EXPECT_EQ(builds.status, 0);
     pid_t pid = daemon.daemonPid();
     EXPECT_EQ(daemon.run({"stop"}).status, 0);
-    EXPECT_FALSE(corvexd::processLives(pid));
+    EXPECT_FALSE(platform::processLives(pid));
     EXPECT_FALSE(RawClient(daemon.socketPath(), 0ms).connected()) << "no second daemon was left behind";
 }
 
@@ -170,7 +171,7 @@ TEST(CorvexdCommands, StopEndsItsDaemonWhileClientsStartTheNextOne) {
         });
         stopping = true;
         EXPECT_EQ(daemon.run({"stop"}).status, 0) << "round " << round;
-        EXPECT_FALSE(corvexd::processLives(old));
+        EXPECT_FALSE(platform::processLives(old));
         restarter.join();
         EXPECT_NE(daemon.daemonPid(), old) << "the clients' daemon runs";
     }

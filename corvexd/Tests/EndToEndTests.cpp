@@ -71,6 +71,16 @@ TEST_F(EndToEnd, TypedInputComesBackThroughTheShellToBothClients) {
     Ran sent = daemon.corvex({"send", "-n", text(created.pane), "echo from-$((1+1))-cli"});
     EXPECT_EQ(sent.status, 0) << sent.err;
     EXPECT_TRUE(watch.untilOutput(created.pane, "from-2-cli")) << watch.output(created.pane);
+    // Named keys as the help names them: Enter ends a line, C-c interrupts one.
+    Ran keyed = daemon.corvex({"keys", text(created.pane), "--text", "echo keyed-$((3*3))", "Enter"});
+    EXPECT_EQ(keyed.status, 0) << keyed.err;
+    EXPECT_TRUE(watch.untilOutput(created.pane, "keyed-9")) << watch.output(created.pane);
+    Ran interrupted = daemon.corvex({"keys", text(created.pane), "--text", "echo never", "C-c"});
+    EXPECT_EQ(interrupted.status, 0) << interrupted.err;
+    Ran unknown = daemon.corvex({"keys", text(created.pane), "Hyper-x"});
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_THAT(unknown.err, HasSubstr("corvex: bad_request: unknown key Hyper-x"));
+
     Ran shown = daemon.corvex({"text", text(created.pane)});
     EXPECT_EQ(shown.status, 0) << shown.err;
     EXPECT_THAT(shown.out, HasSubstr("42z"));

@@ -1,4 +1,4 @@
-#include "CorvexFake/Tests/Support/ScriptedPaneHost.h"
+#include "CorvexSession/Tests/Support/ScriptedPaneHost.h"
 
 namespace corvex::testing {
 

@@ -8,7 +8,7 @@ namespace vellum {
 class Terminal;
 }
 
-namespace corvexd {
+namespace corvex {
 
 // Matches asked for when a search names no limit, and the most it may name.
 inline constexpr int defaultSearchLimit = 200;
@@ -25,4 +25,4 @@ inline constexpr int maximumSearchLimit = 10000;
 corvex::PaneSearchResult searchTerminal(vellum::Terminal& terminal, const std::string& query,
                                         const corvex::PaneSearchOptions& options);
 
-} // namespace corvexd
+} // namespace corvex

@@ -1,4 +1,4 @@
-#include "CorvexFake/LocalPaneHost.h"
+#include "CorvexSession/LocalPaneHost.h"
 
 #include <mutex>
 #include <thread>
@@ -59,7 +59,7 @@ public:
 
     bool start(const PaneLaunch& launch) {
         auto terminated = events_.terminated;
-        attachProcess({.queue = std::make_shared<platform::SerialQueue>("corvex.fake.pane." + std::to_string(launch.pane)),
+        attachProcess({.queue = std::make_shared<platform::SerialQueue>("corvex.pane." + std::to_string(launch.pane)),
                        .directDelivery = true,
                        .onLaunchFailure = nullptr,
                        .onEnd = [terminated](std::optional<int32_t> code) {
@@ -86,6 +86,7 @@ public:
         HeadlessTerminal::withTerminal(visit);
     }
     uint64_t parsedBytes() const override { return HeadlessTerminal::parsedBytes(); }
+    bool hasTerminal() const override { return true; }
 
     winsize getWindowSize() override {
         if (!requestedSize_) return HeadlessTerminal::getWindowSize();

@@ -16,9 +16,10 @@ namespace vellum {
 class Terminal;
 }
 
-// The session semantics that both the in-process backend and the daemon serve: identifiers,
-// the tree and its operations, panes' retained output and subscriptions. The core knows
-// nothing of where its events go; a listener carries them to a reader or to a socket.
+// The session engine that both the in-process backend and the daemon serve: identifiers, the
+// tree and its operations, panes' retained output and subscriptions, and what is read from or
+// set on a pane's terminal. The core knows nothing of where its events go; a listener carries
+// them to a reader or to a socket.
 namespace corvex {
 
 using Environment = std::map<std::string, std::string>;
@@ -77,6 +78,8 @@ public:
     // How many output bytes the terminal has parsed: the position its state stands for. Read
     // it inside withTerminal's visit, where it can't move.
     virtual uint64_t parsedBytes() const { return 0; }
+    // Whether withTerminal has a terminal to show.
+    virtual bool hasTerminal() const { return false; }
 };
 
 // What a pane's program reports. Called on any thread, never under the core's lock.
@@ -141,12 +144,30 @@ public:
     void focus(const FocusTarget& target);
     void move(const MoveRequest& request);
 
-    Subscription subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<Size> viewport);
+    // Pushes `subscribed` and then what the subscriber lacks: the bytes from `haveSeq` on
+    // (replay), or a snapshot. A pane with a terminal is snapshotted from its screen and
+    // `scrollback` rows of history, at the position the terminal has parsed, which may be
+    // ahead of output still on its way: a consumer skips output before a snapshot's `seq`.
+    // With `first`, those first events go to it on the calling thread instead of the
+    // listener, for a consumer that serves several subscribers from the one stream. It is
+    // called under the core's lock, so that no later output overtakes them, and must not
+    // call back into the core.
+    Subscription subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<Size> viewport,
+                           int scrollback = 0, const Listener& first = {});
     void unsubscribe(uint64_t pane);
     void setViewport(uint64_t pane, Size size);
     void resize(uint64_t pane, Size size);
     void sendInput(uint64_t pane, ByteView bytes);
+    // The text first, then the named keys together; a key name it doesn't know raises
+    // "bad_request" and sends none of the keys.
     void sendKeys(uint64_t pane, const std::optional<std::string>& text, const std::vector<std::string>& keys);
+
+    // What the pane's terminal shows. A pane without a terminal raises "unknown_method".
+    PaneText paneText(uint64_t pane);
+    PaneSearchResult searchPane(uint64_t pane, const std::string& query, const PaneSearchOptions& options);
+    // The colours the user sees, which the panes' programs are told when they ask; for every
+    // pane now and those made later. Absent leaves the terminals as they are.
+    void setTerminalColors(const std::optional<TerminalColors>& colors);
 
     void ackAgent(uint64_t pane);
     void muteAgent(uint64_t pane, bool muted);
@@ -161,8 +182,9 @@ public:
     // Runs `visit` with the pane's terminal and the output position its state stands for,
     // outside the core's lock. Raises when the pane is unknown.
     void withPaneTerminal(uint64_t pane, const std::function<void(vellum::Terminal&, uint64_t parsed)>& visit);
-    // History rows for the terminals of panes made from now on.
-    void setScrollbackLines(int lines);
+    // History rows for every pane's terminal, now and for panes made later; the panes it
+    // reached.
+    std::vector<uint64_t> setScrollbackLines(int lines);
     // Rebuilds a saved tree, identifiers and all, on a core that holds nothing yet: each pane
     // starts its command again in its folder and size and is marked restored at `at` (seconds
     // since the epoch). A pane whose program can't start leaves the tree as a closed one would.
@@ -197,14 +219,17 @@ private:
 
     void publishState(Batch& batch);
     void publishPane(Batch& batch, uint64_t pane);
-    void repairFocus();
     void removeFromLayout(uint64_t pane);
-    // Takes the pane out of its tab's layout, repairing the tab's active pane and the focus.
-    void removeFromTabs(uint64_t pane);
-    void removeTab(size_t workspace, size_t tab);
     std::vector<std::shared_ptr<PaneProcess>> detach(const std::vector<uint64_t>& panes);
     void applySize(uint64_t pane, Size size, bool notifySubscriber);
     void graft(const MoveRequest& request);
+    void restoreTree(const ModelState& saved, double at);
+    // A subscribe in snapshot mode, from the screen of the pane's terminal.
+    Subscription subscribeFromTerminal(uint64_t pane, int scrollback, const Listener& first);
+    // Gives a new pane's terminal the colours set so far; outside the lock.
+    void paint(uint64_t pane);
+    // The pane's process, or null when it is unknown.
+    std::shared_ptr<PaneProcess> process(uint64_t pane) const;
     Pane& statePane(uint64_t pane);
     PaneRecord& record(uint64_t pane);
     static Layout splitBeside(const Layout& leaf, uint64_t id, Direction direction, double ratio, Layout moved);
@@ -219,6 +244,7 @@ private:
     ModelState state_;
     uint64_t nextID_ = 1;
     int scrollbackLines_ = 0;
+    std::optional<TerminalColors> colors_;
     std::map<uint64_t, PaneRecord> panes_;
 };
 

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include "CorvexFake/SessionCore.h"
+#include "CorvexSession/SessionCore.h"
 
 namespace corvex::testing {
 

@@ -1,4 +1,4 @@
-#include "corvexd/PaneSearch.h"
+#include "CorvexSession/PaneSearch.h"
 
 #include <algorithm>
 #include <memory>
@@ -10,7 +10,7 @@
 
 #include "Vellum/Terminal.h"
 
-namespace corvexd {
+namespace corvex {
 
 namespace {
 
@@ -190,4 +190,4 @@ corvex::PaneSearchResult searchTerminal(vellum::Terminal& terminal, const std::s
     return result;
 }
 
-} // namespace corvexd
+} // namespace corvex

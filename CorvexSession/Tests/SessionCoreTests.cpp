@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <thread>
 
-#include "CorvexFake/SessionCore.h"
-#include "CorvexFake/Tests/Support/ScriptedPaneHost.h"
-#include "CorvexFake/Tests/Support/ExpectError.h"
+#include "CorvexSession/SessionCore.h"
+#include "CorvexSession/Tests/Support/ScriptedPaneHost.h"
+#include "CorvexSession/Tests/Support/ExpectError.h"
 
 using namespace corvex;
 using corvex::testing::ScriptedPaneHost;
@@ -174,12 +174,12 @@ TEST_F(CoreFixture, ClosingPanesRepairsActivePaneTabsAndFocus) {
     EXPECT_FALSE(state.pane(second.pane));
     EXPECT_TRUE(host->process(second.pane)->hungUp);
 
-    // The last pane of the focused tab takes the tab; focus moves to the workspace's last tab.
+    // The last pane of the focused tab takes the tab; focus moves to the tab before it.
     core->closePane(split.pane);
     state = core->state();
     ASSERT_EQ(state.workspaces[0].tabs.size(), 2u);
-    EXPECT_EQ(state.focus, (Focus{created.workspace, third.tab, third.pane}));
-    EXPECT_EQ(state.workspaces[0].activeTab, third.tab);
+    EXPECT_EQ(state.focus, (Focus{created.workspace, created.tab, created.pane}));
+    EXPECT_EQ(state.workspaces[0].activeTab, created.tab);
 
     // Closing the focused pane of a split activates its sibling.
     auto a = core->split(third.pane, Direction::down, std::nullopt, {});

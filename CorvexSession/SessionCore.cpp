@@ -1,10 +1,13 @@
-#include "CorvexFake/SessionCore.h"
+#include "CorvexSession/SessionCore.h"
+#include "CorvexSession/SessionCoreBatch.h"
 
 #include <algorithm>
+#include <climits>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "CorvexKit/KeyNames.h"
 #include "CorvexKit/SessionModel.h"
 
 extern char** environ;
@@ -136,38 +139,6 @@ SessionCoreEnvironment currentSessionCoreEnvironment() {
     return out;
 }
 
-// Events gathered under the state lock and delivered after it is let go, in order.
-class SessionCore::Batch {
-public:
-    explicit Batch(SessionCore& core) : core_(core), lock_(core.lock_) {}
-    Batch(const Batch&) = delete;
-    Batch& operator=(const Batch&) = delete;
-
-    ~Batch() {
-        if (!events_.empty()) {
-            std::lock_guard outbox(core_.outboxLock_);
-            for (auto& event : events_) core_.outbox_.push_back(std::move(event));
-        }
-        lock_.unlock();
-        core_.deliver();
-        for (const auto& process : hangUps_) process->hangUp();
-    }
-
-    void push(SessionEvent event) { events_.push_back(std::move(event)); }
-    void hangUp(std::vector<std::shared_ptr<PaneProcess>> processes) {
-        hangUps_.insert(hangUps_.end(), processes.begin(), processes.end());
-    }
-    // Keeps a process until the lock is let go, so that its teardown happens outside it.
-    void release(std::shared_ptr<PaneProcess> process) { released_.push_back(std::move(process)); }
-
-private:
-    SessionCore& core_;
-    std::unique_lock<std::mutex> lock_;
-    std::vector<SessionEvent> events_;
-    std::vector<std::shared_ptr<PaneProcess>> hangUps_;
-    std::vector<std::shared_ptr<PaneProcess>> released_; // destroyed after the lock is let go
-};
-
 std::shared_ptr<SessionCore> SessionCore::create(std::shared_ptr<PaneHost> host, SessionCoreEnvironment environment) {
     return std::shared_ptr<SessionCore>(new SessionCore(std::move(host), std::move(environment)));
 }
@@ -217,17 +188,7 @@ ModelState SessionCore::state() const {
 }
 
 void SessionCore::publishState(Batch& batch) {
-    for (auto& workspace : state_.workspaces) {
-        if (state_.focus.workspace == workspace.id) {
-            workspace.activeTab = state_.focus.tab;
-            continue;
-        }
-        bool named = workspace.activeTab && workspace.tab(*workspace.activeTab);
-        if (!named) {
-            workspace.activeTab =
-                workspace.tabs.empty() ? std::nullopt : std::optional<uint64_t>(workspace.tabs.front().id);
-        }
-    }
+    state_.settleActiveTabs();
     ++state_.rev;
     batch.push(SessionEvent::State{state_});
 }
@@ -254,21 +215,6 @@ void SessionCore::requirePane(uint64_t pane) const {
     if (!indexOfPane(state_, pane)) notFound("pane", pane);
 }
 
-void SessionCore::withPaneTerminal(uint64_t pane,
-                                   const std::function<void(vellum::Terminal&, uint64_t parsed)>& visit) {
-    std::shared_ptr<PaneProcess> process;
-    {
-        std::lock_guard guard(lock_);
-        process = record(pane).process;
-    }
-    process->withTerminal([&](vellum::Terminal& terminal) { visit(terminal, process->parsedBytes()); });
-}
-
-void SessionCore::setScrollbackLines(int lines) {
-    std::lock_guard guard(lock_);
-    scrollbackLines_ = lines;
-}
-
 namespace {
 
 uint64_t highestID(const Layout& layout) {
@@ -280,6 +226,11 @@ uint64_t highestID(const Layout& layout) {
 } // namespace
 
 void SessionCore::restore(const ModelState& saved, double at) {
+    restoreTree(saved, at);
+    for (const auto& pane : state().panes) paint(pane.id);
+}
+
+void SessionCore::restoreTree(const ModelState& saved, double at) {
     Batch batch(*this);
     if (!state_.workspaces.empty() || !panes_.empty()) return;
     uint64_t highest = 0;
@@ -312,7 +263,7 @@ void SessionCore::restore(const ModelState& saved, double at) {
         }
     }
     for (uint64_t id : lost) removeFromLayout(id);
-    repairFocus();
+    state_.repairFocus();
     publishState(batch);
 }
 
@@ -366,18 +317,23 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint6
 }
 
 CreatedWorkspace SessionCore::createWorkspace(const std::optional<std::string>& name, const SpawnOptions& spawn) {
-    Batch batch(*this);
-    uint64_t workspaceID = takeID();
-    uint64_t tabID = takeID();
-    uint64_t pane = spawnPane(spawn);
-    Workspace workspace;
-    workspace.id = workspaceID;
-    workspace.name = name.value_or("Session " + std::to_string(state_.workspaces.size() + 1));
-    workspace.tabs.push_back(Tab{tabID, std::nullopt, pane, Layout::leaf(pane)});
-    state_.workspaces.push_back(std::move(workspace));
-    state_.focus = Focus{workspaceID, tabID, pane};
-    publishState(batch);
-    return {workspaceID, tabID, pane};
+    CreatedWorkspace created;
+    {
+        Batch batch(*this);
+        uint64_t workspaceID = takeID();
+        uint64_t tabID = takeID();
+        uint64_t pane = spawnPane(spawn);
+        Workspace workspace;
+        workspace.id = workspaceID;
+        workspace.name = name.value_or("Session " + std::to_string(state_.workspaces.size() + 1));
+        workspace.tabs.push_back(Tab{tabID, std::nullopt, pane, Layout::leaf(pane)});
+        state_.workspaces.push_back(std::move(workspace));
+        state_.focus = Focus{workspaceID, tabID, pane};
+        publishState(batch);
+        created = {workspaceID, tabID, pane};
+    }
+    paint(created.pane);
+    return created;
 }
 
 void SessionCore::renameWorkspace(uint64_t id, const std::string& name) {
@@ -399,20 +355,25 @@ void SessionCore::closeWorkspace(uint64_t id) {
     }
     state_.workspaces.erase(state_.workspaces.begin() + static_cast<std::ptrdiff_t>(*index));
     batch.hangUp(detach(panes));
-    repairFocus();
+    state_.repairFocus();
     publishState(batch);
 }
 
 CreatedTab SessionCore::createTab(uint64_t workspace, const SpawnOptions& spawn) {
-    Batch batch(*this);
-    auto index = workspaceIndex(state_, workspace);
-    if (!index) notFound("workspace", workspace);
-    uint64_t tabID = takeID();
-    uint64_t pane = spawnPane(spawn);
-    state_.workspaces[*index].tabs.push_back(Tab{tabID, std::nullopt, pane, Layout::leaf(pane)});
-    state_.focus = Focus{workspace, tabID, pane};
-    publishState(batch);
-    return {tabID, pane};
+    CreatedTab created;
+    {
+        Batch batch(*this);
+        auto index = workspaceIndex(state_, workspace);
+        if (!index) notFound("workspace", workspace);
+        uint64_t tabID = takeID();
+        uint64_t pane = spawnPane(spawn);
+        state_.workspaces[*index].tabs.push_back(Tab{tabID, std::nullopt, pane, Layout::leaf(pane)});
+        state_.focus = Focus{workspace, tabID, pane};
+        publishState(batch);
+        created = {tabID, pane};
+    }
+    paint(created.pane);
+    return created;
 }
 
 void SessionCore::renameTab(uint64_t id, const std::optional<std::string>& title) {
@@ -427,11 +388,10 @@ void SessionCore::closeTab(uint64_t id) {
     Batch batch(*this);
     auto index = tabIndex(state_, id);
     if (!index) notFound("tab", id);
-    auto& tabs = state_.workspaces[index->workspace].tabs;
-    auto panes = tabs[index->tab].layout.panes();
-    tabs.erase(tabs.begin() + static_cast<std::ptrdiff_t>(index->tab));
+    auto panes = state_.workspaces[index->workspace].tabs[index->tab].layout.panes();
+    state_.removeTab(id);
     batch.hangUp(detach(panes));
-    repairFocus();
+    state_.repairFocus();
     publishState(batch);
 }
 
@@ -443,24 +403,29 @@ Layout SessionCore::splitBeside(const Layout& leaf, uint64_t id, Direction direc
 
 CreatedSplit SessionCore::split(uint64_t pane, Direction direction, std::optional<double> ratio,
                                 const SpawnOptions& spawn) {
-    Batch batch(*this);
-    auto where = tabHolding(state_, pane);
-    if (!where) notFound("pane", pane);
-    SpawnOptions options = spawn;
-    if (!options.cwd) {
-        if (const Pane* old = state_.pane(pane)) options.cwd = old->cwd;
+    CreatedSplit created;
+    {
+        Batch batch(*this);
+        auto where = tabHolding(state_, pane);
+        if (!where) notFound("pane", pane);
+        SpawnOptions options = spawn;
+        if (!options.cwd) {
+            if (const Pane* old = state_.pane(pane)) options.cwd = old->cwd;
+        }
+        uint64_t newPane = spawnPane(options);
+        uint64_t splitID = takeID();
+        auto& workspace = state_.workspaces[where->workspace];
+        auto& tab = workspace.tabs[where->tab];
+        tab.layout = tab.layout.replacing(pane, [&](const Layout& leaf) {
+            return splitBeside(leaf, splitID, direction, ratio.value_or(0.5), Layout::leaf(newPane));
+        });
+        tab.activePane = newPane;
+        state_.focus = Focus{workspace.id, tab.id, newPane};
+        publishState(batch);
+        created = {newPane, splitID};
     }
-    uint64_t newPane = spawnPane(options);
-    uint64_t splitID = takeID();
-    auto& workspace = state_.workspaces[where->workspace];
-    auto& tab = workspace.tabs[where->tab];
-    tab.layout = tab.layout.replacing(pane, [&](const Layout& leaf) {
-        return splitBeside(leaf, splitID, direction, ratio.value_or(0.5), Layout::leaf(newPane));
-    });
-    tab.activePane = newPane;
-    state_.focus = Focus{workspace.id, tab.id, newPane};
-    publishState(batch);
-    return {newPane, splitID};
+    paint(created.pane);
+    return created;
 }
 
 void SessionCore::closePane(uint64_t id) {
@@ -485,57 +450,8 @@ std::vector<std::shared_ptr<PaneProcess>> SessionCore::detach(const std::vector<
 
 void SessionCore::removeFromLayout(uint64_t pane) {
     std::erase_if(state_.panes, [pane](const Pane& p) { return p.id == pane; });
-    removeFromTabs(pane);
-}
-
-void SessionCore::removeFromTabs(uint64_t pane) {
-    auto where = tabHolding(state_, pane);
-    if (!where) return;
-    auto& tabs = state_.workspaces[where->workspace].tabs;
-    auto& tab = tabs[where->tab];
-    auto remaining = tab.layout.removing(pane);
-    if (!remaining) {
-        tabs.erase(tabs.begin() + static_cast<std::ptrdiff_t>(where->tab));
-    } else {
-        Layout old = tab.layout;
-        tab.layout = *remaining;
-        if (tab.activePane == pane) {
-            auto sibling = old.sibling(pane);
-            auto next = sibling ? sibling->firstPane() : std::nullopt;
-            tab.activePane = next ? *next : remaining->firstPane().value_or(0);
-        }
-    }
-    repairFocus();
-}
-
-void SessionCore::removeTab(size_t workspace, size_t tab) {
-    auto& target = state_.workspaces[workspace];
-    uint64_t id = target.tabs[tab].id;
-    target.tabs.erase(target.tabs.begin() + static_cast<std::ptrdiff_t>(tab));
-    if (target.activeTab != id) return;
-    if (target.tabs.empty()) {
-        target.activeTab = std::nullopt;
-    } else {
-        target.activeTab = target.tabs[tab > 0 ? tab - 1 : 0].id;
-    }
-}
-
-void SessionCore::repairFocus() {
-    auto& focus = state_.focus;
-    const Workspace* workspace = state_.workspace(focus.workspace);
-    if (!workspace && !state_.workspaces.empty()) workspace = &state_.workspaces.front();
-    if (!workspace) {
-        focus = Focus{};
-        return;
-    }
-    const Tab* tab = focus.tab ? workspace->tab(*focus.tab) : nullptr;
-    if (!tab && !workspace->tabs.empty()) tab = &workspace->tabs.back();
-    if (!tab) {
-        focus = Focus{workspace->id, std::nullopt, std::nullopt};
-        return;
-    }
-    uint64_t pane = focus.pane && tab->layout.contains(*focus.pane) ? *focus.pane : tab->activePane;
-    focus = Focus{workspace->id, tab->id, pane};
+    state_.removePaneFromTabs(pane);
+    state_.repairFocus();
 }
 
 void SessionCore::setRatio(uint64_t split, double ratio) {
@@ -621,12 +537,11 @@ void SessionCore::graft(const MoveRequest& request) {
     if (!tabHolding(state_, request.beside)) notFound("pane", request.beside);
 
     if (movingPane) {
-        removeFromTabs(request.id); // the pane itself lives on, where it was in the list
+        state_.removePaneFromTabs(request.id); // the pane itself lives on, where it was in the list
     } else {
-        auto where = tabIndex(state_, request.id);
-        removeTab(where->workspace, where->tab);
-        repairFocus();
+        state_.removeTab(request.id);
     }
+    state_.repairFocus();
 
     auto target = tabHolding(state_, request.beside);
     uint64_t splitID = takeID();
@@ -639,14 +554,17 @@ void SessionCore::graft(const MoveRequest& request) {
         tab.activePane = movedActive;
         state_.focus = Focus{workspace.id, tab.id, movedActive};
     }
-    repairFocus();
+    state_.repairFocus();
     publishState(batch);
 }
 
-Subscription SessionCore::subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<Size> viewport) {
+Subscription SessionCore::subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<Size> viewport,
+                                    int scrollback, const Listener& first) {
     std::shared_ptr<PaneProcess> resizeProcess;
     std::optional<Size> resizeTo;
     Subscription subscription;
+    bool fromTerminal = false;
+    std::vector<SessionEvent> opening;
     {
         Batch batch(*this);
         if (viewport) {
@@ -662,19 +580,28 @@ Subscription SessionCore::subscribe(uint64_t pane, std::optional<uint64_t> haveS
             }
         }
         auto& entry = record(pane);
-        entry.subscribed = true;
         const auto& output = entry.output;
         auto mode = subscriptionMode(haveSeq, output.seq(), output.start());
         uint64_t from = mode == Subscription::Mode::replay ? *haveSeq : output.seq();
         subscription = Subscription{mode, from, entry.size.cols, entry.size.rows};
-        batch.push(SessionEvent::Subscribed{pane, subscription});
-        if (mode == Subscription::Mode::snapshot) {
-            batch.push(SessionEvent::Snapshot{pane, output.seq(), entry.size.cols, entry.size.rows, output.bytes()});
-        } else if (mode == Subscription::Mode::replay) {
-            batch.push(SessionEvent::Output{pane, *haveSeq, output.bytesFrom(*haveSeq)});
+        fromTerminal = mode == Subscription::Mode::snapshot && entry.process && entry.process->hasTerminal();
+        if (!fromTerminal) {
+            entry.subscribed = true;
+            opening.push_back(SessionEvent::Subscribed{pane, subscription});
+            if (mode == Subscription::Mode::snapshot) {
+                opening.push_back(SessionEvent::Snapshot{pane, output.seq(), entry.size.cols, entry.size.rows, output.bytes()});
+            } else if (mode == Subscription::Mode::replay) {
+                opening.push_back(SessionEvent::Output{pane, *haveSeq, output.bytesFrom(*haveSeq)});
+            }
+            // Under the lock, so that nothing the pane prints later can come before them.
+            for (auto& event : opening) {
+                if (first) first(event);
+                else batch.push(std::move(event));
+            }
         }
     }
     if (resizeProcess) resizeProcess->resize(*resizeTo);
+    if (fromTerminal) subscription = subscribeFromTerminal(pane, scrollback, first);
     return subscription;
 }
 
@@ -731,15 +658,13 @@ void SessionCore::sendInput(uint64_t pane, ByteView bytes) {
 }
 
 void SessionCore::sendKeys(uint64_t pane, const std::optional<std::string>& text, const std::vector<std::string>& keys) {
-    static const std::map<std::string, uint8_t> named = {
-        {"enter", 0x0d}, {"escape", 0x1b}, {"esc", 0x1b}, {"tab", 0x09}, {"backspace", 0x7f}};
     requirePane(pane);
     if (text) sendInput(pane, asBytes(*text));
     Bytes keyBytes;
     for (const auto& key : keys) {
-        auto found = named.find(key);
-        if (found == named.end()) throw BackendError("bad_request", "unknown key " + key);
-        keyBytes.push_back(found->second);
+        auto bytes = corvex::keyBytes(key);
+        if (!bytes) throw BackendError("bad_request", "unknown key " + key);
+        keyBytes.insert(keyBytes.end(), bytes->begin(), bytes->end());
     }
     if (!keyBytes.empty()) sendInput(pane, keyBytes);
 }

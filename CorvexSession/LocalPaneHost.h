@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CorvexFake/SessionCore.h"
+#include "CorvexSession/SessionCore.h"
 
 namespace corvex {
 

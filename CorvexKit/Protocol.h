@@ -1,0 +1,360 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "CorvexKit/SessionBackend.h"
+
+// The one definition of the daemon protocol above the frames, used by both ends: the methods
+// with their parameters, results and feature gates, the event names, and the version. Each
+// method is a struct of its parameters; `name` is its wire name and `Result` what it answers.
+// The JSON side of these lives in ProtocolJSON.h, for codec translation units only.
+namespace corvex::protocol {
+
+inline constexpr int version = 1;
+
+// The answer of a method whose result is ignored.
+struct NoResult {
+    bool operator==(const NoResult&) const = default;
+};
+
+// A method that only a daemon with `feature` is sent; without it the call returns at once.
+template <Hello::Feature feature>
+struct Gated {
+    static constexpr std::optional<Hello::Feature> gate = feature;
+};
+struct Ungated {
+    static constexpr std::optional<Hello::Feature> gate = std::nullopt;
+};
+
+struct HelloCall : Ungated {
+    static constexpr std::string_view name = "hello";
+    using Result = Hello;
+    int protocol = version;
+    std::string client;
+};
+
+struct ClientColors : Gated<Hello::Feature::clientColors> {
+    static constexpr std::string_view name = "client.colors";
+    using Result = NoResult;
+    TerminalColors colors;
+};
+
+struct EventsSubscribe : Ungated {
+    static constexpr std::string_view name = "events.subscribe";
+    using Result = NoResult;
+};
+
+struct Ping : Ungated {
+    static constexpr std::string_view name = "ping";
+    using Result = NoResult;
+};
+
+struct StateGet : Ungated {
+    static constexpr std::string_view name = "state.get";
+    using Result = ModelState;
+};
+
+struct WorkspaceCreate : Ungated {
+    static constexpr std::string_view name = "workspace.create";
+    using Result = CreatedWorkspace;
+    std::optional<std::string> workspaceName; // wire key "name"
+    SpawnOptions spawn;                       // merged into the params
+};
+
+struct WorkspaceRename : Ungated {
+    static constexpr std::string_view name = "workspace.rename";
+    using Result = NoResult;
+    uint64_t workspace = 0;
+    std::string workspaceName; // wire key "name"
+};
+
+struct WorkspaceClose : Ungated {
+    static constexpr std::string_view name = "workspace.close";
+    using Result = NoResult;
+    uint64_t workspace = 0;
+};
+
+struct TabCreate : Ungated {
+    static constexpr std::string_view name = "tab.create";
+    using Result = CreatedTab;
+    uint64_t workspace = 0;
+    SpawnOptions spawn;
+};
+
+struct TabRename : Ungated {
+    static constexpr std::string_view name = "tab.rename";
+    using Result = NoResult;
+    uint64_t tab = 0;
+    std::optional<std::string> title;
+};
+
+struct TabClose : Ungated {
+    static constexpr std::string_view name = "tab.close";
+    using Result = NoResult;
+    uint64_t tab = 0;
+};
+
+struct PaneSplit : Ungated {
+    static constexpr std::string_view name = "pane.split";
+    using Result = CreatedSplit;
+    uint64_t pane = 0;
+    Direction direction = Direction::right;
+    std::optional<double> ratio;
+    SpawnOptions spawn;
+};
+
+struct PaneClose : Ungated {
+    static constexpr std::string_view name = "pane.close";
+    using Result = NoResult;
+    uint64_t pane = 0;
+};
+
+struct SplitSetRatio : Ungated {
+    static constexpr std::string_view name = "split.set_ratio";
+    using Result = NoResult;
+    uint64_t split = 0;
+    double ratio = 0.5;
+};
+
+// Exactly one of `pane`, `tab`, `workspace` on the wire.
+struct FocusCall : Ungated {
+    static constexpr std::string_view name = "focus";
+    using Result = NoResult;
+    FocusTarget target;
+};
+
+struct PaneSubscribe : Ungated {
+    static constexpr std::string_view name = "pane.subscribe";
+    using Result = Subscription;
+    uint64_t pane = 0;
+    std::optional<uint64_t> haveSeq;
+    std::optional<int> scrollback;
+    std::optional<Size> viewport;
+};
+
+struct PaneUnsubscribe : Ungated {
+    static constexpr std::string_view name = "pane.unsubscribe";
+    using Result = NoResult;
+    uint64_t pane = 0;
+};
+
+struct PaneViewport : Ungated {
+    static constexpr std::string_view name = "pane.viewport";
+    using Result = NoResult;
+    uint64_t pane = 0;
+    Size size;
+};
+
+struct PaneResize : Ungated {
+    static constexpr std::string_view name = "pane.resize";
+    using Result = NoResult;
+    uint64_t pane = 0;
+    Size size;
+};
+
+struct PaneFocus : Gated<Hello::Feature::paneFocus> {
+    static constexpr std::string_view name = "pane.focus";
+    using Result = NoResult;
+    uint64_t pane = 0;
+};
+
+struct PaneKeys : Ungated {
+    static constexpr std::string_view name = "pane.keys";
+    using Result = NoResult;
+    uint64_t pane = 0;
+    std::vector<std::string> keys;
+    std::optional<std::string> text;
+};
+
+struct PaneDismissRestored : Ungated {
+    static constexpr std::string_view name = "pane.dismiss_restored";
+    using Result = NoResult;
+    uint64_t pane = 0;
+};
+
+struct PaneTextCall : Ungated {
+    static constexpr std::string_view name = "pane.text";
+    using Result = PaneText;
+    uint64_t pane = 0;
+};
+
+struct PaneSearch : Ungated {
+    static constexpr std::string_view name = "pane.search";
+    using Result = PaneSearchResult;
+    uint64_t pane = 0;
+    std::string query;
+    PaneSearchOptions options;
+};
+
+struct WorkspaceMove : Ungated {
+    static constexpr std::string_view name = "workspace.move";
+    using Result = NoResult;
+    uint64_t workspace = 0;
+    int index = 0;
+};
+
+struct TabMove : Ungated {
+    static constexpr std::string_view name = "tab.move";
+    using Result = NoResult;
+    uint64_t tab = 0;
+    int index = 0;
+    std::optional<uint64_t> workspace;
+    bool focus = false;
+};
+
+// "pane.move" and "tab.join": a pane or a whole tab grafted beside another pane.
+struct PaneMove : Ungated {
+    static constexpr std::string_view name = "pane.move";
+    using Result = NoResult;
+    uint64_t pane = 0;
+    uint64_t toPane = 0;
+    Direction direction = Direction::right;
+    bool focus = false;
+    std::optional<double> ratio;
+};
+
+struct TabJoin : Ungated {
+    static constexpr std::string_view name = "tab.join";
+    using Result = NoResult;
+    uint64_t tab = 0;
+    uint64_t toPane = 0;
+    Direction direction = Direction::right;
+    bool focus = false;
+    std::optional<double> ratio;
+};
+
+struct AgentAck : Ungated {
+    static constexpr std::string_view name = "agent.ack";
+    using Result = NoResult;
+    uint64_t pane = 0;
+};
+
+struct AgentMute : Ungated {
+    static constexpr std::string_view name = "agent.mute";
+    using Result = NoResult;
+    uint64_t pane = 0;
+    bool muted = false;
+};
+
+struct AgentDecide : Ungated {
+    static constexpr std::string_view name = "agent.decide";
+    using Result = NoResult;
+    uint64_t pane = 0;
+    std::string request;
+    PermissionDecision decision = PermissionDecision::allow;
+    std::optional<std::string> message;
+};
+
+struct AgentHistoryCall : Ungated {
+    static constexpr std::string_view name = "agent.history";
+    using Result = AgentHistory;
+    uint64_t pane = 0;
+    std::optional<int> limit;
+    std::optional<double> since;
+};
+
+struct SettingsGet : Ungated {
+    static constexpr std::string_view name = "settings.get";
+    using Result = DaemonSettings;
+};
+
+struct SettingsSet : Ungated {
+    static constexpr std::string_view name = "settings.set";
+    using Result = DaemonSettings;
+    DaemonSettings::Change change; // its fields are the params
+};
+
+struct ServiceStatus : Ungated {
+    static constexpr std::string_view name = "service.status";
+    using Result = DaemonService;
+};
+
+struct ServiceInstall : Ungated {
+    static constexpr std::string_view name = "service.install";
+    using Result = DaemonService;
+};
+
+struct ServiceUninstall : Ungated {
+    static constexpr std::string_view name = "service.uninstall";
+    using Result = DaemonService;
+};
+
+struct PushRegister : Ungated {
+    static constexpr std::string_view name = "push.register";
+    using Result = NoResult;
+    PushRegistration registration; // its fields are the params
+};
+
+struct PushUnregister : Ungated {
+    static constexpr std::string_view name = "push.unregister";
+    using Result = NoResult;
+    std::string device;
+};
+
+// "push.list" answers both lists; each call reads its own key, and a missing key is empty.
+struct PushList : Ungated {
+    static constexpr std::string_view name = "push.list";
+    using Result = std::vector<PushDevice>;
+};
+
+struct PushActivities : Ungated {
+    static constexpr std::string_view name = "push.list";
+    using Result = std::vector<PushActivity>;
+};
+
+struct PushTest : Ungated {
+    static constexpr std::string_view name = "push.test";
+    using Result = NoResult;
+    std::string device;
+};
+
+struct PushActivityStart : Ungated {
+    static constexpr std::string_view name = "push.activity";
+    using Result = NoResult;
+    uint64_t pane = 0;
+    std::string device;
+    std::string token;
+    std::optional<std::string> env;
+};
+
+struct PushActivityEnd : Ungated {
+    static constexpr std::string_view name = "push.activity_end";
+    using Result = NoResult;
+    uint64_t pane = 0;
+    std::string device;
+};
+
+// Every method with parameters, for the codec's declarations.
+#define CORVEX_PROTOCOL_METHODS(X)                                                                                   \
+    X(HelloCall) X(ClientColors) X(EventsSubscribe) X(Ping) X(StateGet) X(WorkspaceCreate) X(WorkspaceRename)         \
+    X(WorkspaceClose) X(TabCreate) X(TabRename) X(TabClose) X(PaneSplit) X(PaneClose) X(SplitSetRatio) X(FocusCall)  \
+    X(PaneSubscribe) X(PaneUnsubscribe) X(PaneViewport) X(PaneResize) X(PaneFocus) X(PaneKeys)                        \
+    X(PaneDismissRestored) X(PaneTextCall) X(PaneSearch) X(WorkspaceMove) X(TabMove) X(PaneMove) X(TabJoin)          \
+    X(AgentAck) X(AgentMute) X(AgentDecide) X(AgentHistoryCall) X(SettingsGet) X(SettingsSet) X(ServiceStatus)       \
+    X(ServiceInstall) X(ServiceUninstall) X(PushRegister) X(PushUnregister) X(PushList) X(PushActivities)            \
+    X(PushTest) X(PushActivityStart) X(PushActivityEnd)
+
+// Wire names of the events a daemon sends.
+namespace event {
+inline constexpr std::string_view state = "state";
+inline constexpr std::string_view pane = "pane";
+inline constexpr std::string_view bell = "bell";
+inline constexpr std::string_view settings = "settings";
+inline constexpr std::string_view service = "service";
+inline constexpr std::string_view clipboard = "pane.clipboard";
+inline constexpr std::string_view resized = "pane.resized";
+inline constexpr std::string_view resync = "pane.resync";
+inline constexpr std::string_view agent = "agent";
+// The file layer's events begin with this.
+inline constexpr std::string_view filePrefix = "fs.";
+} // namespace event
+
+// How a daemon routes an event: to every client that asked for events, or in order with a
+// pane's output to that pane's subscribers.
+enum class EventRoute { everyone, paneSubscribers };
+
+} // namespace corvex::protocol

@@ -1,0 +1,42 @@
+# Fails when a module includes a header of a module it must not depend on, so that the
+# layers stay as they are drawn: run as `cmake -DSOURCE_DIR=... -P CheckIncludes.cmake`.
+
+# What each module may include besides itself.
+set(allowed_Platform "")
+set(allowed_Vellum "Platform")
+set(allowed_CorvexKit "Platform")
+set(allowed_CorvexSession "Platform;Vellum;CorvexKit")
+set(allowed_CorvexFake "Platform;Vellum;CorvexKit;CorvexSession")
+set(allowed_corvexd "Platform;Vellum;CorvexKit;CorvexSession")
+set(allowed_Tools "Platform;Vellum;CorvexKit")
+set(modules Platform Vellum CorvexKit CorvexSession CorvexFake corvexd Tools Corvex)
+set(core Platform Vellum CorvexKit CorvexSession CorvexFake corvexd)
+
+set(failures "")
+foreach(module Platform Vellum CorvexKit CorvexSession CorvexFake corvexd Tools)
+  # Tests may reach the helpers and fixtures of the modules they exercise.
+  file(GLOB_RECURSE sources ${SOURCE_DIR}/${module}/*.cpp ${SOURCE_DIR}/${module}/*.h)
+  list(FILTER sources EXCLUDE REGEX "/Tests/")
+  foreach(source ${sources})
+    file(STRINGS ${source} lines REGEX "^#include [<\"]")
+    foreach(line ${lines})
+      if(line MATCHES "^#include \"([A-Za-z]+)/")
+        set(target ${CMAKE_MATCH_1})
+        list(FIND modules ${target} known)
+        list(FIND allowed_${module} ${target} permitted)
+        if(known GREATER -1 AND NOT target STREQUAL module AND permitted EQUAL -1)
+          list(APPEND failures "${source}: ${line}")
+        endif()
+      endif()
+      list(FIND core ${module} isCore)
+      if(isCore GREATER -1 AND line MATCHES "^#include <Q")
+        list(APPEND failures "${source}: ${line} (no Qt in a core library)")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+
+if(failures)
+  list(JOIN failures "\n" text)
+  message(FATAL_ERROR "includes against the module layers:\n${text}")
+endif()

@@ -1,0 +1,217 @@
+#include "corvexd/Lifecycle.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <optional>
+#include <sys/file.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "CorvexSession/LocalPaneHost.h"
+#include "CorvexSession/SessionCore.h"
+#include "Platform/ProcessInfo.h"
+#include "Platform/System.h"
+#include "Platform/TimerThread.h"
+#include "corvexd/BuildInfo.h"
+#include "corvexd/CommandSupport.h"
+#include "corvexd/Server.h"
+#include "corvexd/SessionService.h"
+
+namespace corvexd {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto startTimeout = std::chrono::seconds(15);
+constexpr auto stopTimeout = std::chrono::seconds(10);
+
+// The serving daemon holds an exclusive lock on its pid file for its whole life, so the lock
+// (not the file's presence) says whether one runs.
+class PidFile {
+public:
+    explicit PidFile(const std::string& path) : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+        if (fd_ < 0) throw DaemonError("can't open " + path + ": " + std::strerror(errno));
+    }
+    ~PidFile() { ::close(fd_); }
+    PidFile(const PidFile&) = delete;
+    PidFile& operator=(const PidFile&) = delete;
+
+    bool tryLock() { return ::flock(fd_, LOCK_EX | LOCK_NB) == 0; }
+    void unlock() { ::flock(fd_, LOCK_UN); }
+
+    void write(pid_t pid) {
+        std::string text = std::to_string(pid) + "\n";
+        if (::ftruncate(fd_, 0) != 0 || ::pwrite(fd_, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+            throw DaemonError(std::string("can't write the pid file: ") + std::strerror(errno));
+        }
+    }
+    void clear() { [[maybe_unused]] int ignored = ::ftruncate(fd_, 0); }
+
+    std::optional<pid_t> read() const {
+        char text[32] = {};
+        ssize_t count = ::pread(fd_, text, sizeof(text) - 1, 0);
+        if (count <= 0) return std::nullopt;
+        long pid = std::strtol(text, nullptr, 10);
+        if (pid <= 0) return std::nullopt;
+        return static_cast<pid_t>(pid);
+    }
+
+private:
+    int fd_;
+};
+
+bool runs(const RuntimeDirectory& directory) {
+    PidFile pid(directory.pidPath());
+    if (!pid.tryLock()) return true;
+    pid.unlock();
+    return false;
+}
+
+} // namespace
+
+RuntimeDirectory runtimeDirectory() { return RuntimeDirectory::prepare(RuntimeDirectory::defaultPath()); }
+
+int serve() {
+    auto directory = runtimeDirectory();
+    PidFile pid(directory.pidPath());
+    if (!pid.tryLock()) {
+        auto other = pid.read();
+        return fail("already running" + (other ? " (pid " + std::to_string(*other) + ")" : std::string()));
+    }
+    // Written at once, so that a stop during the start-up knows whom to signal.
+    pid.write(::getpid());
+    ::signal(SIGPIPE, SIG_IGN);
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGHUP);
+    ::sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+    int stopFd = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
+
+    ServerOptions options;
+    options.socketPath = directory.socketPath();
+    options.version = buildVersion();
+    options.buildId = buildId();
+    options.executable = platform::executablePath();
+    options.ephemeral = platform::environmentValue("CORVEXD_EPHEMERAL") == "exit";
+    options.stopFd = stopFd;
+    {
+        Server server(options);
+        auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(), corvex::currentSessionCoreEnvironment());
+        SessionServiceOptions service;
+        auto config = platform::environmentValue("CORVEXD_CONFIG");
+        service.settingsPath = config.empty() ? directory.path() + "/settings.json" : config;
+        if (!config.empty()) service.configName = config;
+        service.treePath = directory.treePath();
+        serveSession(server, core, service);
+        // Programs change folder without telling their terminal; the panes follow them.
+        platform::TimerThread directories("corvexd.cwd");
+        std::weak_ptr<corvex::SessionCore> weak = core;
+        directories.scheduleRepeating(std::chrono::milliseconds(1500), [weak] {
+            if (auto held = weak.lock()) held->pollWorkingDirectories();
+        });
+        server.run();
+        // The shells end with the daemon: their terminals hang up.
+        core->stop();
+    }
+    pid.clear();
+    ::close(stopFd);
+    return 0;
+}
+
+namespace {
+
+// Starts `corvexd serve` detached from this process: its own session, no terminal, output
+// to the log, and not our child once we return.
+void spawnServe(const RuntimeDirectory& directory) {
+    std::string executable = platform::executablePath();
+    pid_t child = ::fork();
+    if (child < 0) throw DaemonError(std::string("fork: ") + std::strerror(errno));
+    if (child == 0) {
+        ::setsid();
+        if (::fork() != 0) ::_exit(0);
+        int null = ::open("/dev/null", O_RDONLY);
+        int log = ::open(directory.logPath().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        if (null >= 0) ::dup2(null, 0);
+        if (log >= 0) {
+            ::dup2(log, 1);
+            ::dup2(log, 2);
+        }
+        ::signal(SIGHUP, SIG_DFL);
+        const char* argv[] = {executable.c_str(), "serve", nullptr};
+        ::execv(executable.c_str(), const_cast<char* const*>(argv));
+        ::_exit(127);
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
+// Makes sure a daemon accepts on the runtime folder's socket. Concurrent starts queue on a
+// lock file, so only the first of them spawns.
+void ensureStarted(const RuntimeDirectory& directory) {
+    if (accepts(directory.socketPath())) return;
+    int lock = ::open(directory.startLockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lock < 0) throw DaemonError("can't open " + directory.startLockPath() + ": " + std::strerror(errno));
+    while (::flock(lock, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    auto finish = [&] { ::close(lock); };
+    try {
+        // A daemon that is still ending holds its lock a while without accepting: wait for it
+        // to let go, then start the new one.
+        auto deadline = Clock::now() + startTimeout;
+        std::optional<Clock::time_point> spawned;
+        while (!accepts(directory.socketPath())) {
+            if (Clock::now() > deadline) throw DaemonError("the daemon didn't start; see " + directory.logPath());
+            bool settling = spawned && Clock::now() - *spawned < std::chrono::seconds(1);
+            if (!settling && !runs(directory)) {
+                spawnServe(directory);
+                spawned = Clock::now();
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    } catch (...) {
+        finish();
+        throw;
+    }
+    finish();
+}
+
+int start() {
+    ensureStarted(runtimeDirectory());
+    return 0;
+}
+
+// Signals the running daemon and waits until it has let go of its pid file.
+int terminate(bool forceAfterTimeout) {
+    auto directory = RuntimeDirectory::existing(RuntimeDirectory::defaultPath());
+    PidFile pid(directory.pidPath());
+    if (pid.tryLock()) return 0; // nothing runs
+    auto running = pid.read();
+    if (!running) return fail("the pid file names no process");
+    ::kill(*running, SIGTERM);
+    // Wait for that very process to end rather than for the lock to come free: a client may
+    // start a new daemon the moment the old one lets go, and the new one takes the lock at once.
+    auto deadline = Clock::now() + stopTimeout;
+    while (platform::processLives(*running)) {
+        if (Clock::now() > deadline) {
+            if (!forceAfterTimeout) return fail("the daemon (pid " + std::to_string(*running) + ") didn't stop");
+            ::kill(*running, SIGKILL);
+            forceAfterTimeout = false;
+            deadline = Clock::now() + stopTimeout;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return 0;
+}
+
+} // namespace corvexd

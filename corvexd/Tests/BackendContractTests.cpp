@@ -1,0 +1,247 @@
+// One set of behaviours, run against both places sessions live: the in-process backend and
+// the protocol client on a real corvexd. A difference between the two ends fails here.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "CorvexFake/FakeBackend.h"
+#include "CorvexKit/CorvexdBackend.h"
+#include "CorvexKit/Protocol.h"
+#include "CorvexSession/Tests/Support/ExpectError.h"
+#include "Platform/Tests/Support/Eventually.h"
+#include "Support/DaemonHarness.h"
+
+using namespace corvex;
+using corvex::testing::expectError;
+using platform::testing::eventually;
+
+namespace {
+
+struct InProcess {
+    std::shared_ptr<SessionBackend> make() { return FakeBackend::create(); }
+};
+
+struct OverTheDaemon {
+    corvexd::testing::DaemonHarness daemon;
+
+    std::shared_ptr<SessionBackend> make() {
+        auto configuration = CorvexdBackend::Configuration::socket(daemon.socketPath(), "contract", {}, [this] {
+            auto started = daemon.run({"start"});
+            if (started.status != 0) throw BackendError("failed", started.err);
+        });
+        return CorvexdBackend::make(configuration);
+    }
+};
+
+// A plain shell that reads no start-up files, so that what it prints is what a test typed.
+const SpawnOptions plainShell{.command = std::vector<std::string>{"/bin/sh"},
+                              .env = std::map<std::string, std::string>{{"PS1", "$ "}, {"ENV", ""}},
+                              .cols = 80,
+                              .rows = 24};
+
+template <typename Side>
+class BackendContract : public ::testing::Test {
+protected:
+    void SetUp() override {
+        backend = side.make();
+        events = backend->events();
+        backend->start();
+    }
+    void TearDown() override { backend->stop(); }
+
+    std::optional<SessionEvent> nextEvent(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        return events->next(timeout);
+    }
+
+    template <typename T>
+    std::optional<T> nextOf() {
+        while (auto event = nextEvent()) {
+            if (auto* found = event->template as<T>()) return *found;
+        }
+        return std::nullopt;
+    }
+
+    bool screenShows(uint64_t pane, const std::string& text) {
+        return eventually([&] { return backend->paneText(pane).text().find(text) != std::string::npos; });
+    }
+
+    // The tab that the focus is on.
+    std::optional<uint64_t> focusedTab() { return backend->getState().focus.tab; }
+
+    Side side;
+    std::shared_ptr<SessionBackend> backend;
+    std::shared_ptr<SessionEventStream> events;
+};
+
+using Sides = ::testing::Types<InProcess, OverTheDaemon>;
+TYPED_TEST_SUITE(BackendContract, Sides);
+
+TYPED_TEST(BackendContract, HelloAnnouncesTheEngineAndTheStateFollows) {
+    auto connected = this->template nextOf<SessionEvent::Connected>();
+    ASSERT_TRUE(connected);
+    EXPECT_EQ(connected->hello.protocol, protocol::version);
+    for (auto feature : {Hello::Feature::paneKeys, Hello::Feature::paneSearch, Hello::Feature::paneFocus,
+                         Hello::Feature::clientColors, Hello::Feature::move, Hello::Feature::paneMove,
+                         Hello::Feature::splitSetRatio, Hello::Feature::restore}) {
+        EXPECT_TRUE(connected->hello.has(feature)) << Hello::wireName(feature);
+    }
+    EXPECT_FALSE(connected->hello.instance.empty());
+    auto state = this->template nextOf<SessionEvent::State>();
+    ASSERT_TRUE(state);
+    EXPECT_TRUE(state->state.workspaces.empty());
+}
+
+TYPED_TEST(BackendContract, TreeOperationsShapeTheSameTree) {
+    auto& backend = *this->backend;
+    auto first = backend.createWorkspace("one", plainShell);
+    auto second = backend.createTab(first.workspace, plainShell);
+    auto split = backend.split(second.pane, Direction::down, 0.3, plainShell);
+
+    auto state = backend.getState();
+    ASSERT_EQ(state.workspaces.size(), 1u);
+    EXPECT_EQ(state.workspaces[0].name, "one");
+    ASSERT_EQ(state.workspaces[0].tabs.size(), 2u);
+    const Tab& tab = state.workspaces[0].tabs[1];
+    ASSERT_TRUE(tab.layout.splitNode());
+    EXPECT_EQ(tab.layout.splitNode()->id, split.split);
+    EXPECT_DOUBLE_EQ(tab.layout.splitNode()->ratio, 0.3);
+    EXPECT_EQ(tab.layout.panes(), (std::vector<uint64_t>{second.pane, split.pane}));
+    EXPECT_EQ(state.focus, (Focus{first.workspace, second.tab, split.pane}));
+    EXPECT_EQ(state.panes.size(), 3u);
+
+    backend.renameTab(second.tab, std::string("named"));
+    backend.setRatio(split.split, 2.0); // clamped
+    state = backend.getState();
+    EXPECT_EQ(state.workspaces[0].tabs[1].title, "named");
+    EXPECT_DOUBLE_EQ(state.workspaces[0].tabs[1].layout.splitNode()->ratio, 0.95);
+
+    // Closing the focused pane hands the tab to its sibling.
+    backend.closePane(split.pane);
+    state = backend.getState();
+    EXPECT_EQ(state.focus, (Focus{first.workspace, second.tab, second.pane}));
+    EXPECT_EQ(state.panes.size(), 2u);
+
+    backend.move(MoveRequest::moveTab(second.tab, std::nullopt, 0));
+    EXPECT_EQ(backend.getState().workspaces[0].tabs[0].id, second.tab);
+}
+
+// One successor rule wherever a tab leaves: the tab before it, or the next when it was first.
+TYPED_TEST(BackendContract, ALeavingActiveTabHandsOverToItsPredecessor) {
+    auto& backend = *this->backend;
+    auto work = backend.createWorkspace("work", plainShell);
+    auto b = backend.createTab(work.workspace, plainShell);
+    auto c = backend.createTab(work.workspace, plainShell);
+    backend.createTab(work.workspace, plainShell);
+
+    backend.focus(FocusTarget::tab(c.tab));
+    backend.closeTab(c.tab);
+    EXPECT_EQ(this->focusedTab(), b.tab) << "the focused tab closed";
+
+    backend.focus(FocusTarget::tab(work.tab));
+    backend.closeTab(work.tab);
+    EXPECT_EQ(this->focusedTab(), b.tab) << "the first tab closed";
+
+    // In a workspace out of focus.
+    auto other = backend.createWorkspace("other", plainShell);
+    auto y = backend.createTab(other.workspace, plainShell);
+    auto z = backend.createTab(other.workspace, plainShell);
+    backend.focus(FocusTarget::workspace(work.workspace));
+    backend.closeTab(z.tab);
+    EXPECT_EQ(backend.getState().workspace(other.workspace)->activeTab, y.tab);
+
+    // A tab moved out to another workspace.
+    backend.move(MoveRequest::moveTab(y.tab, work.workspace, 0));
+    EXPECT_EQ(backend.getState().workspace(other.workspace)->activeTab, other.tab);
+}
+
+TYPED_TEST(BackendContract, UnknownThingsFailAlike) {
+    auto& backend = *this->backend;
+    auto made = backend.createWorkspace("w", plainShell);
+    expectError([&] { backend.closePane(99); }, "not_found", "no pane 99");
+    expectError([&] { backend.closeTab(99); }, "not_found", "no tab 99");
+    expectError([&] { backend.renameWorkspace(99, "x"); }, "not_found", "no workspace 99");
+    expectError([&] { backend.setRatio(99, 0.5); }, "not_found", "no split 99");
+    expectError([&] { backend.focus(FocusTarget::pane(99)); }, "not_found", "no pane 99");
+    expectError([&] { backend.sendKeys(made.pane, std::nullopt, {"Enter", "Hyper-x"}); }, "bad_request",
+                "unknown key Hyper-x");
+    try {
+        backend.searchPane(made.pane, "(", PaneSearchOptions{.regex = true});
+        ADD_FAILURE() << "a pattern that doesn't compile must fail";
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), "bad_request");
+    }
+}
+
+TYPED_TEST(BackendContract, NamedKeysReachTheShell) {
+    auto& backend = *this->backend;
+    auto made = backend.createWorkspace("keys", plainShell);
+    backend.sendKeys(made.pane, std::string("echo sum-$((6*7))"), {"Enter"});
+    EXPECT_TRUE(this->screenShows(made.pane, "sum-42"));
+
+    // Control-C ends what runs in the foreground (or, caught between the two, the rest of
+    // the list), and the shell takes the next line.
+    backend.sendKeys(made.pane, std::string("echo go-$((5+5)); sleep 30"), {"Enter"});
+    ASSERT_TRUE(this->screenShows(made.pane, "go-10"));
+    backend.sendKeys(made.pane, std::nullopt, {"C-c"});
+    backend.sendKeys(made.pane, std::string("echo after-$((1+1))"), {"enter"});
+    EXPECT_TRUE(this->screenShows(made.pane, "after-2"));
+}
+
+TYPED_TEST(BackendContract, TextAndSearchReadTheTerminal) {
+    auto& backend = *this->backend;
+    auto made = backend.createWorkspace("text", plainShell);
+    backend.sendKeys(made.pane, std::string("printf 'alpha\\nbeta-%d\\n' 1 2"), {"Enter"});
+    ASSERT_TRUE(this->screenShows(made.pane, "beta-2"));
+
+    auto text = backend.paneText(made.pane);
+    EXPECT_EQ(text.cols, 80);
+    EXPECT_EQ(text.rows, 24);
+    EXPECT_EQ(text.lines.size(), 24u);
+
+    auto found = backend.searchPane(made.pane, "beta-[0-9]", PaneSearchOptions{.regex = true});
+    ASSERT_GE(found.matches.size(), 2u);
+    EXPECT_EQ(found.matches[0].text, "beta-2") << "newest first";
+    EXPECT_EQ(found.matches[1].text, "beta-1");
+    EXPECT_GT(found.seq, 0u);
+}
+
+// A subscriber gets a snapshot of the screen and then the live output, gapless from the
+// snapshot's position.
+TYPED_TEST(BackendContract, ASubscribeStartsWithASnapshotAndContinuesLive) {
+    auto& backend = *this->backend;
+    auto made = backend.createWorkspace("watch", plainShell);
+    backend.sendKeys(made.pane, std::string("echo before-$((2+2))"), {"Enter"});
+    ASSERT_TRUE(this->screenShows(made.pane, "before-4"));
+
+    auto subscription = backend.subscribe(made.pane, std::nullopt, 100);
+    EXPECT_EQ(subscription.mode, Subscription::Mode::snapshot);
+    std::optional<SessionEvent::Snapshot> snapshot;
+    while (!snapshot) {
+        auto event = this->nextEvent();
+        ASSERT_TRUE(event) << "no snapshot";
+        if (auto* s = event->template as<SessionEvent::Snapshot>(); s && s->pane == made.pane) snapshot = *s;
+    }
+    EXPECT_EQ(snapshot->seq, subscription.seq);
+    std::string shown(snapshot->bytes.begin(), snapshot->bytes.end());
+    EXPECT_NE(shown.find("before-4"), std::string::npos);
+
+    backend.sendKeys(made.pane, std::string("echo after-$((3+3))"), {"Enter"});
+    uint64_t next = snapshot->seq;
+    std::string live;
+    while (live.find("after-6") == std::string::npos) {
+        auto event = this->nextEvent();
+        ASSERT_TRUE(event) << "live output stopped at " << next;
+        auto* output = event->template as<SessionEvent::Output>();
+        if (!output || output->pane != made.pane) continue;
+        ASSERT_EQ(output->seq, next) << "output must follow the snapshot without gap or overlap";
+        next += output->bytes.size();
+        live.append(output->bytes.begin(), output->bytes.end());
+    }
+
+    // Holding what was delivered, a subscriber needs no snapshot again.
+    EXPECT_NE(backend.subscribe(made.pane, next).mode, Subscription::Mode::snapshot);
+}
+
+} // namespace
