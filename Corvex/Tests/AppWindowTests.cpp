@@ -167,6 +167,11 @@ TEST(AppWindowTest, PanesComeBackWhenTheDaemonIsKilledAndNothingTypedLaterIsLost
         30s));
     ASSERT_TRUE(harness.waitForShell()) << harness.screenText(harness.focusedPane());
     uint64_t pane = harness.focusedPane();
+    // A pane the daemon rebuilt says so above its terminal.
+    const Pane* model = harness.store().state().pane(pane);
+    QWidget* note = harness.app().host(pane)->findChild<QWidget*>("restoredNote");
+    ASSERT_NE(note, nullptr);
+    EXPECT_EQ(note->isVisible(), model && model->restored.has_value());
     harness.type("echo after-$((40+2))");
     harness.pressReturn();
     EXPECT_TRUE(harness.screenShows(pane, "after-42")) << harness.screenText(pane);
