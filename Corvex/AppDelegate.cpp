@@ -9,6 +9,7 @@
 #include <QKeySequence>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMessageBox>
 #include <QMainWindow>
 #include <QMenuBar>
 #include <QPushButton>
@@ -20,9 +21,11 @@
 #include <QVBoxLayout>
 
 #include <csignal>
+#include <filesystem>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "Corvex/MachineSheet.h"
 #include "Corvex/PaneHostView.h"
 #include "Corvex/SidebarView.h"
 #include "Corvex/SplitLayoutView.h"
@@ -31,6 +34,7 @@
 #include "CorvexFake/FakeBackend.h"
 #include "CorvexKit/BackendChoice.h"
 #include "CorvexKit/CorvexdBackend.h"
+#include "CorvexKit/SSHOptions.h"
 #include "CorvexKit/WindowModel.h"
 #include "Platform/System.h"
 #include "Platform/WorkerPool.h"
@@ -112,14 +116,20 @@ void AppDelegate::launch() {
     }
     if (preferences_.boolean(prefkey::startFullScreen).value_or(false)) window_->showFullScreen();
 
-    auto backend = makeBackend();
-    auto local = std::make_unique<Connection>();
-    local->key = "local";
-    local->label = platform::hostName().empty() ? "This Computer" : platform::hostName();
-    local->backend = backend;
-    local->store = std::make_unique<ModelStore>(backend, mainQueue_);
-    addSession(std::move(local));
+    QPointer<AppDelegate> self(this);
+    machines_ = std::make_unique<MachineRegistry>(preferences_, [] { return platform::hostName(); }, [self] {
+        // Changes of the list come from inside the controller's own steps; redraw after them.
+        QTimer::singleShot(0, self, [self] {
+            if (self) self->sync();
+        });
+    });
+    addSession(makeConnection(Machine::local(computerName()), makeBackend()));
     startBackend();
+    std::vector<std::string> remembered = machines_->connected();
+    for (const Machine& machine : machines_->remoteMachines()) {
+        if (std::find(remembered.begin(), remembered.end(), machine.key()) != remembered.end())
+            connectMachine(machine, false, false);
+    }
 
     if (auto stored = preferences_.string(prefkey::focusedMachine)) {
         if (store(*stored)) focusedMachine_ = *stored;
@@ -182,6 +192,188 @@ std::shared_ptr<SessionBackend> AppDelegate::makeBackend() {
     auto configuration = CorvexdBackend::Configuration::socket(socket, clientIdentity(std::nullopt), logger,
                                                                [daemon] { daemon.start(); });
     return CorvexdBackend::make(std::move(configuration));
+}
+
+std::string AppDelegate::computerName() const {
+    return platform::hostName();
+}
+
+std::unique_ptr<AppDelegate::Connection> AppDelegate::makeConnection(const Machine& machine,
+                                                                     std::shared_ptr<SessionBackend> backend,
+                                                                     std::shared_ptr<RemoteInstaller> installer) {
+    auto connection = std::make_unique<Connection>();
+    connection->link =
+        std::make_unique<MachineConnection>(machine, std::make_unique<ModelStore>(backend, mainQueue_), installer);
+    connection->key = machine.key();
+    connection->label = connection->link->title(computerName());
+    connection->backend = backend;
+    connection->store = &connection->link->store();
+    return connection;
+}
+
+AppDelegate::Connection* AppDelegate::connection(const std::string& key) const {
+    for (auto& each : connections_) {
+        if (each->key == key) return each.get();
+    }
+    return nullptr;
+}
+
+// A remote machine's backend: ssh to it, its daemon installed or updated first by every
+// attempt, then the bridge.
+std::shared_ptr<SessionBackend> AppDelegate::makeRemoteBackend(const Machine& machine,
+                                                              std::shared_ptr<RemoteInstaller>& installer) {
+    std::optional<std::string> proxy;
+    if (options_.developmentBuild) proxy = preferences_.string("SSHProxyCommand");
+    SSHOptions ssh = SSHOptions::fromEnvironment(options_.developmentBuild, proxy);
+    std::string executable = std::filesystem::canonical("/proc/self/exe").string();
+    RemoteLinkSettings settings = RemoteLinkSettings::from(preferences_, bundledDistFolder(executable), ssh);
+    std::weak_ptr<bool> alive = alive_;
+    settings.log = [this, alive](const std::string& text) {
+        if (alive.lock()) log_.write(text);
+    };
+    RemoteLink link = makeRemoteLink(machine.target.value_or(""), machine.label, settings);
+    installer = link.installer;
+    CorvexdBackend::Configuration configuration;
+    configuration.transport = link.transport;
+    configuration.clientName = clientIdentity(std::nullopt);
+    configuration.retry = RetryPolicy::remote();
+    configuration.log = settings.log;
+    return CorvexdBackend::make(std::move(configuration));
+}
+
+void AppDelegate::connectMachine(const Machine& wanted, bool startWorkspace, bool show) {
+    std::optional<Machine> machine = machines_->find(wanted.key());
+    if (!machine || machine->isLocal()) return;
+    if (!machine->isEnabled) {
+        log(machine->label + " is switched off; not connecting");
+        return;
+    }
+    std::string key = machine->key();
+    if (connection(key)) {
+        if (show || startWorkspace) focusMachine(key);
+        if (startWorkspace) newWorkspace();
+        return;
+    }
+    std::shared_ptr<RemoteInstaller> installer;
+    auto backend = makeRemoteBackend(*machine, installer);
+    addSession(makeConnection(*machine, backend, installer));
+    machines_->markConnected(key);
+    if (show) focusMachine(key);
+    sync();
+    QPointer<AppDelegate> self(this);
+    connection(key)->store->start([self, key, startWorkspace](std::exception_ptr error) {
+        if (!self) return;
+        if (error) {
+            // The store keeps trying on its own; its state tells the sidebar why.
+            self->log("connecting to " + key + " failed: " + describe(error));
+            return;
+        }
+        Connection* target = self->connection(key);
+        if (!target) return;
+        bool focused = self->focusedMachine_ == key;
+        self->runOn(*target, "first workspace on " + key, [startWorkspace, focused](SessionBackend& backend) {
+            if (startWorkspace || (focused && backend.getState().workspaces.empty()))
+                backend.createWorkspace(std::nullopt, SpawnOptions{});
+        });
+    });
+}
+
+void AppDelegate::disconnectMachine(const std::string& key) {
+    if (key == Machine::localKey) return;
+    for (auto it = connections_.begin(); it != connections_.end(); ++it) {
+        if ((*it)->key != key) continue;
+        (*it)->store->stop();
+        for (auto host = paneHosts_.begin(); host != paneHosts_.end();) {
+            if (host->first.machine != key) {
+                ++host;
+                continue;
+            }
+            (*it)->store->unregisterSink(host->first.pane);
+            if (PaneHostView* view = host->second.data()) {
+                view->retire();
+                view->hide();
+                view->deleteLater();
+            }
+            host = paneHosts_.erase(host);
+        }
+        connections_.erase(it);
+        break;
+    }
+    machines_->markDisconnected(key);
+    if (focusedMachine_ == key) focusMachine(std::string(Machine::localKey));
+    sync();
+}
+
+void AppDelegate::reconnectMachine(const std::string& key) {
+    if (Connection* target = connection(key)) {
+        log(target->label + ": reconnecting (asked)");
+        target->backend->reconnectNow();
+    }
+}
+
+void AppDelegate::focusMachine(const std::string& key) {
+    if (!connection(key)) return;
+    focusedMachine_ = key;
+    preferences_.setString(prefkey::focusedMachine, key);
+    sync();
+}
+
+void AppDelegate::showAddMachine() {
+    auto* sheet = new MachineSheet(MachineSheet::Mode::add, "", "", window_);
+    sheet->setAttribute(Qt::WA_DeleteOnClose);
+    QPointer<AppDelegate> self(this);
+    sheet->onAccept = [self](const std::string& label, const std::string& target) {
+        if (!self) return;
+        Machine machine = self->machines_->add(label, target);
+        self->log(label + ": added (" + target + ")");
+        self->connectMachine(machine, true, true);
+    };
+    machineSheet_ = sheet;
+    sheet->open();
+}
+
+void AppDelegate::showEditMachine(const std::string& key) {
+    std::optional<Machine> machine = machines_->find(key);
+    if (!machine || machine->isLocal()) return;
+    auto* sheet = new MachineSheet(MachineSheet::Mode::edit, machine->label, machine->target.value_or(""), window_);
+    sheet->setAttribute(Qt::WA_DeleteOnClose);
+    QPointer<AppDelegate> self(this);
+    sheet->onAccept = [self, key](const std::string& label, const std::string& target) {
+        if (!self) return;
+        bool moved = self->machines_->update(key, label, target);
+        if (Connection* existing = self->connection(key)) existing->label = label;
+        if (moved && self->connection(key)) {
+            self->log(label + ": target changed to " + target + ", reconnecting");
+            self->disconnectMachine(key);
+            if (auto machine = self->machines_->find(key)) self->connectMachine(*machine, false, true);
+        }
+        self->sync();
+    };
+    machineSheet_ = sheet;
+    sheet->open();
+}
+
+void AppDelegate::showRemoveMachine(const std::string& key) {
+    std::optional<Machine> machine = machines_->find(key);
+    if (!machine || machine->isLocal()) return;
+    auto* ask = new QMessageBox(QMessageBox::Question, "Remove Machine", QString::fromStdString("Remove " + machine->label + "?"),
+                                QMessageBox::NoButton, window_);
+    ask->setObjectName("removeMachine");
+    ask->setInformativeText("This only removes it from Corvex's list. Nothing on the machine changes: its corvexd and "
+                            "its shells keep running there, and adding it again shows them.");
+    QPushButton* remove = ask->addButton("Remove", QMessageBox::DestructiveRole);
+    ask->addButton("Cancel", QMessageBox::RejectRole);
+    ask->setAttribute(Qt::WA_DeleteOnClose);
+    QPointer<AppDelegate> self(this);
+    QObject::connect(ask, &QMessageBox::buttonClicked, this, [self, key, remove](QAbstractButton* button) {
+        if (!self || button != remove) return;
+        self->disconnectMachine(key);
+        self->machines_->remove(key);
+        self->machineStatus_.erase(key);
+        self->sync();
+    });
+    machineSheet_ = ask;
+    ask->open();
 }
 
 void AppDelegate::addSession(std::unique_ptr<Connection> connection) {
@@ -303,7 +495,7 @@ void AppDelegate::runOn(Connection& connection, const std::string& label,
 
 ModelStore* AppDelegate::store(const std::string& machine) const {
     for (auto& connection : connections_) {
-        if (connection->key == machine) return connection->store.get();
+        if (connection->key == machine) return connection->store;
     }
     return nullptr;
 }
@@ -395,14 +587,17 @@ void AppDelegate::sync() {
     if (logModel_) log(focusedMachine_ + " state rev " + std::to_string(focused.state().rev));
 
     std::vector<SidebarGroup> groups;
-    for (auto& each : connections_) {
+    for (const Machine& machine : machines_->all()) {
+        Connection* each = this->connection(machine.key());
         SidebarGroup group;
-        group.machine = each->key;
-        group.label = each->label;
-        group.focused = each.get() == connection;
-        group.status = machineStatusLine(each->key == "local", each->label, true, each->store->connection(),
-                                         each->store->retryPaused(), false);
-        group.workspaces = sidebarWorkspaces(*each->store, group.focused);
+        group.machine = machine.key();
+        group.label = each ? each->label : machine.label;
+        group.isLocal = machine.isLocal();
+        group.focused = each == connection;
+        std::optional<ConnectionSnapshot> snapshot;
+        if (each) snapshot = each->link->snapshot();
+        group.status = sidebarStatus(machine, snapshot, machineStatus_[machine.key()], false);
+        if (each) group.workspaces = sidebarWorkspaces(*each->store, group.focused);
         groups.push_back(std::move(group));
     }
     sidebar_->update(groups);
@@ -444,12 +639,10 @@ void AppDelegate::sync() {
         view->setRestored(model ? model->restored : std::nullopt);
     }
 
-    EmptyState empty = emptyState(focused, connection->label,
-                                  startFailure_ ? *startFailure_ : machineStatusLine(connection->key == "local",
-                                                                                     connection->label, true,
-                                                                                     focused.connection(),
-                                                                                     focused.retryPaused(), false)
-                                                                       .text);
+    std::string status =
+        sidebarStatus(connection->link->machine(), connection->link->snapshot(), machineStatus_[connection->key], false)
+            .text;
+    EmptyState empty = emptyState(focused, connection->label, startFailure_ ? *startFailure_ : status);
     if (startFailure_ && focused.state().workspaces.empty()) empty = {EmptyState::Kind::message, *startFailure_, "", ""};
     if (empty.kind == EmptyState::Kind::none) {
         stack_->setCurrentWidget(splitView_);
@@ -738,6 +931,18 @@ void AppDelegate::buildWindow() {
         if (machine.empty()) newWorkspace();
         else onMachine(machine, "new workspace", [](SessionBackend& b) { b.createWorkspace(std::nullopt, SpawnOptions{}); });
     };
+    sidebar_->onAddMachine = [this] { showAddMachine(); };
+    sidebar_->onEditMachine = [this](const std::string& machine) { showEditMachine(machine); };
+    sidebar_->onRemoveMachine = [this](const std::string& machine) { showRemoveMachine(machine); };
+    sidebar_->onConnectMachine = [this](const std::string& machine) {
+        if (Connection* existing = connection(machine)) {
+            if (existing->store->retryPaused() || !existing->store->isConnected()) reconnectMachine(machine);
+            focusMachine(machine);
+        } else if (auto found = machines_->find(machine)) {
+            connectMachine(*found, false, true);
+        }
+    };
+    sidebar_->onDisconnectMachine = [this](const std::string& machine) { disconnectMachine(machine); };
     sidebar_->onMoveWorkspace = [this](const std::string& machine, uint64_t id, int index) {
         if (ModelStore* target = store(machine)) {
             target->move(MoveRequest::moveWorkspace(id, index), [this](std::exception_ptr error) {
@@ -802,6 +1007,10 @@ void AppDelegate::buildMenus() {
         sidebar_->setVisible(!hide);
         preferences_.setBoolean(prefkey::hideSidebar, hide);
     });
+
+    QMenu* machines = bar->addMenu("&Machines");
+    QAction* addMachine = machines->addAction("Add Machine…");
+    QObject::connect(addMachine, &QAction::triggered, this, [this] { showAddMachine(); });
 
     QMenu* help = bar->addMenu("&Help");
     add(help, "Keyboard Shortcuts", QKeySequence("F1"), [this] { showShortcuts(); });

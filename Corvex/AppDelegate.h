@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QWidget>
 #include <functional>
 #include <map>
 #include <memory>
@@ -13,6 +14,8 @@
 #include "Corvex/QtPreferences.h"
 #include "CorvexKit/AppLog.h"
 #include "CorvexKit/LocalDaemon.h"
+#include "CorvexKit/Machine.h"
+#include "CorvexKit/MachineConnection.h"
 #include "CorvexKit/ModelStore.h"
 #include "CorvexKit/SessionBackend.h"
 
@@ -76,6 +79,18 @@ public:
     void paste();
     void showShortcuts();
 
+    // Machines.
+    void connectMachine(const Machine& machine, bool startWorkspace, bool show);
+    void disconnectMachine(const std::string& key);
+    void reconnectMachine(const std::string& key);
+    void focusMachine(const std::string& key);
+    void showAddMachine();
+    void showEditMachine(const std::string& key);
+    void showRemoveMachine(const std::string& key);
+    MachineRegistry& machines() { return *machines_; }
+    // The sheet open for adding or editing a machine, if any.
+    QWidget* machineSheet() const { return machineSheet_; }
+
     // For tests and benchmarks.
     QMainWindow* window() const { return window_; }
     SidebarView* sidebar() const { return sidebar_; }
@@ -91,11 +106,13 @@ public:
     static const std::vector<std::pair<std::string, std::string>>& shortcutList();
 
 private:
+    // One machine's live link, with the handles the controller reaches for most.
     struct Connection {
+        std::unique_ptr<MachineConnection> link;
         std::string key;
         std::string label;
         std::shared_ptr<SessionBackend> backend;
-        std::unique_ptr<ModelStore> store;
+        ModelStore* store = nullptr;
         bool colorsSent = false;
     };
 
@@ -104,6 +121,11 @@ private:
     void installSignalHandling();
     std::shared_ptr<SessionBackend> makeBackend();
     void addSession(std::unique_ptr<Connection> connection);
+    std::unique_ptr<Connection> makeConnection(const Machine& machine, std::shared_ptr<SessionBackend> backend,
+                                               std::shared_ptr<RemoteInstaller> installer = {});
+    std::shared_ptr<SessionBackend> makeRemoteBackend(const Machine& machine, std::shared_ptr<RemoteInstaller>& installer);
+    Connection* connection(const std::string& key) const;
+    std::string computerName() const;
     void startBackend();
     void awaitFirstState(int attempt);
     void backendFailed(const std::string& message, bool holderTooOld);
@@ -145,6 +167,9 @@ private:
     std::vector<std::unique_ptr<Connection>> connections_; // "local" first
     std::string focusedMachine_ = "local";
     std::optional<LocalDaemon> localDaemon_;
+    std::unique_ptr<MachineRegistry> machines_;
+    std::map<std::string, MachineStatus> machineStatus_;
+    QPointer<QWidget> machineSheet_;
     std::map<PaneKey, QPointer<PaneHostView>> paneHosts_;
     std::map<TabKey, uint64_t> maximized_;
     std::optional<std::string> startFailure_;

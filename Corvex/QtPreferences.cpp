@@ -36,12 +36,40 @@ std::optional<double> QtPreferences::number(const std::string& key) const {
     return number;
 }
 
-std::optional<std::vector<std::string>> QtPreferences::strings(const std::string& key) const {
-    QVariant value = settings_.value(qkey(key));
-    if (!value.isValid()) return std::nullopt;
+std::vector<std::string> QtPreferences::stringList(const std::string& key) const {
     std::vector<std::string> result;
-    for (const QString& item : value.toStringList()) result.push_back(item.toStdString());
+    for (const QString& item : settings_.value(qkey(key)).toStringList()) result.push_back(item.toStdString());
     return result;
+}
+
+void QtPreferences::setStringList(const std::string& key, const std::vector<std::string>& value) {
+    QStringList list;
+    for (const auto& item : value) list.push_back(QString::fromStdString(item));
+    settings_.setValue(qkey(key), list);
+}
+
+std::vector<Preferences::Dictionary> QtPreferences::dictionaryList(const std::string& key) const {
+    std::vector<Dictionary> result;
+    for (const QVariant& item : settings_.value(qkey(key)).toList()) {
+        if (item.typeId() != QMetaType::QVariantMap) continue;
+        Dictionary entry;
+        QVariantMap map = item.toMap();
+        for (auto it = map.begin(); it != map.end(); ++it) {
+            if (it.value().typeId() == QMetaType::QString) entry[it.key().toStdString()] = it.value().toString().toStdString();
+        }
+        result.push_back(std::move(entry));
+    }
+    return result;
+}
+
+void QtPreferences::setDictionaryList(const std::string& key, const std::vector<Dictionary>& value) {
+    QVariantList list;
+    for (const auto& entry : value) {
+        QVariantMap map;
+        for (const auto& [name, text] : entry) map.insert(QString::fromStdString(name), QString::fromStdString(text));
+        list.push_back(map);
+    }
+    settings_.setValue(qkey(key), list);
 }
 
 bool QtPreferences::has(const std::string& key) const {
@@ -58,12 +86,6 @@ void QtPreferences::setBoolean(const std::string& key, bool value) {
 
 void QtPreferences::setNumber(const std::string& key, double value) {
     settings_.setValue(qkey(key), value);
-}
-
-void QtPreferences::setStrings(const std::string& key, const std::vector<std::string>& value) {
-    QStringList list;
-    for (const auto& item : value) list.push_back(QString::fromStdString(item));
-    settings_.setValue(qkey(key), list);
 }
 
 void QtPreferences::remove(const std::string& key) {

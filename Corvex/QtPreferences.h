@@ -12,12 +12,14 @@ public:
     std::optional<std::string> string(const std::string& key) const override;
     std::optional<bool> boolean(const std::string& key) const override;
     std::optional<double> number(const std::string& key) const override;
-    std::optional<std::vector<std::string>> strings(const std::string& key) const override;
+    std::vector<std::string> stringList(const std::string& key) const override;
+    void setStringList(const std::string& key, const std::vector<std::string>& value) override;
+    std::vector<Dictionary> dictionaryList(const std::string& key) const override;
+    void setDictionaryList(const std::string& key, const std::vector<Dictionary>& value) override;
     bool has(const std::string& key) const override;
     void setString(const std::string& key, const std::string& value) override;
     void setBoolean(const std::string& key, bool value) override;
     void setNumber(const std::string& key, double value) override;
-    void setStrings(const std::string& key, const std::vector<std::string>& value) override;
     void remove(const std::string& key) override;
 
     QSettings& settings() { return settings_; }

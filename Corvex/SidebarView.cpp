@@ -118,7 +118,9 @@ void SidebarView::rebuild() {
         QFont bold = machine->font(0);
         bold.setBold(true);
         machine->setFont(0, bold);
-        if (!group.status.text.empty()) machine->setToolTip(0, QString::fromStdString(group.status.text));
+        std::string tip = group.status.toolTip.empty() ? group.status.text : group.status.toolTip;
+        if (!tip.empty()) machine->setToolTip(0, QString::fromStdString(tip));
+        if (!group.status.button.empty()) machine->setText(0, text + "  [" + QString::fromStdString(group.status.button) + "]");
         for (const SidebarWorkspace& workspace : group.workspaces) {
             auto* row = new QTreeWidgetItem(machine);
             row->setText(0, QString::fromStdString(workspace.name));
@@ -166,6 +168,13 @@ void SidebarView::itemClicked(QTreeWidgetItem* item) {
     case SidebarTree::tabRow:
         if (onSelectTab) onSelectTab(machineOf(item), idOf(item));
         break;
+    case SidebarTree::machineRow:
+        // A group with a "Connect" or "Reconnect" button acts on a click of its row.
+        for (const SidebarGroup& group : groups_) {
+            if (group.machine == machineOf(item) && !group.status.button.empty() && onConnectMachine)
+                onConnectMachine(group.machine);
+        }
+        break;
     default:
         break;
     }
@@ -187,14 +196,23 @@ void SidebarView::showMenu(const QPoint& at) {
     std::string machine = machineOf(item);
     QMenu menu(this);
     switch (kindOf(item)) {
-    case SidebarTree::machineRow:
+    case SidebarTree::machineRow: {
+        bool connected = false;
+        for (const SidebarGroup& group : groups_) {
+            if (group.machine == machine) connected = group.status.button != "Connect";
+        }
         menu.addAction("New Workspace", [this, machine] {
             if (onNewWorkspace) onNewWorkspace(machine);
         });
         if (machine != "local") {
-            menu.addAction("Connect", [this, machine] {
+            menu.addAction(connected ? "Reconnect" : "Connect", [this, machine] {
                 if (onConnectMachine) onConnectMachine(machine);
             });
+            if (connected) {
+                menu.addAction("Disconnect", [this, machine] {
+                    if (onDisconnectMachine) onDisconnectMachine(machine);
+                });
+            }
             menu.addAction("Edit Machine…", [this, machine] {
                 if (onEditMachine) onEditMachine(machine);
             });
@@ -207,6 +225,7 @@ void SidebarView::showMenu(const QPoint& at) {
             if (onAddMachine) onAddMachine();
         });
         break;
+    }
     case SidebarTree::workspaceRow: {
         uint64_t id = idOf(item);
         menu.addAction("New Tab", [this, machine, id] {

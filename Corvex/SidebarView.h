@@ -54,6 +54,7 @@ public:
     std::function<void(const std::string& machine)> onEditMachine;
     std::function<void(const std::string& machine)> onRemoveMachine;
     std::function<void(const std::string& machine)> onConnectMachine;
+    std::function<void(const std::string& machine)> onDisconnectMachine;
 
 private:
     void rebuild();

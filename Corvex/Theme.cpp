@@ -15,12 +15,12 @@ const QColor accent(0x4a, 0x90, 0xd9);
 
 } // namespace
 
-QColor statusColor(StatusDot dot) {
+QColor statusColor(SidebarStatus::Dot dot) {
     switch (dot) {
-    case StatusDot::success: return success;
-    case StatusDot::warning: return warning;
-    case StatusDot::danger: return danger;
-    case StatusDot::dim: break;
+    case SidebarStatus::Dot::success: return success;
+    case SidebarStatus::Dot::warning: return warning;
+    case SidebarStatus::Dot::danger: return danger;
+    case SidebarStatus::Dot::dim: break;
     }
     return dim;
 }

@@ -8,7 +8,7 @@
 
 namespace corvex::theme {
 
-QColor statusColor(StatusDot dot);
+QColor statusColor(SidebarStatus::Dot dot);
 QColor agentColor(AgentColor color);
 // A small filled circle, for status and agent badges.
 QIcon dot(const QColor& color);

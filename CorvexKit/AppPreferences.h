@@ -4,23 +4,19 @@
 #include <string>
 #include <vector>
 
+#include "CorvexKit/Preferences.h"
+
 namespace corvex {
 
-// The application's preference domain. The app backs it with its settings file; tests with a
-// map. Values of the wrong type read as absent.
-class PreferenceStore {
+// The application's preference domain with the switches and sizes of the app's own keys.
+// Values of the wrong type read as absent.
+class PreferenceStore : public Preferences {
 public:
-    virtual ~PreferenceStore() = default;
-    virtual std::optional<std::string> string(const std::string& key) const = 0;
     virtual std::optional<bool> boolean(const std::string& key) const = 0;
     virtual std::optional<double> number(const std::string& key) const = 0;
-    virtual std::optional<std::vector<std::string>> strings(const std::string& key) const = 0;
     virtual bool has(const std::string& key) const = 0;
-    virtual void setString(const std::string& key, const std::string& value) = 0;
     virtual void setBoolean(const std::string& key, bool value) = 0;
     virtual void setNumber(const std::string& key, double value) = 0;
-    virtual void setStrings(const std::string& key, const std::vector<std::string>& value) = 0;
-    virtual void remove(const std::string& key) = 0;
 };
 
 // Preference keys, as the settings file spells them.

@@ -4,22 +4,6 @@
 
 namespace corvex {
 
-MachineStatusLine machineStatusLine(bool isLocal, const std::string& label, bool hasConnection,
-                                    const ConnectionState& connection, bool retryPaused, bool unreachable) {
-    using Kind = ConnectionState::Kind;
-    if (hasConnection) {
-        if (connection.kind == Kind::connected) return {StatusDot::success, ""};
-        if (retryPaused) return {StatusDot::danger, "Can't connect: " + connection.text};
-        if (connection.kind == Kind::connecting) {
-            if (isLocal) return {StatusDot::dim, "Starting"};
-            return {StatusDot::warning, connection.text.empty() ? "Connecting" : "Connecting: " + connection.text};
-        }
-        if (connection.kind == Kind::reconnecting) return {StatusDot::warning, "Reconnecting: " + connection.text};
-    }
-    if (unreachable) return {StatusDot::danger, "Can't reach " + label};
-    return {StatusDot::dim, "Not connected"};
-}
-
 std::vector<SidebarWorkspace> sidebarWorkspaces(const ModelStore& store, bool focusedMachine) {
     const ModelState& state = store.state();
     const Workspace* focusedWorkspace = focusedMachine ? store.focusedWorkspace() : nullptr;

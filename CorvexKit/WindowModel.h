@@ -6,24 +6,12 @@
 #include <vector>
 
 #include "CorvexKit/AgentRules.h"
+#include "CorvexKit/MachineConnection.h"
 #include "CorvexKit/ModelStore.h"
 
 namespace corvex {
 
 // What the window shows, decided from the stores alone so the views only draw it.
-
-enum class StatusDot { success, dim, warning, danger };
-
-struct MachineStatusLine {
-    StatusDot dot = StatusDot::dim;
-    std::string text; // empty when connected
-
-    bool operator==(const MachineStatusLine&) const = default;
-};
-
-// The line under a machine's name in the sidebar. `unreachable` is the last check's verdict.
-MachineStatusLine machineStatusLine(bool isLocal, const std::string& label, bool hasConnection,
-                                    const ConnectionState& connection, bool retryPaused, bool unreachable);
 
 struct SidebarTab {
     uint64_t id = 0;
@@ -47,8 +35,9 @@ struct SidebarWorkspace {
 struct SidebarGroup {
     std::string machine; // key: "local" or the machine's id
     std::string label;
+    bool isLocal = true;
     bool focused = false;
-    MachineStatusLine status;
+    SidebarStatus status;
     std::vector<SidebarWorkspace> workspaces;
 
     bool operator==(const SidebarGroup&) const = default;

@@ -2,11 +2,15 @@
 #include <QClipboard>
 #include <QLineEdit>
 #include <QMainWindow>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QTabBar>
 #include <QTest>
 #include <QTreeWidget>
 #include <gtest/gtest.h>
 
+#include "Corvex/MachineSheet.h"
 #include "Corvex/PaneHostView.h"
 #include "Corvex/SidebarView.h"
 #include "Corvex/SplitLayoutView.h"
@@ -163,6 +167,11 @@ TEST(AppWindowTest, PanesComeBackWhenTheDaemonIsKilledAndNothingTypedLaterIsLost
         30s));
     ASSERT_TRUE(harness.waitForShell()) << harness.screenText(harness.focusedPane());
     uint64_t pane = harness.focusedPane();
+    // A pane the daemon rebuilt says so above its terminal.
+    const Pane* model = harness.store().state().pane(pane);
+    QWidget* note = harness.app().host(pane)->findChild<QWidget*>("restoredNote");
+    ASSERT_NE(note, nullptr);
+    EXPECT_EQ(note->isVisible(), model && model->restored.has_value());
     harness.type("echo after-$((40+2))");
     harness.pressReturn();
     EXPECT_TRUE(harness.screenShows(pane, "after-42")) << harness.screenText(pane);
@@ -318,6 +327,73 @@ TEST(AppWindowTest, WorkspacesAreRenamedAndReorderedFromTheSidebarAndTabsFromThe
     ASSERT_TRUE(eventually([&] { return harness.app().tabBar()->bar()->tabText(1) == "build"; }));
     EXPECT_NE(harness.app().window()->windowTitle().toStdString().find("build — Logs"), std::string::npos)
         << harness.app().window()->windowTitle().toStdString();
+}
+
+TEST(AppWindowTest, MachinesAreAddedEditedAndRemovedThroughTheirSheets) {
+    AppHarness harness;
+    ASSERT_TRUE(harness.waitForShell());
+    AppDelegate& app = harness.app();
+
+    app.showAddMachine();
+    auto* sheet = qobject_cast<MachineSheet*>(app.machineSheet());
+    ASSERT_NE(sheet, nullptr);
+    EXPECT_FALSE(sheet->acceptButton()->isEnabled());
+    QTest::keyClicks(sheet->targetField(), "-oProxyCommand=x");
+    EXPECT_EQ(sheet->problemLabel()->text().toStdString(),
+              "Can't use \"-oProxyCommand=x\"\nAn SSH target can't start with \"-\".");
+    EXPECT_FALSE(sheet->acceptButton()->isEnabled());
+    sheet->targetField()->clear();
+    QTest::keyClicks(sheet->targetField(), "nobody@127.0.0.1");
+    EXPECT_TRUE(sheet->problemLabel()->text().isEmpty());
+    QTest::keyClicks(sheet->labelField(), "Box");
+    QTest::mouseClick(sheet->acceptButton(), Qt::LeftButton);
+
+    // The machine is stored, connected and shown, and its line tells how the connection goes.
+    ASSERT_EQ(app.machines().remoteMachines().size(), 1u);
+    std::string key = app.machines().remoteMachines()[0].key();
+    EXPECT_EQ(app.machines().connected(), std::vector<std::string>{key});
+    EXPECT_EQ(app.focusedMachine(), key);
+    QTreeWidgetItem* group = nullptr;
+    ASSERT_TRUE(eventually([&] {
+        group = app.sidebar()->item(SidebarTree::machineRow, key, 0);
+        return group && group->text(0).startsWith("Box\n");
+    }));
+    EXPECT_EQ(app.sidebar()->tree()->topLevelItem(0)->data(0, SidebarTree::machineRole).toString(), "local");
+    eventually(
+        [&] {
+            QTreeWidgetItem* row = app.sidebar()->item(SidebarTree::machineRow, key, 0);
+            return row && row->text(0).contains("Can't connect");
+        },
+        15s);
+    harness.keepScreenshot("machine");
+
+    app.showEditMachine(key);
+    auto* edit = qobject_cast<MachineSheet*>(app.machineSheet());
+    ASSERT_NE(edit, nullptr);
+    EXPECT_EQ(edit->targetField()->text(), "nobody@127.0.0.1");
+    edit->labelField()->selectAll();
+    QTest::keyClicks(edit->labelField(), "Build box");
+    QTest::mouseClick(edit->acceptButton(), Qt::LeftButton);
+    ASSERT_TRUE(eventually([&] {
+        QTreeWidgetItem* row = app.sidebar()->item(SidebarTree::machineRow, key, 0);
+        return row && row->text(0).startsWith("Build box");
+    }));
+
+    app.showRemoveMachine(key);
+    auto* ask = qobject_cast<QMessageBox*>(app.machineSheet());
+    ASSERT_NE(ask, nullptr);
+    EXPECT_EQ(ask->text().toStdString(), "Remove Build box?");
+    QAbstractButton* remove = nullptr;
+    for (QAbstractButton* button : ask->buttons()) {
+        if (button->text() == "Remove") remove = button;
+    }
+    ASSERT_NE(remove, nullptr);
+    QTest::mouseClick(remove, Qt::LeftButton);
+    ASSERT_TRUE(eventually([&] { return app.sidebar()->item(SidebarTree::machineRow, key, 0) == nullptr; }));
+    EXPECT_TRUE(app.machines().remoteMachines().empty());
+    EXPECT_TRUE(app.machines().connected().empty());
+    EXPECT_EQ(app.focusedMachine(), "local");
+    EXPECT_TRUE(harness.waitForShell());
 }
 
 } // namespace

@@ -113,26 +113,6 @@ TEST(AppLogTest, AnUnwritablePathIsIgnored) {
     SUCCEED();
 }
 
-TEST(MachineStatusLineTest, EachSituationHasItsLine) {
-    auto line = [](bool local, ConnectionState connection, bool paused = false, bool unreachable = false,
-                   bool hasConnection = true) {
-        return machineStatusLine(local, "box", hasConnection, connection, paused, unreachable);
-    };
-    EXPECT_EQ(line(false, ConnectionState::connected()), (MachineStatusLine{StatusDot::success, ""}));
-    EXPECT_EQ(line(true, ConnectionState::connecting("probing")), (MachineStatusLine{StatusDot::dim, "Starting"}));
-    EXPECT_EQ(line(false, ConnectionState::connecting("probing")),
-              (MachineStatusLine{StatusDot::warning, "Connecting: probing"}));
-    EXPECT_EQ(line(false, ConnectionState::connecting("")), (MachineStatusLine{StatusDot::warning, "Connecting"}));
-    EXPECT_EQ(line(false, ConnectionState::reconnecting("lost")),
-              (MachineStatusLine{StatusDot::warning, "Reconnecting: lost"}));
-    EXPECT_EQ(line(false, ConnectionState::reconnecting("refused"), true),
-              (MachineStatusLine{StatusDot::danger, "Can't connect: refused"}));
-    EXPECT_EQ(line(false, ConnectionState::idle(), false, true, false),
-              (MachineStatusLine{StatusDot::danger, "Can't reach box"}));
-    EXPECT_EQ(line(false, ConnectionState::idle(), false, false, false),
-              (MachineStatusLine{StatusDot::dim, "Not connected"}));
-}
-
 class WindowModelTest : public ::testing::Test {
 protected:
     void show(ModelState state) {

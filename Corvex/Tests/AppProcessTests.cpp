@@ -1,0 +1,147 @@
+#include <QTest>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <spawn.h>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "CorvexKit/CorvexdBackend.h"
+#include "Support/AppHarness.h"
+
+extern char** environ;
+
+using namespace corvex;
+using namespace corvex::apptest;
+
+namespace {
+
+std::string readFile(const std::string& path) {
+    std::ifstream file(path);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+int shell(const std::string& command) {
+    return std::system(command.c_str());
+}
+
+// The whole corvex-app as a user starts it, driven from outside with xdotool.
+class AppProcess {
+public:
+    AppProcess() {
+        char pattern[] = "/tmp/corvex-proc-XXXXXX";
+        base_ = ::mkdtemp(pattern);
+        std::filesystem::create_directories(base_ + "/rt");
+        std::filesystem::permissions(base_ + "/rt", std::filesystem::perms::owner_all);
+        std::filesystem::create_directories(base_ + "/home");
+        std::string app = std::string(std::getenv("CORVEX_BUILD_BIN")) + "/corvex-app";
+        std::vector<std::string> env;
+        for (char** entry = environ; *entry; ++entry) {
+            std::string item = *entry;
+            if (item.rfind("HOME=", 0) == 0 || item.rfind("XDG_", 0) == 0 || item.rfind("CORVEXD_RUNTIME_DIR=", 0) == 0)
+                continue;
+            env.push_back(item);
+        }
+        env.push_back("HOME=" + base_ + "/home");
+        env.push_back("CORVEXD_RUNTIME_DIR=" + base_ + "/rt");
+        std::vector<char*> envp;
+        for (auto& item : env) envp.push_back(item.data());
+        envp.push_back(nullptr);
+        char* argv[] = {app.data(), nullptr};
+        ::posix_spawn(&pid_, app.c_str(), nullptr, nullptr, argv, envp.data());
+    }
+
+    ~AppProcess() {
+        if (reader_) reader_->stop();
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        shell("CORVEXD_RUNTIME_DIR='" + base_ + "/rt' '" + std::getenv("CORVEXD_BIN") + "' shutdown >/dev/null 2>&1");
+        std::filesystem::remove_all(base_);
+    }
+
+    CorvexdBackend& reader() {
+        if (!reader_) {
+            reader_ = CorvexdBackend::make(CorvexdBackend::Configuration::socket(base_ + "/rt/corvexd.sock", "tests"));
+            reader_->start();
+        }
+        return *reader_;
+    }
+
+    std::optional<uint64_t> firstPane() {
+        try {
+            ModelState state = reader().getState();
+            if (state.workspaces.empty() || state.workspaces[0].name != "Workspace 1") return std::nullopt;
+            return state.workspaces[0].tabs.at(0).activePane;
+        } catch (const std::exception&) {
+            reader_.reset();
+            return std::nullopt;
+        }
+    }
+
+    std::string paneText(uint64_t pane) {
+        try {
+            return reader().paneText(pane).text();
+        } catch (const std::exception&) {
+            return {};
+        }
+    }
+
+    // The exit status once it has ended, or absent.
+    std::optional<int> exitStatus(std::chrono::milliseconds timeout) {
+        auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < deadline) {
+            int status = 0;
+            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            QTest::qWait(50);
+        }
+        return std::nullopt;
+    }
+
+    pid_t pid() const { return pid_; }
+    std::string log() const { return readFile(base_ + "/home/.local/state/Corvex/Corvex.log"); }
+
+private:
+    std::string base_;
+    pid_t pid_ = -1;
+    std::shared_ptr<CorvexdBackend> reader_;
+};
+
+TEST(AppProcessTest, TheAppTakesKeysFromTheWindowSystemAndQuitsOnSigterm) {
+    AppProcess app;
+    std::optional<uint64_t> pane;
+    ASSERT_TRUE(eventually([&] { return (pane = app.firstPane()).has_value(); }, 30s)) << app.log();
+    ASSERT_TRUE(eventually([&] { return app.paneText(*pane).find_first_not_of(" \n") != std::string::npos; }, 30s));
+
+    // A click into the pane, then keys typed as X events: they reach the shell. Xvfb has no
+    // window manager, so the click is what gives the window the keyboard.
+    std::string find = "$(xdotool search --sync --pid " + std::to_string(app.pid()) + " --name 'Workspace 1' | head -1)";
+    ASSERT_EQ(shell("eval $(xdotool getwindowgeometry --shell " + find +
+                    ") && xdotool mousemove --sync $((X+700)) $((Y+400)) click 1"),
+              0);
+    ASSERT_EQ(shell("xdotool type --delay 20 'echo from-xdotool-$((2*21))' && xdotool key Return"), 0);
+    EXPECT_TRUE(eventually([&] { return app.paneText(*pane).find("from-xdotool-42") != std::string::npos; }, 20s))
+        << app.paneText(*pane);
+
+    ::kill(app.pid(), SIGTERM);
+    EXPECT_EQ(app.exitStatus(20s), 0);
+    std::string log = app.log();
+    EXPECT_NE(log.find(" quitting: SIGTERM\n"), std::string::npos) << log;
+    EXPECT_NE(log.find(" backend: corvexd from "), std::string::npos) << log;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    return corvex::apptest::runWindowTests(argc, argv);
+}
