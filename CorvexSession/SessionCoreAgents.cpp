@@ -66,7 +66,6 @@ void SessionCore::decide(uint64_t pane, const std::string& request, PermissionDe
     if (!holds(agent, request)) throw answered();
     auto& requests = *agent->requests;
     requests.erase(std::find_if(requests.begin(), requests.end(), [&](const auto& r) { return r.id == request; }));
-    if (requests.empty()) agent->requests = std::nullopt;
     // The agent goes back to work once its hook hands the answer over.
     agent->attention = false;
     agents_.decide(request, decision, message);

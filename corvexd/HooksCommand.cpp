@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -42,9 +43,9 @@ std::optional<std::string> readFile(const std::string& path) {
 }
 
 void makeDirectory(const std::string& path) {
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-        throw DaemonError("can't make " + path + ": " + std::strerror(errno));
-    }
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    if (error) throw DaemonError("can't make " + path + ": " + error.message());
 }
 
 // One agent's file and the edits of it.

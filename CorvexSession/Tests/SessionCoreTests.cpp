@@ -341,7 +341,9 @@ TEST_F(CoreFixture, ReportsLeaveAgentAttentionAloneAndKeystrokesClearIt) {
     EXPECT_TRUE(core->state().pane(pane)->agent->attention.value_or(false));
     core->sendInput(pane, asBytes("\x1b[A")); // an arrow key is an answer
     EXPECT_FALSE(core->state().pane(pane)->agent->attention.value_or(false));
-    EXPECT_EQ(take().size(), 1u);
+    auto told = take();
+    ASSERT_EQ(told.size(), 2u) << "the pane, then its agent";
+    EXPECT_TRUE(told[1].as<SessionEvent::Agent>());
 
     core->sendKeys(pane, std::string("ls"), {"enter", "tab", "esc", "backspace"});
     expectError([&] { core->sendKeys(pane, std::string("no"), {"enter", "f13"}); }, "bad_request", "unknown key f13");
