@@ -123,6 +123,8 @@ TerminalPainter::CellLook TerminalPainter::look(const vellum::RenderSnapshotCell
     out.underline = a.underlineStyle;
     if (out.underline == vellum::UnderlineStyle::none && a.style.contains(vellum::CharacterStyle::underline))
         out.underline = vellum::UnderlineStyle::single;
+    // Links a program printed are marked the way desktop terminals mark them.
+    if (out.underline == vellum::UnderlineStyle::none && cell.payloadID) out.underline = vellum::UnderlineStyle::dashed;
     if (out.underline != vellum::UnderlineStyle::none) out.underlineColor = a.underlineColor ? resolve(*a.underlineColor, true) : out.fg;
     out.strike = a.style.contains(vellum::CharacterStyle::crossedOut);
     return out;

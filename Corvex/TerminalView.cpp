@@ -2,6 +2,8 @@
 
 #include <QApplication>
 #include <QClipboard>
+#include <QDesktopServices>
+#include <QUrl>
 #include <QGuiApplication>
 #include <QInputMethodEvent>
 #include <QKeyEvent>
@@ -9,11 +11,13 @@
 #include <QPaintEvent>
 #include <QPainter>
 #include <QWheelEvent>
+#include <any>
 #include <cmath>
 
 #include "Corvex/TerminalKeyMapping.h"
 #include "Vellum/KeyEncoder.h"
 #include "Vellum/Terminal.h"
+#include "Vellum/TinyAtom.h"
 
 namespace corvex {
 
@@ -105,6 +109,7 @@ TerminalView::TerminalView(QWidget* parent)
         terminal_->updatePixelGeometry(cellSize().width(), cellSize().height());
     });
     applyTheme();
+    attachGLSurface();
     renderNow(); // the first paint shows the theme's colours, not an empty snapshot's
 }
 
@@ -317,6 +322,8 @@ void TerminalView::scrollToBottom() { scrollLines(-(terminal_->buffer().yBase - 
 
 void TerminalView::sendUserInput(std::string_view bytes) {
     if (bytes.empty()) return;
+    // The pointer hides while typing, and comes back when the mouse moves.
+    if (underMouse()) setCursor(Qt::BlankCursor);
     scrollToBottom();
     restartBlink();
     if (onInput) onInput(std::vector<uint8_t>(bytes.begin(), bytes.end()));
@@ -457,6 +464,13 @@ void TerminalView::mousePressEvent(QMouseEvent* event) {
         }
         return;
     }
+    if (event->button() == Qt::LeftButton && event->modifiers().testFlag(Qt::ControlModifier)) {
+        if (auto url = linkAt(position)) {
+            if (onOpenLink) onOpenLink(*url);
+            else QDesktopServices::openUrl(QUrl(QString::fromStdString(*url)));
+            return;
+        }
+    }
     if (event->button() == Qt::LeftButton) {
         bool triple = sinceDoubleClick_.isValid() && sinceDoubleClick_.elapsed() < QApplication::doubleClickInterval() &&
                       (position - doubleClickAt_).manhattanLength() < 6;
@@ -477,6 +491,9 @@ void TerminalView::mouseDoubleClickEvent(QMouseEvent* event) {
 
 void TerminalView::mouseMoveEvent(QMouseEvent* event) {
     QPointF position = event->position();
+    // An arrow says that the program has the mouse; a text beam that the mouse selects.
+    Qt::CursorShape shape = mouseReportsGo(event->modifiers()) ? Qt::ArrowCursor : Qt::IBeamCursor;
+    if (cursor().shape() != shape) setCursor(shape);
     bool anyMotion = terminal_->mouseMode == int(vellum::MouseTracking::anyEvent) && mouseReportsGo(event->modifiers());
     if (reportedButton_ || anyMotion) {
         CellHit hit = hitTest(position);
@@ -512,6 +529,21 @@ void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
         dragScroll_.stop();
         publishSelection();
     }
+}
+
+std::optional<std::string> TerminalView::linkAt(QPointF position) const {
+    CellHit hit = hitTest(position);
+    if (size_t(hit.row) >= snapshot_.rows().size()) return std::nullopt;
+    const auto& cells = snapshot_.rows()[size_t(hit.row)].row.cells;
+    if (!cells || size_t(hit.col) >= cells->size()) return std::nullopt;
+    int col = hit.col;
+    if (col > 0 && (*cells)[size_t(col)].widthState == vellum::RenderSnapshotWidthState::spacerTail) --col;
+    auto code = (*cells)[size_t(col)].payloadID;
+    if (!code) return std::nullopt;
+    auto target = vellum::TinyAtom{*code}.target();
+    const auto* payload = target ? std::any_cast<std::string>(&*target) : nullptr;
+    if (!payload) return std::nullopt;
+    return vellum::Terminal::parseHyperlinkPayload(*payload);
 }
 
 void TerminalView::selectAt(QPointF position, SelectionUnit unit) {

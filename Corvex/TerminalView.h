@@ -25,6 +25,8 @@ class Terminal;
 
 namespace corvex {
 
+class TerminalGLSurface;
+
 // A pane's terminal on the screen. It owns a terminal with no process of its own: the
 // session's output is fed in from the backend and drawn here, and what the user does becomes
 // bytes for the program through `onInput`. Drawing is QPainter from the snapshot, repainting
@@ -81,6 +83,8 @@ public:
     std::function<void(std::string title)> onTitle;
     std::function<void()> onBell;
     std::function<void()> onFocusIn; // the view took the keyboard
+    // Ctrl+click on a link a program printed (OSC 8); when unset the desktop opens it.
+    std::function<void(std::string url)> onOpenLink;
 
     QSize sizeHint() const override;
     QVariant inputMethodQuery(Qt::InputMethodQuery query) const override;
@@ -115,6 +119,11 @@ private:
     template <typename Change>
     void quietly(Change&& change);
     void applyTheme();
+    // Draws through the GPU surface unless it is turned off or can't be made.
+    void attachGLSurface();
+    // Every repaint of the view also reaches the GPU surface while it draws the view.
+    void update();
+    void update(const QRect& area);
 
     // Pointer helpers.
     struct CellHit {
@@ -128,6 +137,7 @@ private:
     void selectAt(QPointF position, SelectionUnit unit);
     void extendSelectionTo(QPointF position);
     void dragScrollTick();
+    std::optional<std::string> linkAt(QPointF position) const;
     void publishSelection();
     int historyTopRow() const; // buffer row of the first shown row
 
@@ -164,6 +174,7 @@ private:
     vellum::WheelDistanceAccumulator<vellum::WheelRoute> wheelAccumulator_;
     vellum::WheelReportBudget wheelBudget_;
     QElapsedTimer clock_;
+    TerminalGLSurface* glSurface_ = nullptr;
 };
 
 } // namespace corvex

@@ -121,7 +121,7 @@ void FakeBackend::setTerminalColors(const std::optional<TerminalColors>& colors)
 
 void FakeBackend::decide(uint64_t pane, const std::string& request, PermissionDecision decision,
                          const std::optional<std::string>& message) {
-    core_->decide(pane, request);
+    core_->decide(pane, request, decision, message);
     std::lock_guard guard(lock_);
     decisions_.push_back(FakeDecision{pane, request, decision, message});
 }

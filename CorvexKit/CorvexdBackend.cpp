@@ -27,7 +27,9 @@ struct CorvexdBackend::PendingReply {
     std::condition_variable finished;
     bool done = false;
     json result;
-    std::optional<BackendError> error;
+    // The failure's words, not the exception: a copied exception shares its message with the
+    // original, and the waiter and the one who failed it are on different threads.
+    std::optional<std::pair<std::string, std::string>> error;
 
     void resolve(json value) {
         std::lock_guard guard(mutex);
@@ -38,14 +40,14 @@ struct CorvexdBackend::PendingReply {
     void fail(const BackendError& failure) {
         std::lock_guard guard(mutex);
         if (done) return;
-        error = failure;
+        error.emplace(failure.code(), failure.message());
         done = true;
         finished.notify_all();
     }
     json wait() {
         std::unique_lock guard(mutex);
         finished.wait(guard, [&] { return done; });
-        if (error) throw *error;
+        if (error) throw BackendError(error->first, error->second);
         return std::move(result);
     }
 };

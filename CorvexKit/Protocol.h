@@ -257,6 +257,41 @@ struct AgentHistoryCall : Ungated {
     std::optional<double> since;
 };
 
+// A status hook's report, sent by the hook command that runs inside a pane to that pane's
+// daemon. The answer names the request a permission request is held open under.
+struct AgentReport : Ungated {
+    static constexpr std::string_view name = "agent.report";
+    struct Result {
+        std::optional<std::string> request;
+        bool operator==(const Result&) const = default;
+    };
+    uint64_t pane = 0;
+    std::string kind;  // "claude", "codex"
+    std::string event; // the agent's own name of what happened: "Stop", "agent-turn-complete", ...
+    std::optional<int32_t> pid;
+    std::optional<std::string> session;
+    std::optional<std::string> message;
+    std::optional<std::string> prompt;
+    std::optional<std::string> tool;
+    std::optional<std::string> toolInput;
+};
+
+// A held permission request as the hook waiting on it sees it: still open, answered, or
+// gone unanswered.
+struct AgentVerdict {
+    bool open = false;
+    std::optional<PermissionDecision> decision;
+    std::optional<std::string> message;
+    bool operator==(const AgentVerdict&) const = default;
+};
+
+struct AgentVerdictCall : Ungated {
+    static constexpr std::string_view name = "agent.verdict";
+    using Result = AgentVerdict;
+    uint64_t pane = 0;
+    std::string request;
+};
+
 struct SettingsGet : Ungated {
     static constexpr std::string_view name = "settings.get";
     using Result = DaemonSettings;
@@ -334,7 +369,7 @@ struct PushActivityEnd : Ungated {
     X(WorkspaceClose) X(TabCreate) X(TabRename) X(TabClose) X(PaneSplit) X(PaneClose) X(SplitSetRatio) X(FocusCall)  \
     X(PaneSubscribe) X(PaneUnsubscribe) X(PaneViewport) X(PaneResize) X(PaneFocus) X(PaneKeys)                        \
     X(PaneDismissRestored) X(PaneTextCall) X(PaneSearch) X(WorkspaceMove) X(TabMove) X(PaneMove) X(TabJoin)          \
-    X(AgentAck) X(AgentMute) X(AgentDecide) X(AgentHistoryCall) X(SettingsGet) X(SettingsSet) X(ServiceStatus)       \
+    X(AgentAck) X(AgentMute) X(AgentDecide) X(AgentHistoryCall) X(AgentReport) X(AgentVerdictCall) X(SettingsGet) X(SettingsSet) X(ServiceStatus)       \
     X(ServiceInstall) X(ServiceUninstall) X(PushRegister) X(PushUnregister) X(PushList) X(PushActivities)            \
     X(PushTest) X(PushActivityStart) X(PushActivityEnd)
 

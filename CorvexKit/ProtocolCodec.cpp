@@ -396,6 +396,36 @@ void decodeParams(const json& j, AgentHistoryCall& c) {
     c.since = p.optional<double>("since");
 }
 
+json encodeParams(const AgentReport& c) {
+    json out{{"pane", c.pane}, {"kind", c.kind}, {"event", c.event}};
+    putOptional(out, "pid", c.pid);
+    putOptional(out, "session", c.session);
+    putOptional(out, "message", c.message);
+    putOptional(out, "prompt", c.prompt);
+    putOptional(out, "tool", c.tool);
+    putOptional(out, "tool_input", c.toolInput);
+    return out;
+}
+void decodeParams(const json& j, AgentReport& c) {
+    Params p(j);
+    c.pane = p.required<uint64_t>("pane");
+    c.kind = p.required<std::string>("kind");
+    c.event = p.required<std::string>("event");
+    c.pid = p.optional<int>("pid");
+    c.session = p.optional<std::string>("session");
+    c.message = p.optional<std::string>("message");
+    c.prompt = p.optional<std::string>("prompt");
+    c.tool = p.optional<std::string>("tool");
+    c.toolInput = p.optional<std::string>("tool_input");
+}
+
+json encodeParams(const AgentVerdictCall& c) { return json{{"pane", c.pane}, {"request", c.request}}; }
+void decodeParams(const json& j, AgentVerdictCall& c) {
+    Params p(j);
+    c.pane = p.required<uint64_t>("pane");
+    c.request = p.required<std::string>("request");
+}
+
 json encodeParams(const SettingsGet&) { return json(); }
 void decodeParams(const json&, SettingsGet&) {}
 json encodeParams(const SettingsSet& c) { return toJSON(c.change); }
@@ -471,7 +501,28 @@ std::vector<T> listFrom(const json& result, const char* key) {
 json encodeResultValue(const NoResult&) { return json::object(); }
 json encodeResultValue(const std::vector<PushDevice>& devices) { return listUnder("devices", devices); }
 json encodeResultValue(const std::vector<PushActivity>& activities) { return listUnder("activities", activities); }
+json encodeResultValue(const AgentReport::Result& result) {
+    json out = json::object();
+    putOptional(out, "request", result.request);
+    return out;
+}
+json encodeResultValue(const AgentVerdict& verdict) {
+    json out{{"open", verdict.open}};
+    if (verdict.decision) out["decision"] = wireName(*verdict.decision);
+    putOptional(out, "message", verdict.message);
+    return out;
+}
 void decodeResultValue(const json&, NoResult&) {}
+void decodeResultValue(const json& result, AgentReport::Result& out) {
+    Params p(result);
+    out.request = p.optional<std::string>("request");
+}
+void decodeResultValue(const json& result, AgentVerdict& out) {
+    Params p(result);
+    out.open = p.optional<bool>("open").value_or(false);
+    out.decision = p.optional<PermissionDecision>("decision");
+    out.message = p.optional<std::string>("message");
+}
 void decodeResultValue(const json& result, std::vector<PushDevice>& out) { out = listFrom<PushDevice>(result, "devices"); }
 void decodeResultValue(const json& result, std::vector<PushActivity>& out) {
     out = listFrom<PushActivity>(result, "activities");

@@ -31,6 +31,8 @@ M decodeParams(const nlohmann::json& params) {
 nlohmann::json encodeResultValue(const NoResult&);
 nlohmann::json encodeResultValue(const std::vector<PushDevice>& devices);
 nlohmann::json encodeResultValue(const std::vector<PushActivity>& activities);
+nlohmann::json encodeResultValue(const AgentReport::Result& result);
+nlohmann::json encodeResultValue(const AgentVerdict& verdict);
 template <typename T>
 nlohmann::json encodeResultValue(const T& value) {
     return toJSON(value);
@@ -39,6 +41,8 @@ nlohmann::json encodeResultValue(const T& value) {
 void decodeResultValue(const nlohmann::json& result, NoResult& out);
 void decodeResultValue(const nlohmann::json& result, std::vector<PushDevice>& out);
 void decodeResultValue(const nlohmann::json& result, std::vector<PushActivity>& out);
+void decodeResultValue(const nlohmann::json& result, AgentReport::Result& out);
+void decodeResultValue(const nlohmann::json& result, AgentVerdict& out);
 template <typename T>
 void decodeResultValue(const nlohmann::json& result, T& out) {
     out = decodeJSON<T>(result);

@@ -647,10 +647,11 @@ void SessionCore::sendInput(uint64_t pane, ByteView bytes) {
         if (found == panes_.end()) return; // a write to a pane that has gone is dropped
         process = found->second.process;
         if (!isReport(bytes)) {
-            auto& state = statePane(pane);
-            if (state.agent && state.agent->attention.value_or(false)) {
-                state.agent->attention = false;
-                publishPane(batch, pane);
+            // Typing into the pane is an answer to its agent.
+            auto agent = statePane(pane).agent;
+            if (agent && agent->attention.value_or(false)) {
+                agent->attention = false;
+                changeAgent(batch, pane, agent);
             }
         }
     }
@@ -669,52 +670,10 @@ void SessionCore::sendKeys(uint64_t pane, const std::optional<std::string>& text
     if (!keyBytes.empty()) sendInput(pane, keyBytes);
 }
 
-void SessionCore::ackAgent(uint64_t pane) {
-    Batch batch(*this);
-    auto& state = statePane(pane);
-    if (state.agent && state.agent->attention.value_or(false)) {
-        state.agent->attention = false;
-        publishPane(batch, pane);
-    }
-}
-
-void SessionCore::muteAgent(uint64_t pane, bool muted) {
-    Batch batch(*this);
-    auto index = indexOfPane(state_, pane);
-    if (!index || !state_.panes[*index].agent) {
-        throw BackendError("not_found", "no agent in pane " + std::to_string(pane));
-    }
-    auto& agent = *state_.panes[*index].agent;
-    agent.muted = muted;
-    publishPane(batch, pane);
-    batch.push(SessionEvent::Agent{pane, agent});
-}
-
-void SessionCore::decide(uint64_t pane, const std::string& request) {
-    Batch batch(*this);
-    auto index = indexOfPane(state_, pane);
-    auto answered = [&] { return BackendError("not_found", request + " was already answered or retired"); };
-    if (!index || !state_.panes[*index].agent || !state_.panes[*index].agent->requests) throw answered();
-    auto& agent = *state_.panes[*index].agent;
-    auto& requests = *agent.requests;
-    auto found = std::find_if(requests.begin(), requests.end(), [&](const auto& r) { return r.id == request; });
-    if (found == requests.end()) throw answered();
-    requests.erase(found);
-    publishPane(batch, pane);
-    batch.push(SessionEvent::Agent{pane, agent});
-}
-
 void SessionCore::dismissRestored(uint64_t pane) {
     Batch batch(*this);
     statePane(pane).restored = std::nullopt;
     publishPane(batch, pane);
-}
-
-void SessionCore::setAgent(uint64_t pane, const std::optional<AgentInfo>& info) {
-    Batch batch(*this);
-    statePane(pane).agent = info;
-    publishPane(batch, pane);
-    batch.push(SessionEvent::Agent{pane, info});
 }
 
 void SessionCore::setRestored(uint64_t pane, const std::optional<PaneRestore>& restored) {

@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "CorvexKit/SessionBackend.h"
+#include "CorvexSession/AgentTracker.h"
+#include "CorvexSession/PaneGitWatcher.h"
 
 namespace vellum {
 class Terminal;
@@ -171,8 +173,16 @@ public:
 
     void ackAgent(uint64_t pane);
     void muteAgent(uint64_t pane, bool muted);
-    // The answered request; raises when the pane has no such request.
-    void decide(uint64_t pane, const std::string& request);
+    // Answers a held permission request for the hook that waits on it; raises when the pane
+    // has no such request.
+    void decide(uint64_t pane, const std::string& request, PermissionDecision decision = PermissionDecision::allow,
+                const std::optional<std::string>& message = std::nullopt);
+    // A status hook's report; the id of the permission request it holds open, if any.
+    // Raises when the pane is unknown.
+    std::optional<std::string> reportAgent(const AgentReport& report);
+    // What the hook holding `request` is to answer its agent.
+    AgentVerdict agentVerdict(uint64_t pane, const std::string& request);
+    AgentHistory agentHistory(uint64_t pane, std::optional<int> limit, std::optional<double> since) const;
     void dismissRestored(uint64_t pane);
     void setAgent(uint64_t pane, const std::optional<AgentInfo>& info);
     void setRestored(uint64_t pane, const std::optional<PaneRestore>& restored);
@@ -192,6 +202,12 @@ public:
 
     // Asks each pane's program for its directory and publishes the changes.
     void pollWorkingDirectories();
+    // Asks git about each pane's folder and publishes what changed. Runs git, so it is called
+    // from one timer thread, never under a caller's lock.
+    void pollGit();
+    // Looks at each pane's foreground program and screen for agents without hooks, and at
+    // each hook-reported agent's process; publishes what changed. From one timer thread.
+    void pollAgents();
     // What a pane's terminal learned from the output.
     void paneChanged(uint64_t pane, const std::optional<std::string>& title, const std::optional<std::string>& cwd,
                      bool bell);
@@ -218,6 +234,8 @@ private:
     void paneTerminated(uint64_t pane, std::optional<int32_t> exitCode);
 
     void publishState(Batch& batch);
+    // Sets the pane's agent, records the change and tells the listener.
+    void changeAgent(Batch& batch, uint64_t pane, const std::optional<AgentInfo>& agent);
     void publishPane(Batch& batch, uint64_t pane);
     void removeFromLayout(uint64_t pane);
     std::vector<std::shared_ptr<PaneProcess>> detach(const std::vector<uint64_t>& panes);
@@ -246,6 +264,9 @@ private:
     int scrollbackLines_ = 0;
     std::optional<TerminalColors> colors_;
     std::map<uint64_t, PaneRecord> panes_;
+    AgentTracker agents_;
+    PaneGitWatcher git_; // used by pollGit's thread alone
+    std::map<uint64_t, uint64_t> agentScreenSeq_; // used by pollAgents's thread alone
 };
 
 } // namespace corvex

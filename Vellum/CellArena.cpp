@@ -118,8 +118,9 @@ namespace {
 
 constexpr uint32_t occupiedSlot = 0x80000000;
 
-// Middle bits of the hash: the slot index takes the top ones.
-uint32_t slotTag(uint64_t hash) { return occupiedSlot | uint32_t(hash >> 24 & 0x7FFF) << 16; }
+// Only the top bits of the hash are well mixed (a low bit of a product depends only on the
+// factors' lower bits), and the slot index takes those; the tag is cut from a second mix.
+uint32_t slotTag(uint64_t hash) { return occupiedSlot | uint32_t(CellArena::remix(hash) >> 49) << 16; }
 
 } // namespace
 

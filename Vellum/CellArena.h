@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -138,6 +139,12 @@ private:
     static uint64_t cacheHash(const InternedAttributeKey& key) {
         return ((key.word1 * 0x9E3779B97F4A7C15ull) ^ key.word0) * 0xBF58476D1CE4E5B9ull;
     }
+
+public:
+    // The hash mixed again so that its lower bits depend on all of the key too.
+    static uint64_t remix(uint64_t hash) { return std::rotr(hash, 32) * 0x94D049BB133111EBull; }
+
+private:
     std::optional<PackedCell> packCluster(uint16_t styleID, std::u32string_view scalars, uint8_t widthState,
                                           uint16_t payloadCode, uint8_t semanticContentCode, bool isProtected);
     std::optional<PackedCell> packInlineBackground(const Attribute& attribute, uint8_t widthState, uint16_t payloadCode,
@@ -161,7 +168,7 @@ private:
     static constexpr int cacheBits = 10, presenceBits = 19;
     std::vector<CacheEntry> attributeCache = std::vector<CacheEntry>(size_t(1) << cacheBits);
     std::vector<uint64_t> attributePresence = std::vector<uint64_t>((size_t(1) << presenceBits) / 64);
-    static size_t presenceBit(uint64_t hash) { return size_t(hash >> 20) & ((size_t(1) << presenceBits) - 1); }
+    static size_t presenceBit(uint64_t hash) { return size_t(remix(hash) >> 30) & ((size_t(1) << presenceBits) - 1); }
     bool mayBePresent(uint64_t hash) const {
         size_t bit = presenceBit(hash);
         return (attributePresence[bit / 64] >> (bit % 64)) & 1;

@@ -443,7 +443,12 @@ void Terminal::windowOptions(CsiParameters pars) {
 void Terminal::windowReport(WindowManipulationCommand::Kind kind) {
     using Kind = WindowManipulationCommand::Kind;
     std::string csi(csiIntroducer(cc));
-    auto oscString = [&](const std::string& body) { return std::string(oscIntroducer(cc)) + body + std::string(stringTerminator(cc)); };
+    auto oscString = [&](char kind, const std::string& text) {
+        std::string out(oscIntroducer(cc));
+        out.push_back(kind);
+        out.append(text).append(stringTerminator(cc));
+        return out;
+    };
     auto report = [&](int code, int first, int second) {
         sendResponse(csi + std::to_string(code) + ";" + std::to_string(first) + ";" + std::to_string(second) + "t");
     };
@@ -467,8 +472,8 @@ void Terminal::windowReport(WindowManipulationCommand::Kind kind) {
     case Kind::reportCellSizeInPixels:
         if (pixelsKnown) report(6, cellHeight, cellWidth);
         break;
-    case Kind::reportIconLabel: sendResponse(oscString("L" + reportableTitle(iconTitle))); break;
-    case Kind::reportWindowTitle: sendResponse(oscString("l" + reportableTitle(terminalTitle))); break;
+    case Kind::reportIconLabel: sendResponse(oscString('L', reportableTitle(iconTitle))); break;
+    case Kind::reportWindowTitle: sendResponse(oscString('l', reportableTitle(terminalTitle))); break;
     default: break; // moving, resizing and stacking a pane are the host's business
     }
 }

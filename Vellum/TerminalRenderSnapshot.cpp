@@ -69,7 +69,7 @@ RenderSnapshotCells RenderSnapshotCache::cellsFor(const BufferLine& line) {
 }
 
 void RenderSnapshotCache::prune(const std::vector<Stamp>& keep) {
-    if (rows.size() <= std::max<size_t>(keep.size() * 4, 256)) return;
+    if (rows.size() <= keep.size() * 2 + 16) return;
     std::unordered_set<uint64_t> shown;
     for (const Stamp& stamp : keep) shown.insert(stamp.identity);
     std::erase_if(rows, [&](const auto& entry) { return !shown.contains(entry.first); });

@@ -2,9 +2,11 @@
 
 #include <iostream>
 
+#include "corvexd/AgentHookCommand.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/Bridge.h"
 #include "corvexd/CommandSupport.h"
+#include "corvexd/HooksCommand.h"
 #include "corvexd/InstallCommand.h"
 #include "corvexd/Lifecycle.h"
 #include "corvexd/RuntimeDirectory.h"
@@ -16,7 +18,7 @@ namespace corvexd {
 namespace {
 
 const char* usage =
-    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status --print-socket | status --print-builds\n";
+    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status --print-socket | status --print-builds | hooks\n";
 
 } // namespace
 
@@ -44,6 +46,9 @@ int runCommand(const std::vector<std::string>& arguments) {
         }
         if (command == "status") return status(rest);
         if (command == "install") return installCommand(rest);
+        if (command == "hooks") return hooksCommand(rest);
+        if (command == "corvex-agent-status") return agentStatusCommand(rest);
+        if (command == "corvex-notify") return agentNotifyCommand(rest);
     } catch (const DaemonError& error) {
         return fail(error.what());
     }

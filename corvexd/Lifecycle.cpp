@@ -104,7 +104,10 @@ int serve() {
     options.stopFd = stopFd;
     {
         Server server(options);
-        auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(), corvex::currentSessionCoreEnvironment());
+        auto environment = corvex::currentSessionCoreEnvironment();
+        // A status hook run in a pane reports to the daemon of that pane.
+        environment.variables["CORVEXD_RUNTIME_DIR"] = directory.path();
+        auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(), std::move(environment));
         SessionServiceOptions service;
         auto config = platform::environmentValue("CORVEXD_CONFIG");
         service.settingsPath = config.empty() ? directory.path() + "/settings.json" : config;
@@ -116,6 +119,16 @@ int serve() {
         std::weak_ptr<corvex::SessionCore> weak = core;
         directories.scheduleRepeating(std::chrono::milliseconds(1500), [weak] {
             if (auto held = weak.lock()) held->pollWorkingDirectories();
+        });
+        // Branches move under the panes too; git is asked at most once a second a repository.
+        platform::TimerThread repositories("corvexd.git");
+        repositories.scheduleRepeating(std::chrono::milliseconds(1000), [weak] {
+            if (auto held = weak.lock()) held->pollGit();
+        });
+        // Agents without hooks are read off their terminals.
+        platform::TimerThread agents("corvexd.agents");
+        agents.scheduleRepeating(std::chrono::milliseconds(1000), [weak] {
+            if (auto held = weak.lock()) held->pollAgents();
         });
         server.run();
         // The shells end with the daemon: their terminals hang up.

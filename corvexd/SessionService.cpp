@@ -165,7 +165,25 @@ void servePanes(Server& s, const Core& core) {
 void serveAgents(Server& s, const Core& core) {
     serve<protocol::AgentAck>(s, [core](const auto& p, MethodCall&) { core->ackAgent(p.pane); });
     serve<protocol::AgentMute>(s, [core](const auto& p, MethodCall&) { core->muteAgent(p.pane, p.muted); });
-    serve<protocol::AgentDecide>(s, [core](const auto& p, MethodCall&) { core->decide(p.pane, p.request); });
+    serve<protocol::AgentDecide>(s, [core](const auto& p, MethodCall&) {
+        core->decide(p.pane, p.request, p.decision, p.message);
+    });
+    serve<protocol::AgentHistoryCall>(s, [core](const auto& p, MethodCall&) {
+        core->requirePane(p.pane);
+        return core->agentHistory(p.pane, p.limit, p.since);
+    });
+    serve<protocol::AgentReport>(s, [core](const auto& p, MethodCall&) {
+        return protocol::AgentReport::Result{core->reportAgent(p)};
+    });
+    serve<protocol::AgentVerdictCall>(s, [core](const auto& p, MethodCall&) {
+        return core->agentVerdict(p.pane, p.request);
+    });
+    using F = corvex::Hello::Feature;
+    std::vector<std::string> features;
+    for (auto feature : {F::agents, F::agentReportPid, F::agentMute, F::agentHistory, F::agentDecide, F::git}) {
+        features.emplace_back(corvex::Hello::wireName(feature));
+    }
+    s.addFeatures(features);
 }
 
 void serveSettings(Server& server, const Core& core, const SessionServiceOptions& options) {

@@ -362,12 +362,15 @@ TEST_F(TerminalViewTest, MouseReportsAndTheShiftBypass) {
     mouse(QEvent::MouseButtonRelease, center(1, 0), Qt::RightButton);
     EXPECT_EQ(take(), "\x1b[<18;1;1M\x1b[<34;2;1M\x1b[<2;2;1m");
 
+    EXPECT_EQ(view->cursor().shape(), Qt::ArrowCursor); // the program has the mouse
+
     // With Shift the mouse selects instead.
     mouse(QEvent::MouseButtonPress, cellRect(1, 0).topLeft(), Qt::LeftButton, Qt::ShiftModifier);
     mouse(QEvent::MouseMove, cellRect(4, 0).topLeft(), Qt::LeftButton, Qt::ShiftModifier);
     mouse(QEvent::MouseButtonRelease, cellRect(4, 0).topLeft(), Qt::LeftButton, Qt::ShiftModifier);
     EXPECT_EQ(take(), "");
     EXPECT_EQ(view->selectedText(), "bcd");
+    EXPECT_EQ(view->cursor().shape(), Qt::IBeamCursor);
 }
 
 TEST_F(TerminalViewTest, WordAndLineSelectionCopyAndBracketedPaste) {
@@ -467,6 +470,20 @@ TEST_F(TerminalViewTest, WheelScrollsHistoryOrGoesToTheProgram) {
     feed("\x1b[?1000l");
     wheel(center(1, 1), -120); // no mouse mode: alternate scroll sends cursor keys
     EXPECT_EQ(take(), "\x1b[B\x1b[B\x1b[B");
+}
+
+TEST_F(TerminalViewTest, CtrlClickOpensALink) {
+    std::vector<std::string> opened;
+    view->onOpenLink = [&](std::string url) { opened.push_back(std::move(url)); };
+    feed("\x1b]8;id=1;https://example.com/a?b=1\x1b\\link\x1b]8;;\x1b\\ plain");
+    QImage image = shot();
+    EXPECT_GT(inkIn(image, QRect(cellRect(0, 0).left(), cellRect(0, 0).bottom() - 3, 4 * cell().width(), 4)),
+              inkIn(image, QRect(cellRect(5, 0).left(), cellRect(5, 0).bottom() - 3, 4 * cell().width(), 4)))
+        << "the link is underlined";
+    click(center(2, 0), Qt::ControlModifier);
+    click(center(6, 0), Qt::ControlModifier);
+    click(center(2, 0));
+    EXPECT_EQ(opened, std::vector<std::string>{"https://example.com/a?b=1"});
 }
 
 TEST_F(TerminalViewTest, OscClipboardTitleAndBell) {

@@ -43,6 +43,8 @@ const char* const usageText =
     "  search PANE QUERY [--regex] [--case-sensitive] [--limit N] [--before LINE:COL]\n"
     "  cat PANE [--no-snapshot]               the pane's output as it comes\n"
     "  attach PANE                            the pane in this terminal; Ctrl-\\ detaches\n"
+    "  agents                                 the agents, those that need you first\n"
+    "  decide PANE allow|deny [--message T]   answer the permission request of the pane's agent\n"
     "  run                                    attach to the focused pane, making one if none\n"
     "  watch [--count N]                      events as JSON lines\n"
     "\n"

@@ -318,6 +318,8 @@ const std::map<std::string, CommandSpec>& commands() {
         {"attach", {parseAttach, true}},
         {"run", {parseRun, true}},
         {"watch", {parseWatch}},
+        {"agents", {parseAgents}},
+        {"decide", {parseDecide}},
     };
     return table;
 }

@@ -25,5 +25,8 @@ CommandRun parseCat(Arguments& args);
 CommandRun parseAttach(Arguments& args);
 CommandRun parseRun(Arguments& args);
 CommandRun parseWatch(Arguments& args);
+// The agents, those that need the user first, and the answer to one's permission request.
+CommandRun parseAgents(Arguments& args);
+CommandRun parseDecide(Arguments& args);
 
 } // namespace corvex::cli

@@ -1,0 +1,160 @@
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QImage>
+#include <QMainWindow>
+#include <QTest>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <functional>
+
+#include "Corvex/TerminalGLSurface.h"
+#include "Corvex/TerminalView.h"
+
+using namespace corvex;
+
+namespace {
+
+bool eventually(const std::function<bool()>& condition, int timeoutMs = 5000) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() > timeoutMs) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        QTest::qSleep(2);
+    }
+    return true;
+}
+
+QColor rgb(RGB value) { return QColor((value >> 16) & 0xff, (value >> 8) & 0xff, value & 0xff); }
+
+int distance(QColor a, QColor b) {
+    return std::abs(a.red() - b.red()) + std::abs(a.green() - b.green()) + std::abs(a.blue() - b.blue());
+}
+
+// A pane's view in a window on the private X server, drawn by whichever path the environment picks.
+struct GLPane {
+    QMainWindow window;
+    TerminalView* view = new TerminalView;
+
+    GLPane() {
+        window.setCentralWidget(view);
+        view->resizeTerminal(24, 6);
+        view->setCursorBlinkTimeout(std::chrono::milliseconds(0));
+        window.resize(view->sizeHint());
+        window.show();
+        EXPECT_TRUE(QTest::qWaitForWindowExposed(&window));
+        window.activateWindow();
+        view->setFocus();
+        eventually([&] { return view->hasFocus(); }, 2000);
+    }
+    TerminalGLSurface* surface() const { return view->findChild<TerminalGLSurface*>(); }
+    void feed(std::string_view bytes) {
+        view->feedFromBackend({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+        view->renderNow();
+    }
+    QImage shot() {
+        view->renderNow();
+        QCoreApplication::processEvents();
+        return view->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    }
+    QSize cell() const { return view->cellSize(); }
+    QRect cellRect(int col, int row, int width = 1) const {
+        return {col * cell().width(), row * cell().height(), width * cell().width(), cell().height()};
+    }
+    QPoint center(int col, int row) const { return cellRect(col, row).center(); }
+    int count(const QImage& image, QRect area, const std::function<bool(QColor)>& test) const {
+        int n = 0;
+        for (int y = area.top(); y <= area.bottom(); ++y)
+            for (int x = area.left(); x <= area.right(); ++x) n += test(image.pixelColor(x, y));
+        return n;
+    }
+};
+
+struct ScopedEnv {
+    std::string name;
+    ScopedEnv(const char* n, const char* value) : name(n) { setenv(n, value, 1); }
+    ~ScopedEnv() { unsetenv(name.c_str()); }
+};
+
+} // namespace
+
+TEST(TerminalGLSurface, DrawsAKnownScreen) {
+    GLPane pane;
+    ASSERT_TRUE(pane.surface());
+    // Row 0: red "AB" on the default background, then a blue background cell, a CJK character,
+    // an emoji. Row 1: a box-drawing line across three cells, then a block. The cursor sits on
+    // row 2, column 1.
+    pane.feed("\x1b[31mAB\x1b[0m\x1b[44m \x1b[0m\xe4\xb8\xad\xf0\x9f\x98\x80\r\n"
+              "\xe2\x94\x80\xe2\x94\x80\xe2\x94\xbc\xe2\x96\x88\r\n"
+              " ");
+    QImage image = pane.shot();
+    if (const char* dir = std::getenv("CORVEX_SCREENSHOT_DIR")) image.save(QString(dir) + "/gl-known-screen.png");
+    QColor bg = rgb(pane.view->colors().background), fg = rgb(pane.view->colors().foreground);
+    QColor red = rgb(pane.view->colors().ansi->at(1)), blue = rgb(pane.view->colors().ansi->at(4));
+    EXPECT_GT(pane.surface()->framesDrawn(), 0u);
+
+    EXPECT_EQ(image.pixelColor(pane.cellRect(0, 3).topLeft()), bg);
+    // Text takes its colour: the red letters have red ink and nothing else.
+    int redInk = pane.count(image, pane.cellRect(0, 0, 2), [&](QColor c) { return distance(c, red) < 40; });
+    EXPECT_GT(redInk, 10);
+    EXPECT_EQ(pane.count(image, pane.cellRect(0, 0, 2), [&](QColor c) { return distance(c, fg) < 40; }), 0);
+    // The background cell is filled edge to edge, and nothing spills into its neighbours.
+    QRect blueCell = pane.cellRect(2, 0);
+    EXPECT_EQ(pane.count(image, blueCell, [&](QColor c) { return c == blue; }), blueCell.width() * blueCell.height());
+    EXPECT_NE(image.pixelColor(blueCell.right() + 1, blueCell.center().y()), blue);
+    // The wide character stays in its two cells (the test fonts have no CJK, so it is the
+    // missing-glyph box), and the emoji starts after them.
+    EXPECT_GT(pane.count(image, pane.cellRect(3, 0, 2), [&](QColor c) { return distance(c, bg) > 90; }), 5);
+    // The emoji is in colour: pixels of neither the text nor the background colours.
+    int colourful = pane.count(image, pane.cellRect(5, 0, 2), [&](QColor c) {
+        return c.saturation() > 120 && distance(c, bg) > 90 && distance(c, fg) > 90;
+    });
+    EXPECT_GT(colourful, 20);
+    // The lines run through every cell at the same height, edge to edge, and meet the cross.
+    int lineY = -1;
+    for (int y = pane.cellRect(0, 1).top(); y <= pane.cellRect(0, 1).bottom(); ++y)
+        if (distance(image.pixelColor(0, y), fg) < 60) lineY = y;
+    ASSERT_GE(lineY, 0);
+    for (int x = 0; x < 3 * pane.cell().width(); ++x) EXPECT_LT(distance(image.pixelColor(x, lineY), fg), 60) << x;
+    // The block fills its cell.
+    QRect block = pane.cellRect(3, 1);
+    EXPECT_EQ(pane.count(image, block, [&](QColor c) { return distance(c, fg) < 30; }), block.width() * block.height());
+    // The cursor: a block in the cursor colour over its cell.
+    QRect cursor = pane.cellRect(1, 2);
+    int cursorInk = pane.count(image, cursor, [&](QColor c) { return distance(c, bg) > 90; });
+    EXPECT_GT(cursorInk, cursor.width() * cursor.height() / 2);
+}
+
+TEST(TerminalGLSurface, QuietPaneDrawsNoFrames) {
+    GLPane pane;
+    ASSERT_TRUE(pane.surface());
+    pane.feed("hello");
+    ASSERT_TRUE(eventually([&] { return pane.surface()->framesDrawn() > 0; }));
+    QTest::qWait(200);
+    uint64_t frames = pane.surface()->framesDrawn();
+    QTest::qWait(500);
+    EXPECT_EQ(pane.surface()->framesDrawn(), frames);
+    // Output draws again, rebuilding only the row it touched.
+    auto rowsBefore = pane.surface()->buildCounters()->rowsBuilt;
+    pane.feed("\r\nworld");
+    ASSERT_TRUE(eventually([&] { return pane.surface()->framesDrawn() > frames; }));
+    EXPECT_LE(pane.surface()->buildCounters()->rowsBuilt - rowsBefore, 2u);
+}
+
+TEST(TerminalGLSurface, TurnedOffByTheEnvironment) {
+    ScopedEnv off("VELLUM_METAL_LAYER", "0");
+    GLPane pane;
+    EXPECT_FALSE(pane.surface());
+    pane.feed("\x1b[41m  ");
+    EXPECT_EQ(pane.shot().pixelColor(pane.center(0, 0)), rgb(pane.view->colors().ansi->at(1)));
+}
+int main(int argc, char** argv) {
+    // Mesa unloads its driver at exit, which would leave the caches it keeps without a name
+    // that the leak suppressions can match.
+    dlopen("/usr/lib/x86_64-linux-gnu/dri/swrast_dri.so", RTLD_LAZY | RTLD_NODELETE);
+    QApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "CorvexKit/FileModel.h"
+
+namespace corvex {
+
+// Reads an open file in blocks, for a stream's consumer on one side and its cancel function on
+// the other: a close during a read waits for the read, and the next call then raises the
+// cancellation. Owns the descriptor.
+class ChunkReader {
+public:
+    // `end` absent reads to the end of the file; `chunk` is at least 1.
+    ChunkReader(int fd, uint64_t position, std::optional<uint64_t> end, int chunk);
+    ~ChunkReader();
+
+    ChunkReader(const ChunkReader&) = delete;
+    ChunkReader& operator=(const ChunkReader&) = delete;
+
+    // The next block, nothing at the end; raises cancellationError() after a close.
+    std::optional<Bytes> next();
+    void close();
+
+    uint64_t position() const;
+
+    // The reader as a sequence, sharing it with whoever may close it.
+    static ByteBlocks blocks(std::shared_ptr<ChunkReader> reader);
+
+private:
+    void closeLocked();
+
+    mutable std::mutex lock_;
+    int fd_ = -1;
+    uint64_t position_ = 0;
+    std::optional<uint64_t> end_;
+    int chunk_ = 1;
+    bool cancelled_ = false;
+};
+
+} // namespace corvex

@@ -1,0 +1,467 @@
+#include "CorvexKit/FileService.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <random>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
+
+#include "Platform/System.h"
+
+namespace corvex {
+
+namespace {
+
+constexpr size_t textProbeSize = 8192;
+constexpr int defaultPageSize = 1000;
+constexpr int largestPageSize = 10000;
+constexpr int smallestReadChunk = 4096;
+constexpr int64_t nanosecondsPerSecond = 1'000'000'000;
+
+std::string lastComponent(const std::string& path) {
+    size_t end = path.find_last_not_of('/');
+    if (end == std::string::npos) return "/";
+    size_t start = path.rfind('/', end);
+    return path.substr(start == std::string::npos ? 0 : start + 1, end - (start == std::string::npos ? 0 : start + 1) + 1);
+}
+
+std::string parentDirectory(const std::string& path) {
+    size_t end = path.find_last_not_of('/');
+    if (end == std::string::npos) return "/";
+    size_t slash = path.rfind('/', end);
+    if (slash == std::string::npos) return ".";
+    size_t parentEnd = path.find_last_not_of('/', slash);
+    return parentEnd == std::string::npos ? "/" : path.substr(0, parentEnd + 1);
+}
+
+FileType typeOf(mode_t mode) {
+    if (S_ISREG(mode)) return FileType::file;
+    if (S_ISDIR(mode)) return FileType::dir;
+    return FileType::other;
+}
+
+std::optional<std::string> readLinkText(const std::string& path) {
+    std::vector<char> buffer(256);
+    for (;;) {
+        ssize_t count = ::readlink(path.c_str(), buffer.data(), buffer.size());
+        if (count < 0) return std::nullopt;
+        if (static_cast<size_t>(count) < buffer.size()) return std::string(buffer.data(), static_cast<size_t>(count));
+        buffer.resize(buffer.size() * 2);
+    }
+}
+
+std::optional<int64_t> parseSignedDecimal(const std::string& text) {
+    std::string_view digits = text;
+    if (!digits.empty() && digits.front() == '+') digits.remove_prefix(1);
+    if (digits.empty() || digits.front() == '+') return std::nullopt;
+    int64_t value = 0;
+    auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    if (error != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
+    return value;
+}
+
+std::string freshUploadName() {
+    std::random_device random;
+    std::array<uint32_t, 4> words{random(), random(), random(), random()};
+    char text[40];
+    std::snprintf(text, sizeof text, "%08x-%04x-%04x-%04x-%04x%08x", words[0], words[1] >> 16, words[1] & 0xffff,
+                  words[2] >> 16, words[2] & 0xffff, words[3]);
+    return text;
+}
+
+std::optional<std::string> readWholeFile(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    std::string text;
+    char buffer[4096];
+    ssize_t count = 0;
+    while ((count = ::read(fd, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(count));
+    ::close(fd);
+    if (count < 0) return std::nullopt;
+    return text;
+}
+
+bool writeAll(int fd, const uint8_t* data, size_t size, uint64_t at) {
+    while (size > 0) {
+        ssize_t count = ::pwrite(fd, data, size, static_cast<off_t>(at));
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        data += count;
+        size -= static_cast<size_t>(count);
+        at += static_cast<uint64_t>(count);
+    }
+    return true;
+}
+
+// Written beside and renamed over, so a reader never sees half a fingerprint.
+void writeSideFileAtomically(const std::string& path, const std::string& text) {
+    std::string temporary = path + ".new";
+    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return;
+    bool written = writeAll(fd, reinterpret_cast<const uint8_t*>(text.data()), text.size(), 0);
+    ::close(fd);
+    if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) ::unlink(temporary.c_str());
+}
+
+bool isRegularFile(const std::string& path, uint64_t& size) {
+    struct stat record {};
+    if (::lstat(path.c_str(), &record) != 0 || !S_ISREG(record.st_mode)) return false;
+    size = static_cast<uint64_t>(record.st_size);
+    return true;
+}
+
+std::optional<FileEntry> entryIfAny(const std::string& path) {
+    try {
+        return FileService::entry(path);
+    } catch (const BackendError&) {
+        return std::nullopt;
+    }
+}
+
+} // namespace
+
+// MARK: - StagedWrite
+
+StagedWrite::StagedWrite(std::string target, std::string stagingPath, FileWriteOptions options,
+                         std::optional<FileEntry> existing, int fd, uint64_t offset)
+    : target_(std::move(target)),
+      stagingPath_(std::move(stagingPath)),
+      options_(std::move(options)),
+      existing_(std::move(existing)),
+      fd_(fd),
+      offset_(offset),
+      total_(offset) {}
+
+StagedWrite::~StagedWrite() {
+    if (!done_) abandon();
+    closeFile();
+}
+
+void StagedWrite::closeFile() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+}
+
+void StagedWrite::append(ByteView bytes) {
+    if (fd_ < 0) throw fileError(FileErrorCode::ioError, target_ + ": the write has ended");
+    if (!writeAll(fd_, bytes.data(), bytes.size(), total_)) {
+        int error = errno;
+        abandon();
+        throw FileService::posixError(target_, error);
+    }
+    total_ += bytes.size();
+}
+
+void StagedWrite::abandon() {
+    if (done_) return;
+    done_ = true;
+    closeFile();
+    if (!options_.uploadID) ::unlink(stagingPath_.c_str());
+}
+
+FileEntry StagedWrite::finish() {
+    if (done_) throw fileError(FileErrorCode::ioError, target_ + ": the write has ended");
+    if (::fsync(fd_) != 0) {
+        int error = errno;
+        abandon();
+        throw FileService::posixError(target_, error);
+    }
+    closeFile();
+    // From here on the staging file is whole and stays on failure, for a later look.
+    done_ = true;
+    if (options_.size && *options_.size != total_)
+        throw fileError(FileErrorCode::ioError, target_ + ": expected " + std::to_string(*options_.size) +
+                                                    " bytes, got " + std::to_string(total_));
+    if (options_.expectMtimeNs) {
+        std::optional<FileEntry> now = entryIfAny(target_);
+        if (now && now->mtimeNs != *options_.expectMtimeNs)
+            throw fileError(FileErrorCode::conflict, target_ + " changed while it was being written");
+    }
+    std::optional<int> mode = options_.mode ? options_.mode : existing_ ? std::optional(existing_->mode) : std::nullopt;
+    if (mode) (void)::chmod(stagingPath_.c_str(), static_cast<mode_t>(*mode));
+    if (options_.mtimeNs) FileService::setMtime(stagingPath_, *options_.mtimeNs);
+    int placed = options_.overwrite
+                     ? ::rename(stagingPath_.c_str(), target_.c_str())
+                     : ::renameat2(AT_FDCWD, stagingPath_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE);
+    if (placed != 0) throw FileService::posixError(target_, errno);
+    ::unlink(FileService::sideFileName(stagingPath_).c_str());
+    return FileService::entry(target_);
+}
+
+// MARK: - FileService
+
+std::string FileService::resolve(const std::string& path) {
+    if (path.find('\0') != std::string::npos) throw fileError(FileErrorCode::badRequest, "a path holds a zero byte");
+    if (path == "~") return platform::homeDirectory();
+    if (path.starts_with("~/")) return platform::homeDirectory() + path.substr(1);
+    if (path.starts_with("/")) return path;
+    throw fileError(FileErrorCode::badRequest, "not an absolute path: " + path);
+}
+
+BackendError FileService::posixError(const std::string& path, int error) {
+    FileErrorCode code = FileErrorCode::ioError;
+    switch (error) {
+    case EPERM:
+    case EACCES: code = FileErrorCode::permissionDenied; break;
+    case ENOENT: code = FileErrorCode::notFound; break;
+    case EEXIST: code = FileErrorCode::exists; break;
+    case EXDEV: code = FileErrorCode::crossDevice; break;
+    case ENOTDIR: code = FileErrorCode::notADirectory; break;
+    case EISDIR: code = FileErrorCode::isADirectory; break;
+    case ENOSPC:
+    case EDQUOT: code = FileErrorCode::noSpace; break;
+    case EROFS: code = FileErrorCode::readOnly; break;
+    case ENOTEMPTY: code = FileErrorCode::notEmpty; break;
+    default: break;
+    }
+    return fileError(code, path + ": " + std::strerror(error));
+}
+
+BackendError FileService::translate(const std::exception_ptr& error, const std::string& path) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const BackendError& backend) {
+        return backend;
+    } catch (const std::system_error& system) {
+        const std::error_category& category = system.code().category();
+        if (category == std::generic_category() || category == std::system_category())
+            return posixError(path, system.code().value());
+        return fileError(FileErrorCode::ioError, path + ": " + system.what());
+    } catch (const std::exception& other) {
+        return fileError(FileErrorCode::ioError, path + ": " + other.what());
+    } catch (...) {
+        return fileError(FileErrorCode::ioError, path + ": unknown failure");
+    }
+}
+
+void FileService::setMtime(const std::string& path, const std::string& value) {
+    std::optional<int64_t> nanoseconds = parseSignedDecimal(value);
+    if (!nanoseconds) throw fileError(FileErrorCode::badRequest, "bad mtime_ns " + value);
+    int64_t seconds = *nanoseconds / nanosecondsPerSecond;
+    int64_t remainder = *nanoseconds % nanosecondsPerSecond;
+    if (remainder < 0) {
+        seconds -= 1;
+        remainder += nanosecondsPerSecond;
+    }
+    struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(seconds), static_cast<long>(remainder)}};
+    if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) throw posixError(path, errno);
+}
+
+bool FileService::looksLikeText(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return false;
+    std::array<char, textProbeSize> buffer{};
+    ssize_t count = ::read(fd, buffer.data(), buffer.size());
+    ::close(fd);
+    if (count <= 0) return true;
+    return std::memchr(buffer.data(), 0, static_cast<size_t>(count)) == nullptr;
+}
+
+FileEntry FileService::entry(const std::string& path, bool text) {
+    struct stat record {};
+    if (::lstat(path.c_str(), &record) != 0) throw posixError(path, errno);
+    FileEntry entry;
+    entry.link = S_ISLNK(record.st_mode);
+    if (entry.link) {
+        entry.target = readLinkText(path);
+        struct stat resolved {};
+        if (::stat(path.c_str(), &resolved) == 0) record = resolved;
+    }
+    entry.type = typeOf(record.st_mode);
+    entry.path = path;
+    entry.name = path == "/" ? "/" : lastComponent(path);
+    entry.size = static_cast<uint64_t>(record.st_size);
+    entry.mtime = static_cast<double>(record.st_mtim.tv_sec) + static_cast<double>(record.st_mtim.tv_nsec) / 1e9;
+    entry.mtimeNs = std::to_string(static_cast<int64_t>(record.st_mtim.tv_sec) * nanosecondsPerSecond +
+                                   record.st_mtim.tv_nsec);
+    entry.mode = static_cast<int>(record.st_mode & 07777);
+    entry.hidden = entry.name.starts_with(".");
+    if (text && entry.type == FileType::file) entry.text = looksLikeText(path);
+    return entry;
+}
+
+FileEntry FileService::stat(const std::string& path) { return entry(resolve(path), true); }
+
+FileListing FileService::list(const std::string& path, bool hidden, std::optional<int> limit,
+                              const std::optional<std::string>& cursor) {
+    std::string directory = resolve(path);
+    FileListing listing;
+    listing.dir = entry(directory);
+    if (listing.dir.type != FileType::dir)
+        throw fileError(FileErrorCode::notADirectory, directory + " isn't a directory");
+
+    std::vector<std::string> names;
+    DIR* stream = ::opendir(directory.c_str());
+    if (!stream) throw posixError(directory, errno);
+    while (const dirent* item = ::readdir(stream)) {
+        std::string name = item->d_name;
+        if (name == "." || name == "..") continue;
+        if (!hidden && name.starts_with(".")) continue;
+        if (cursor && !(*cursor < name)) continue;
+        names.push_back(std::move(name));
+    }
+    ::closedir(stream);
+    // Byte order, not the locale's: the cursor means the same on every machine.
+    std::sort(names.begin(), names.end());
+
+    size_t pageSize = static_cast<size_t>(limit ? std::clamp(*limit, 1, largestPageSize) : defaultPageSize);
+    size_t count = std::min(pageSize, names.size());
+    if (count < names.size()) listing.next = names[count - 1];
+    for (size_t index = 0; index < count; ++index) {
+        // A name that vanished since the directory was read is left out, not a failure.
+        if (std::optional<FileEntry> child = entryIfAny(filePath(directory, names[index])))
+            listing.entries.push_back(std::move(*child));
+    }
+    return listing;
+}
+
+FileEntry FileService::mkdir(const std::string& path, bool parents) {
+    std::string directory = resolve(path);
+    if (!parents) {
+        if (::mkdir(directory.c_str(), 0755) != 0) throw posixError(directory, errno);
+        return entry(directory);
+    }
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error) {
+        struct stat record {};
+        // Something that isn't a directory stands in the way: say so plainly.
+        if (::lstat(directory.c_str(), &record) == 0 && !S_ISDIR(record.st_mode)) throw posixError(directory, EEXIST);
+        throw posixError(directory, error.value());
+    }
+    return entry(directory);
+}
+
+FileEntry FileService::setattr(const std::string& path, const std::optional<std::string>& mtimeNs,
+                               std::optional<int> mode) {
+    std::string target = resolve(path);
+    if (mode) {
+        if (*mode < 0 || *mode > 65535) throw fileError(FileErrorCode::badRequest, "bad mode " + std::to_string(*mode));
+        if (::chmod(target.c_str(), static_cast<mode_t>(*mode)) != 0) throw posixError(target, errno);
+    }
+    if (mtimeNs) setMtime(target, *mtimeNs);
+    return entry(target);
+}
+
+FileEntry FileService::rename(const std::string& from, const std::string& to, bool overwrite) {
+    std::string source = resolve(from);
+    std::string target = resolve(to);
+    int result = overwrite ? ::rename(source.c_str(), target.c_str())
+                           : ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
+    if (result != 0) {
+        int error = errno;
+        throw posixError(error == EXDEV ? target : source, error);
+    }
+    return entry(target);
+}
+
+void FileService::remove(const std::string& path, bool recursive) {
+    std::string target = resolve(path);
+    FileEntry found = entry(target);
+    if (found.isDirectory() && !found.link) {
+        if (recursive) {
+            std::error_code error;
+            std::filesystem::remove_all(target, error);
+            if (error) throw posixError(target, error.value());
+        } else if (::rmdir(target.c_str()) != 0) {
+            throw posixError(target, errno);
+        }
+        return;
+    }
+    // A link is removed itself, never what it points to.
+    if (::unlink(target.c_str()) != 0) throw posixError(target, errno);
+}
+
+FileSpace FileService::statfs(const std::string& path) {
+    std::string target = resolve(path);
+    struct statfs record {};
+    if (::statfs(target.c_str(), &record) != 0) throw posixError(target, errno);
+    uint64_t blockSize = static_cast<uint64_t>(record.f_bsize);
+    return FileSpace{static_cast<uint64_t>(record.f_blocks) * blockSize, static_cast<uint64_t>(record.f_bfree) * blockSize,
+                     static_cast<uint64_t>(record.f_bavail) * blockSize};
+}
+
+OpenedRead FileService::openRead(const std::string& path, const FileReadOptions& options) {
+    std::string source = resolve(path);
+    FileEntry found = entry(source);
+    if (found.type != FileType::file)
+        throw fileError(found.isDirectory() ? FileErrorCode::isADirectory : FileErrorCode::badRequest,
+                        source + " isn't a file");
+    if (options.expectSize && *options.expectSize != found.size)
+        throw fileError(FileErrorCode::changed, source + " changed size");
+    if (options.expectMtimeNs && *options.expectMtimeNs != found.mtimeNs)
+        throw fileError(FileErrorCode::changed, source + " changed");
+    // Non-blocking, so a FIFO swapped in since the look above can't hang the open.
+    int fd = ::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) throw posixError(source, errno);
+    struct stat record {};
+    if (::fstat(fd, &record) != 0 || !S_ISREG(record.st_mode)) {
+        ::close(fd);
+        throw fileError(FileErrorCode::badRequest, source + " isn't a file");
+    }
+    uint64_t end = options.length ? std::min(options.offset + *options.length, found.size) : found.size;
+    auto reader = std::make_shared<ChunkReader>(fd, options.offset, end, std::max(options.chunk, smallestReadChunk));
+    return OpenedRead{std::move(found), options.offset, std::move(reader)};
+}
+
+std::string FileService::stagingName(const std::string& targetName, const std::string& id) {
+    return "." + targetName + ".corvex-part-" + id;
+}
+
+std::string FileService::sideFileName(const std::string& stagingName) { return stagingName + ".source"; }
+
+std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, const FileWriteOptions& options) {
+    std::string target = resolve(path);
+    if (std::optional<FileEntry> found = entryIfAny(target); found && found->link) {
+        struct stat resolved {};
+        if (!found->target || ::stat(target.c_str(), &resolved) != 0)
+            throw fileError(FileErrorCode::notFound, target + " is a dangling link");
+        // The file behind the link is replaced; the link itself stays a link.
+        target = found->target->starts_with("/") ? *found->target : filePath(parentDirectory(target), *found->target);
+    }
+    std::optional<FileEntry> existing = entryIfAny(target);
+    if (existing && existing->isDirectory()) throw fileError(FileErrorCode::isADirectory, target + " is a directory");
+    if (existing && !options.overwrite) throw fileError(FileErrorCode::exists, target + " already exists");
+
+    std::string staging =
+        filePath(parentDirectory(target), stagingName(lastComponent(target), options.uploadID.value_or(freshUploadName())));
+    std::string sideFile = sideFileName(staging);
+
+    std::optional<uint64_t> resumeAt;
+    if (options.uploadID) {
+        uint64_t held = 0;
+        if (isRegularFile(staging, held)) {
+            std::optional<std::string> recorded = readWholeFile(sideFile);
+            bool sameSource = recorded ? recorded == options.source : !options.source;
+            if (sameSource) resumeAt = held;
+        }
+        if (!resumeAt) {
+            ::unlink(staging.c_str());
+            if (options.source) writeSideFileAtomically(sideFile, *options.source);
+        }
+    } else {
+        ::unlink(staging.c_str());
+    }
+
+    int flags = O_WRONLY | O_CLOEXEC | (resumeAt ? 0 : O_CREAT | O_TRUNC);
+    int fd = ::open(staging.c_str(), flags, 0600);
+    if (fd < 0) {
+        int error = errno;
+        if (!options.uploadID) ::unlink(staging.c_str());
+        throw posixError(staging, error);
+    }
+    return std::unique_ptr<StagedWrite>(
+        new StagedWrite(target, staging, options, std::move(existing), fd, resumeAt.value_or(0)));
+}
+
+} // namespace corvex

@@ -1,0 +1,280 @@
+#include "CorvexKit/FileTransfer.h"
+
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <thread>
+
+namespace corvex {
+
+namespace {
+
+// Reads one file through a backend, refusing a source that is no longer the version the walk
+// found: its size and exact time travel with every read, at any offset.
+class StreamedSource final : public FileDataSource {
+public:
+    StreamedSource(FileBackend& backend, FileEntry entry, std::optional<int> chunk, std::optional<int> window)
+        : backend_(backend), entry_(std::move(entry)), chunk_(chunk), window_(window) {}
+    ~StreamedSource() override { cancelOpenStream(); }
+
+    uint64_t size() const override { return entry_.size; }
+    std::string fingerprint() const override { return std::to_string(entry_.size) + ":" + entry_.mtimeNs; }
+
+    ByteBlocks open(uint64_t offset) override {
+        FileReadOptions options;
+        options.offset = offset;
+        options.expectSize = entry_.size;
+        options.expectMtimeNs = entry_.mtimeNs;
+        if (chunk_) options.chunk = *chunk_;
+        if (window_) options.window = *window_;
+        FileReadStream stream = backend_.read(entry_.path, options);
+        ByteBlocks data = std::move(stream.data);
+        cancelOpenStream();
+        std::lock_guard guard(lock_);
+        cancel_ = std::move(stream.cancel);
+        return data;
+    }
+
+    void cancelOpenStream() {
+        std::function<void()> cancel;
+        {
+            std::lock_guard guard(lock_);
+            cancel = std::move(cancel_);
+            cancel_ = nullptr;
+        }
+        if (cancel) cancel();
+    }
+
+private:
+    FileBackend& backend_;
+    const FileEntry entry_;
+    const std::optional<int> chunk_;
+    const std::optional<int> window_;
+    std::mutex lock_;
+    std::function<void()> cancel_;
+};
+
+} // namespace
+
+FileTransfer::FileTransfer(std::shared_ptr<FileBackend> source, std::shared_ptr<FileBackend> destination)
+    : source_(std::move(source)), destination_(std::move(destination)) {}
+
+FileTransfer::Progress FileTransfer::progress() const {
+    std::lock_guard guard(lock_);
+    return progress_;
+}
+
+void FileTransfer::copy(const std::vector<std::string>& paths, const std::string& into, Conflict conflict,
+                        ProgressHandler progress, const platform::CancellationToken& cancel) {
+    {
+        std::lock_guard guard(lock_);
+        onProgress_ = std::move(progress);
+        progress_ = Progress{};
+        written_.clear();
+    }
+    // Everything is looked at before anything is written: a missing source stops the copy clean.
+    Plan plan;
+    for (const std::string& path : paths) {
+        FileEntry entry = source_->stat(path);
+        walk(entry, filePath(into, entry.name), true, plan, cancel);
+    }
+    {
+        std::lock_guard guard(lock_);
+        for (const Item& file : plan.files) progress_.totalBytes += file.entry.size;
+        progress_.totalFiles = static_cast<int>(plan.files.size());
+    }
+    publish();
+
+    makeDirectories(plan.directories);
+    copyFiles(plan.files, conflict, cancel);
+    if (cancel.isCancelled()) throw cancellationError();
+    // Last, children before parents: writing into a directory changes its time.
+    for (auto item = plan.directories.rbegin(); item != plan.directories.rend(); ++item)
+        destination_->setattr(item->target, item->entry.mtimeNs, item->entry.mode);
+}
+
+void FileTransfer::walk(const FileEntry& entry, const std::string& target, bool top, Plan& plan,
+                        const platform::CancellationToken& cancel) {
+    if (cancel.isCancelled()) throw cancellationError();
+    switch (entry.type) {
+    case FileType::other:
+    case FileType::unknown:
+        // Sockets, devices, FIFOs and dangling links have no content to copy.
+        return;
+    case FileType::dir: {
+        // A link to a directory inside a tree is skipped, which keeps a loop from running away;
+        // one the user named is followed.
+        if (entry.link && !top) return;
+        plan.directories.push_back({entry, target});
+        auto [dir, children] = listAll(*source_, entry.path, true);
+        for (const FileEntry& child : children) walk(child, filePath(target, child.name), false, plan, cancel);
+        return;
+    }
+    case FileType::file: plan.files.push_back({entry, target}); return;
+    }
+}
+
+void FileTransfer::makeDirectories(const std::vector<Item>& directories) {
+    for (const Item& item : directories) {
+        try {
+            destination_->mkdir(item.target, true);
+        } catch (const BackendError& error) {
+            if (fileErrorCode(error) != FileErrorCode::exists) throw;
+            std::optional<FileEntry> found;
+            try {
+                found = destination_->stat(item.target);
+            } catch (const BackendError&) {
+            }
+            if (!found || !found->isDirectory()) throw;
+        }
+    }
+}
+
+void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
+                             const platform::CancellationToken& cancel) {
+    if (maxStreams < 1 || files.empty()) return;
+    // One token for the group: the caller's cancel and the first failure both stop every file.
+    platform::CancellationToken group;
+    cancel.onCancel([group] { group.cancel(); });
+    std::atomic<size_t> next{0};
+    std::mutex failureLock;
+    std::exception_ptr failure;
+
+    auto work = [&] {
+        for (size_t index = next++; index < files.size() && !group.isCancelled(); index = next++) {
+            try {
+                copyFile(files[index], conflict, group);
+            } catch (...) {
+                {
+                    std::lock_guard guard(failureLock);
+                    if (!failure) failure = std::current_exception();
+                }
+                group.cancel();
+            }
+        }
+    };
+    size_t workers = std::min(files.size(), static_cast<size_t>(maxStreams));
+    std::vector<std::thread> threads;
+    threads.reserve(workers - 1);
+    for (size_t count = 1; count < workers; ++count) threads.emplace_back(work);
+    work();
+    for (std::thread& thread : threads) thread.join();
+    if (failure) std::rethrow_exception(failure);
+}
+
+void FileTransfer::copyFile(const Item& item, Conflict conflict, const platform::CancellationToken& cancel) {
+    setCurrent(item.target);
+    for (int attempt = 1;; ++attempt) {
+        try {
+            copyFileOnce(item, conflict, cancel);
+            return;
+        } catch (const BackendError& error) {
+            if (!isRetryable(error) || attempt > static_cast<int>(retryDelays.size())) throw;
+            if (onRetry) onRetry(item.target, error, attempt + 1);
+            auto delay = std::chrono::duration<double>(retryDelays[static_cast<size_t>(attempt - 1)]);
+            if (!cancel.sleepFor(std::chrono::duration_cast<std::chrono::steady_clock::duration>(delay)))
+                throw cancellationError();
+        }
+    }
+}
+
+void FileTransfer::copyFileOnce(const Item& item, Conflict conflict, const platform::CancellationToken& cancel) {
+    StreamedSource source(*source_, item.entry, chunk, window);
+    std::string fingerprint = source.fingerprint();
+    FileWriteOptions options;
+    options.size = item.entry.size;
+    options.overwrite = conflict == Conflict::replace;
+    options.mode = item.entry.mode;
+    options.mtimeNs = item.entry.mtimeNs;
+    options.uploadID = uploadID(item.target, fingerprint);
+    options.source = fingerprint;
+    if (chunk) options.chunk = *chunk;
+    if (window) options.window = *window;
+    try {
+        destination_->write(item.target, options, source,
+                            [this, &item](uint64_t bytes) { setWritten(item.target, bytes); }, cancel);
+    } catch (const BackendError& error) {
+        if (conflict != Conflict::skip || fileErrorCode(error) != FileErrorCode::exists) throw;
+        countDone(item.target, item.entry.size, true);
+        return;
+    }
+    countDone(item.target, item.entry.size, false);
+}
+
+void FileTransfer::setWritten(const std::string& path, uint64_t bytes) {
+    {
+        std::lock_guard guard(lock_);
+        auto found = written_.find(path);
+        uint64_t before = found == written_.end() ? 0 : found->second;
+        if (bytes <= before) return;
+        written_[path] = bytes;
+        progress_.doneBytes += bytes - before;
+    }
+    publish();
+}
+
+void FileTransfer::countDone(const std::string& path, uint64_t size, bool skipped) {
+    setWritten(path, size);
+    {
+        std::lock_guard guard(lock_);
+        progress_.doneFiles += 1;
+        if (skipped) progress_.skippedFiles += 1;
+    }
+    publish();
+}
+
+void FileTransfer::setCurrent(const std::string& path) {
+    {
+        std::lock_guard guard(lock_);
+        progress_.current = path;
+    }
+    publish();
+}
+
+void FileTransfer::publish() {
+    // One publisher at a time, so the handler sees the totals in the order they were taken;
+    // the state lock itself is never held across the call.
+    std::lock_guard publishing(publishLock_);
+    Progress copy;
+    ProgressHandler handler;
+    {
+        std::lock_guard guard(lock_);
+        copy = progress_;
+        handler = onProgress_;
+    }
+    if (handler) handler(copy);
+}
+
+std::vector<std::string> FileTransfer::existing(const std::vector<std::string>& names, const std::string& directory,
+                                                FileBackend& backend) {
+    std::vector<std::string> found;
+    for (const std::string& name : names) {
+        try {
+            backend.stat(filePath(directory, name));
+            found.push_back(name);
+        } catch (const std::exception&) {
+        }
+    }
+    return found;
+}
+
+bool FileTransfer::isRetryable(const std::exception& error) {
+    const auto* backend = dynamic_cast<const BackendError*>(&error);
+    return backend && (backend->code() == "disconnected" || backend->code() == "stalled");
+}
+
+std::string FileTransfer::uploadID(const std::string& path, const std::string& fingerprint) {
+    uint64_t hash = 0xcbf29ce484222325ULL;
+    auto mix = [&hash](unsigned char byte) {
+        hash ^= byte;
+        hash *= 0x100000001b3ULL;
+    };
+    for (char byte : path) mix(static_cast<unsigned char>(byte));
+    mix(0);
+    for (char byte : fingerprint) mix(static_cast<unsigned char>(byte));
+    char text[17];
+    auto end = std::to_chars(text, text + sizeof text, hash, 16).ptr;
+    return std::string(text, end);
+}
+
+} // namespace corvex

@@ -1,0 +1,127 @@
+#include <gtest/gtest.h>
+
+#include "CorvexKit/FileCodec.h"
+#include "CorvexKit/LocalFileBackend.h"
+#include "Support/ScratchDirectory.h"
+
+using namespace corvex;
+
+namespace {
+
+FileEntry sampleEntry() {
+    FileEntry entry;
+    entry.name = "notes.txt";
+    entry.path = "/home/me/notes.txt";
+    entry.type = FileType::file;
+    entry.size = 12;
+    entry.mtime = 1700000000.25;
+    entry.mtimeNs = "1700000000250000001";
+    entry.mode = 0644;
+    return entry;
+}
+
+} // namespace
+
+TEST(FileCodec, EntryWritesEveryRequiredKeyAndOnlyThePresentOptionals) {
+    FileEntry entry = sampleEntry();
+    EXPECT_EQ(encodeText(entry), R"({"hidden":false,"link":false,"mode":420,"mtime":1700000000.25,)"
+                                 R"("mtime_ns":"1700000000250000001","name":"notes.txt",)"
+                                 R"("path":"/home/me/notes.txt","size":12,"type":"file"})");
+    entry.link = true;
+    entry.target = "../elsewhere";
+    entry.pathRaw = "raw";
+    entry.text = true;
+    std::string text = encodeText(entry);
+    EXPECT_NE(text.find(R"("target":"../elsewhere")"), std::string::npos);
+    EXPECT_NE(text.find(R"("path_raw":"raw")"), std::string::npos);
+    EXPECT_NE(text.find(R"("text":true)"), std::string::npos);
+    EXPECT_EQ(decodeText<FileEntry>(text), entry);
+}
+
+TEST(FileCodec, ListingAndSpaceRoundTrip) {
+    FileListing listing{sampleEntry(), {sampleEntry(), sampleEntry()}, std::string("b")};
+    listing.dir.type = FileType::dir;
+    EXPECT_EQ(decodeText<FileListing>(encodeText(listing)), listing);
+    listing.next.reset();
+    EXPECT_EQ(encodeText(listing).find("next"), std::string::npos);
+    EXPECT_EQ(decodeText<FileListing>(encodeText(listing)), listing);
+
+    FileSpace space{~0ULL, 1ULL << 40, 7};
+    EXPECT_EQ(encodeText(space), R"({"available":7,"free":1099511627776,"total":18446744073709551615})");
+    EXPECT_EQ(decodeText<FileSpace>(encodeText(space)), space);
+}
+
+TEST(FileCodec, UnknownTypeDecodesAndTheListingStillDecodes) {
+    std::string entry = R"({"name":"s","path":"/s","type":"socket","link":false,"size":0,"mtime":1,)"
+                        R"("mtime_ns":"1000000000","mode":0,"hidden":false,"future":[1,2]})";
+    EXPECT_EQ(decodeText<FileEntry>(entry).type, FileType::unknown);
+    std::string listing = R"({"dir":)" + entry + R"(,"entries":[)" + entry + "," + entry + "]}";
+    FileListing decoded = decodeText<FileListing>(listing);
+    ASSERT_EQ(decoded.entries.size(), 2u);
+    EXPECT_FALSE(decoded.next);
+}
+
+TEST(FileCodec, MissingRequiredKeysFailButMissingOptionalsDont) {
+    FileEntry entry = sampleEntry();
+    std::string text = encodeText(entry);
+    auto without = [&](const std::string& key) {
+        std::string copy = text;
+        size_t at = copy.find("\"" + key + "\":");
+        size_t end = copy.find_first_of(",}", copy.find(':', at));
+        copy.erase(at, end - at + (copy[end] == ',' ? 1 : 0));
+        if (copy[copy.size() - 2] == ',') copy.erase(copy.size() - 2, 1);
+        return copy;
+    };
+    EXPECT_THROW(decodeText<FileEntry>(without("link")), DecodingError);
+    EXPECT_THROW(decodeText<FileEntry>(without("hidden")), DecodingError);
+    EXPECT_THROW(decodeText<FileEntry>(without("mtime_ns")), DecodingError);
+    EXPECT_EQ(decodeText<FileEntry>(text).target, std::nullopt);
+    EXPECT_THROW(decodeText<FileEntry>(R"({"name":1})"), DecodingError);
+    EXPECT_THROW(decodeText<FileSpace>("not json"), DecodingError);
+    EXPECT_THROW(decodeText<FileSpace>(R"({"total":-1,"free":0,"available":0})"), DecodingError);
+}
+
+TEST(FileCodec, NamesThatAreNotUTF8StillEncode) {
+    FileEntry entry = sampleEntry();
+    entry.name = "bad\xff";
+    entry.path = "/tmp/bad\xff";
+    FileEntry decoded = decodeText<FileEntry>(encodeText(entry));
+    EXPECT_EQ(decoded.name, "bad\xEF\xBF\xBD");
+}
+
+TEST(FileModel, WireStringsOfErrorCodesAndTypes) {
+    const std::vector<std::string> wire{"not_found",  "exists",  "permission_denied", "not_a_directory", "is_a_directory",
+                                        "not_empty",  "cross_device", "no_space", "read_only", "conflict",
+                                        "changed",    "too_many_streams", "bad_request", "io_error"};
+    for (size_t index = 0; index < wire.size(); ++index) {
+        auto code = static_cast<FileErrorCode>(index);
+        EXPECT_EQ(wireName(code), wire[index]);
+        EXPECT_EQ(parseFileErrorCode(wire[index]), code);
+        EXPECT_EQ(fileErrorCode(BackendError(wire[index], "m")), code);
+    }
+    EXPECT_EQ(fileErrorCode(BackendError("stalled", "Nothing moved")), std::nullopt);
+    EXPECT_EQ(fileErrorCode(BackendError("disconnected", "gone")), std::nullopt);
+    EXPECT_EQ(fileErrorCode(std::runtime_error("exists")), std::nullopt);
+    EXPECT_EQ(parseFileType("dir"), FileType::dir);
+    EXPECT_EQ(wireName(FileType::other), "other");
+}
+
+TEST(FileModel, FilePathJoinsWithOneSlash) {
+    EXPECT_EQ(filePath("/", "a"), "/a");
+    EXPECT_EQ(filePath("/x", "a"), "/x/a");
+    EXPECT_EQ(filePath("/x/", "a"), "/x/a");
+}
+
+TEST(FileModel, ListAllFollowsPagesToTheEnd) {
+    corvex::testing::ScratchDirectory scratch;
+    LocalFileBackend backend;
+    auto [dir, none] = listAll(backend, scratch.path(), true);
+    EXPECT_TRUE(dir.isDirectory());
+    EXPECT_TRUE(none.empty());
+
+    for (int index = 0; index < 2500; ++index) std::ofstream(scratch.file("f" + std::to_string(10000 + index)));
+    auto [again, entries] = listAll(backend, scratch.path(), false);
+    ASSERT_EQ(entries.size(), 2500u);
+    EXPECT_EQ(entries.front().name, "f10000");
+    EXPECT_EQ(entries.back().name, "f12499");
+}

@@ -1,0 +1,384 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "CorvexKit/FileService.h"
+#include "CorvexKit/LocalFileBackend.h"
+#include "Support/FileTestSupport.h"
+#include "Support/ScratchDirectory.h"
+
+using namespace corvex;
+using corvex::testing::MemorySource;
+using corvex::testing::patternBytes;
+using corvex::testing::readBytes;
+using corvex::testing::ScratchDirectory;
+using corvex::testing::stagingFiles;
+using corvex::testing::writeBytes;
+
+namespace {
+
+template <typename Work>
+BackendError failureOf(Work&& work) {
+    try {
+        work();
+    } catch (const BackendError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "expected a failure";
+    return BackendError("none", "");
+}
+
+std::string drain(ByteBlocks& blocks) {
+    std::string bytes;
+    while (std::optional<Bytes> block = blocks()) bytes.append(block->begin(), block->end());
+    return bytes;
+}
+
+std::vector<std::string> names(const FileListing& listing) {
+    std::vector<std::string> found;
+    for (const FileEntry& entry : listing.entries) found.push_back(entry.name);
+    return found;
+}
+
+FileWriteOptions resumable(const std::string& id, std::optional<std::string> source) {
+    FileWriteOptions options;
+    options.uploadID = id;
+    options.source = std::move(source);
+    return options;
+}
+
+// A small file system of its own, for the faults a shared disk can't be made to show.
+class SmallMount {
+public:
+    SmallMount(const std::string& path, const char* options) : path_(path) {
+        ::mkdir(path.c_str(), 0755);
+        mounted_ = ::mount("tmpfs", path.c_str(), "tmpfs", 0, options) == 0;
+    }
+    ~SmallMount() {
+        if (mounted_) ::umount2(path_.c_str(), MNT_DETACH);
+    }
+    bool mounted() const { return mounted_; }
+    void makeReadOnly() { mounted_ = mounted_ && ::mount(nullptr, path_.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0; }
+
+private:
+    std::string path_;
+    bool mounted_ = false;
+};
+
+class LocalFiles : public ::testing::Test {
+protected:
+    ScratchDirectory scratch;
+    LocalFileBackend backend;
+    std::string at(const std::string& name) const { return scratch.file(name); }
+};
+
+} // namespace
+
+TEST_F(LocalFiles, StatDescribesFilesLinksAndTheRoot) {
+    writeBytes(at("notes.txt"), "hello\n");
+    writeBytes(at("blob"), std::string("a\0b", 3));
+    ::symlink("notes.txt", at("link").c_str());
+    ::symlink("nowhere", at("dangling").c_str());
+
+    FileEntry notes = backend.stat(at("notes.txt"));
+    EXPECT_EQ(notes.type, FileType::file);
+    EXPECT_EQ(notes.size, 6u);
+    EXPECT_EQ(notes.text, true);
+    EXPECT_EQ(std::to_string(static_cast<int64_t>(notes.mtime * 1e9)).substr(0, 12), notes.mtimeNs.substr(0, 12));
+    EXPECT_EQ(backend.stat(at("blob")).text, false);
+
+    FileEntry link = backend.stat(at("link"));
+    EXPECT_TRUE(link.link);
+    EXPECT_EQ(link.target, "notes.txt");
+    EXPECT_EQ(link.type, FileType::file);
+    EXPECT_EQ(link.size, 6u);
+
+    FileEntry dangling = backend.stat(at("dangling"));
+    EXPECT_TRUE(dangling.link);
+    EXPECT_EQ(dangling.type, FileType::other);
+
+    EXPECT_EQ(backend.stat("/").name, "/");
+    EXPECT_TRUE(backend.stat(scratch.path() + "/").isDirectory());
+    EXPECT_EQ(backend.stat("~").path, backend.homeDirectory());
+}
+
+TEST_F(LocalFiles, PathsMustBeAbsoluteAndWhole) {
+    for (std::string bad : {std::string("relative/file"), std::string("../etc/passwd"), std::string(), std::string("/tmp/a\0b", 8)}) {
+        BackendError error = failureOf([&] { backend.stat(bad); });
+        EXPECT_EQ(error.code(), "bad_request") << bad;
+    }
+    EXPECT_EQ(failureOf([&] { backend.stat("x/y"); }).message(), "not an absolute path: x/y");
+    EXPECT_EQ(failureOf([&] { backend.stat(at("missing")); }).code(), "not_found");
+    EXPECT_EQ(failureOf([&] { backend.list(at("missing"), true, {}, {}); }).code(), "not_found");
+}
+
+TEST_F(LocalFiles, ListingsAreInByteOrderPagedByCursor) {
+    for (std::string name : {"b", "a", "B", ".hidden", "\xc3\xa9t\xc3\xa9", "bad\xff"}) writeBytes(at(name), "x");
+    EXPECT_EQ(names(backend.list(scratch.path(), false, {}, {})),
+              (std::vector<std::string>{"B", "a", "b", "bad\xff", "\xc3\xa9t\xc3\xa9"}));
+    EXPECT_EQ(backend.list(scratch.path(), true, {}, {}).entries.front().name, ".hidden");
+
+    FileListing first = backend.list(scratch.path(), false, 0, {});
+    EXPECT_EQ(names(first), std::vector<std::string>{"B"});
+    EXPECT_EQ(first.next, "B");
+    FileListing second = backend.list(scratch.path(), false, 2, first.next);
+    EXPECT_EQ(names(second), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(second.next, "b");
+    FileListing past = backend.list(scratch.path(), false, 5, std::string("\xff"));
+    EXPECT_TRUE(past.entries.empty());
+    EXPECT_FALSE(past.next);
+    EXPECT_EQ(backend.list(scratch.path(), false, 20000, {}).entries.size(), 5u);
+    EXPECT_EQ(failureOf([&] { backend.list(at("a"), false, {}, {}); }).code(), "not_a_directory");
+}
+
+TEST_F(LocalFiles, DirectoriesAttributesRenamesAndRemoval) {
+    EXPECT_TRUE(backend.mkdir(at("one/two/three"), true).isDirectory());
+    EXPECT_EQ(failureOf([&] { backend.mkdir(at("one"), false); }).code(), "exists");
+    EXPECT_EQ(failureOf([&] { backend.mkdir(at("x/y"), false); }).code(), "not_found");
+    writeBytes(at("file"), "data");
+    EXPECT_EQ(failureOf([&] { backend.mkdir(at("file"), true); }).code(), "exists");
+
+    FileEntry changed = backend.setattr(at("file"), "1500000000123456789", 0600);
+    EXPECT_EQ(changed.mtimeNs, "1500000000123456789");
+    EXPECT_EQ(changed.mode, 0600);
+    EXPECT_EQ(backend.setattr(at("file"), "-1500000000", std::nullopt).mtimeNs, "-1500000000");
+    BackendError bad = failureOf([&] { backend.setattr(at("file"), "abc", std::nullopt); });
+    EXPECT_EQ(bad.code(), "bad_request");
+    EXPECT_EQ(bad.message(), "bad mtime_ns abc");
+    EXPECT_EQ(failureOf([&] { backend.setattr(at("file"), "", std::nullopt); }).code(), "bad_request");
+
+    writeBytes(at("other"), "other");
+    EXPECT_EQ(failureOf([&] { backend.rename(at("file"), at("other"), false); }).code(), "exists");
+    EXPECT_EQ(readBytes(at("other")), "other");
+    EXPECT_EQ(backend.rename(at("file"), at("other"), true).size, 4u);
+    EXPECT_EQ(readBytes(at("other")), "data");
+
+    ::symlink(at("one").c_str(), at("dirlink").c_str());
+    backend.remove(at("dirlink"), true);
+    EXPECT_TRUE(backend.stat(at("one/two")).isDirectory());
+    EXPECT_EQ(failureOf([&] { backend.remove(at("one"), false); }).code(), "not_empty");
+    backend.remove(at("one"), true);
+    EXPECT_EQ(failureOf([&] { backend.stat(at("one")); }).code(), "not_found");
+
+    FileSpace space = backend.statfs(scratch.path());
+    EXPECT_GT(space.total, 0u);
+    EXPECT_LE(space.available, space.total);
+}
+
+TEST_F(LocalFiles, ReadsARangeAndRefusesAChangedSource) {
+    std::string bytes = patternBytes(100000);
+    writeBytes(at("data"), bytes);
+    FileEntry entry = backend.stat(at("data"));
+
+    FileReadOptions options;
+    options.offset = 10;
+    options.length = 50000;
+    options.chunk = 1; // raised to a sane block size
+    FileReadStream stream = backend.read(at("data"), options);
+    EXPECT_EQ(stream.size, 100000u);
+    EXPECT_EQ(stream.offset, 10u);
+    EXPECT_EQ(stream.mtimeNs, entry.mtimeNs);
+    std::optional<Bytes> first = stream.data();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->size(), 4096u);
+    EXPECT_EQ(std::string(first->begin(), first->end()) + drain(stream.data), bytes.substr(10, 50000));
+
+    options = FileReadOptions{};
+    options.expectSize = 99999;
+    EXPECT_EQ(failureOf([&] { backend.read(at("data"), options); }).code(), "changed");
+    options.expectSize = 100000;
+    options.expectMtimeNs = "1";
+    EXPECT_EQ(failureOf([&] { backend.read(at("data"), options); }).message(), at("data") + " changed");
+    options.expectMtimeNs = entry.mtimeNs;
+    options.offset = 200000;
+    FileReadStream beyond = backend.read(at("data"), options);
+    EXPECT_EQ(drain(beyond.data), "");
+
+    ::mkfifo(at("fifo").c_str(), 0600);
+    EXPECT_EQ(failureOf([&] { backend.read(scratch.path(), {}); }).code(), "is_a_directory");
+    EXPECT_EQ(failureOf([&] { backend.read(at("fifo"), {}); }).code(), "bad_request");
+}
+
+TEST_F(LocalFiles, ACancelledReadEndsWithACancellation) {
+    writeBytes(at("data"), patternBytes(20000));
+    FileReadOptions options;
+    options.chunk = 4096;
+    FileReadStream stream = backend.read(at("data"), options);
+    ASSERT_TRUE(stream.data());
+    stream.cancel();
+    stream.cancel();
+    BackendError error = failureOf([&] { stream.data(); });
+    EXPECT_TRUE(isCancellation(error));
+
+    FileReadStream finished = backend.read(at("data"), options);
+    drain(finished.data);
+    finished.cancel(); // after the end there is nothing to cancel
+    EXPECT_EQ(finished.data(), std::nullopt);
+}
+
+TEST_F(LocalFiles, AWritePlacesTheWholeFileWithItsModeAndTime) {
+    std::string bytes = patternBytes(70000);
+    MemorySource source(bytes);
+    FileWriteOptions options;
+    options.size = bytes.size();
+    options.mode = 0640;
+    options.mtimeNs = "1600000000000000042";
+    std::vector<uint64_t> progress;
+    FileEntry written = backend.write(at("out"), options, source, [&](uint64_t bytes) { progress.push_back(bytes); });
+    EXPECT_EQ(readBytes(at("out")), bytes);
+    EXPECT_EQ(written.mode, 0640);
+    EXPECT_EQ(written.mtimeNs, "1600000000000000042");
+    EXPECT_EQ(progress.front(), 0u);
+    EXPECT_EQ(progress.back(), 70000u);
+    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
+
+    EXPECT_EQ(failureOf([&] { backend.write(at("out"), options, source, {}); }).code(), "exists");
+    backend.mkdir(at("dir"), false);
+    options.overwrite = true;
+    EXPECT_EQ(failureOf([&] { backend.write(at("dir"), options, source, {}); }).code(), "is_a_directory");
+    EXPECT_EQ(failureOf([&] { backend.write(at("nodir/out"), options, source, {}); }).code(), "not_found");
+
+    MemorySource shorter("abc");
+    BackendError wrongSize = failureOf([&] { backend.write(at("short"), options, shorter, {}); });
+    EXPECT_EQ(wrongSize.code(), "io_error");
+    EXPECT_EQ(wrongSize.message(), at("short") + ": expected 70000 bytes, got 3");
+    EXPECT_EQ(failureOf([&] { backend.stat(at("short")); }).code(), "not_found");
+}
+
+TEST_F(LocalFiles, WritingThroughALinkReplacesTheFileBehindIt) {
+    backend.mkdir(at("real"), false);
+    writeBytes(at("real/file"), "old");
+    ::symlink("real/file", at("link").c_str());
+    ::symlink("missing", at("dangling").c_str());
+    MemorySource source("new contents");
+    FileWriteOptions options;
+    options.overwrite = true;
+    backend.write(at("link"), options, source, {});
+    EXPECT_EQ(readBytes(at("real/file")), "new contents");
+    EXPECT_TRUE(backend.stat(at("link")).link);
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
+    BackendError dangling = failureOf([&] { backend.write(at("dangling"), options, source, {}); });
+    EXPECT_EQ(dangling.code(), "not_found");
+    EXPECT_EQ(dangling.message(), at("dangling") + " is a dangling link");
+}
+
+TEST_F(LocalFiles, ABrokenResumableWriteContinuesFromItsStagingFile) {
+    std::string bytes = patternBytes(50000);
+    MemorySource broken(bytes, "v1");
+    broken.failAfter = 20000;
+    FileWriteOptions options = resumable("abc", "v1");
+    EXPECT_EQ(failureOf([&] { backend.write(at("out"), options, broken, {}); }).code(), "disconnected");
+    EXPECT_EQ(readBytes(at(".out.corvex-part-abc")), bytes.substr(0, 20000));
+    EXPECT_EQ(readBytes(at(".out.corvex-part-abc.source")), "v1");
+    EXPECT_TRUE(backend.list(scratch.path(), false, {}, {}).entries.empty());
+    EXPECT_EQ(backend.list(scratch.path(), true, {}, {}).entries.size(), 2u);
+
+    MemorySource again(bytes, "v1");
+    std::vector<uint64_t> progress;
+    backend.write(at("out"), options, again, [&](uint64_t bytes) { progress.push_back(bytes); });
+    EXPECT_EQ(again.openedAt, std::vector<uint64_t>{20000});
+    EXPECT_EQ(progress.front(), 20000u);
+    EXPECT_EQ(readBytes(at("out")), bytes);
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
+}
+
+TEST_F(LocalFiles, AResumeStartsOverUnlessTheSourceIsProvenTheSame) {
+    auto stage = [&](const std::string& name, std::optional<std::string> fingerprint) {
+        MemorySource broken(patternBytes(9000), fingerprint.value_or("none"));
+        broken.failAfter = 3000;
+        failureOf([&] { backend.write(at(name), resumable("id", fingerprint), broken, {}); });
+    };
+    auto resumeFrom = [&](const std::string& name, std::optional<std::string> fingerprint) {
+        MemorySource source(patternBytes(9000), fingerprint.value_or("none"));
+        backend.write(at(name), resumable("id", fingerprint), source, {});
+        EXPECT_EQ(readBytes(at(name)), patternBytes(9000));
+        return source.openedAt.at(0);
+    };
+
+    stage("other", "v1");
+    EXPECT_EQ(resumeFrom("other", "v2"), 0u);
+
+    stage("lost", "v1");
+    ::unlink(at(".lost.corvex-part-id.source").c_str());
+    EXPECT_EQ(resumeFrom("lost", "v1"), 0u);
+
+    stage("nosource", std::nullopt);
+    EXPECT_EQ(resumeFrom("nosource", std::nullopt), 3000u);
+
+    // Without an upload id nothing is kept for later.
+    MemorySource broken(patternBytes(9000));
+    broken.failAfter = 3000;
+    failureOf([&] { backend.write(at("plain"), FileWriteOptions{}, broken, {}); });
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
+}
+
+TEST_F(LocalFiles, ATargetThatAppearsDuringAWriteIsNotReplaced) {
+    class AppearingSource final : public FileDataSource {
+    public:
+        explicit AppearingSource(std::string target) : target_(std::move(target)) {}
+        uint64_t size() const override { return 5; }
+        std::string fingerprint() const override { return "f"; }
+        ByteBlocks open(uint64_t) override {
+            return [this, done = false]() mutable -> std::optional<Bytes> {
+                if (done) return std::nullopt;
+                done = true;
+                writeBytes(target_, "someone else's");
+                return Bytes{'m', 'i', 'n', 'e', '!'};
+            };
+        }
+
+    private:
+        std::string target_;
+    };
+    AppearingSource source(at("out"));
+    EXPECT_EQ(failureOf([&] { backend.write(at("out"), resumable("u", "f"), source, {}); }).code(), "exists");
+    EXPECT_EQ(readBytes(at("out")), "someone else's");
+    EXPECT_EQ(readBytes(at(".out.corvex-part-u")), "mine!");
+}
+
+TEST_F(LocalFiles, ACancelledWriteLeavesNoTarget) {
+    platform::CancellationToken cancel;
+    MemorySource source(patternBytes(10000), "f", 100);
+    auto options = resumable("c", "f");
+    BackendError error = failureOf([&] {
+        backend.write(at("out"), options, source, [&](uint64_t bytes) { if (bytes >= 500) cancel.cancel(); }, cancel);
+    });
+    EXPECT_TRUE(isCancellation(error));
+    EXPECT_EQ(failureOf([&] { backend.stat(at("out")); }).code(), "not_found");
+    EXPECT_EQ(stagingFiles(scratch.path()).size(), 2u);
+}
+
+TEST_F(LocalFiles, AFullDiskAndAReadOnlyDiskAreToldApart) {
+    SmallMount small(at("small"), "size=64k");
+    if (!small.mounted()) GTEST_SKIP() << "no tmpfs can be mounted here";
+    MemorySource big(patternBytes(1 << 20), "big", 65536);
+    BackendError full = failureOf([&] { backend.write(at("small/big"), resumable("b", "big"), big, {}); });
+    EXPECT_EQ(full.code(), "no_space");
+    EXPECT_EQ(failureOf([&] { backend.stat(at("small/big")); }).code(), "not_found");
+
+    backend.remove(at("small/.big.corvex-part-b"), false);
+    small.makeReadOnly();
+    if (!small.mounted()) GTEST_SKIP() << "the tmpfs can't be made read-only";
+    MemorySource little("x");
+    EXPECT_EQ(failureOf([&] { backend.write(at("small/little"), {}, little, {}); }).code(), "read_only");
+    EXPECT_EQ(failureOf([&] { backend.mkdir(at("small/dir"), false); }).code(), "read_only");
+}
+
+TEST(FileServiceErrors, OSErrorsMapToFileCodes) {
+    const std::vector<std::pair<int, std::string>> table{
+        {EPERM, "permission_denied"}, {EACCES, "permission_denied"}, {ENOENT, "not_found"},   {EEXIST, "exists"},
+        {EXDEV, "cross_device"},      {ENOTDIR, "not_a_directory"},  {EISDIR, "is_a_directory"}, {ENOSPC, "no_space"},
+        {EDQUOT, "no_space"},         {EROFS, "read_only"},          {ENOTEMPTY, "not_empty"}, {EIO, "io_error"},
+        {ELOOP, "io_error"},
+    };
+    for (const auto& [error, code] : table) EXPECT_EQ(FileService::posixError("/p", error).code(), code) << error;
+    EXPECT_EQ(FileService::posixError("/p", ENOENT).message(), "/p: No such file or directory");
+    auto translated = [](auto error) { return FileService::translate(std::make_exception_ptr(error), "/p"); };
+    EXPECT_EQ(translated(std::system_error(ENOSPC, std::generic_category())).code(), "no_space");
+    EXPECT_EQ(translated(BackendError("stalled", "s")).code(), "stalled");
+    EXPECT_EQ(translated(std::runtime_error("odd")).code(), "io_error");
+}

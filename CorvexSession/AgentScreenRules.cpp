@@ -1,0 +1,74 @@
+#include "CorvexSession/AgentScreenRules.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+
+namespace corvex {
+
+namespace {
+
+// How far above the last written line a question may stand: a menu of choices sits below it.
+constexpr size_t questionReach = 8;
+
+std::string trimmed(const std::string& text) {
+    auto first = text.find_first_not_of(" \t");
+    if (first == std::string::npos) return {};
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+std::string lowered(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    return text;
+}
+
+// Box drawing and choice markers around a line's words.
+std::string words(const std::string& line) {
+    std::string text = trimmed(line);
+    for (const char* frame : {"│", "┃", "|", "❯", ">", "›", "●", "*"}) {
+        std::string mark(frame);
+        while (text.starts_with(mark)) text = trimmed(text.substr(mark.size()));
+        while (text.ends_with(mark)) text = trimmed(text.substr(0, text.size() - mark.size()));
+    }
+    return text;
+}
+
+bool asks(const std::string& line) {
+    auto text = lowered(words(line));
+    if (text.empty()) return false;
+    if (text.back() == '?') return true;
+    static const std::array<const char*, 7> phrases{"(y/n)", "[y/n]", "do you want", "allow ", "press enter",
+                                                    "1. yes", "approve"};
+    return std::any_of(phrases.begin(), phrases.end(), [&](const char* p) { return text.find(p) != std::string::npos; });
+}
+
+} // namespace
+
+ScreenReading readAgentScreen(const std::vector<std::string>& lines, bool outputStreaming) {
+    if (outputStreaming) return {AgentInfo::State::running, false, std::nullopt};
+    size_t last = lines.size();
+    while (last > 0 && trimmed(lines[last - 1]).empty()) --last;
+    size_t first = last > questionReach ? last - questionReach : 0;
+    // The topmost asking line is the question; the choices below it ask too.
+    for (size_t row = first; row < last; ++row) {
+        if (asks(lines[row])) return {AgentInfo::State::waiting, true, words(lines[row])};
+    }
+    return {AgentInfo::State::waiting, false, std::nullopt};
+}
+
+AgentInfo guessedAgent(const std::optional<AgentInfo>& current, const std::string& kind, const ScreenReading& reading,
+                       double now) {
+    AgentInfo agent = current.value_or(AgentInfo{});
+    bool changed = !current || current->state != reading.state || current->message != reading.message;
+    agent.kind = kind;
+    agent.source = std::nullopt;
+    if (changed) {
+        agent.since = now;
+        agent.attention = reading.attention;
+    }
+    agent.state = reading.state;
+    agent.message = reading.message;
+    return agent;
+}
+
+} // namespace corvex

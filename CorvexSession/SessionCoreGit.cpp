@@ -1,0 +1,25 @@
+#include "CorvexSession/SessionCore.h"
+#include "CorvexSession/SessionCoreBatch.h"
+
+namespace corvex {
+
+void SessionCore::pollGit() {
+    std::vector<std::pair<uint64_t, std::string>> folders;
+    {
+        std::lock_guard guard(lock_);
+        for (const auto& pane : state_.panes) {
+            if (pane.cwd && panes_.count(pane.id)) folders.emplace_back(pane.id, *pane.cwd);
+        }
+    }
+    for (const auto& [pane, folder] : folders) {
+        auto git = git_.facts(folder);
+        Batch batch(*this);
+        if (!panes_.count(pane)) continue;
+        auto& state = statePane(pane);
+        if (state.git == git || state.cwd != folder) continue;
+        state.git = git;
+        publishPane(batch, pane);
+    }
+}
+
+} // namespace corvex
