@@ -2,6 +2,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QCheckBox>
 #include <QClipboard>
 #include <QDialog>
 #include <QGridLayout>
@@ -542,8 +543,7 @@ PaneHostView* AppDelegate::makeHost(Connection& connection, uint64_t pane) {
     QPointer<AppDelegate> self(this);
     view->onClose = [self, machine, pane] {
         if (!self) return;
-        if (Connection* target = self->focusedConnection(); target && target->key == machine)
-            self->runOn(*target, "close pane " + std::to_string(pane), [pane](SessionBackend& b) { b.closePane(pane); });
+        if (Connection* target = self->focusedConnection(); target && target->key == machine) self->closePane(pane);
     };
     view->onDismissRestored = [self, machine, pane] {
         if (!self) return;
@@ -735,10 +735,39 @@ void AppDelegate::split(Direction direction) {
 }
 
 void AppDelegate::closeFocusedPane() {
-    PaneHostView* view = focusedHost();
-    if (!view) return;
-    uint64_t pane = view->paneID();
-    run("close pane " + std::to_string(pane), [pane](SessionBackend& backend) { backend.closePane(pane); });
+    if (PaneHostView* view = focusedHost()) closePane(view->paneID());
+}
+
+// Closing a pane ends what runs in it, so it is confirmed unless the user said not to ask.
+void AppDelegate::closePane(uint64_t pane) {
+    Connection* connection = focusedConnection();
+    if (!connection) return;
+    std::string machine = connection->key;
+    QPointer<AppDelegate> self(this);
+    auto close = [self, machine, pane] {
+        if (!self) return;
+        if (Connection* target = self->connection(machine))
+            self->runOn(*target, "close pane " + std::to_string(pane), [pane](SessionBackend& b) { b.closePane(pane); });
+    };
+    std::string skipKey = std::string(prefkey::skipCloseConfirm) + "Pane";
+    if (preferences_.boolean(skipKey).value_or(false)) {
+        close();
+        return;
+    }
+    auto* ask = new QMessageBox(QMessageBox::Question, "Close Pane", "Close this pane?", QMessageBox::NoButton, window_);
+    ask->setObjectName("closePaneConfirm");
+    ask->setInformativeText("This stops anything running in it. Closing a tab's last pane closes the tab.");
+    QPushButton* confirm = ask->addButton("Close", QMessageBox::DestructiveRole);
+    ask->addButton("Cancel", QMessageBox::RejectRole);
+    ask->setCheckBox(new QCheckBox("Don't ask again", ask));
+    ask->setAttribute(Qt::WA_DeleteOnClose);
+    QObject::connect(ask, &QMessageBox::buttonClicked, this, [self, ask, confirm, close, skipKey](QAbstractButton* button) {
+        if (!self || button != confirm) return;
+        if (ask->checkBox()->isChecked()) self->preferences_.setBoolean(skipKey, true);
+        close();
+    });
+    machineSheet_ = ask;
+    ask->open();
 }
 
 void AppDelegate::selectTab(int offset) {

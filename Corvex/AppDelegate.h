@@ -73,6 +73,7 @@ public:
     void newTab();
     void split(Direction direction);
     void closeFocusedPane();
+    void closePane(uint64_t pane);
     void selectTab(int offset);
     void toggleMaximize();
     void copy();
@@ -88,7 +89,7 @@ public:
     void showEditMachine(const std::string& key);
     void showRemoveMachine(const std::string& key);
     MachineRegistry& machines() { return *machines_; }
-    // The sheet open for adding or editing a machine, if any.
+    // The sheet or question open last (a machine's sheet, a close confirmation), if any.
     QWidget* machineSheet() const { return machineSheet_; }
 
     // For tests and benchmarks.

@@ -3,7 +3,9 @@
 #include <QLineEdit>
 #include <QMainWindow>
 #include <QLabel>
+#include <QCheckBox>
 #include <QMessageBox>
+#include <QSettings>
 #include <QPushButton>
 #include <QTabBar>
 #include <QTest>
@@ -394,6 +396,36 @@ TEST(AppWindowTest, MachinesAreAddedEditedAndRemovedThroughTheirSheets) {
     EXPECT_TRUE(app.machines().connected().empty());
     EXPECT_EQ(app.focusedMachine(), "local");
     EXPECT_TRUE(harness.waitForShell());
+}
+
+TEST(AppWindowTest, ClosingAPaneAsksFirstUnlessTheUserSaidNotTo) {
+    AppHarness harness;
+    ASSERT_TRUE(harness.waitForShell());
+    ModelStore& store = harness.store();
+    QSettings("Corvex", "Corvex").setValue("SkipCloseConfirm.Pane", false);
+    harness.shortcut(Qt::Key_D);
+    ASSERT_TRUE(eventually([&] { return paneCount(store) == 2; }));
+    ASSERT_TRUE(harness.waitForShell());
+
+    auto answer = [&](const QString& text, bool dontAskAgain) {
+        auto* ask = qobject_cast<QMessageBox*>(harness.app().machineSheet());
+        ASSERT_NE(ask, nullptr);
+        EXPECT_EQ(ask->informativeText().toStdString(),
+                  "This stops anything running in it. Closing a tab's last pane closes the tab.");
+        ask->checkBox()->setChecked(dontAskAgain);
+        for (QAbstractButton* button : ask->buttons()) {
+            if (button->text() == text) QTest::mouseClick(button, Qt::LeftButton);
+        }
+    };
+    harness.shortcut(Qt::Key_W);
+    answer("Cancel", false);
+    QTest::qWait(300);
+    EXPECT_EQ(paneCount(store), 2u);
+
+    harness.shortcut(Qt::Key_W);
+    answer("Close", true);
+    ASSERT_TRUE(eventually([&] { return paneCount(store) == 1; }));
+    EXPECT_TRUE(QSettings("Corvex", "Corvex").value("SkipCloseConfirm.Pane").toBool());
 }
 
 } // namespace

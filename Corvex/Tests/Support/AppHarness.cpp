@@ -34,7 +34,12 @@ AppHarness::AppHarness() {
     std::filesystem::create_directories(runtimeDir_);
     std::filesystem::permissions(runtimeDir_, std::filesystem::perms::owner_all);
     ::setenv("CORVEXD_RUNTIME_DIR", runtimeDir_.c_str(), 1);
-    QSettings("Corvex", "Corvex").clear();
+    {
+        QSettings settings("Corvex", "Corvex");
+        settings.clear();
+        // Panes close without a question, except in the test that asks it.
+        settings.setValue("SkipCloseConfirm.Pane", true);
+    }
     app_ = std::make_unique<AppDelegate>(AppDelegate::Options{false, base_ + "/Corvex.log"});
     app_->launch();
     [[maybe_unused]] bool exposed = QTest::qWaitForWindowExposed(app_->window());
