@@ -443,7 +443,9 @@ std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, co
         if (isRegularFile(staging, held)) {
             std::optional<std::string> recorded = readWholeFile(sideFile);
             bool sameSource = recorded ? recorded == options.source : !options.source;
-            if (sameSource) resumeAt = held;
+            // More than the source promises can't be a beginning of it.
+            bool fits = !options.size || held <= *options.size;
+            if (sameSource && fits) resumeAt = held;
         }
         if (!resumeAt) {
             ::unlink(staging.c_str());

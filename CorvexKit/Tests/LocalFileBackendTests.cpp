@@ -309,6 +309,16 @@ TEST_F(LocalFiles, AResumeStartsOverUnlessTheSourceIsProvenTheSame) {
     stage("nosource", std::nullopt);
     EXPECT_EQ(resumeFrom("nosource", std::nullopt), 3000u);
 
+    // A staging file longer than the source promises is no beginning of it.
+    stage("long", "v1");
+    writeBytes(at(".long.corvex-part-id"), patternBytes(9500));
+    MemorySource promised(patternBytes(9000), "v1");
+    FileWriteOptions sized = resumable("id", "v1");
+    sized.size = 9000;
+    backend.write(at("long"), sized, promised, {});
+    EXPECT_EQ(promised.openedAt, std::vector<uint64_t>{0});
+    EXPECT_EQ(readBytes(at("long")), patternBytes(9000));
+
     // Without an upload id nothing is kept for later.
     MemorySource broken(patternBytes(9000));
     broken.failAfter = 3000;
