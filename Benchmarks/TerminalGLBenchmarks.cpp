@@ -8,7 +8,9 @@
 #include <QGridLayout>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
-#include <QTest>
+#include <QElapsedTimer>
+#include <QThread>
+#include <QWindow>
 #include <QWidget>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -23,6 +25,23 @@ namespace {
 
 using corvex::TerminalGLSurface;
 using corvex::TerminalView;
+
+// Runs the event loop for a while.
+void waitMs(int ms) {
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        QThread::msleep(1);
+    }
+}
+
+void waitExposed(QWidget& window) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!window.windowHandle()->isExposed() && timer.elapsed() < 5000) waitMs(10);
+    waitMs(100);
+}
 
 std::string screenful(int cols, int rows, int seed) {
     std::string out = "\x1b[H";
@@ -45,7 +64,7 @@ struct BigPane {
         view->resize(view->sizeHint());
         window.resize(view->sizeHint());
         window.show();
-        QTest::qWaitForWindowExposed(&window);
+        waitExposed(window);
         surface = view->findChild<TerminalGLSurface*>();
         feed(screenful(300, 100, 0));
         draw();
@@ -116,12 +135,12 @@ void IdleTenPanes(benchmark::State& state) {
         views.push_back(view);
     }
     window.show();
-    QTest::qWaitForWindowExposed(&window);
+    waitExposed(window);
     for (auto* view : views) {
         std::string prompt = "user@host:~$ ";
         view->feedFromBackend({reinterpret_cast<const uint8_t*>(prompt.data()), prompt.size()});
     }
-    QTest::qWait(1500); // output drawn, cursors stopped blinking
+    waitMs(1500); // output drawn, cursors stopped blinking
     auto frames = [&] {
         uint64_t sum = 0;
         for (auto* view : views)
@@ -133,7 +152,7 @@ void IdleTenPanes(benchmark::State& state) {
         double cpuBefore = cpuSeconds();
         QElapsedTimer wall;
         wall.start();
-        QTest::qWait(5000);
+        waitMs(5000);
         state.counters["frames"] = double(frames() - framesBefore);
         state.counters["cpu_percent_of_core"] = 100 * (cpuSeconds() - cpuBefore) / (wall.elapsed() / 1000.0);
     }
