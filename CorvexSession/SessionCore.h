@@ -42,6 +42,12 @@ struct LaunchCommand {
 };
 std::optional<LaunchCommand> launchCommand(const std::vector<std::string>& command);
 
+// The largest pane side a client may ask for: more than any real screen shows, and small
+// enough that one request can't make the daemon allocate gigabytes.
+inline constexpr int maximumPaneSide = 1000;
+// The size itself, or "bad_request" when a side is below 1 or above maximumPaneSide.
+Size checkedPaneSize(Size size);
+
 // Where a subscribe starts, from what the client holds and what the pane retains.
 Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t seq, uint64_t retainedStart);
 
