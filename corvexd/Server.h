@@ -108,6 +108,7 @@ private:
     void flush(Client& client);
     void enqueue(Client& client, std::string frame);
     void closeClient(uint64_t id);
+    void announceShutdown();
     void runPosted();
     void drainPosted();
     // Runs at once when called on the serving thread (after what others posted before it,

@@ -22,6 +22,11 @@ namespace {
 
 std::string_view view(const Bytes& bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
 
+// The daemon went on purpose: following it further would start another one.
+bool daemonEnded(const SessionEvent& event, const CorvexdBackend& backend) {
+    return event.as<SessionEvent::RetryPaused>() && backend.daemonWasShutDown();
+}
+
 // What ends a pane's stream: its program exited, or the pane left the tree.
 bool paneIsOver(const SessionEvent& event, uint64_t pane) {
     if (auto changed = event.as<SessionEvent::PaneChanged>()) return changed->pane.id == pane && changed->pane.exited;
@@ -190,6 +195,9 @@ CommandRun parseCat(Arguments& args) {
                 io.out.flush();
             } else if (paneIsOver(*event, pane)) {
                 return 0;
+            } else if (daemonEnded(*event, backend)) {
+                io.err << shutDownNote << "\n";
+                return 0;
             }
         }
         return 0;
@@ -231,6 +239,10 @@ CommandRun parseWatch(Arguments& args) {
             if (!event) break;
             io.out << eventLine(*event) << "\n";
             io.out.flush();
+            if (daemonEnded(*event, backend)) {
+                io.err << shutDownNote << "\n";
+                break;
+            }
         }
         return 0;
     };
