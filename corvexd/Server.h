@@ -122,6 +122,7 @@ private:
     // Checks the protocol a hello asks for; raises MethodError when it isn't served.
     void greet(Client& client, const nlohmann::json& params);
     void closeClient(uint64_t id);
+    void announceShutdown();
     void runPosted();
     void drainPosted();
     // Runs at once when called on the serving thread (after what others posted before it,
