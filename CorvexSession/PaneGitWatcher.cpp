@@ -1,5 +1,6 @@
 #include "CorvexSession/PaneGitWatcher.h"
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -114,6 +115,24 @@ std::optional<PaneGit> PaneGitWatcher::facts(const std::string& folder, Clock::t
     rootOf_[folder] = git && git->root ? *git->root : std::string();
     known_[key] = Known{git, now};
     return git;
+}
+
+bool GitRefreshSchedule::due(uint64_t pane, const std::string& folder, uint64_t seq, Clock::time_point now) {
+    auto found = seen_.find(pane);
+    bool ask = found == seen_.end() || found->second.folder != folder || now - found->second.askedAt >= staleAfter ||
+               (seq == found->second.lastSeq && seq != found->second.askedAtSeq);
+    if (ask) {
+        seen_[pane] = Seen{folder, seq, seq, now};
+    } else {
+        found->second.lastSeq = seq;
+    }
+    return ask;
+}
+
+void GitRefreshSchedule::keepOnly(const std::vector<uint64_t>& panes) {
+    std::erase_if(seen_, [&](const auto& entry) {
+        return std::find(panes.begin(), panes.end(), entry.first) == panes.end();
+    });
 }
 
 } // namespace corvex

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -40,6 +41,30 @@ private:
     int runs_ = 0;
     std::map<std::string, std::string> rootOf_; // folder to repository root, "" outside any
     std::map<std::string, Known> known_;        // by root, or by folder outside any repository
+};
+
+// When a pane's facts are worth asking for again. Branches move when a command runs, so a pane
+// is asked about when its folder changes, and when its output went quiet after moving (a
+// command, or some typing, has finished); an idle pane only every `staleAfter`, for changes
+// made from outside it.
+class GitRefreshSchedule {
+public:
+    using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::seconds staleAfter{30};
+
+    // Whether to ask now about the pane, whose folder and output position are these.
+    bool due(uint64_t pane, const std::string& folder, uint64_t seq, Clock::time_point now);
+    // Drops the panes not in the list.
+    void keepOnly(const std::vector<uint64_t>& panes);
+
+private:
+    struct Seen {
+        std::string folder;
+        uint64_t askedAtSeq = 0;
+        uint64_t lastSeq = 0;
+        Clock::time_point askedAt;
+    };
+    std::map<uint64_t, Seen> seen_;
 };
 
 } // namespace corvex

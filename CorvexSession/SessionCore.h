@@ -270,6 +270,7 @@ private:
     std::map<uint64_t, PaneRecord> panes_;
     AgentTracker agents_;
     PaneGitWatcher git_; // used by pollGit's thread alone
+    GitRefreshSchedule gitSchedule_; // used by pollGit's thread alone
     std::map<uint64_t, GuessedAgentLook> guessed_; // used by pollAgents's thread alone
 };
 

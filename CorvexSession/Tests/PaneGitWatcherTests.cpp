@@ -41,3 +41,23 @@ TEST(PaneGitWatcher, AsksGitAtMostOnceASecondForARepository) {
     watcher.facts("/src/corvex", start + std::chrono::milliseconds(1100));
     EXPECT_EQ(watcher.runs(), 3) << "a second later, git is asked again";
 }
+
+TEST(GitRefreshSchedule, AsksWhenTheFolderChangesOrACommandHasFinishedAndRarelyWhenIdle) {
+    GitRefreshSchedule schedule;
+    auto start = GitRefreshSchedule::Clock::now();
+    auto at = [&](int seconds) { return start + std::chrono::seconds(seconds); };
+    EXPECT_TRUE(schedule.due(1, "/src/corvex", 100, at(0))) << "a new pane";
+    EXPECT_FALSE(schedule.due(1, "/src/corvex", 100, at(1))) << "idle";
+    EXPECT_FALSE(schedule.due(1, "/src/corvex", 180, at(2))) << "a command still writing";
+    EXPECT_FALSE(schedule.due(1, "/src/corvex", 250, at(3)));
+    EXPECT_TRUE(schedule.due(1, "/src/corvex", 250, at(4))) << "quiet again: the command is over";
+    EXPECT_FALSE(schedule.due(1, "/src/corvex", 250, at(5)));
+    EXPECT_TRUE(schedule.due(1, "/src/other", 250, at(6))) << "a new folder";
+
+    int asked = 0;
+    for (int second = 7; second < 67; ++second) asked += schedule.due(1, "/src/other", 250, at(second));
+    EXPECT_EQ(asked, 2) << "an idle pane is asked about every half minute, not every second";
+
+    schedule.keepOnly({});
+    EXPECT_TRUE(schedule.due(1, "/src/other", 250, at(68))) << "a pane that went is forgotten";
+}
