@@ -13,10 +13,11 @@
 // What a pane's folder is in git: the repository, branch or head, remote and worktree.
 namespace corvex {
 
-// The facts from the output of `git rev-parse --show-toplevel --git-dir --git-common-dir
-// --abbrev-ref HEAD --short HEAD` run in the folder, and the text of the repository's config
-// (for the origin's address). Absent when the output isn't that of a repository.
-std::optional<PaneGit> paneGitFrom(const std::string& revParse, const std::string& config);
+// The facts from the output of `git rev-parse --show-toplevel --git-dir --git-common-dir` run
+// in the folder, the text of the worktree's HEAD file (a branch, also one without commits yet,
+// or a detached commit) and the text of the repository's config (for the origin's address).
+// Absent when the output isn't that of a repository.
+std::optional<PaneGit> paneGitFrom(const std::string& revParse, const std::string& head, const std::string& config);
 
 // Asks git about folders, at most once a second for each repository: a folder of a
 // repository asked about within the second gets the facts already known.
