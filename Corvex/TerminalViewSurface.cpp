@@ -10,12 +10,16 @@ namespace corvex {
 
 void TerminalView::update() {
     QWidget::update();
-    if (glSurface_) glSurface_->update();
+    if (!glSurface_) return;
+    glSurface_->update();
+    frameClock_->frameRequested();
 }
 
 void TerminalView::update(const QRect& area) {
     QWidget::update(area);
-    if (glSurface_) glSurface_->update();
+    if (!glSurface_) return;
+    glSurface_->update();
+    frameClock_->frameRequested();
 }
 
 void TerminalView::attachGLSurface() {
@@ -43,6 +47,7 @@ void TerminalView::attachGLSurface() {
         frame.cell = cellSize();
         return frame;
     });
+    connect(glSurface_, &QOpenGLWidget::frameSwapped, frameClock_.get(), &TerminalViewFrameClock::frameSwapped);
     glSurface_->onFailure = [this](const QString&) {
         glSurface_->deleteLater();
         glSurface_ = nullptr;

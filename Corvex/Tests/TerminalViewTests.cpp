@@ -13,6 +13,7 @@
 #include <functional>
 
 #include "Corvex/TerminalView.h"
+#include "Vellum/FrameDriver.h"
 #include "Vellum/Terminal.h"
 
 using namespace corvex;
@@ -203,6 +204,48 @@ TEST_F(TerminalViewTest, OnlyChangedRowsAreRepainted) {
     QTest::qWait(50);
     EXPECT_TRUE(recorder.painted.isEmpty());
     view->removeEventFilter(&recorder);
+}
+
+// Output only marks the view dirty; the frame clock makes one frame of any burst and stops
+// once the view has been quiet for eight ticks.
+TEST_F(TerminalViewTest, ABurstOfOutputIsOneFrameAndAQuietViewStopsItsClock) {
+    ASSERT_TRUE(eventually([&] { return !view->isFrameClockRunning(); }));
+    uint64_t framesBefore = view->frameCounters().frames;
+    for (int i = 0; i < 200; ++i) {
+        std::string line = "line " + std::to_string(i) + "\r\n";
+        view->feedFromBackend({reinterpret_cast<const uint8_t*>(line.data()), line.size()});
+    }
+    EXPECT_EQ(view->frameCounters().frames, framesBefore) << "no frame is drawn inside a burst";
+    ASSERT_TRUE(eventually([&] { return view->frameCounters().frames > framesBefore; }));
+    EXPECT_TRUE(view->isFrameClockRunning());
+    ASSERT_TRUE(eventually([&] { return !view->isFrameClockRunning(); }));
+    EXPECT_EQ(view->frameCounters().frames, framesBefore + 1);
+    EXPECT_GE(view->frameCounters().idleTicks, uint64_t(vellum::FrameDriver::idleTicksBeforePause));
+    EXPECT_GT(inkIn(view->grab().toImage(), cellRect(0, 4, 8)), 0) << "the frame showed the burst's end";
+}
+
+// A view in a hidden or minimised window keeps collecting output and draws it in one frame
+// when it is shown again.
+TEST_F(TerminalViewTest, AHiddenOrMinimisedViewDrawsOnceWhenShown) {
+    for (auto hide : {std::function<void()>([&] { window.hide(); }),
+                      std::function<void()>([&] { window.setWindowState(Qt::WindowMinimized); })}) {
+        ASSERT_TRUE(eventually([&] { return !view->isFrameClockRunning(); }));
+        hide();
+        ASSERT_TRUE(eventually([&] { return view->isFrameSuspended(); }));
+        uint64_t framesBefore = view->frameCounters().frames;
+        for (int i = 0; i < 3; ++i) {
+            view->feedFromBackend({reinterpret_cast<const uint8_t*>("more\r\n"), 6});
+            QTest::qWait(30);
+        }
+        EXPECT_EQ(view->frameCounters().frames, framesBefore);
+        EXPECT_FALSE(view->isFrameClockRunning());
+        window.setWindowState(Qt::WindowNoState);
+        window.show();
+        ASSERT_TRUE(eventually([&] { return !view->isFrameSuspended(); }));
+        ASSERT_TRUE(eventually([&] { return view->frameCounters().frames == framesBefore + 1; }));
+        ASSERT_TRUE(eventually([&] { return !view->isFrameClockRunning(); }));
+        EXPECT_EQ(view->frameCounters().frames, framesBefore + 1);
+    }
 }
 
 TEST_F(TerminalViewTest, CursorIsABlockWithFocusAndHollowWithout) {
