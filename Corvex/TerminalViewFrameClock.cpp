@@ -12,6 +12,8 @@ namespace {
 // A frame whose swap never comes (the surface went away, the window was unmapped) must not stop
 // the clock for good.
 constexpr qint64 longestSwapWaitMs = 100;
+// However slow drawing is, a busy view shows at least this many frames a second.
+constexpr qint64 longestSpacingMs = 100;
 
 } // namespace
 
@@ -27,6 +29,10 @@ int TerminalViewFrameClock::periodMs() const {
     double rate = screen ? screen->refreshRate() : 60.0;
     if (!(rate >= 30.0 && rate <= 240.0)) rate = 60.0;
     return std::max(4, int(std::lround(1000.0 / rate)));
+}
+
+int TerminalViewFrameClock::spacingMs() const {
+    return int(std::clamp<qint64>(2 * lastFrameCostMs_, periodMs(), longestSpacingMs));
 }
 
 void TerminalViewFrameClock::start() {
@@ -48,16 +54,22 @@ void TerminalViewFrameClock::frameRequested() {
     sinceRequest_.start();
 }
 
+void TerminalViewFrameClock::framePaintStarted() { sincePaint_.start(); }
+
 void TerminalViewFrameClock::frameSwapped() {
     awaitingSwap_ = false;
+    if (sincePaint_.isValid()) lastFrameCostMs_ = sincePaint_.elapsed();
+    sincePaint_.invalidate();
     if (!running_ || !tickDue_) return;
     tickDue_ = false;
+    // The frame's cost may have pushed the next tick further out.
+    if (sinceTick_.elapsed() < spacingMs()) return arm();
     timer_.stop();
     tickNow();
 }
 
 void TerminalViewFrameClock::arm() {
-    qint64 wait = std::max<qint64>(0, periodMs() - sinceTick_.elapsed());
+    qint64 wait = std::max<qint64>(0, spacingMs() - sinceTick_.elapsed());
     timer_.start(int(wait));
 }
 

@@ -8,16 +8,16 @@
 
 namespace corvex {
 
+// While the surface draws the view, the view's own area is never painted: asking for it would
+// only make the window upload its backing store again each frame.
 void TerminalView::update() {
-    QWidget::update();
-    if (!glSurface_) return;
+    if (!glSurface_) return QWidget::update();
     glSurface_->update();
     frameClock_->frameRequested();
 }
 
 void TerminalView::update(const QRect& area) {
-    QWidget::update(area);
-    if (!glSurface_) return;
+    if (!glSurface_) return QWidget::update(area);
     glSurface_->update();
     frameClock_->frameRequested();
 }
@@ -48,6 +48,7 @@ void TerminalView::attachGLSurface() {
         return frame;
     });
     connect(glSurface_, &QOpenGLWidget::frameSwapped, frameClock_.get(), &TerminalViewFrameClock::frameSwapped);
+    glSurface_->onPaintStarted = [clock = frameClock_.get()] { clock->framePaintStarted(); };
     glSurface_->onFailure = [this](const QString&) {
         glSurface_->deleteLater();
         glSurface_ = nullptr;

@@ -4,6 +4,7 @@
 #include <QElapsedTimer>
 #include <QImage>
 #include <QMainWindow>
+#include <QScreen>
 #include <QTest>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -94,6 +95,28 @@ TEST(TerminalGLSurface, QuietPaneDrawsNoFrames) {
     pane.feed("\r\nworld");
     ASSERT_TRUE(eventually([&] { return pane.surface()->framesDrawn() > frames; }));
     EXPECT_LE(pane.surface()->buildCounters()->rowsBuilt - rowsBefore, 2u);
+}
+
+// Output that streams in for a while is drawn at most once per refresh, each frame swapped
+// before the next is asked for, and the clock stops when the stream does.
+TEST(TerminalGLSurface, StreamingOutputIsDrawnAtMostOncePerRefresh) {
+    GLPane pane;
+    ASSERT_TRUE(pane.surface());
+    ASSERT_TRUE(eventually([&] { return !pane.view->isFrameClockRunning(); }));
+    uint64_t framesBefore = pane.surface()->framesDrawn();
+    QElapsedTimer streaming;
+    streaming.start();
+    for (int i = 0; streaming.elapsed() < 400; ++i) {
+        std::string line = "line " + std::to_string(i) + "\r\n";
+        pane.view->feedFromBackend({reinterpret_cast<const uint8_t*>(line.data()), line.size()});
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 2);
+    }
+    double refreshMs = 1000.0 / std::max(30.0, pane.view->screen()->refreshRate());
+    uint64_t drawn = pane.surface()->framesDrawn() - framesBefore;
+    EXPECT_GE(drawn, 1u);
+    EXPECT_LE(double(drawn), double(streaming.elapsed()) / refreshMs + 2);
+    ASSERT_TRUE(eventually([&] { return !pane.view->isFrameClockRunning(); }));
+    EXPECT_NE(pane.view->screenText().find("line"), std::string::npos);
 }
 
 TEST(TerminalGLSurface, TurnedOffByTheEnvironment) {
