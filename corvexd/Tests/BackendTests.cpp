@@ -50,10 +50,15 @@ TEST(CorvexdBackendAgainstDaemon, ConnectsStartsAndFollowsARestart) {
         EXPECT_EQ(error.code(), "unknown_method");
     }
 
+    // A deliberate stop is announced: the backend pauses instead of starting a new daemon
+    // behind the user's back, and only asking again brings one up.
     ASSERT_EQ(daemon.run({"stop"}).status, 0);
     EXPECT_TRUE(nextOf<SessionEvent::Disconnected>(*events));
+    EXPECT_TRUE(nextOf<SessionEvent::RetryPaused>(*events));
+    EXPECT_TRUE(backend->daemonWasShutDown());
+    backend->reconnectNow();
     auto again = nextOf<SessionEvent::Connected>(*events);
-    ASSERT_TRUE(again) << "the backend reconnects, starting the daemon again";
+    ASSERT_TRUE(again) << "asking again starts the daemon and reconnects";
     EXPECT_NE(again->hello.instance, connected->hello.instance);
     EXPECT_TRUE(nextOf<SessionEvent::State>(*events));
     backend->stop();
