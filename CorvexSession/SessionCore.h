@@ -34,6 +34,12 @@ Environment paneEnvironment(const Environment& inherited, uint64_t pane, const s
 
 // How a command's words become a program start. A login shell (a program and "-l") starts
 // with no arguments and an argv[0] of "-" and its base name.
+// Where a program named without a folder is found, as a shell finds it: the first
+// executable file of that name in the folders of `searchPath` (an empty entry is the
+// current folder). A name with a slash is taken as it is.
+std::optional<std::string> findProgram(const std::string& name, const std::string& searchPath,
+                                       const std::function<bool(const std::string&)>& isExecutable);
+
 struct LaunchCommand {
     std::string executable;
     std::vector<std::string> args;
@@ -42,6 +48,12 @@ struct LaunchCommand {
     bool operator==(const LaunchCommand&) const = default;
 };
 std::optional<LaunchCommand> launchCommand(const std::vector<std::string>& command);
+
+// The largest pane side a client may ask for: more than any real screen shows, and small
+// enough that one request can't make the daemon allocate gigabytes.
+inline constexpr int maximumPaneSide = 1000;
+// The size itself, or "bad_request" when a side is below 1 or above maximumPaneSide.
+Size checkedPaneSize(Size size);
 
 // Where a subscribe starts, from what the client holds and what the pane retains.
 Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t seq, uint64_t retainedStart);
@@ -119,6 +131,8 @@ struct SessionCoreEnvironment {
     std::string home = "/";
     std::string defaultShell = "/bin/sh";
     std::function<bool(const std::string&)> isDirectory;
+    // Absent: program names are passed on as they are.
+    std::function<bool(const std::string&)> isExecutable;
 };
 SessionCoreEnvironment currentSessionCoreEnvironment();
 
@@ -190,6 +204,8 @@ public:
     void setGit(uint64_t pane, const std::optional<PaneGit>& git);
     // Raises when the pane is unknown.
     void requirePane(uint64_t pane) const;
+    // A folder asked for that isn't there is refused, not swapped for the home folder.
+    void requireFolder(const SpawnOptions& spawn) const;
     // Runs `visit` with the pane's terminal and the output position its state stands for,
     // outside the core's lock. Raises when the pane is unknown.
     void withPaneTerminal(uint64_t pane, const std::function<void(vellum::Terminal&, uint64_t parsed)>& visit);

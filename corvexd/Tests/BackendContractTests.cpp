@@ -169,6 +169,21 @@ TYPED_TEST(BackendContract, UnknownThingsFailAlike) {
     expectError([&] { backend.focus(FocusTarget::pane(99)); }, "not_found", "no pane 99");
     expectError([&] { backend.sendKeys(made.pane, std::nullopt, {"Enter", "Hyper-x"}); }, "bad_request",
                 "unknown key Hyper-x");
+    // A program or folder that isn't there is refused before anything is made.
+    auto before = backend.getState();
+    SpawnOptions missing = plainShell;
+    missing.command = std::vector<std::string>{"no-such-program-here", "100"};
+    expectError([&] { backend.createWorkspace("x", missing); }, "not_found", "no-such-program-here: no such program");
+    SpawnOptions nowhere = plainShell;
+    nowhere.cwd = "/no/such/folder";
+    expectError([&] { backend.createTab(made.workspace, nowhere); }, "not_found", "no folder /no/such/folder");
+    EXPECT_EQ(backend.getState().workspaces, before.workspaces);
+    SpawnOptions named = plainShell;
+    named.command = std::vector<std::string>{"sleep", "100"};
+    auto sleeper = backend.split(made.pane, Direction::right, std::nullopt, named);
+    EXPECT_FALSE(backend.getState().pane(sleeper.pane)->exited) << "sleep is found on PATH";
+    expectError([&] { backend.move(MoveRequest::movePane(made.pane, made.pane, Direction::left)); }, "bad_request",
+                "pane " + std::to_string(made.pane) + " can't be moved beside itself");
     try {
         backend.searchPane(made.pane, "(", PaneSearchOptions{.regex = true});
         ADD_FAILURE() << "a pattern that doesn't compile must fail";
