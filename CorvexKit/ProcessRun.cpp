@@ -81,45 +81,6 @@ int decodeStatus(int raw) {
     return -1;
 }
 
-pid_t spawn(const ProcessRequest& request, int in, int out, int err) {
-    std::vector<char*> argv{const_cast<char*>(request.program.c_str())};
-    for (const auto& argument : request.arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    if (request.environment) {
-        for (const auto& entry : *request.environment) envp.push_back(const_cast<char*>(entry.c_str()));
-        envp.push_back(nullptr);
-    }
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (in >= 0) posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
-    else posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-
-    // The child starts with default signal handling, whatever this process ignores or blocks.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t defaults, empty;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    sigaddset(&defaults, SIGINT);
-    sigaddset(&defaults, SIGTERM);
-    sigemptyset(&empty);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setsigmask(&attributes, &empty);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-
-    pid_t pid = -1;
-    int error = ::posix_spawnp(&pid, request.program.c_str(), &actions, &attributes, argv.data(),
-                               request.environment ? envp.data() : environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (error != 0) throw std::runtime_error("can't start " + request.program + ": " + std::strerror(error));
-    return pid;
-}
-
 int waitFor(pid_t pid) {
     int raw = 0;
     while (::waitpid(pid, &raw, 0) < 0) {
@@ -192,6 +153,46 @@ void ignoreSigpipeOnce() {
 
 } // namespace
 
+pid_t spawnChild(const std::string& program, const std::vector<std::string>& arguments,
+                 const std::optional<std::vector<std::string>>& environment, int in, int out, int err) {
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
+    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    if (environment) {
+        for (const auto& entry : *environment) envp.push_back(const_cast<char*>(entry.c_str()));
+        envp.push_back(nullptr);
+    }
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (in >= 0) posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+    else posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+
+    // The child starts with default signal handling, whatever this process ignores or blocks.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults, empty;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    sigaddset(&defaults, SIGINT);
+    sigaddset(&defaults, SIGTERM);
+    sigemptyset(&empty);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setsigmask(&attributes, &empty);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+
+    pid_t pid = -1;
+    int error = ::posix_spawnp(&pid, program.c_str(), &actions, &attributes, argv.data(),
+                               environment ? envp.data() : environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    if (error != 0) throw std::runtime_error("can't start " + program + ": " + std::strerror(error));
+    return pid;
+}
+
 ProcessResult runProcess(const ProcessRequest& request) {
     ignoreSigpipeOnce();
     ProcessResult result;
@@ -200,7 +201,7 @@ ProcessResult runProcess(const ProcessRequest& request) {
     if (request.outputThroughFiles) {
         Descriptor out = makeCaptureFile(".out");
         Descriptor err = makeCaptureFile(".err");
-        pid_t pid = spawn(request, input.read.fd, out.fd, err.fd);
+        pid_t pid = spawnChild(request.program, request.arguments, request.environment, input.read.fd, out.fd, err.fd);
         input.read.reset();
         writeAll(input.write, request.input.value_or(""));
         result.status = waitFor(pid);
@@ -210,7 +211,7 @@ ProcessResult runProcess(const ProcessRequest& request) {
     }
     PipeEnds out = makePipe();
     PipeEnds err = makePipe();
-    pid_t pid = spawn(request, input.read.fd, out.write.fd, err.write.fd);
+    pid_t pid = spawnChild(request.program, request.arguments, request.environment, input.read.fd, out.write.fd, err.write.fd);
     input.read.reset();
     out.write.reset();
     err.write.reset();

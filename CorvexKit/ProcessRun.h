@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace corvex {
@@ -31,6 +32,13 @@ struct ProcessRequest {
 // child that fills one while we wait on the other can't deadlock. Throws std::runtime_error
 // when the program can't be started.
 ProcessResult runProcess(const ProcessRequest& request);
+
+// Starts `program` (a path, or a name looked up on PATH) on the given standard input, output
+// and error (an input of -1 is the null device), with default signal handling and nothing
+// blocked, whatever this process ignores or blocks. `environment` holds "NAME=value"
+// entries; absent means this process's own. Throws std::runtime_error when it can't start.
+pid_t spawnChild(const std::string& program, const std::vector<std::string>& arguments,
+                 const std::optional<std::vector<std::string>>& environment, int in, int out, int err);
 
 // This process's environment, without the variables whose names start with one of the prefixes.
 std::vector<std::string> environmentWithout(const std::vector<std::string>& prefixes);

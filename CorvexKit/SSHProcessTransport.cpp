@@ -6,15 +6,13 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
+#include "CorvexKit/ProcessRun.h"
 #include "CorvexKit/SessionBackend.h"
 #include "Platform/SerialQueue.h"
-
-extern char** environ;
 
 namespace corvex {
 
@@ -182,39 +180,12 @@ void ignoreSigpipeOnce() {
 }
 
 pid_t spawn(const std::string& program, const std::vector<std::string>& arguments, Pipe in, Pipe out, Pipe err) {
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.c_str()));
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in.read, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out.write, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err.write, STDERR_FILENO);
-
-    // The child starts with default signal handling, whatever this process ignores.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t defaults, empty;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    sigaddset(&defaults, SIGINT);
-    sigaddset(&defaults, SIGTERM);
-    sigemptyset(&empty);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setsigmask(&attributes, &empty);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-
-    pid_t pid = -1;
-    int error = ::posix_spawnp(&pid, program.c_str(), &actions, &attributes, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (error != 0) {
+    try {
+        return spawnChild(program, arguments, std::nullopt, in.read, out.write, err.write);
+    } catch (const std::runtime_error& error) {
         closeAll({in.read, in.write, out.read, out.write, err.read, err.write});
-        throw BackendError("failed", "can't start " + program + ": " + std::strerror(error));
+        throw BackendError("failed", error.what());
     }
-    return pid;
 }
 
 } // namespace

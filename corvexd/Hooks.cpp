@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "CorvexKit/RemoteSetup.h"
+
 namespace corvexd::hooks {
 
 using Json = nlohmann::ordered_json;
@@ -10,15 +12,6 @@ namespace {
 
 bool isOurs(const std::string& command) {
     return command.find(statusMarker) != std::string::npos || command.find(notifyMarker) != std::string::npos;
-}
-
-std::string shellQuoted(const std::string& word) {
-    std::string out = "'";
-    for (char c : word) {
-        if (c == '\'') out += "'\\''";
-        else out += c;
-    }
-    return out + "'";
 }
 
 bool takesMatcher(const std::string& event) {
@@ -104,7 +97,7 @@ const std::vector<std::string>& claudeEvents() {
 
 std::string claudeHookCommand(const std::string& corvexd) {
     // Whatever happens to corvexd, the agent's own step goes on.
-    return shellQuoted(corvexd) + " " + statusMarker + " claude 2>/dev/null || true";
+    return corvex::RemoteSetup::quote(corvexd) + " " + statusMarker + " claude 2>/dev/null || true";
 }
 
 std::string withClaudeHooks(const std::optional<std::string>& settings, const std::string& corvexd) {

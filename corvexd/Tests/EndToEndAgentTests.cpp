@@ -8,6 +8,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "CorvexKit/RemoteSetup.h"
 #include "CorvexKit/Tests/Support/ScratchDirectory.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "corvexd/Hooks.h"
@@ -19,12 +20,6 @@ namespace {
 using json = nlohmann::json;
 using platform::testing::eventually;
 using State = AgentInfo::State;
-
-std::string shellWord(const std::string& word) {
-    std::string out = "'";
-    for (char c : word) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
 
 // Payloads as Claude Code writes them on a hook's standard input.
 json claudePayload(const std::string& event, json extra = json::object()) {
@@ -212,8 +207,8 @@ TEST_F(AgentHooks, CodexNotifyReportsAndStillRunsTheNotifyItReplaced) {
                  {"last-assistant-message", "All 42 tests pass now."}};
     // Codex runs its notify itself, so the reporting process is the agent's own child.
     std::string line = "exec ";
-    for (const auto& word : *words) line += shellWord(word) + " ";
-    line += shellWord(payload.dump());
+    for (const auto& word : *words) line += RemoteSetup::quote(word) + " ";
+    line += RemoteSetup::quote(payload.dump());
     std::ofstream(daemon.scratch().file("notify")) << line << "\n";
     client->sendInput(created.pane, asBytes("sh " + daemon.scratch().file("notify") + "\r"));
 

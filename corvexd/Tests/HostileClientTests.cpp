@@ -14,33 +14,12 @@
 #include "CorvexKit/Frame.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "Support/DaemonHarness.h"
+#include "Support/RawReplies.h"
 
 using namespace corvexd::testing;
 using platform::testing::eventually;
 
 namespace {
-
-std::string errorCode(const std::optional<json>& reply) {
-    if (!reply || !reply->contains("error")) return "";
-    return (*reply)["error"].value("code", "");
-}
-
-json result(const std::optional<json>& reply) {
-    if (!reply) {
-        ADD_FAILURE() << "no reply";
-        return {};
-    }
-    EXPECT_TRUE(reply->contains("result")) << reply->dump();
-    return reply->value("result", json::object());
-}
-
-json shell(std::vector<std::string> command = {"/bin/sh"}) {
-    return {{"command", command}, {"env", {{"PS1", "$ "}, {"ENV", ""}}}, {"cols", 40}, {"rows", 10}};
-}
-
-uint64_t createPane(RawClient& client, const json& spawn) {
-    return result(client.request("workspace.create", spawn))["pane"].get<uint64_t>();
-}
 
 size_t workspaceCount(const std::string& socketPath) {
     RawClient client(socketPath);

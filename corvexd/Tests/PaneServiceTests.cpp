@@ -8,33 +8,12 @@
 
 #include "CorvexKit/Frame.h"
 #include "Support/DaemonHarness.h"
+#include "Support/RawReplies.h"
 #include "Vellum/Terminal.h"
 
 using namespace corvexd::testing;
 
 namespace {
-
-std::string errorCode(const std::optional<json>& reply) {
-    if (!reply || !reply->contains("error")) return "";
-    return (*reply)["error"].value("code", "");
-}
-
-json result(const std::optional<json>& reply) {
-    if (!reply) {
-        ADD_FAILURE() << "no reply";
-        return {};
-    }
-    EXPECT_TRUE(reply->contains("result")) << reply->dump();
-    return reply->value("result", json::object());
-}
-
-json shell(std::vector<std::string> command = {"/bin/sh"}) {
-    return {{"command", command}, {"env", {{"PS1", "$ "}, {"ENV", ""}}}, {"cols", 40}, {"rows", 10}};
-}
-
-uint64_t createPane(RawClient& client, const json& spawn) {
-    return result(client.request("workspace.create", spawn))["pane"].get<uint64_t>();
-}
 
 void type(RawClient& client, uint64_t pane, const std::string& text) {
     ASSERT_TRUE(client.sendBytes(corvex::makeInputFrame(pane, text)));

@@ -5,17 +5,13 @@
 #include <unistd.h>
 
 #include "Support/DaemonHarness.h"
+#include "Support/RawReplies.h"
 
 using namespace corvexd::testing;
 
 namespace {
 
 json helloParams() { return {{"protocol", 1}, {"client", "tests"}}; }
-
-std::string errorCode(const std::optional<json>& reply) {
-    if (!reply || !reply->contains("error")) return "";
-    return (*reply)["error"].value("code", "");
-}
 
 bool answersPing(const std::string& socketPath) {
     RawClient client(socketPath);
