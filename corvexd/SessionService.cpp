@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "CorvexKit/Frame.h"
+#include "CorvexSession/ClientSizes.h"
 #include "CorvexSession/SessionCore.h"
 #include "corvexd/SavedTree.h"
 #include "corvexd/ServeMethod.h"
@@ -119,12 +120,24 @@ void serveTree(Server& s, const Core& core) {
 }
 
 void serveSubscriptions(Server& server, const Core& core) {
-    serve<protocol::PaneSubscribe>(server, [core, &server](const auto& p, MethodCall& call) {
+    // Only the serving thread touches it: requests and a client's end both run there.
+    auto sizes = std::make_shared<corvex::ClientSizes>();
+    auto resize = [core](uint64_t pane, corvex::Size size) {
+        try {
+            core->resize(pane, size);
+        } catch (const corvex::BackendError&) {
+            // The pane has gone meanwhile; nothing to give room to.
+        }
+    };
+    serve<protocol::PaneSubscribe>(server, [core, sizes, &server](const auto& p, MethodCall& call) {
         SubscribeCapture caught{p.pane, &call.framesAfterReply, 0};
         capture = &caught;
         corvex::Subscription subscription;
+        core->requirePane(p.pane);
+        auto viewport = p.viewport;
+        if (viewport) viewport = sizes->show(p.pane, call.client, *viewport);
         try {
-            subscription = core->subscribe(p.pane, p.haveSeq, p.viewport, p.scrollback.value_or(0),
+            subscription = core->subscribe(p.pane, p.haveSeq, viewport, p.scrollback.value_or(0),
                                            [&caught](const SessionEvent& event) { captureOpening(caught, event); });
         } catch (...) {
             capture = nullptr;
@@ -135,12 +148,22 @@ void serveSubscriptions(Server& server, const Core& core) {
         server.subscribePane(call.client, p.pane, caught.next);
         return subscription;
     });
-    serve<protocol::PaneUnsubscribe>(server, [&server](const auto& p, MethodCall& call) {
+    serve<protocol::PaneUnsubscribe>(server, [sizes, resize, &server](const auto& p, MethodCall& call) {
         // Other clients may still watch the pane, so the core keeps streaming it.
         server.unsubscribePane(call.client, p.pane);
+        if (auto size = sizes->hide(p.pane, call.client)) resize(p.pane, *size);
     });
-    serve<protocol::PaneViewport>(server, [core](const auto& p, MethodCall&) { core->setViewport(p.pane, p.size); });
-    serve<protocol::PaneResize>(server, [core](const auto& p, MethodCall&) { core->resize(p.pane, p.size); });
+    serve<protocol::PaneViewport>(server, [core, sizes](const auto& p, MethodCall& call) {
+        core->requirePane(p.pane);
+        core->setViewport(p.pane, sizes->show(p.pane, call.client, p.size));
+    });
+    serve<protocol::PaneResize>(server, [core, sizes](const auto& p, MethodCall& call) {
+        core->requirePane(p.pane);
+        core->resize(p.pane, sizes->show(p.pane, call.client, p.size));
+    });
+    server.setClientGoneHandler([sizes, resize](ClientID client) {
+        for (const auto& [pane, size] : sizes->leave(client)) resize(pane, size);
+    });
 }
 
 void servePanes(Server& s, const Core& core) {
