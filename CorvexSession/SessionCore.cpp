@@ -105,6 +105,15 @@ std::optional<LaunchCommand> launchCommand(const std::vector<std::string>& comma
     return LaunchCommand{command[0], {command.begin() + 1, command.end()}, std::nullopt};
 }
 
+Size checkedPaneSize(Size size) {
+    auto fits = [](int side) { return side >= 1 && side <= maximumPaneSide; };
+    if (!fits(size.cols) || !fits(size.rows)) {
+        throw BackendError("bad_request", "a pane's size must lie in 1x1..." + std::to_string(maximumPaneSide) + "x" +
+                                              std::to_string(maximumPaneSide));
+    }
+    return size;
+}
+
 Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t seq, uint64_t retainedStart) {
     if (!haveSeq) return Subscription::Mode::snapshot;
     if (*haveSeq == seq) return Subscription::Mode::live;
@@ -288,7 +297,7 @@ void SessionCore::restoreTree(const ModelState& saved, double at) {
 
 uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint64_t> given) {
     uint64_t id = given ? *given : takeID();
-    Size size{options.cols.value_or(80), options.rows.value_or(24)};
+    Size size = checkedPaneSize({options.cols.value_or(80), options.rows.value_or(24)});
     auto command = options.command.value_or(std::vector<std::string>{environment_.defaultShell, "-l"});
     std::string cwd = options.cwd.value_or(environment_.home);
     if (environment_.isDirectory && !environment_.isDirectory(cwd)) cwd = environment_.home;
@@ -610,6 +619,7 @@ Subscription SessionCore::subscribe(uint64_t pane, std::optional<uint64_t> haveS
     Subscription subscription;
     bool fromTerminal = false;
     std::vector<SessionEvent> opening;
+    if (viewport) checkedPaneSize(*viewport);
     {
         Batch batch(*this);
         if (viewport) {
@@ -659,6 +669,7 @@ void SessionCore::setViewport(uint64_t pane, Size size) { applySize(pane, size, 
 void SessionCore::resize(uint64_t pane, Size size) { applySize(pane, size, true); }
 
 void SessionCore::applySize(uint64_t pane, Size size, bool notifySubscriber) {
+    checkedPaneSize(size);
     std::shared_ptr<PaneProcess> process;
     {
         Batch batch(*this);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "CorvexKit/SessionBackend.h"
+#include "CorvexSession/AgentDetector.h"
 #include "CorvexSession/AgentTracker.h"
 #include "CorvexSession/PaneGitWatcher.h"
 
@@ -47,6 +48,12 @@ struct LaunchCommand {
     bool operator==(const LaunchCommand&) const = default;
 };
 std::optional<LaunchCommand> launchCommand(const std::vector<std::string>& command);
+
+// The largest pane side a client may ask for: more than any real screen shows, and small
+// enough that one request can't make the daemon allocate gigabytes.
+inline constexpr int maximumPaneSide = 1000;
+// The size itself, or "bad_request" when a side is below 1 or above maximumPaneSide.
+Size checkedPaneSize(Size size);
 
 // Where a subscribe starts, from what the client holds and what the pane retains.
 Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t seq, uint64_t retainedStart);
@@ -247,6 +254,9 @@ private:
     // Sets the pane's agent, records the change and tells the listener.
     void changeAgent(Batch& batch, uint64_t pane, const std::optional<AgentInfo>& agent);
     void publishPane(Batch& batch, uint64_t pane);
+    // The agent a look at the pane finds, from the one it has now; on pollAgents's thread.
+    std::optional<AgentInfo> nextGuess(uint64_t pane, int32_t pid, const std::optional<AgentInfo>& agent,
+                                       std::optional<int32_t> reporter);
     void removeFromLayout(uint64_t pane);
     std::vector<std::shared_ptr<PaneProcess>> detach(const std::vector<uint64_t>& panes);
     void applySize(uint64_t pane, Size size, bool notifySubscriber);
@@ -276,7 +286,8 @@ private:
     std::map<uint64_t, PaneRecord> panes_;
     AgentTracker agents_;
     PaneGitWatcher git_; // used by pollGit's thread alone
-    std::map<uint64_t, uint64_t> agentScreenSeq_; // used by pollAgents's thread alone
+    GitRefreshSchedule gitSchedule_; // used by pollGit's thread alone
+    std::map<uint64_t, GuessedAgentLook> guessed_; // used by pollAgents's thread alone
 };
 
 } // namespace corvex

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
+#include <optional>
+#include <utility>
 
 #include "CorvexKit/Frame.h"
 #include "CorvexSession/ClientSizes.h"
@@ -119,7 +122,26 @@ void serveTree(Server& s, const Core& core) {
     });
 }
 
+// Opens a pane's stream for one client: the subscription, and in `frames` what must follow
+// its reply. Returns the position the client's live stream goes on from.
+uint64_t openStream(const Core& core, uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<corvex::Size> viewport,
+                    int scrollback, std::vector<std::string>& frames, corvex::Subscription& subscription) {
+    SubscribeCapture caught{pane, &frames, 0};
+    capture = &caught;
+    try {
+        subscription = core->subscribe(pane, haveSeq, viewport, scrollback,
+                                       [&caught](const SessionEvent& event) { captureOpening(caught, event); });
+    } catch (...) {
+        capture = nullptr;
+        throw;
+    }
+    capture = nullptr;
+    return caught.next == 0 ? subscription.seq : caught.next;
+}
+
 void serveSubscriptions(Server& server, const Core& core) {
+    // The history each client asked for, so that a stream given up on comes back alike.
+    auto scrollbacks = std::make_shared<std::map<std::pair<ClientID, uint64_t>, int>>();
     // Only the serving thread touches it: requests and a client's end both run there.
     auto sizes = std::make_shared<corvex::ClientSizes>();
     auto resize = [core](uint64_t pane, corvex::Size size) {
@@ -129,28 +151,33 @@ void serveSubscriptions(Server& server, const Core& core) {
             // The pane has gone meanwhile; nothing to give room to.
         }
     };
-    serve<protocol::PaneSubscribe>(server, [core, sizes, &server](const auto& p, MethodCall& call) {
-        SubscribeCapture caught{p.pane, &call.framesAfterReply, 0};
-        capture = &caught;
+    serve<protocol::PaneSubscribe>(server, [core, &server, scrollbacks, sizes](const auto& p, MethodCall& call) {
         corvex::Subscription subscription;
+        int scrollback = p.scrollback.value_or(0);
         core->requirePane(p.pane);
         auto viewport = p.viewport;
         if (viewport) viewport = sizes->show(p.pane, call.client, *viewport);
-        try {
-            subscription = core->subscribe(p.pane, p.haveSeq, viewport, p.scrollback.value_or(0),
-                                           [&caught](const SessionEvent& event) { captureOpening(caught, event); });
-        } catch (...) {
-            capture = nullptr;
-            throw;
-        }
-        capture = nullptr;
-        if (caught.next == 0) caught.next = subscription.seq;
-        server.subscribePane(call.client, p.pane, caught.next);
+        uint64_t from = openStream(core, p.pane, p.haveSeq, viewport, scrollback, call.framesAfterReply, subscription);
+        server.subscribePane(call.client, p.pane, from);
+        (*scrollbacks)[{call.client, p.pane}] = scrollback;
         return subscription;
     });
-    serve<protocol::PaneUnsubscribe>(server, [sizes, resize, &server](const auto& p, MethodCall& call) {
+    server.setStreamReopener([core, scrollbacks](ClientID client, uint64_t pane) {
+        auto asked = scrollbacks->find({client, pane});
+        Server::ReopenedStream reopened;
+        corvex::Subscription subscription;
+        reopened.from = openStream(core, pane, std::nullopt, std::nullopt, asked == scrollbacks->end() ? 0 : asked->second,
+                                   reopened.frames, subscription);
+        return std::optional<Server::ReopenedStream>(std::move(reopened));
+    });
+    server.setClientGoneHandler([scrollbacks, sizes, resize](ClientID client) {
+        std::erase_if(*scrollbacks, [client](const auto& entry) { return entry.first.first == client; });
+        for (const auto& [pane, size] : sizes->leave(client)) resize(pane, size);
+    });
+    serve<protocol::PaneUnsubscribe>(server, [&server, scrollbacks, sizes, resize](const auto& p, MethodCall& call) {
         // Other clients may still watch the pane, so the core keeps streaming it.
         server.unsubscribePane(call.client, p.pane);
+        scrollbacks->erase({call.client, p.pane});
         if (auto size = sizes->hide(p.pane, call.client)) resize(p.pane, *size);
     });
     serve<protocol::PaneViewport>(server, [core, sizes](const auto& p, MethodCall& call) {
@@ -160,9 +187,6 @@ void serveSubscriptions(Server& server, const Core& core) {
     serve<protocol::PaneResize>(server, [core, sizes](const auto& p, MethodCall& call) {
         core->requirePane(p.pane);
         core->resize(p.pane, sizes->show(p.pane, call.client, p.size));
-    });
-    server.setClientGoneHandler([sizes, resize](ClientID client) {
-        for (const auto& [pane, size] : sizes->leave(client)) resize(pane, size);
     });
 }
 
