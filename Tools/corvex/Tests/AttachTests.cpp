@@ -194,6 +194,12 @@ TEST_F(Attach, PrefixKeysMakeTabsAndSplitsAndMoveBetweenThem) {
     user.type("\x01" "x"); // close the new pane: back to the first
     ASSERT_TRUE(eventually([&] { return backend->getState().location(made.pane)->tab->layout.panes().size() == 1; }));
 
+    user.type("\x01" "n\x01" "x"); // closing the second tab's only pane goes on in the first tab
+    ASSERT_TRUE(eventually([&] { return backend->getState().workspace(made.workspace)->tabs.size() == 1; }));
+    ASSERT_TRUE(user.until([&] { return user.row(29).find("2:") == std::string::npos; })) << user.row(29);
+    user.type("echo still-here\r");
+    ASSERT_TRUE(user.shows("still-here")) << user.screenText();
+
     user.type("\x01\x01"); // the prefix twice reaches the pane once
     user.type("\x01" "d");
     ASSERT_EQ(user.exitStatus(), 0);
