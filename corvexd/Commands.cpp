@@ -18,7 +18,16 @@ namespace corvexd {
 namespace {
 
 const char* usage =
-    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status --print-socket | status --print-builds | hooks\n";
+    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status [--print-socket | --print-builds] | hooks\n"
+    "\n"
+    "  serve      serve in the foreground\n"
+    "  start      start a daemon for the runtime folder unless one runs\n"
+    "  stop       end the daemon; its workspaces, tabs and panes come back, with new shells, at the next start\n"
+    "  shutdown   end the daemon and everything in it; the next start begins empty\n"
+    "  bridge     relay standard input and output to the daemon, starting it if needed\n"
+    "  status     whether a daemon runs\n"
+    "\n"
+    "Clients are told of a stop or shutdown and don't start another daemon in its place.\n";
 
 } // namespace
 
@@ -28,6 +37,14 @@ int runCommand(const std::vector<std::string>& arguments) {
         return 2;
     }
     const std::string& command = arguments[0];
+    if (command == "--help" || command == "-h" || command == "help") {
+        std::cout << usage;
+        return 0;
+    }
+    if (command == "--version") {
+        std::cout << "corvexd " << buildVersion() << "\n";
+        return 0;
+    }
     std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
     try {
         if (command == "serve") return serve();

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "CorvexKit/Frame.h"
+#include "CorvexSession/ClientSizes.h"
 #include "CorvexSession/SessionCore.h"
 #include "corvexd/SavedTree.h"
 #include "corvexd/ServeMethod.h"
@@ -141,10 +142,22 @@ uint64_t openStream(const Core& core, uint64_t pane, std::optional<uint64_t> hav
 void serveSubscriptions(Server& server, const Core& core) {
     // The history each client asked for, so that a stream given up on comes back alike.
     auto scrollbacks = std::make_shared<std::map<std::pair<ClientID, uint64_t>, int>>();
-    serve<protocol::PaneSubscribe>(server, [core, &server, scrollbacks](const auto& p, MethodCall& call) {
+    // Only the serving thread touches it: requests and a client's end both run there.
+    auto sizes = std::make_shared<corvex::ClientSizes>();
+    auto resize = [core](uint64_t pane, corvex::Size size) {
+        try {
+            core->resize(pane, size);
+        } catch (const corvex::BackendError&) {
+            // The pane has gone meanwhile; nothing to give room to.
+        }
+    };
+    serve<protocol::PaneSubscribe>(server, [core, &server, scrollbacks, sizes](const auto& p, MethodCall& call) {
         corvex::Subscription subscription;
         int scrollback = p.scrollback.value_or(0);
-        uint64_t from = openStream(core, p.pane, p.haveSeq, p.viewport, scrollback, call.framesAfterReply, subscription);
+        core->requirePane(p.pane);
+        auto viewport = p.viewport;
+        if (viewport) viewport = sizes->show(p.pane, call.client, *viewport);
+        uint64_t from = openStream(core, p.pane, p.haveSeq, viewport, scrollback, call.framesAfterReply, subscription);
         server.subscribePane(call.client, p.pane, from);
         (*scrollbacks)[{call.client, p.pane}] = scrollback;
         return subscription;
@@ -157,16 +170,24 @@ void serveSubscriptions(Server& server, const Core& core) {
                                    reopened.frames, subscription);
         return std::optional<Server::ReopenedStream>(std::move(reopened));
     });
-    server.setClientGoneHandler([scrollbacks](ClientID client) {
+    server.setClientGoneHandler([scrollbacks, sizes, resize](ClientID client) {
         std::erase_if(*scrollbacks, [client](const auto& entry) { return entry.first.first == client; });
+        for (const auto& [pane, size] : sizes->leave(client)) resize(pane, size);
     });
-    serve<protocol::PaneUnsubscribe>(server, [&server, scrollbacks](const auto& p, MethodCall& call) {
+    serve<protocol::PaneUnsubscribe>(server, [&server, scrollbacks, sizes, resize](const auto& p, MethodCall& call) {
         // Other clients may still watch the pane, so the core keeps streaming it.
         server.unsubscribePane(call.client, p.pane);
         scrollbacks->erase({call.client, p.pane});
+        if (auto size = sizes->hide(p.pane, call.client)) resize(p.pane, *size);
     });
-    serve<protocol::PaneViewport>(server, [core](const auto& p, MethodCall&) { core->setViewport(p.pane, p.size); });
-    serve<protocol::PaneResize>(server, [core](const auto& p, MethodCall&) { core->resize(p.pane, p.size); });
+    serve<protocol::PaneViewport>(server, [core, sizes](const auto& p, MethodCall& call) {
+        core->requirePane(p.pane);
+        core->setViewport(p.pane, sizes->show(p.pane, call.client, p.size));
+    });
+    serve<protocol::PaneResize>(server, [core, sizes](const auto& p, MethodCall& call) {
+        core->requirePane(p.pane);
+        core->resize(p.pane, sizes->show(p.pane, call.client, p.size));
+    });
 }
 
 void servePanes(Server& s, const Core& core) {

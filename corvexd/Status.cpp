@@ -71,9 +71,15 @@ int status(const std::vector<std::string>& options) {
         std::cout << "serve=" << hello->build.value_or("") << "\nholder=" << holder << "\n";
         return 0;
     }
-    bool running = accepts(socketPath);
-    std::cout << (running ? "running" : "not running") << "\n";
-    return running ? 0 : 1;
+    // Worded as the daemon's other messages are: "corvexd: " and what is so.
+    if (!accepts(socketPath)) {
+        std::cout << "corvexd: not running\n";
+        return 1;
+    }
+    auto hello = askHello(socketPath);
+    std::cout << "corvexd: running" << (hello && hello->pid ? " (pid " + std::to_string(*hello->pid) + ")" : std::string())
+              << " on " << socketPath << "\n";
+    return 0;
 }
 
 } // namespace corvexd

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include <algorithm>
+#include <set>
 #include <thread>
 
+#include "CorvexSession/ClientSizes.h"
 #include "CorvexSession/SessionCore.h"
 #include "CorvexSession/Tests/Support/ScriptedPaneHost.h"
 #include "CorvexSession/Tests/Support/ExpectError.h"
@@ -89,6 +89,19 @@ TEST(FindProgram, NamesAreLookedUpOnThePathInOrderAndPathsAreTakenAsTheyAre) {
     EXPECT_EQ(findProgram("run", "", isExecutable), std::nullopt);
     EXPECT_EQ(findProgram("x/run", "/opt", isExecutable), "x/run") << "a name with a slash isn't searched for";
     EXPECT_EQ(findProgram("", "/bin", isExecutable), std::nullopt);
+}
+
+TEST(ClientSizes, APaneFitsEveryClientShowingItAndGrowsBackWhenOneGoes) {
+    ClientSizes sizes;
+    EXPECT_EQ(sizes.show(7, 1, Size{200, 50}), (Size{200, 50}));
+    EXPECT_EQ(sizes.show(7, 2, Size{80, 60}), (Size{80, 50})) << "each dimension fits the smallest";
+    EXPECT_EQ(sizes.show(8, 2, Size{80, 24}), (Size{80, 24})) << "other panes are apart";
+    EXPECT_EQ(sizes.show(7, 2, Size{100, 60}), (Size{100, 50})) << "a client's new size replaces its old";
+    EXPECT_EQ(sizes.leave(2), (std::vector<std::pair<uint64_t, Size>>{{7, Size{200, 50}}}))
+        << "the remaining client gets its room back; a pane no one shows keeps its size";
+    EXPECT_EQ(sizes.hide(7, 1), std::nullopt);
+    EXPECT_EQ(sizes.hide(7, 1), std::nullopt) << "hiding twice is harmless";
+    EXPECT_EQ(sizes.show(7, 3, Size{90, 30}), (Size{90, 30})) << "nothing of the gone clients stays";
 }
 
 TEST(OutputRetention, FiveMebibytesAreRetainedAsAtMostFour) {

@@ -337,10 +337,30 @@ private:
                     if (other != closing && !after) after = other;
                 }
             }
-            backend_.closePane(closing);
-            if (!after) return "pane " + std::to_string(closing) + " closed";
+            // The tab's last pane: the attach goes on in another tab of the workspace.
+            if (!after && where && where->workspace) {
+                for (const auto& tab : where->workspace->tabs) {
+                    if (!after && where->tab && tab.id != where->tab->id) after = tab.activePane;
+                }
+            }
+            if (!after) {
+                backend_.closePane(closing);
+                return "pane " + std::to_string(closing) + " closed";
+            }
+            // Keys typed from now on go where the attach goes on, not to the closing pane.
+            shared_->pane = *after;
+            try {
+                backend_.closePane(closing);
+            } catch (const BackendError&) {
+                shared_->pane = closing;
+                throw;
+            }
             state_ = backend_.getState();
-            switchTo(*after);
+            show(*after);
+            try {
+                backend_.focus(FocusTarget::pane(*after));
+            } catch (const BackendError&) {
+            }
             break;
         }
         }

@@ -50,15 +50,18 @@ TEST(CorvexdBackendAgainstDaemon, ConnectsStartsAndFollowsARestart) {
         EXPECT_EQ(error.code(), "unknown_method");
     }
 
-    // A deliberate stop is announced: the backend pauses instead of starting a new daemon
-    // behind the user's back, and only asking again brings one up.
+    // A deliberate stop is told to the client, which waits to be asked rather than start
+    // another daemon in its place.
     ASSERT_EQ(daemon.run({"stop"}).status, 0);
     EXPECT_TRUE(nextOf<SessionEvent::Disconnected>(*events));
-    EXPECT_TRUE(nextOf<SessionEvent::RetryPaused>(*events));
+    auto paused = nextOf<SessionEvent::RetryPaused>(*events);
+    ASSERT_TRUE(paused);
+    EXPECT_EQ(paused->reason, "corvexd was shut down");
     EXPECT_TRUE(backend->daemonWasShutDown());
+    EXPECT_FALSE(backend->isConnected());
     backend->reconnectNow();
     auto again = nextOf<SessionEvent::Connected>(*events);
-    ASSERT_TRUE(again) << "asking again starts the daemon and reconnects";
+    ASSERT_TRUE(again) << "asked, the backend reconnects, starting the daemon again";
     EXPECT_NE(again->hello.instance, connected->hello.instance);
     EXPECT_TRUE(nextOf<SessionEvent::State>(*events));
     backend->stop();

@@ -51,6 +51,13 @@ TEST(CorvexdCommands, StartFindsTheRunningDaemonAndStopEndsIt) {
     EXPECT_EQ(serveAgain.status, 1);
     EXPECT_NE(serveAgain.err.find("already running"), std::string::npos) << serveAgain.err;
 
+    EXPECT_EQ(daemon.run({"status"}).out,
+              "corvexd: running (pid " + std::to_string(first) + ") on " + daemon.socketPath() + "\n");
+    auto help = daemon.run({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("shutdown   end the daemon and everything in it"), std::string::npos) << help.out;
+    EXPECT_EQ(daemon.run({"--version"}).out.rfind("corvexd ", 0), 0u);
+
     auto builds = daemon.run({"status", "--print-builds"});
     std::string build = id.out.substr(0, id.out.size() - 1);
     EXPECT_EQ(builds.out, "serve=" + build + "\nholder=" + build + "\n");
@@ -58,7 +65,7 @@ TEST(CorvexdCommands, StartFindsTheRunningDaemonAndStopEndsIt) {
     EXPECT_EQ(daemon.run({"stop"}).status, 0);
     EXPECT_FALSE(platform::processLives(first)) << "stop returns once the daemon has gone";
     EXPECT_FALSE(std::filesystem::exists(daemon.socketPath()));
-    EXPECT_EQ(daemon.run({"status"}).out, "not running\n");
+    EXPECT_EQ(daemon.run({"status"}).out, "corvexd: not running\n");
     EXPECT_EQ(daemon.run({"stop"}).status, 0) << "stopping nothing is not an error";
     EXPECT_NE(daemon.run({"status", "--print-builds"}).status, 0);
 

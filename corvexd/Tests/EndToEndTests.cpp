@@ -78,8 +78,8 @@ TEST_F(EndToEnd, TypedInputComesBackThroughTheShellToBothClients) {
     Ran interrupted = daemon.corvex({"keys", text(created.pane), "--text", "echo never", "C-c"});
     EXPECT_EQ(interrupted.status, 0) << interrupted.err;
     Ran unknown = daemon.corvex({"keys", text(created.pane), "Hyper-x"});
-    EXPECT_EQ(unknown.status, 2) << "a key name that does not exist is a usage error";
-    EXPECT_THAT(unknown.err, HasSubstr("unknown key Hyper-x"));
+    EXPECT_EQ(unknown.status, 2) << "a bad key name is refused before anything is typed";
+    EXPECT_THAT(unknown.err, HasSubstr("corvex: unknown key Hyper-x"));
 
     Ran shown = daemon.corvex({"text", text(created.pane)});
     EXPECT_EQ(shown.status, 0) << shown.err;

@@ -194,6 +194,12 @@ TEST_F(Attach, PrefixKeysMakeTabsAndSplitsAndMoveBetweenThem) {
     user.type("\x01" "x"); // close the new pane: back to the first
     ASSERT_TRUE(eventually([&] { return backend->getState().location(made.pane)->tab->layout.panes().size() == 1; }));
 
+    user.type("\x01" "n\x01" "x"); // closing the second tab's only pane goes on in the first tab
+    ASSERT_TRUE(eventually([&] { return backend->getState().workspace(made.workspace)->tabs.size() == 1; }));
+    ASSERT_TRUE(user.until([&] { return user.row(29).find("2:") == std::string::npos; })) << user.row(29);
+    user.type("echo still-here\r");
+    ASSERT_TRUE(user.shows("still-here")) << user.screenText();
+
     user.type("\x01\x01"); // the prefix twice reaches the pane once
     user.type("\x01" "d");
     ASSERT_EQ(user.exitStatus(), 0);
@@ -247,4 +253,33 @@ TEST_F(Attach, CommandsValidateBeforeActingAndStartWhereTheUserIs) {
     EXPECT_NE(tree.out.find("workspace " + std::to_string(made.workspace) + " \"work\""), std::string::npos) << tree.out;
     EXPECT_NE(tree.out.find("pane " + std::to_string(pane)), std::string::npos) << tree.out;
     EXPECT_NE(tree.out.find("sleep 100"), std::string::npos) << tree.out;
+}
+
+TEST_F(Attach, TwoClientsOfDifferentSizesEachSeeThePaneAtItsTrueSize) {
+    UserTerminal wide(120, 40, "");
+    wide.start(attachArgs(made.pane), daemon.environment());
+    ASSERT_TRUE(wide.attached("work")) << wide.screenText();
+    ASSERT_TRUE(eventually([&] { return backend->getState().pane(made.pane)->cols == 120; }));
+
+    UserTerminal narrow(60, 20, "");
+    narrow.start(attachArgs(made.pane), daemon.environment());
+    ASSERT_TRUE(narrow.attached("work")) << narrow.screenText();
+    // The pane fits the smaller client; the larger one draws it at that size and fills the rest.
+    ASSERT_TRUE(eventually([&] {
+        auto state = backend->getState();
+        return state.pane(made.pane)->cols == 60 && state.pane(made.pane)->rows == 19;
+    }));
+    narrow.type("printf '%059d|\\n' 0\r");
+    ASSERT_TRUE(narrow.shows("0|"));
+    ASSERT_TRUE(wide.until([&] { return wide.screenText().find("0|\u00b7") != std::string::npos; })) << wide.screenText();
+
+    // When the small client leaves, the pane takes the larger client's room again.
+    narrow.type("\x1c" "d");
+    ASSERT_EQ(narrow.exitStatus(), 0);
+    EXPECT_TRUE(eventually([&] {
+        auto state = backend->getState();
+        return state.pane(made.pane)->cols == 120 && state.pane(made.pane)->rows == 39;
+    })) << backend->getState().pane(made.pane)->cols;
+    wide.type("\x1c" "d");
+    EXPECT_EQ(wide.exitStatus(), 0);
 }

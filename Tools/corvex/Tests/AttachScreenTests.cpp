@@ -1,0 +1,106 @@
+#include <gtest/gtest.h>
+
+#include "Tools/corvex/AttachKeys.h"
+#include "Tools/corvex/AttachScreen.h"
+#include "Vellum/HeadlessTerminal.h"
+
+using namespace corvex;
+using namespace corvex::cli;
+
+namespace {
+
+vellum::TerminalOptions sized(int cols, int rows) {
+    vellum::TerminalOptions options;
+    options.cols = cols;
+    options.rows = rows;
+    return options;
+}
+
+// A pane's terminal fed with `bytes`, composed into a client of that size.
+ScreenFrame frameOf(const std::string& bytes, int paneCols, int paneRows, int cols, int rows, std::string_view status) {
+    vellum::HeadlessTerminal pane(sized(paneCols, paneRows));
+    pane.feed(bytes);
+    auto content = pane.terminal->contentSnapshot(vellum::TerminalContentRegion::viewport(), false);
+    return composeFrame(content, !pane.terminal->cursorHidden, cols, rows, status);
+}
+
+} // namespace
+
+// The painter's output, fed to a second terminal, must leave it showing the frame, whatever
+// the frames before it were.
+TEST(ScreenPainter, ItsBytesReproduceEachFrameOnTheUsersTerminal) {
+    vellum::HeadlessTerminal user(sized(30, 6));
+    ScreenPainter painter;
+    auto check = [&](const ScreenFrame& frame) {
+        user.feed(painter.paint(frame));
+        for (int row = 0; row < frame.rows; ++row) {
+            std::string expected;
+            for (int col = 0; col < frame.cols; ++col) {
+                if (frame.at(col, row).width != 0) expected += frame.at(col, row).text;
+            }
+            std::string shown = user.terminal->lineText(row);
+            for (auto* text : {&expected, &shown}) {
+                while (!text->empty() && text->back() == ' ') text->pop_back();
+            }
+            EXPECT_EQ(shown, expected) << "row " << row;
+        }
+        auto state = user.terminal->contentSnapshot(vellum::TerminalContentRegion::viewport(), false);
+        EXPECT_EQ(state.cursorColumn, frame.cursorCol);
+        EXPECT_EQ(state.cursorRow - state.liveTopRow, frame.cursorRow);
+        EXPECT_EQ(user.terminal->cursorHidden, !frame.cursorVisible);
+    };
+    check(frameOf("hello\r\n\x1b[31mred\x1b[m", 30, 5, 30, 6, " host | work | 1:sh*"));
+    // Wide characters, a change in the middle of a row, a hidden cursor.
+    check(frameOf("hello\r\n\x1b[31mred\x1b[m \xe4\xb8\xad\xe6\x96\x87 ok\x1b[?25l", 30, 5, 30, 6, " host | work"));
+    check(frameOf("he\xe4\xb8\xadlo\r\n", 30, 5, 30, 6, " host | work"));
+    // A smaller pane inside: the rest is filled, the status line stays at the bottom.
+    auto small = frameOf("x", 10, 3, 30, 6, "status");
+    EXPECT_EQ(small.at(10, 0).text, "\u00b7");
+    EXPECT_EQ(small.at(0, 4).text, "\u00b7") << "below the pane too";
+    check(small);
+    EXPECT_EQ(painter.paint(small), "\x1b[1;2H") << "an unchanged frame costs only the cursor's place";
+}
+
+TEST(ScreenPainter, StatusLinesLongerThanTheScreenAreCutAndNarrowScreensStillHoldThePane) {
+    auto frame = frameOf("0123456789ABCDEF", 16, 2, 8, 3, "a status line far too long");
+    EXPECT_EQ(frame.at(7, 0).text, "7") << "the pane is cut at the right edge";
+    EXPECT_EQ(frame.at(7, 2).text, "s") << "\"a status\" and no more";
+    EXPECT_TRUE(frame.at(0, 2).attribute.style.contains(vellum::CharacterStyle::inverse));
+}
+
+TEST(ColorReplies, BothTerminatorsAndAnyDigitCountAreRead) {
+    std::string replies = "\x1b]10;rgb:ffff/ffff/ffff\x1b\\\x1b]11;rgb:00/80/ff\x07";
+    for (int index = 0; index < 16; ++index) replies += "\x1b]4;" + std::to_string(index) + ";rgb:1/2/3\x1b\\";
+    replies += "\x1b[?62;22c";
+    auto colors = parseColorReplies(replies);
+    ASSERT_TRUE(colors);
+    EXPECT_EQ(colors->foreground, 0xffffffu);
+    EXPECT_EQ(colors->background, 0x0080ffu);
+    ASSERT_TRUE(colors->ansi);
+    EXPECT_EQ(colors->ansi->size(), 16u);
+    EXPECT_EQ(colors->ansi->front(), 0x112233u);
+
+    EXPECT_FALSE(parseColorReplies("\x1b]10;rgb:ff/ff/ff\x1b\\\x1b[?62c")) << "no background: nothing to tell";
+    auto partial = parseColorReplies("\x1b]10;rgb:ff/ff/ff\x1b\\\x1b]11;rgb:zz/00/00\x1b\\\x1b]11;rgb:0/0/0\x1b\\");
+    ASSERT_TRUE(partial) << "a garbled answer is skipped";
+    EXPECT_FALSE(partial->ansi) << "a palette is sent whole or not at all";
+    EXPECT_EQ(colorQueries().substr(colorQueries().size() - 3), "\x1b[c");
+}
+
+TEST(PrefixReader, ActionsAreTakenOutOfTypedBytesAcrossReads) {
+    PrefixReader reader('\x1c');
+    using Items = std::vector<PrefixReader::Item>;
+    EXPECT_EQ(reader.feed("ls\r"), (Items{std::string("ls\r")}));
+    EXPECT_EQ(reader.feed("ab\x1c" "dcd"), (Items{std::string("ab"), AttachAction::detach, std::string("cd")}));
+    EXPECT_EQ(reader.feed("x\x1c"), (Items{std::string("x")})) << "the prefix waits for its key";
+    EXPECT_EQ(reader.feed("n"), (Items{AttachAction::nextTab}));
+    EXPECT_EQ(reader.feed("\x1c\x1c" "q"), (Items{std::string("\x1c" "q")})) << "twice sends it once";
+    EXPECT_EQ(reader.feed("\x1c" "Z" "y"), (Items{std::string("y")})) << "an unbound key is dropped";
+
+    EXPECT_EQ(parsePrefixKey("C-a"), '\x01');
+    EXPECT_EQ(parsePrefixKey("C-\\"), '\x1c');
+    EXPECT_EQ(parsePrefixKey("c-B"), '\x02');
+    EXPECT_EQ(parsePrefixKey("a"), std::nullopt);
+    EXPECT_EQ(parsePrefixKey("C-1"), std::nullopt);
+    EXPECT_EQ(prefixName('\x01'), "Ctrl-a");
+}
