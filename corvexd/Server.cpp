@@ -230,6 +230,16 @@ void Server::run() {
         reopenLostStreams();
         if (options_.ephemeral && servedAnyone_ && clients_.empty()) stopping_ = true;
     }
+    announceShutdown();
+}
+
+// Clients are told that the daemon goes on purpose, so that none of them starts a new one
+// in its place; a client too far behind to take the notice in reconnects as after a crash.
+void Server::announceShutdown() {
+    auto frame = corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(corvex::protocol::event::shutdown, json::object())));
+    for (auto& [id, client] : clients_) {
+        if (client->events && !client->closing) enqueue(*client, frame);
+    }
 }
 
 void Server::acceptClients() {

@@ -131,6 +131,7 @@ private:
     // Checks the protocol a hello asks for; raises MethodError when it isn't served.
     void greet(Client& client, const nlohmann::json& params);
     void closeClient(uint64_t id);
+    void announceShutdown();
     void runPosted();
     bool drainPosted();
     void post(std::function<void()> work, bool output);
