@@ -18,6 +18,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <pty.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -316,6 +317,30 @@ void BM_TmuxPipePane(benchmark::State& state) {
     }
 }
 
+// The ceiling of any terminal server: the same `cat` on a bare PTY, read in a plain loop with
+// nothing parsed or forwarded.
+void BM_PtyReadLoop(benchmark::State& state) {
+    Stream kind = static_cast<Stream>(state.range(0));
+    const std::string& file = streamFile(kind);
+    for (auto _ : state) {
+        int master = -1;
+        winsize size{50, 200, 0, 0};
+        pid_t child = ::forkpty(&master, nullptr, nullptr, &size);
+        if (child == 0) {
+            ::execl("/bin/sh", "sh", "-c", ("stty -echo -onlcr; cat " + file).c_str(), nullptr);
+            ::_exit(127);
+        }
+        auto began = Clock::now();
+        size_t counted = 0;
+        char buffer[1 << 16];
+        for (ssize_t count; counted < fileSize && (count = ::read(master, buffer, sizeof buffer)) > 0;) counted += size_t(count);
+        reportThroughput(state, std::chrono::duration<double>(Clock::now() - began).count());
+        ::close(master);
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
+}
+
 // One byte to a program that writes it straight back, from sendInput until its output
 // event arrives; median and 99th percentile over many round trips.
 void BM_CorvexdKeystrokeEcho(benchmark::State& state) {
@@ -364,6 +389,7 @@ void BM_CorvexdKeystrokeEcho(benchmark::State& state) {
 
 // Each stream: 0 text, 1 SGR-heavy, 2 UTF-8; tmux beside corvexd for each.
 BENCHMARK(BM_CorvexdCat)->DenseRange(0, 2)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PtyReadLoop)->DenseRange(0, 2)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_TmuxCat)->DenseRange(0, 2)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_TmuxPipePane)->DenseRange(0, 2)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CorvexdKeystrokeEcho)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);

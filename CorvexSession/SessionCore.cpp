@@ -2,6 +2,7 @@
 #include "CorvexSession/SessionCoreBatch.h"
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -126,16 +127,32 @@ Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t se
 uint64_t OutputRetention::append(ByteView bytes) {
     uint64_t before = seq_;
     seq_ += bytes.size();
-    buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
-    // Cut in one step well below the limit, so the copy stays rare on a busy pane.
-    if (buffer_.size() > retainedBytes) buffer_.erase(buffer_.begin(), buffer_.end() - trimmedBytes);
+    if (bytes.size() >= retainedBytes) bytes = bytes.subspan(bytes.size() - retainedBytes);
+    if (ring_.size() < retainedBytes) {
+        size_t filled = std::min(retainedBytes - ring_.size(), bytes.size());
+        ring_.insert(ring_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(filled));
+        bytes = bytes.subspan(filled);
+    }
+    while (!bytes.empty()) {
+        size_t run = std::min(retainedBytes - oldest_, bytes.size());
+        std::copy_n(bytes.begin(), run, ring_.begin() + static_cast<std::ptrdiff_t>(oldest_));
+        oldest_ = (oldest_ + run) % retainedBytes;
+        bytes = bytes.subspan(run);
+    }
     return before;
 }
 
 Bytes OutputRetention::bytesFrom(uint64_t position) const {
-    if (position <= start()) return buffer_;
-    if (position >= seq_) return {};
-    return Bytes(buffer_.end() - static_cast<std::ptrdiff_t>(seq_ - position), buffer_.end());
+    position = std::clamp(position, start(), seq_);
+    size_t count = static_cast<size_t>(seq_ - position);
+    size_t first = (oldest_ + ring_.size() - count) % std::max<size_t>(ring_.size(), 1);
+    Bytes out;
+    out.reserve(count);
+    size_t run = std::min(count, ring_.size() - first);
+    out.insert(out.end(), ring_.begin() + static_cast<std::ptrdiff_t>(first),
+               ring_.begin() + static_cast<std::ptrdiff_t>(first + run));
+    out.insert(out.end(), ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(count - run));
+    return out;
 }
 
 SessionCoreEnvironment currentSessionCoreEnvironment() {
@@ -205,6 +222,11 @@ void SessionCore::stop() {
         for (auto& [id, pane] : panes_) processes.push_back(pane.process);
         panes_.clear();
     }
+    {
+        std::lock_guard guard(budgetLock_);
+        budgetOpen_ = false;
+    }
+    budgetRoom_.notify_all();
     for (const auto& process : processes) {
         if (process) process->hangUp();
     }
@@ -745,13 +767,45 @@ void SessionCore::setGit(uint64_t pane, const std::optional<PaneGit>& git) {
     publishPane(batch, pane);
 }
 
+namespace {
+constexpr auto outputPatience = std::chrono::seconds(5);
+}
+
+void SessionCore::boundOutput(size_t bytes) {
+    std::lock_guard guard(budgetLock_);
+    outputBound_ = bytes;
+}
+
+void SessionCore::releaseOutput(size_t bytes) {
+    {
+        std::lock_guard guard(budgetLock_);
+        outputHeld_ -= std::min(bytes, outputHeld_);
+    }
+    budgetRoom_.notify_all();
+}
+
+// On a pane's reader, before its bytes are taken: while the consumer holds too much, the
+// reader waits, and so the program waits on its terminal. Not for ever: a pane that is being
+// closed may be waited on by the very thread that would give room back, so after a while the
+// reader goes on over the bound.
+void SessionCore::awaitOutputRoom() {
+    std::unique_lock guard(budgetLock_);
+    budgetRoom_.wait_for(guard, outputPatience,
+                         [this] { return !budgetOpen_ || outputBound_ == 0 || outputHeld_ < outputBound_; });
+}
+
 void SessionCore::paneOutput(uint64_t pane, ByteView bytes) {
+    awaitOutputRoom();
     Batch batch(*this);
     auto found = panes_.find(pane);
     if (found == panes_.end()) return;
     auto& entry = found->second;
     uint64_t before = entry.output.append(bytes);
-    if (entry.subscribed) batch.push(SessionEvent::Output{pane, before, Bytes(bytes.begin(), bytes.end())});
+    if (entry.subscribed) {
+        batch.push(SessionEvent::Output{pane, before, Bytes(bytes.begin(), bytes.end())});
+        std::lock_guard guard(budgetLock_);
+        if (outputBound_ > 0) outputHeld_ += bytes.size();
+    }
     // The position moves silently: a busy pane causes no state traffic.
     if (auto index = indexOfPane(state_, pane)) state_.panes[*index].seq = entry.output.seq();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -58,24 +59,25 @@ Size checkedPaneSize(Size size);
 // Where a subscribe starts, from what the client holds and what the pane retains.
 Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t seq, uint64_t retainedStart);
 
-// The tail of a pane's output. Holds the bytes from seq() - size() up to seq().
+// The tail of a pane's output, in a ring that holds the bytes from seq() - size() up to
+// seq(): as much as a replay may ask for, allocated as it fills, never moved.
 class OutputRetention {
 public:
-    static constexpr size_t retainedBytes = 0x400000;
-    static constexpr size_t trimmedBytes = 0x300000;
     static constexpr uint64_t replayLimit = 0x100000;
+    static constexpr size_t retainedBytes = replayLimit;
 
     // Returns the position of the chunk's first byte.
     uint64_t append(ByteView bytes);
     uint64_t seq() const { return seq_; }
-    uint64_t start() const { return seq_ - buffer_.size(); }
-    size_t size() const { return buffer_.size(); }
-    const Bytes& bytes() const { return buffer_; }
+    uint64_t start() const { return seq_ - ring_.size(); }
+    size_t size() const { return ring_.size(); }
+    Bytes bytes() const { return bytesFrom(start()); }
     Bytes bytesFrom(uint64_t position) const;
 
 private:
     uint64_t seq_ = 0;
-    Bytes buffer_;
+    Bytes ring_;
+    size_t oldest_ = 0; // where the oldest byte sits once the ring is full
 };
 
 // A running pane program, as a host started it.
@@ -147,6 +149,12 @@ public:
     void setListener(Listener listener);
     // Ends every pane; events stop.
     void stop();
+    // Bounds the pane output handed to the listener and not yet released by whoever consumes
+    // it: past the bound, a pane's reader waits before handing on more, so a flooding program
+    // is held at its terminal rather than in memory. Unbounded until called.
+    void boundOutput(size_t bytes);
+    // The consumer is done with `bytes` of output events it was handed.
+    void releaseOutput(size_t bytes);
 
     ModelState state() const;
     CreatedWorkspace createWorkspace(const std::optional<std::string>& name, const SpawnOptions& spawn);
@@ -248,6 +256,7 @@ private:
     uint64_t spawnPane(const SpawnOptions& options, std::optional<uint64_t> id = std::nullopt);
     void deliver();
     void paneOutput(uint64_t pane, ByteView bytes);
+    void awaitOutputRoom();
     void paneTerminated(uint64_t pane, std::optional<int32_t> exitCode);
 
     void publishState(Batch& batch);
@@ -288,6 +297,11 @@ private:
     PaneGitWatcher git_; // used by pollGit's thread alone
     GitRefreshSchedule gitSchedule_; // used by pollGit's thread alone
     std::map<uint64_t, GuessedAgentLook> guessed_; // used by pollAgents's thread alone
+    std::mutex budgetLock_; // a leaf, taken after lock_ when both are held
+    std::condition_variable budgetRoom_;
+    size_t outputBound_ = 0; // 0: unbounded
+    size_t outputHeld_ = 0;
+    bool budgetOpen_ = true; // false once stopped: nobody waits any more
 };
 
 } // namespace corvex

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
@@ -28,6 +29,7 @@ namespace {
 
 constexpr size_t readChunk = 65536;
 constexpr int acceptRetryMilliseconds = 250;
+constexpr int stallCheckMilliseconds = 100;
 
 using RequestError = MethodError;
 
@@ -74,6 +76,7 @@ struct Server::Client {
     bool writeBroken = false; // the peer can't be written to; what it sent is still carried out
     std::map<uint64_t, uint64_t> panes; // subscribed pane streams, to the next position owed
     std::set<uint64_t> lost;            // streams given up on, to be opened again once drained
+    std::optional<std::chrono::steady_clock::time_point> backedUpSince; // over the high-water mark since
 
     size_t pending() const { return out.size() - sent; }
 };
@@ -104,10 +107,12 @@ void Server::stop() {
     wake();
 }
 
-void Server::post(std::function<void()> work) {
+void Server::post(std::function<void()> work) { post(std::move(work), false); }
+
+void Server::post(std::function<void()> work, bool output) {
     {
         std::lock_guard guard(postedLock_);
-        posted_.push_back(std::move(work));
+        posted_.push_back({std::move(work), output});
     }
     wake();
 }
@@ -123,20 +128,57 @@ void Server::runPosted() {
     drainPosted();
 }
 
-void Server::deliver(std::function<void()> work) {
-    if (std::this_thread::get_id() != serveThread_) return post(std::move(work));
-    drainPosted();
+void Server::deliver(std::function<void()> work, bool output) {
+    if (std::this_thread::get_id() != serveThread_) return post(std::move(work), output);
+    // Behind held output it waits its turn, so that the order of everything published holds.
+    if (!drainPosted()) return post(std::move(work), output);
     work();
 }
 
-void Server::drainPosted() {
-    std::vector<std::function<void()>> work;
-    {
-        std::lock_guard guard(postedLock_);
-        work.swap(posted_);
-        if (stopRequested_) stopping_ = true;
+// Runs what was posted, in order, until output comes that a subscriber can't take yet; true
+// when nothing is left.
+bool Server::drainPosted() {
+    while (true) {
+        Posted item;
+        {
+            std::lock_guard guard(postedLock_);
+            if (stopRequested_) stopping_ = true;
+            if (posted_.empty()) return true;
+            if (posted_.front().output && outputHeld()) return false;
+            item = std::move(posted_.front());
+            posted_.pop_front();
+        }
+        item.work();
     }
-    for (auto& item : work) item();
+}
+
+// A subscriber has more queued than it has read: pane output waits in the session's bounded
+// budget, and so at the programs' terminals, rather than piling up here.
+bool Server::outputHeld() const {
+    for (const auto& [id, client] : clients_) {
+        if (!client->panes.empty() && !client->closing && !client->writeBroken &&
+            client->pending() > options_.outputHighWater) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A subscriber that has read nothing for a while no longer holds everyone's output: its
+// streams are given up with "pane.resync", and come back once it has caught up.
+void Server::releaseStalledClients() {
+    auto now = std::chrono::steady_clock::now();
+    for (auto& [id, client] : clients_) {
+        if (client->pending() <= options_.outputHighWater) {
+            client->backedUpSince.reset();
+            continue;
+        }
+        if (!client->backedUpSince) client->backedUpSince = now;
+        if (now - *client->backedUpSince < options_.stallTimeout || client->panes.empty()) continue;
+        std::vector<uint64_t> panes;
+        for (const auto& [pane, next] : client->panes) panes.push_back(pane);
+        for (uint64_t pane : panes) resync(*client, pane);
+    }
 }
 
 void Server::run() {
@@ -157,7 +199,9 @@ void Server::run() {
             fds.push_back({client->fd, events, 0});
             order.push_back(id);
         }
-        if (::poll(fds.data(), fds.size(), acceptPaused_ ? acceptRetryMilliseconds : -1) < 0) {
+        int timeout = acceptPaused_ ? acceptRetryMilliseconds : -1;
+        if (anyBackedUp()) timeout = stallCheckMilliseconds;
+        if (::poll(fds.data(), fds.size(), timeout) < 0) {
             if (errno == EINTR) continue;
             throw DaemonError(std::string("poll: ") + std::strerror(errno));
         }
@@ -181,6 +225,8 @@ void Server::run() {
             if (client->closing) closing.push_back(id);
         }
         for (auto id : closing) closeClient(id);
+        releaseStalledClients();
+        drainPosted();
         reopenLostStreams();
         if (options_.ephemeral && servedAnyone_ && clients_.empty()) stopping_ = true;
     }
@@ -284,7 +330,19 @@ void Server::broadcastEvent(const std::string& name, json data) {
 }
 
 void Server::publishOutput(uint64_t pane, uint64_t seq, std::string bytes) {
-    deliver([this, pane, seq, bytes = std::move(bytes)] { deliverToPane(pane, seq, bytes); });
+    deliver([this, pane, seq, bytes = std::move(bytes)] {
+        deliverToPane(pane, seq, bytes);
+        if (outputReleased_) outputReleased_(bytes.size());
+    }, true);
+}
+
+void Server::setOutputReleased(std::function<void(size_t)> released) { outputReleased_ = std::move(released); }
+
+bool Server::anyBackedUp() const {
+    for (const auto& [id, client] : clients_) {
+        if (client->pending() > options_.outputHighWater && !client->panes.empty()) return true;
+    }
+    return false;
 }
 
 void Server::publishPaneEvent(uint64_t pane, const std::string& name, json data) {

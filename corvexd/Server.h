@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <deque>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -32,6 +34,10 @@ struct ServerOptions {
     size_t clientQueueLimit = 32u << 20;
     // Bytes waiting beyond which a client's pane streams are given up with "pane.resync".
     size_t paneQueueLimit = 8u << 20;
+    // Bytes waiting for a pane subscriber beyond which pane output is held back for it.
+    size_t outputHighWater = 1u << 20;
+    // How long a subscriber may stay over the high-water mark before its streams are given up.
+    std::chrono::milliseconds stallTimeout{2000};
 };
 
 using ClientID = uint64_t;
@@ -104,6 +110,9 @@ public:
     // bound loses that pane's stream with "pane.resync" instead of holding up anyone.
     void broadcastEvent(const std::string& name, nlohmann::json data);
     void publishOutput(uint64_t pane, uint64_t seq, std::string bytes);
+    // Told, on the serving thread, the size of each published output once it has gone to the
+    // subscribers' queues: the session's output budget is given back.
+    void setOutputReleased(std::function<void(size_t)> released);
     // An event for the pane's subscribers, in order with its output.
     void publishPaneEvent(uint64_t pane, const std::string& name, nlohmann::json data);
 
@@ -124,10 +133,14 @@ private:
     void closeClient(uint64_t id);
     void announceShutdown();
     void runPosted();
-    void drainPosted();
+    bool drainPosted();
+    void post(std::function<void()> work, bool output);
     // Runs at once when called on the serving thread (after what others posted before it,
     // so the order of events holds), else posts.
-    void deliver(std::function<void()> work);
+    void deliver(std::function<void()> work, bool output = false);
+    bool outputHeld() const;
+    bool anyBackedUp() const;
+    void releaseStalledClients();
     void wake();
     void deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes);
     void resync(Client& client, uint64_t pane);
@@ -150,8 +163,14 @@ private:
     std::function<std::optional<ReopenedStream>(ClientID, uint64_t)> reopener_;
     std::vector<std::string> features_{"ping"};
 
+    std::function<void(size_t)> outputReleased_;
+
+    struct Posted {
+        std::function<void()> work;
+        bool output = false; // pane output, which waits while a subscriber is backed up
+    };
     std::mutex postedLock_;
-    std::vector<std::function<void()>> posted_;
+    std::deque<Posted> posted_;
     bool stopRequested_ = false; // under postedLock_
 };
 

@@ -25,6 +25,8 @@ namespace {
 
 using Core = std::shared_ptr<SessionCore>;
 
+constexpr size_t queuedOutputBound = 16u << 20;
+
 std::string_view text(const corvex::Bytes& bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
@@ -36,6 +38,7 @@ struct SubscribeCapture {
     std::vector<std::string>* frames = nullptr;
     uint64_t next = 0; // where the subscriber's live stream begins
     bool opened = false; // the subscription's own first events have come
+    size_t liveBytes = 0; // live output caught, to give back to the session's output budget
 };
 thread_local SubscribeCapture* capture = nullptr;
 
@@ -64,6 +67,7 @@ void forward(Server& server, const SessionEvent& event) {
     if (auto* output = event.as<SessionEvent::Output>()) {
         if (capture && capture->pane == output->pane) {
             captureOpening(*capture, event);
+            capture->liveBytes += output->bytes.size();
             return;
         }
         server.publishOutput(output->pane, output->seq, std::string(text(output->bytes)));
@@ -136,6 +140,7 @@ uint64_t openStream(const Core& core, uint64_t pane, std::optional<uint64_t> hav
         throw;
     }
     capture = nullptr;
+    core->releaseOutput(caught.liveBytes);
     return caught.next == 0 ? subscription.seq : caught.next;
 }
 
@@ -265,6 +270,12 @@ void serveSession(Server& server, std::shared_ptr<SessionCore> core, const Sessi
         forward(server, event);
         if (!tree || !(event.as<SessionEvent::State>() || event.as<SessionEvent::PaneChanged>())) return;
         if (auto live = weakCore.lock()) tree->save(live->state());
+    });
+    // Output the daemon holds for its clients is bounded in all; beyond it the panes'
+    // programs wait at their terminals.
+    core->boundOutput(queuedOutputBound);
+    server.setOutputReleased([weakCore](size_t bytes) {
+        if (auto live = weakCore.lock()) live->releaseOutput(bytes);
     });
     server.addFeatures(corvex::engineFeatureNames());
     server.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::settings))});

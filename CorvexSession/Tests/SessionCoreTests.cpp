@@ -104,20 +104,24 @@ TEST(ClientSizes, APaneFitsEveryClientShowingItAndGrowsBackWhenOneGoes) {
     EXPECT_EQ(sizes.show(7, 3, Size{90, 30}), (Size{90, 30})) << "nothing of the gone clients stays";
 }
 
-TEST(OutputRetention, FiveMebibytesAreRetainedAsAtMostFour) {
+TEST(OutputRetention, KeepsTheNewestBytesInOrderAcrossTheRingsWrap) {
     OutputRetention retention;
-    Bytes chunk(64 * 1024);
-    for (size_t i = 0; i < 80; ++i) {
-        std::fill(chunk.begin(), chunk.end(), static_cast<uint8_t>(i));
-        EXPECT_EQ(retention.append(chunk), i * chunk.size());
-        EXPECT_LE(retention.size(), OutputRetention::retainedBytes);
+    Bytes everything;
+    // Chunk sizes that never divide the ring, one larger than the whole ring, and empty ones.
+    for (size_t size : {70001u, 0u, 999999u, 5u, 1300000u, 65536u, 70001u, 1u, 0u, 333333u}) {
+        Bytes chunk(size);
+        for (auto& byte : chunk) byte = static_cast<uint8_t>((everything.size() + (&byte - chunk.data())) % 251);
+        EXPECT_EQ(retention.append(chunk), everything.size());
+        everything.insert(everything.end(), chunk.begin(), chunk.end());
+        ASSERT_LE(retention.size(), OutputRetention::retainedBytes);
+        ASSERT_EQ(retention.seq(), everything.size());
+        ASSERT_EQ(retention.seq() - retention.start(), retention.size());
+        ASSERT_EQ(retention.bytes(), Bytes(everything.end() - static_cast<std::ptrdiff_t>(retention.size()), everything.end()));
     }
-    EXPECT_EQ(retention.seq(), 5u * 1024 * 1024);
-    EXPECT_GT(retention.start(), 0u);
-    EXPECT_EQ(retention.seq() - retention.start(), retention.size());
-    // The tail is the newest bytes, in order.
-    EXPECT_EQ(retention.bytes().back(), 79);
-    EXPECT_EQ(retention.bytesFrom(retention.seq() - 3), Bytes(3, 79));
+    EXPECT_EQ(retention.size(), OutputRetention::replayLimit) << "a full ring can replay as far as a replay may reach";
+    EXPECT_EQ(retention.bytesFrom(retention.seq() - 3), Bytes(everything.end() - 3, everything.end()));
+    EXPECT_EQ(retention.bytesFrom(0), retention.bytes()) << "before the start reads from the start";
+    EXPECT_TRUE(retention.bytesFrom(retention.seq() + 10).empty());
 }
 
 TEST(SubscriptionMode, ChoosesLiveReplayOrSnapshot) {

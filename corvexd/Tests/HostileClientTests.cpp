@@ -5,6 +5,8 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -234,4 +236,45 @@ TEST(HostileClient, AResyncedPaneComesBackWithASnapshotAndTheLiveStream) {
         std::string shown = client.outputOf(pane) + (snapshot ? client.snapshots().back().bytes : "");
         return snapshot && shown.find("done42") != std::string::npos;
     }, 30s)) << "the pane stayed frozen after the resync";
+}
+
+TEST(HostileClient, FloodingPanesWaitForASlowReaderInsteadOfResyncingIt) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+    constexpr int panes = 4;
+    std::map<uint64_t, uint64_t> next;   // where each pane's stream must go on
+    std::map<uint64_t, std::string> tail; // the last bytes, for a marker split between frames
+    for (int i = 0; i < panes; ++i) {
+        uint64_t pane = createPane(client, shell());
+        next[pane] = result(client.request("pane.subscribe", {{"pane", pane}}))["seq"].get<uint64_t>();
+    }
+    for (const auto& [pane, seq] : next) {
+        ASSERT_TRUE(client.sendBytes(corvex::makeInputFrame(
+            pane, "head -c 4000000 /dev/zero | tr '\\0' y; echo end$((40+2))\r")));
+    }
+    // It reads in bursts with pauses, far slower than the programs write but never long
+    // enough to count as stalled: without holding them back the daemon would queue, then
+    // give up, most of their output.
+    std::set<uint64_t> finished;
+    std::vector<std::string> faults;
+    size_t checked = 0;
+    bool resynced = false;
+    bool done = eventually([&] {
+        client.drain(5ms);
+        std::this_thread::sleep_for(600ms);
+        for (; checked < client.outputs().size(); ++checked) {
+            const auto& output = client.outputs()[checked];
+            if (output.seq != next[output.pane]) faults.push_back("gap in pane " + std::to_string(output.pane));
+            next[output.pane] = output.seq + output.bytes.size();
+            std::string& seen = tail[output.pane];
+            seen = (seen + output.bytes).substr(std::max<size_t>(seen.size() + output.bytes.size(), 16) - 16);
+            if (seen.find("end42") != std::string::npos) finished.insert(output.pane);
+        }
+        while (auto event = client.nextEvent(0ms)) resynced |= (*event)["event"] == "pane.resync";
+        return finished.size() == panes;
+    }, 120s);
+    EXPECT_TRUE(done) << finished.size() << " of " << panes << " panes came to their end";
+    EXPECT_FALSE(resynced) << "a client that reads was given up on";
+    EXPECT_TRUE(faults.empty()) << faults.front();
 }

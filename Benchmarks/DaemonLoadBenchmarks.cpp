@@ -1,0 +1,238 @@
+// corvexd under load, through a real daemon: its whole memory while 50 panes flood and one
+// client reads them all; how long another client's ping waits while a search runs; and what
+// an idle pane costs in descriptors, threads and memory, over 500 of them.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <climits>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "CorvexKit/Frame.h"
+#include "CorvexKit/FrameParser.h"
+#include "corvexd/Tests/EndToEndDaemon.h"
+
+using namespace corvex;
+using namespace corvex::endtoend;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+std::unique_ptr<Daemon> servedDaemon(benchmark::State& state) {
+    if (!isBuilt("corvexd")) {
+        state.SkipWithError("corvexd is not built");
+        return nullptr;
+    }
+    auto daemon = std::make_unique<Daemon>();
+    try {
+        daemon->serve();
+    } catch (const std::exception& error) {
+        state.SkipWithError(error.what());
+        return nullptr;
+    }
+    return daemon;
+}
+
+// A field of /proc/PID/status in kB ("VmRSS", "VmHWM").
+double statusKiB(pid_t pid, const std::string& field) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind(field + ":", 0) == 0) return std::stod(line.substr(field.size() + 1));
+    }
+    return 0;
+}
+
+size_t entries(const std::string& folder) {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        (void)entry;
+        ++count;
+    }
+    return count;
+}
+
+// A plain client on the socket that reads as fast as it can and counts.
+class CountingClient {
+public:
+    explicit CountingClient(const std::string& path) {
+        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) throw std::runtime_error("connect");
+    }
+    ~CountingClient() { ::close(fd_); }
+
+    void request(uint64_t id, const std::string& method, const nlohmann::json& params) {
+        send(makeJSONFrame(nlohmann::json{{"id", id}, {"method", method}, {"params", params}}.dump()));
+    }
+    void send(const std::string& frame) {
+        [[maybe_unused]] auto sent = ::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
+    }
+    // Reads for up to `timeout`; true when the reply to `id` came.
+    bool pump(std::chrono::milliseconds timeout, std::optional<uint64_t> awaited = std::nullopt) {
+        auto deadline = Clock::now() + timeout;
+        bool answered = false;
+        while (Clock::now() < deadline && !answered) {
+            pollfd ready{fd_, POLLIN, 0};
+            if (::poll(&ready, 1, 20) <= 0) continue;
+            char buffer[1 << 16];
+            ssize_t count = ::recv(fd_, buffer, sizeof buffer, 0);
+            if (count <= 0) return false;
+            parser_.append(std::string_view(buffer, size_t(count)), [&](uint8_t type, std::string_view payload) {
+                if (type == uint8_t(FrameType::output)) {
+                    outputBytes += payload.size() - 16;
+                } else if (type == uint8_t(FrameType::json)) {
+                    auto message = nlohmann::json::parse(payload, nullptr, false);
+                    if (message.value("event", "") == "pane.resync") ++resyncs;
+                    if (awaited && message.contains("id") && message["id"] == *awaited) {
+                        answered = true;
+                        lastReply = message;
+                    }
+                }
+            });
+        }
+        return answered;
+    }
+
+    uint64_t outputBytes = 0;
+    int resyncs = 0;
+    nlohmann::json lastReply;
+
+private:
+    int fd_ = -1;
+    FrameParser parser_;
+};
+
+// 50 panes write as fast as they can; one client subscribed to all reads everything.
+void BM_FloodingPanesOneReader(benchmark::State& state) {
+    int panes = static_cast<int>(state.range(0));
+    for (auto _ : state) {
+        auto daemon = servedDaemon(state);
+        if (!daemon) return;
+        CountingClient client(daemon->socketPath());
+        uint64_t id = 1;
+        client.request(id, "hello", {{"protocol", 1}, {"client", "bench"}});
+        client.pump(5s, id);
+        std::vector<uint64_t> made;
+        for (int i = 0; i < panes; ++i) {
+            std::vector<std::string> flood{"/bin/sh", "-c", "read go; exec yes 'the quick brown fox jumps over the lazy dog'"};
+            client.request(++id, "workspace.create", {{"command", flood}, {"cols", 120}, {"rows", 40}});
+            client.pump(10s, id);
+            made.push_back(client.lastReply["result"]["pane"].get<uint64_t>());
+            client.request(++id, "pane.subscribe", {{"pane", made.back()}});
+            client.pump(10s, id);
+        }
+        auto began = Clock::now();
+        for (uint64_t pane : made) client.send(makeInputFrame(pane, "\r"));
+        double peakMiB = 0;
+        uint64_t before = client.outputBytes;
+        while (Clock::now() - began < 20s) {
+            client.pump(200ms);
+            peakMiB = std::max(peakMiB, statusKiB(daemon->pid(), "VmRSS") / 1024);
+        }
+        double seconds = std::chrono::duration<double>(Clock::now() - began).count();
+        state.SetIterationTime(seconds);
+        state.counters["peak_rss_MiB"] = peakMiB;
+        state.counters["resyncs"] = client.resyncs;
+        state.counters["MB/s"] = double(client.outputBytes - before) / 1e6 / seconds;
+    }
+}
+
+// Another client's ping, sent again and again while one client searches a pane with a full
+// history; the longest wait.
+void BM_PingDuringSearch(benchmark::State& state) {
+    size_t queryBytes = static_cast<size_t>(state.range(0));
+    for (auto _ : state) {
+        auto daemon = servedDaemon(state);
+        if (!daemon) return;
+        CountingClient searcher(daemon->socketPath()), pinger(daemon->socketPath());
+        searcher.request(1, "hello", {{"protocol", 1}, {"client", "bench"}});
+        pinger.request(1, "hello", {{"protocol", 1}, {"client", "bench"}});
+        searcher.pump(5s, 1);
+        pinger.pump(5s, 1);
+        searcher.request(2, "workspace.create", {{"command", {"/bin/sh", "-c", "seq 1 200000; sleep 600"}}});
+        searcher.pump(10s, 2);
+        uint64_t pane = searcher.lastReply["result"]["pane"].get<uint64_t>();
+        std::this_thread::sleep_for(3s); // the history fills
+        std::vector<double> waits;
+        for (int round = 0; round < 5; ++round) {
+            searcher.request(10 + round, "pane.search",
+                             {{"pane", pane}, {"query", std::string(queryBytes, '7')}, {"limit", 10000}});
+            for (int ping = 0; ping < 20; ++ping) {
+                auto sent = Clock::now();
+                uint64_t pingID = 100 + round * 100 + ping;
+                pinger.request(pingID, "ping", nlohmann::json::object());
+                pinger.pump(10s, pingID);
+                waits.push_back(std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
+            }
+            searcher.pump(30s, 10 + round);
+        }
+        std::sort(waits.begin(), waits.end());
+        state.SetIterationTime(1);
+        state.counters["ping_max_ms"] = waits.back();
+        state.counters["ping_median_ms"] = waits[waits.size() / 2];
+    }
+}
+
+// What idle panes (a shell waiting for input) cost the daemon.
+void BM_IdlePanes(benchmark::State& state) {
+    int panes = static_cast<int>(state.range(0));
+    for (auto _ : state) {
+        auto daemon = servedDaemon(state);
+        if (!daemon) return;
+        CountingClient client(daemon->socketPath());
+        client.request(1, "hello", {{"protocol", 1}, {"client", "bench"}});
+        client.pump(5s, 1);
+        std::string proc = "/proc/" + std::to_string(daemon->pid());
+        std::this_thread::sleep_for(500ms);
+        double rss0 = statusKiB(daemon->pid(), "VmRSS");
+        size_t fds0 = entries(proc + "/fd"), threads0 = entries(proc + "/task");
+        auto began = Clock::now();
+        for (int i = 0; i < panes; ++i) {
+            client.request(2 + i, "workspace.create", {{"command", {"/bin/sh"}}, {"cols", 120}, {"rows", 40}});
+            if (!client.pump(20s, 2 + i) || client.lastReply.contains("error")) {
+                state.SkipWithError(("pane " + std::to_string(i) + " failed: " + client.lastReply.dump()).c_str());
+                return;
+            }
+        }
+        double seconds = std::chrono::duration<double>(Clock::now() - began).count();
+        std::this_thread::sleep_for(2s);
+        double rss = statusKiB(daemon->pid(), "VmRSS");
+        state.SetIterationTime(seconds);
+        state.counters["rss_MiB"] = rss / 1024;
+        state.counters["KiB_per_pane"] = (rss - rss0) / panes;
+        state.counters["fds_per_pane"] = double(entries(proc + "/fd") - fds0) / panes;
+        state.counters["threads_per_pane"] = double(entries(proc + "/task") - threads0) / panes;
+        state.counters["ms_per_create"] = seconds * 1000 / panes;
+    }
+}
+
+} // namespace
+
+BENCHMARK(BM_FloodingPanesOneReader)->Arg(50)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+// A query of 1 MB (refused at once) and one of a few bytes with many matches.
+BENCHMARK(BM_PingDuringSearch)->Arg(1 << 20)->Arg(3)->Iterations(1)->UseManualTime();
+BENCHMARK(BM_IdlePanes)->Arg(500)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+
+int main(int argc, char** argv) {
+    if (!std::getenv("CORVEX_BUILD_BIN")) {
+        char path[PATH_MAX];
+        ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
+        if (length > 0) {
+            std::string exe(path, static_cast<size_t>(length));
+            ::setenv("CORVEX_BUILD_BIN", exe.substr(0, exe.rfind('/')).c_str(), 1);
+        }
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
