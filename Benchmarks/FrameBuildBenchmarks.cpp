@@ -76,7 +76,7 @@ struct Pane {
     }
     void feed(std::string_view bytes) { terminal->feed(bytes); }
     const DrawData& frame() {
-        snapshot.apply(terminal->makeRenderSnapshot(RenderSnapshotScope::dirty));
+        snapshot.refresh(*terminal);
         return build(builder, snapshot, overlay);
     }
 };
@@ -95,7 +95,7 @@ void FullRedrawWarmGlyphs(benchmark::State& state) {
     uint64_t before = allocations.load();
     const DrawData* draw = nullptr;
     for (auto _ : state) {
-        pane.snapshot.apply(pane.terminal->makeRenderSnapshot(RenderSnapshotScope::full));
+        pane.snapshot.refresh(*pane.terminal, RenderSnapshotScope::full);
         pane.builder.invalidateRows();
         draw = &build(pane.builder, pane.snapshot, pane.overlay);
         benchmark::DoNotOptimize(draw);

@@ -193,7 +193,7 @@ void TerminalView::frame() {
     if (terminal_->synchronizedOutputActive) return;
     vellum::RenderSnapshotCursor cursorBefore = snapshot_.state().cursor;
     bool alternateBefore = snapshot_.state().isAlternateScreen;
-    auto changed = snapshot_.apply(terminal_->makeRenderSnapshot(vellum::RenderSnapshotScope::dirty));
+    auto changed = snapshot_.refresh(*terminal_);
     // A selection names rows of one screen; it means nothing on the other.
     if (snapshot_.state().isAlternateScreen != alternateBefore) selection_.clear();
     if (snapshot_.appearanceChanged()) update();

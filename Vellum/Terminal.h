@@ -23,6 +23,7 @@ namespace vellum {
 
 struct TerminalRenderSnapshot;
 struct RenderSnapshotCache;
+struct RenderSnapshotRow;
 enum class RenderSnapshotScope : uint8_t;
 
 // The emulator proper: receives the parser's calls, keeps cursor, modes, colours and
@@ -168,6 +169,8 @@ public:
     // What a frame draws (TerminalRenderSnapshot.h): every shown row, or those changed since
     // the last call. Takes the update range, so one reader per terminal.
     TerminalRenderSnapshot makeRenderSnapshot(RenderSnapshotScope scope);
+    // Storage of a consumed snapshot, reused by the next one.
+    void recycleRenderSnapshotRows(std::vector<RenderSnapshotRow>&& rows);
     // Moves the shown rows by `rows` into the history (negative) or back towards the live
     // screen, within what the active buffer holds.
     void scrollDisplay(int rows);

@@ -12,7 +12,7 @@ MainFrameEffects TerminalRenderOwner::prepareFrame() {
         terminal_.resize(mail.pendingSize->first, mail.pendingSize->second);
         effects.resizedTo = mail.pendingSize;
     }
-    effects.rangeChanged = snapshot_.apply(terminal_.makeRenderSnapshot(RenderSnapshotScope::dirty));
+    effects.rangeChanged = snapshot_.refresh(terminal_);
     effects.appearanceChanged = snapshot_.appearanceChanged();
     effects.notifyAccessibility = effects.rangeChanged.has_value() && !mail.suppressAccessibility;
     effects.blinkRows = std::move(mail.blinkRows);

@@ -122,7 +122,8 @@ TerminalRenderSnapshot Terminal::makeRenderSnapshot(RenderSnapshotScope scope) {
         .blink = isBlinkingStyle(cursorStyle) || cursorBlink,
     };
 
-    std::vector<RenderSnapshotCache::Stamp> stamps(static_cast<size_t>(rows_));
+    std::vector<RenderSnapshotCache::Stamp> stamps = std::move(cache.spareStamps);
+    stamps.resize(static_cast<size_t>(rows_));
     for (int row = 0; row < rows_; ++row) stamps[size_t(row)] = stampOf(b.lines[b.yDisp + row]);
 
     std::optional<RenderSnapshotRange> range;
@@ -153,6 +154,8 @@ TerminalRenderSnapshot Terminal::makeRenderSnapshot(RenderSnapshotScope scope) {
                               : range ? RenderSnapshotDirtyKind::partial : RenderSnapshotDirtyKind::clean;
     snapshot.dirtyRange = range;
     if (range) {
+        snapshot.lines = std::move(cache.spareLines);
+        snapshot.lines.clear();
         snapshot.lines.reserve(size_t(range->endY - range->startY + 1));
         for (int row = range->startY; row <= range->endY; ++row) {
             const BufferLine& line = b.lines[b.yDisp + row];
@@ -164,8 +167,22 @@ TerminalRenderSnapshot Terminal::makeRenderSnapshot(RenderSnapshotScope scope) {
     cache.previous = metadata;
     cache.shownCursor = snapshot.cursor;
     cache.prune(stamps);
-    cache.shownRows = std::move(stamps);
+    std::swap(cache.shownRows, stamps);
+    cache.spareStamps = std::move(stamps);
     return snapshot;
+}
+
+void Terminal::recycleRenderSnapshotRows(std::vector<RenderSnapshotRow>&& rows) {
+    if (!renderSnapshotCache) return;
+    rows.clear(); // the cells they share go now, not at the next snapshot
+    renderSnapshotCache->spareLines = std::move(rows);
+}
+
+std::optional<RenderSnapshotRange> TerminalSnapshot::refresh(Terminal& terminal, RenderSnapshotScope scope) {
+    auto changed = apply(terminal.makeRenderSnapshot(scope));
+    terminal.recycleRenderSnapshotRows(std::move(state_.lines));
+    state_.lines.clear();
+    return changed;
 }
 
 std::optional<RenderSnapshotRange> TerminalSnapshot::apply(TerminalRenderSnapshot snapshot) {

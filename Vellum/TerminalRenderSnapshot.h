@@ -109,6 +109,9 @@ struct RenderSnapshotCache {
         bool operator==(const Stamp&) const = default;
     };
     std::vector<Stamp> shownRows; // by screen row, for views scrolled into the history
+    // Storage handed back by the retained snapshot, so that a steady frame allocates nothing.
+    std::vector<Stamp> spareStamps;
+    std::vector<RenderSnapshotRow> spareLines;
     RenderSnapshotCursor shownCursor;
     std::unordered_map<uint64_t, PortableRenderCellCache> rows; // by render identity
 
@@ -132,6 +135,9 @@ public:
     // Takes in a snapshot; gives the screen rows that must be drawn again, or nothing.
     // `appearanceChanged()` then says whether everything changed colour.
     std::optional<RenderSnapshotRange> apply(TerminalRenderSnapshot snapshot);
+    // Takes a snapshot of `terminal` (under its lock, where it has one) and applies it, giving
+    // the snapshot's storage back to the terminal for the next one.
+    std::optional<RenderSnapshotRange> refresh(Terminal& terminal, RenderSnapshotScope scope = RenderSnapshotScope::dirty);
 
     const std::vector<Row>& rows() const { return rows_; }
     const TerminalRenderSnapshot& state() const { return state_; } // `lines` left empty
