@@ -6,19 +6,21 @@
 #include "corvexd/BuildInfo.h"
 #include "corvexd/Bridge.h"
 #include "corvexd/CommandSupport.h"
+#include "corvexd/Holder.h"
 #include "corvexd/HooksCommand.h"
 #include "corvexd/InstallCommand.h"
 #include "corvexd/Lifecycle.h"
 #include "corvexd/RuntimeDirectory.h"
 #include "corvexd/SavedTree.h"
 #include "corvexd/Status.h"
+#include "corvexd/UpgradeCommand.h"
 
 namespace corvexd {
 
 namespace {
 
 const char* usage =
-    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status --print-socket | status --print-builds | hooks\n";
+    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status --print-socket | status --print-builds | install | upgrade | hooks\n";
 
 } // namespace
 
@@ -46,6 +48,8 @@ int runCommand(const std::vector<std::string>& arguments) {
         }
         if (command == "status") return status(rest);
         if (command == "install") return installCommand(rest);
+        if (command == "upgrade") return upgradeCommand(rest);
+        if (command == "holder") return holderCommand();
         if (command == "hooks") return hooksCommand(rest);
         if (command == "corvex-agent-status") return agentStatusCommand(rest);
         if (command == "corvex-notify") return agentNotifyCommand(rest);

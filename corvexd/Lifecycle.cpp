@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <iostream>
 #include <optional>
 #include <sys/file.h>
 #include <sys/signalfd.h>
@@ -19,6 +20,9 @@
 #include "Platform/TimerThread.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/CommandSupport.h"
+#include "corvexd/HandOver.h"
+#include "corvexd/Holder.h"
+#include "corvexd/HolderClient.h"
 #include "corvexd/Server.h"
 #include "corvexd/SessionService.h"
 
@@ -66,6 +70,31 @@ private:
     int fd_;
 };
 
+// Whether the stop descriptor fired for an upgrade, which wants the session handed over
+// rather than ended.
+bool handOverAsked(int stopFd) {
+    signalfd_siginfo info{};
+    bool asked = false;
+    while (::read(stopFd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        if (info.ssi_signo == SIGUSR1) asked = true;
+    }
+    return asked;
+}
+
+corvex::Hello::Holder helloHolder(const HolderInfo& info) {
+    corvex::Hello::Holder holder;
+    holder.pid = info.pid;
+    holder.version = info.version;
+    holder.protocol = info.protocol;
+    holder.exe = info.executable;
+    holder.build = info.build;
+    holder.canUpgrade = info.protocol >= holder::minimumProtocol;
+    // Older than this build's holder: it works, but only a restart of the shells brings it
+    // up to date.
+    holder.outdated = info.protocol < holder::protocol;
+    return holder;
+}
+
 bool runs(const RuntimeDirectory& directory) {
     PidFile pid(directory.pidPath());
     if (!pid.tryLock()) return true;
@@ -92,6 +121,7 @@ int serve() {
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGHUP);
+    sigaddset(&stopSignals, SIGUSR1); // from an upgrade: hand the session over, then go
     ::sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
     int stopFd = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
 
@@ -102,12 +132,20 @@ int serve() {
     options.executable = platform::executablePath();
     options.ephemeral = platform::environmentValue("CORVEXD_EPHEMERAL") == "exit";
     options.stopFd = stopFd;
+    // The shells live in the holder, so that this process can be replaced without them.
+    ensureHolder(directory.path(), options.executable);
+    auto holder = HolderClient::connect(directory.path());
+    options.holder = helloHolder(holder->info());
+    auto handedOver = takeHandOver(holder::handOverPath(directory.path()));
+    if (handedOver) options.instance = handedOver->instance;
     {
         Server server(options);
         auto environment = corvex::currentSessionCoreEnvironment();
         // A status hook run in a pane reports to the daemon of that pane.
         environment.variables["CORVEXD_RUNTIME_DIR"] = directory.path();
-        auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(), std::move(environment));
+        auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(holder), std::move(environment));
+        if (handedOver) core->takeOver(handedOver->session);
+        handedOver.reset();
         SessionServiceOptions service;
         auto config = platform::environmentValue("CORVEXD_CONFIG");
         service.settingsPath = config.empty() ? directory.path() + "/settings.json" : config;
@@ -131,20 +169,29 @@ int serve() {
             if (auto held = weak.lock()) held->pollAgents();
         });
         server.run();
+        if (handOverAsked(stopFd)) {
+            // Nothing of this process may end a shell now: no destructor runs.
+            try {
+                writeHandOver(holder::handOverPath(directory.path()), {server.instance(), core->handOver()});
+                holder->announceHandOver();
+            } catch (const DaemonError& error) {
+                std::cerr << "corvexd: the hand-over failed: " << error.what() << "\n";
+            }
+            std::cout.flush();
+            ::_exit(0);
+        }
         // The shells end with the daemon: their terminals hang up.
         core->stop();
+        holder->quit();
     }
     pid.clear();
     ::close(stopFd);
     return 0;
 }
 
-namespace {
-
 // Starts `corvexd serve` detached from this process: its own session, no terminal, output
 // to the log, and not our child once we return.
-void spawnServe(const RuntimeDirectory& directory) {
-    std::string executable = platform::executablePath();
+void spawnServe(const RuntimeDirectory& directory, const std::string& executable) {
     pid_t child = ::fork();
     if (child < 0) throw DaemonError(std::string("fork: ") + std::strerror(errno));
     if (child == 0) {
@@ -167,11 +214,10 @@ void spawnServe(const RuntimeDirectory& directory) {
     }
 }
 
-} // namespace
 
 // Makes sure a daemon accepts on the runtime folder's socket. Concurrent starts queue on a
 // lock file, so only the first of them spawns.
-void ensureStarted(const RuntimeDirectory& directory) {
+void ensureStarted(const RuntimeDirectory& directory, const std::string& executable) {
     if (accepts(directory.socketPath())) return;
     int lock = ::open(directory.startLockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lock < 0) throw DaemonError("can't open " + directory.startLockPath() + ": " + std::strerror(errno));
@@ -187,7 +233,7 @@ void ensureStarted(const RuntimeDirectory& directory) {
             if (Clock::now() > deadline) throw DaemonError("the daemon didn't start; see " + directory.logPath());
             bool settling = spawned && Clock::now() - *spawned < std::chrono::seconds(1);
             if (!settling && !runs(directory)) {
-                spawnServe(directory);
+                spawnServe(directory, executable.empty() ? platform::executablePath() : executable);
                 spawned = Clock::now();
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -205,6 +251,15 @@ int start() {
 }
 
 // Signals the running daemon and waits until it has let go of its pid file.
+std::optional<pid_t> runningServer(const RuntimeDirectory& directory) {
+    PidFile pid(directory.pidPath());
+    if (pid.tryLock()) {
+        pid.unlock();
+        return std::nullopt;
+    }
+    return pid.read();
+}
+
 int terminate(bool forceAfterTimeout) {
     auto directory = RuntimeDirectory::existing(RuntimeDirectory::defaultPath());
     PidFile pid(directory.pidPath());

@@ -73,7 +73,8 @@ struct Server::Client {
     size_t pending() const { return out.size() - sent; }
 };
 
-Server::Server(ServerOptions options) : options_(std::move(options)), instance_(corvex::newInstanceID()) {
+Server::Server(ServerOptions options)
+    : options_(std::move(options)), instance_(options_.instance.empty() ? corvex::newInstanceID() : options_.instance) {
     listenFd_ = listenOn(options_.socketPath);
     wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wakeFd_ < 0) {
@@ -333,6 +334,11 @@ corvex::Hello Server::hello() const {
     auto hello = corvex::sessionHello({"corvexd", options_.version, instance_, features_});
     hello.exe = options_.executable;
     hello.build = options_.buildId;
+    if (options_.holder) {
+        hello.holder = options_.holder;
+        hello.holderOutdated = options_.holder->outdated.value_or(false);
+        return hello;
+    }
     corvex::Hello::Holder holder;
     holder.pid = hello.pid;
     holder.version = options_.version;

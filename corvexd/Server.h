@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,6 +28,11 @@ struct ServerOptions {
     bool ephemeral = false;
     // A descriptor that becomes readable when the daemon should end (a signalfd), or -1.
     int stopFd = -1;
+    // The identity of this daemon run; empty makes a new one. A server that takes over from
+    // the one it replaces keeps its instance, so that clients keep their positions.
+    std::string instance;
+    // The process that keeps the shells, as hello reports it; absent when this one does.
+    std::optional<corvex::Hello::Holder> holder;
     // Bytes a client may have waiting to be sent before it is given up on.
     size_t clientQueueLimit = 32u << 20;
     // Bytes waiting beyond which a client's pane streams are given up with "pane.resync".
