@@ -251,6 +251,15 @@ std::optional<LocalProcessError> LocalProcess::beginSession(pid_t pid, int maste
 }
 
 void LocalProcess::release() {
+    auto [pipeline, monitor] = session_.withLock([](SessionState& state) {
+        return std::pair{state.pipeline, std::move(state.childMonitor)};
+    });
+    if (monitor) monitor->cancel();
+    // The pipeline stays the session's while it settles, so what it still hands on counts.
+    if (pipeline) {
+        if (pipeline->requestSettle()) pipeline->waitUntilFinished();
+        pipeline->detachSink();
+    }
     SessionState old = session_.withLock([](SessionState& state) {
         SessionState taken = std::move(state);
         state = SessionState{};
@@ -258,11 +267,6 @@ void LocalProcess::release() {
         state.generation = taken.generation + 1;
         return taken;
     });
-    if (old.childMonitor) old.childMonitor->cancel();
-    if (old.pipeline) {
-        if (old.pipeline->requestSettle()) old.pipeline->waitUntilFinished();
-        old.pipeline->detachSink();
-    }
     // Keystrokes already accepted still reach the child.
     if (old.writeChannel) old.writeChannel->close(false);
 }

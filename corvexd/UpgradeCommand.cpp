@@ -59,6 +59,7 @@ int upgradeCommand(const std::vector<std::string>& options) {
     }
     auto installed = installSelf();
     if (!installed) return 1;
+    auto asked = Clock::now();
     if (!serving) {
         ensureStarted(directory, *installed);
     } else {
@@ -78,7 +79,9 @@ int upgradeCommand(const std::vector<std::string>& options) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
-    std::cout << "serving " << buildId() << " from " << *installed << "\n";
+    // From the old server's last answer to the new one's first accept: what clients wait.
+    auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - asked).count();
+    std::cout << "serving " << buildId() << " from " << *installed << " (clients waited " << waited << " ms)\n";
     return 0;
 }
 
