@@ -12,6 +12,7 @@
 #include "corvexd/Lifecycle.h"
 #include "corvexd/RuntimeDirectory.h"
 #include "corvexd/SavedTree.h"
+#include "corvexd/Service.h"
 #include "corvexd/Status.h"
 #include "corvexd/UpgradeCommand.h"
 
@@ -20,7 +21,7 @@ namespace corvexd {
 namespace {
 
 const char* usage =
-    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status --print-socket | status --print-builds | install | upgrade | hooks\n";
+    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status --print-socket | status --print-builds | install | upgrade | service status|install|uninstall | hooks\n";
 
 } // namespace
 
@@ -50,6 +51,7 @@ int runCommand(const std::vector<std::string>& arguments) {
         if (command == "install") return installCommand(rest);
         if (command == "upgrade") return upgradeCommand(rest);
         if (command == "holder") return holderCommand();
+        if (command == "service") return serviceCommand(rest);
         if (command == "hooks") return hooksCommand(rest);
         if (command == "corvex-agent-status") return agentStatusCommand(rest);
         if (command == "corvex-notify") return agentNotifyCommand(rest);

@@ -24,6 +24,7 @@
 #include "corvexd/Holder.h"
 #include "corvexd/HolderClient.h"
 #include "corvexd/Server.h"
+#include "corvexd/Service.h"
 #include "corvexd/SessionService.h"
 
 namespace corvexd {
@@ -152,6 +153,7 @@ int serve() {
         if (!config.empty()) service.configName = config;
         service.treePath = directory.treePath();
         serveSession(server, core, service);
+        serveService(server);
         // Programs change folder without telling their terminal; the panes follow them.
         platform::TimerThread directories("corvexd.cwd");
         std::weak_ptr<corvex::SessionCore> weak = core;
