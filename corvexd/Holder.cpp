@@ -13,6 +13,7 @@
 #include <sys/file.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
@@ -23,6 +24,7 @@
 #include "Vellum/PseudoTerminalHelpers.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/CommandSupport.h"
+#include "corvexd/HolderClient.h"
 #include "corvexd/HolderProtocol.h"
 #include "corvexd/RuntimeDirectory.h"
 
@@ -223,6 +225,11 @@ private:
     // Ends every shell as a closed terminal would, gives them a moment, then kills the rest.
     void endAll() {
         finished_ = true;
+        // No one may connect to a holder that is going; the next one is started meanwhile.
+        if (listen_ >= 0) {
+            ::close(listen_);
+            listen_ = -1;
+        }
         for (auto& [pane, child] : held_) {
             if (child.status) continue;
             ::kill(-child.pid, SIGHUP);
@@ -255,17 +262,6 @@ private:
     std::map<uint64_t, HeldChild> held_;
 };
 
-bool holderAnswers(const std::string& socketPath) {
-    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (fd < 0) return false;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
-    bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return ok;
-}
-
 } // namespace
 
 int holderCommand() {
@@ -287,8 +283,11 @@ int holderCommand() {
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) return fail("the holder's socket path is too long: " + path);
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (listenFd < 0 || ::bind(listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listenFd, 8) != 0) {
+    // Private from the start, as the server's socket is.
+    mode_t previous = ::umask(0177);
+    bool bound = listenFd >= 0 && ::bind(listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::umask(previous);
+    if (!bound || ::listen(listenFd, 8) != 0) {
         return fail("can't listen on " + path + ": " + std::strerror(errno));
     }
 
@@ -299,18 +298,25 @@ int holderCommand() {
     ::sigprocmask(SIG_BLOCK, &handled, nullptr);
     int signalFd = ::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK);
 
-    Holder(listenFd, signalFd).run();
+    Holder(listenFd, signalFd).run(); // closes the listening socket as it ends
 
     ::unlink(path.c_str());
-    ::close(listenFd);
-    ::ftruncate(pidFd, 0);
+    [[maybe_unused]] int cleared = ::ftruncate(pidFd, 0);
     ::close(pidFd);
     return 0;
 }
 
-void ensureHolder(const std::string& runtimeDirectory, const std::string& executable) {
-    std::string socketPath = holder::socketPath(runtimeDirectory);
-    if (holderAnswers(socketPath)) return;
+namespace {
+
+bool holderLockHeld(const std::string& runtimeDirectory) {
+    int fd = ::open(holder::pidPath(runtimeDirectory).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    bool held = ::flock(fd, LOCK_EX | LOCK_NB) != 0;
+    ::close(fd);
+    return held;
+}
+
+void spawnHolder(const std::string& executable) {
     pid_t child = ::fork();
     if (child < 0) throw DaemonError(std::string("fork: ") + std::strerror(errno));
     if (child == 0) {
@@ -332,9 +338,22 @@ void ensureHolder(const std::string& runtimeDirectory, const std::string& execut
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
+}
+
+} // namespace
+
+// A holder that is ending still holds its lock a moment after it stopped answering: wait for
+// it to let go, then start the new one.
+void ensureHolder(const std::string& runtimeDirectory, const std::string& executable) {
     auto deadline = Clock::now() + startTimeout;
-    while (!holderAnswers(socketPath)) {
+    std::optional<Clock::time_point> spawned;
+    while (!probeHolder(runtimeDirectory)) {
         if (Clock::now() > deadline) throw DaemonError("the holder didn't start");
+        bool settling = spawned && Clock::now() - *spawned < std::chrono::seconds(1);
+        if (!settling && !holderLockHeld(runtimeDirectory)) {
+            spawnHolder(executable);
+            spawned = Clock::now();
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }

@@ -27,6 +27,7 @@
 #include "corvexd/Server.h"
 #include "corvexd/Service.h"
 #include "corvexd/SessionService.h"
+#include "corvexd/UpgradeCommand.h"
 
 namespace corvexd {
 
@@ -140,9 +141,13 @@ int serve() {
     options.ephemeral = platform::environmentValue("CORVEXD_EPHEMERAL") == "exit";
     options.stopFd = stopFd;
     // The shells live in the holder, so that this process can be replaced without them.
+    // Asked before serving through it: a server that connects and goes ends the shells.
+    if (auto why = whyHolderTooOld(probeHolder(directory.path()), false)) return refuseOldHolder(*why);
     ensureHolder(directory.path(), options.executable);
     auto holder = HolderClient::connect(directory.path());
     options.holder = helloHolder(holder->info());
+    bool handingOver = false;
+    options.handingOver = [stopFd, &handingOver] { return handingOver = handOverAsked(stopFd); };
     auto handedOver = takeHandOver(holder::handOverPath(directory.path()));
     if (handedOver) options.instance = handedOver->instance;
     {
@@ -177,7 +182,7 @@ int serve() {
             if (auto held = weak.lock()) held->pollAgents();
         });
         server.run();
-        if (handOverAsked(stopFd)) {
+        if (handingOver) {
             // Nothing of this process may end a shell now: no destructor runs.
             try {
                 writeHandOver(holder::handOverPath(directory.path()), {server.instance(), core->handOver()});
@@ -264,7 +269,11 @@ void ensureStarted(const RuntimeDirectory& directory, const std::string& executa
 }
 
 int start() {
-    ensureStarted(runtimeDirectory());
+    auto directory = runtimeDirectory();
+    if (!accepts(directory.socketPath())) {
+        if (auto why = whyHolderTooOld(probeHolder(directory.path()), false)) return refuseOldHolder(*why);
+    }
+    ensureStarted(directory);
     return 0;
 }
 

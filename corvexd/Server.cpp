@@ -185,7 +185,7 @@ void Server::run() {
         reopenLostStreams();
         if (options_.ephemeral && servedAnyone_ && clients_.empty()) stopping_ = true;
     }
-    announceShutdown();
+    if (!options_.handingOver || !options_.handingOver()) announceShutdown();
 }
 
 // Clients are told that the daemon goes on purpose, so that none of them starts a new one

@@ -32,6 +32,9 @@ struct ServerOptions {
     // The identity of this daemon run; empty makes a new one. A server that takes over from
     // the one it replaces keeps its instance, so that clients keep their positions.
     std::string instance;
+    // Asked once when serving ends: true when this server goes for another that takes its
+    // clients over, which then aren't told that the daemon shuts down.
+    std::function<bool()> handingOver;
     // The process that keeps the shells, as hello reports it; absent when this one does.
     std::optional<corvex::Hello::Holder> holder;
     // Bytes a client may have waiting to be sent before it is given up on.

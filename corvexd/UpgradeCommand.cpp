@@ -33,14 +33,23 @@ std::optional<std::tuple<ino_t, time_t, long>> socketIdentity(const std::string&
     return std::tuple{info.st_ino, info.st_ctim.tv_sec, info.st_ctim.tv_nsec};
 }
 
-int refuse(const std::string& why) {
+} // namespace
+
+std::optional<std::string> whyHolderTooOld(const std::optional<HolderInfo>& holder, bool serverRuns) {
+    if (serverRuns && !holder) return "the running corvexd keeps its shells itself";
+    if (holder && holder->protocol < holder::minimumProtocol) {
+        return "the running shells are kept by corvexd " + holder->build + " (holder protocol " +
+               std::to_string(holder->protocol) + ", this build needs " + std::to_string(holder::minimumProtocol) + ")";
+    }
+    return std::nullopt;
+}
+
+int refuseOldHolder(const std::string& why) {
     std::cerr << "corvexd: " << why
               << "; this build can't take its shells over. Restart corvexd to finish upgrading (that ends every shell). "
                  "Nothing was changed.\n";
     return holderTooOldExit;
 }
-
-} // namespace
 
 int upgradeCommand(const std::vector<std::string>& options) {
     if (!options.empty()) {
@@ -51,12 +60,7 @@ int upgradeCommand(const std::vector<std::string>& options) {
     auto serving = runningServer(directory);
     auto holder = probeHolder(directory.path());
     // Checked before anything is touched, so that a refusal leaves all as it was.
-    if (serving && !holder) return refuse("the running corvexd keeps its shells itself");
-    if (holder && holder->protocol < holder::minimumProtocol) {
-        return refuse("the running shells are kept by corvexd " + holder->build + " (holder protocol " +
-                      std::to_string(holder->protocol) + ", this build needs " +
-                      std::to_string(holder::minimumProtocol) + ")");
-    }
+    if (auto why = whyHolderTooOld(holder, serving.has_value())) return refuseOldHolder(*why);
     auto installed = installSelf();
     if (!installed) return 1;
     auto asked = Clock::now();

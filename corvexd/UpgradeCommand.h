@@ -1,7 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "corvexd/HolderClient.h"
 
 namespace corvexd {
 
@@ -14,5 +17,11 @@ constexpr int holderTooOldExit = 3;
 // shells are kept by a holder this build can't take over from, it changes nothing and exits
 // with holderTooOldExit.
 int upgradeCommand(const std::vector<std::string>& options);
+
+// Why this build can't serve the shells that run now (kept by `holder`, or by a running
+// server of its own when there is no holder), or nothing when it can.
+std::optional<std::string> whyHolderTooOld(const std::optional<HolderInfo>& holder, bool serverRuns);
+// Says so on standard error; returns holderTooOldExit.
+int refuseOldHolder(const std::string& why);
 
 } // namespace corvexd
