@@ -57,8 +57,17 @@ public:
     LocalPane(PaneProcessEvents events, Size size, int scrollbackLines)
         : HeadlessTerminal(terminalOptions(size, scrollbackLines)), events_(std::move(events)) {}
 
-    bool start(const PaneLaunch& launch) {
+    bool start(const PaneLaunch& launch, PaneProgramSource* source) {
         auto terminated = events_.terminated;
+        if (source) {
+            auto held = launch.resume ? source->take(launch.pane) : source->start(launch);
+            if (!held) return false;
+            held_ = *held;
+            terminated = [terminated, release = held->release](std::optional<int32_t> code) {
+                if (release) release();
+                if (terminated) terminated(code);
+            };
+        }
         attachProcess({.queue = std::make_shared<platform::SerialQueue>("corvex.pane." + std::to_string(launch.pane)),
                        .directDelivery = true,
                        .onLaunchFailure = nullptr,
@@ -70,8 +79,20 @@ public:
         // The terminal may be narrower than asked (two columns at least); the child is told
         // the size the pane was given.
         if (launch.size.cols > 0 && launch.size.rows > 0) requestedSize_ = launch.size;
+        if (source) return adopt(launch);
         return !startProcessChecked(launch.launch.executable, launch.launch.args, environment, launch.launch.argv0,
                                     launch.cwd);
+    }
+
+    // The terminal is rebuilt before any of the program's new output is read, and counts on
+    // from where the previous process stopped.
+    bool adopt(const PaneLaunch& launch) {
+        if (launch.resume) {
+            HeadlessTerminal::feed(std::string_view(launch.resume->screen));
+            replies.clear(); // answers to the rebuilding, not to the program
+            parsedOffset_ = launch.resume->seq;
+        }
+        return !process()->adoptProcess(held_.pid, held_.master, held_.status);
     }
 
     std::optional<int32_t> pid() const override {
@@ -85,7 +106,9 @@ public:
     void withTerminal(const std::function<void(vellum::Terminal&)>& visit) override {
         HeadlessTerminal::withTerminal(visit);
     }
-    uint64_t parsedBytes() const override { return HeadlessTerminal::parsedBytes(); }
+    uint64_t parsedBytes() const override { return parsedOffset_ + HeadlessTerminal::parsedBytes(); }
+    // The program stays held for the next process; this one stops reading it.
+    void settle() override { process()->release(); }
     bool hasTerminal() const override { return true; }
 
     winsize getWindowSize() override {
@@ -136,6 +159,8 @@ protected:
 
 private:
     PaneProcessEvents events_;
+    HeldProgram held_;
+    uint64_t parsedOffset_ = 0;
     std::optional<Size> requestedSize_; // what the pane was started with
     std::mutex pendingLock_;            // a leaf, taken inside the terminal lock
     std::optional<std::string> pendingTitle_, pendingCwd_;
@@ -147,7 +172,7 @@ private:
 
 std::shared_ptr<PaneProcess> LocalPaneHost::spawn(const PaneLaunch& launch, PaneProcessEvents events) {
     auto pane = std::make_shared<LocalPane>(std::move(events), launch.size, launch.scrollbackLines);
-    if (!pane->start(launch)) return nullptr;
+    if (!pane->start(launch, source_.get())) return nullptr;
     return pane;
 }
 

@@ -317,6 +317,24 @@ void SessionCore::restoreTree(const ModelState& saved, double at) {
     publishState(batch);
 }
 
+PaneProcessEvents SessionCore::eventsFor(uint64_t id) {
+    std::weak_ptr<SessionCore> weak = weak_from_this();
+    return PaneProcessEvents{
+        [weak, id](ByteView bytes) {
+            if (auto core = weak.lock()) core->paneOutput(id, bytes);
+        },
+        [weak, id](std::optional<int32_t> code) {
+            if (auto core = weak.lock()) core->paneTerminated(id, code);
+        },
+        [weak, id](const std::optional<std::string>& title, const std::optional<std::string>& cwd, bool bell) {
+            if (auto core = weak.lock()) core->paneChanged(id, title, cwd, bell);
+        },
+        [weak, id](const std::vector<std::string>& texts) {
+            if (auto core = weak.lock()) core->paneClipboard(id, texts);
+        },
+    };
+}
+
 uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint64_t> given) {
     uint64_t id = given ? *given : takeID();
     Size size = checkedPaneSize({options.cols.value_or(80), options.rows.value_or(24)});
@@ -346,26 +364,11 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint6
         launch->executable = *found;
     }
 
-    std::weak_ptr<SessionCore> weak = weak_from_this();
-    PaneProcessEvents events{
-        [weak, id](ByteView bytes) {
-            if (auto core = weak.lock()) core->paneOutput(id, bytes);
-        },
-        [weak, id](std::optional<int32_t> code) {
-            if (auto core = weak.lock()) core->paneTerminated(id, code);
-        },
-        [weak, id](const std::optional<std::string>& title, const std::optional<std::string>& cwd, bool bell) {
-            if (auto core = weak.lock()) core->paneChanged(id, title, cwd, bell);
-        },
-        [weak, id](const std::vector<std::string>& texts) {
-            if (auto core = weak.lock()) core->paneClipboard(id, texts);
-        },
-    };
     PaneLaunch request{id, command, *launch, std::move(environment), cwd, size,
                        scrollbackLines_};
     // Starting the program is a fork, not a wait; its first report blocks on this lock
     // until the pane is entered.
-    auto process = host_->spawn(request, std::move(events));
+    auto process = host_->spawn(request, eventsFor(id));
     if (!process) throw failed();
 
     panes_[id] = PaneRecord{process, size, {}, false};

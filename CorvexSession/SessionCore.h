@@ -68,6 +68,8 @@ public:
 
     // Returns the position of the chunk's first byte.
     uint64_t append(ByteView bytes);
+    // Goes on from what another process retained: `bytes` end at `start` plus their size.
+    void resume(uint64_t start, Bytes bytes);
     uint64_t seq() const { return seq_; }
     uint64_t start() const { return seq_ - ring_.size(); }
     size_t size() const { return ring_.size(); }
@@ -97,6 +99,9 @@ public:
     virtual uint64_t parsedBytes() const { return 0; }
     // Whether withTerminal has a terminal to show.
     virtual bool hasTerminal() const { return false; }
+    // Stops taking the program's output once everything read has gone to the events, and
+    // leaves the program running for whoever takes the pane over. Nothing more is reported.
+    virtual void settle() {}
 };
 
 // What a pane's program reports. Called on any thread, never under the core's lock.
@@ -110,6 +115,13 @@ struct PaneProcessEvents {
     std::function<void(const std::vector<std::string>& texts)> clipboard;
 };
 
+// A pane that a previous serving process ran: its program is still running, and its terminal
+// is rebuilt from `screen` to stand for the output up to `seq`.
+struct PaneResume {
+    std::string screen;
+    uint64_t seq = 0;
+};
+
 struct PaneLaunch {
     uint64_t pane = 0;
     std::vector<std::string> command;
@@ -118,6 +130,23 @@ struct PaneLaunch {
     std::string cwd;
     Size size;
     int scrollbackLines = 0; // rows of history the pane's terminal keeps; 0 leaves the host's default
+    std::optional<PaneResume> resume; // take the running program over instead of starting one
+};
+
+// What one serving process passes to the process that replaces it: the whole tree, and for
+// each running pane its retained output and the bytes that rebuild its terminal, so that
+// every pane goes on at the same `seq`.
+struct PaneHandOver {
+    uint64_t pane = 0;
+    uint64_t retainedStart = 0;
+    Bytes retained;
+    std::string screen;
+};
+struct SessionHandOver {
+    ModelState state;
+    uint64_t nextID = 1;
+    int scrollbackLines = 0;
+    std::vector<PaneHandOver> panes;
 };
 
 class PaneHost {
@@ -225,6 +254,13 @@ public:
     // since the epoch). A pane whose program can't start leaves the tree as a closed one would.
     void restore(const ModelState& saved, double at);
 
+    // Settles every pane (no output is taken after this) and describes the session for the
+    // process that takes it over. The core is of no further use.
+    SessionHandOver handOver();
+    // Takes over a handed-over session, on a core that holds nothing yet; the panes' programs
+    // come from the host. A pane the host can't take leaves the tree as a closed one would.
+    void takeOver(const SessionHandOver& session);
+
     // Asks each pane's program for its directory and publishes the changes.
     void pollWorkingDirectories();
     // Asks git about each pane's folder and publishes what changed. Runs git, so it is called
@@ -255,6 +291,8 @@ private:
     uint64_t takeID() { return nextID_++; }
     uint64_t spawnPane(const SpawnOptions& options, std::optional<uint64_t> id = std::nullopt);
     void deliver();
+    // What a pane's program reports, routed back to this core.
+    PaneProcessEvents eventsFor(uint64_t pane);
     void paneOutput(uint64_t pane, ByteView bytes);
     void awaitOutputRoom();
     void paneTerminated(uint64_t pane, std::optional<int32_t> exitCode);

@@ -180,12 +180,32 @@ std::optional<LocalProcessError> LocalProcess::startProcessWithForkpty(
         return error;
     }
     auto [pid, master] = *spawned.child;
+    return beginSession(pid, master, std::make_shared<LocalProcessChildReaper>(pid), notifyLaunchFailure);
+}
 
+std::optional<LocalProcessError> LocalProcess::adoptProcess(pid_t pid, int master,
+                                                            std::function<std::optional<int>()> status) {
+    bool accepted = session_.withLock([](SessionState& state) {
+        if (state.phase != LocalProcessPhase::idle) return false;
+        state.phase = LocalProcessPhase::starting;
+        return true;
+    });
+    if (!accepted) {
+        ::close(master);
+        return LocalProcessError::alreadyRunning();
+    }
+    return beginSession(pid, master, std::make_shared<LocalProcessChildReaper>(pid, std::move(status)), false);
+}
+
+// Runs a child that is on its pseudo-terminal already: the writer, the reader and the
+// watch for its end.
+std::optional<LocalProcessError> LocalProcess::beginSession(pid_t pid, int master,
+                                                            std::shared_ptr<LocalProcessChildReaper> reaper,
+                                                            bool notifyLaunchFailure) {
     int duplicate = duplicateDescriptor_(master);
     if (duplicate < 0) {
         int error = errno;
         close(master);
-        auto reaper = std::make_shared<LocalProcessChildReaper>(pid);
         reaper->signal(SIGKILL);
         startThread("vellum-child-reaper", [reaper] { reaper->wait(); });
         auto failure = LocalProcessError::writeChannelFailed(error);
@@ -195,7 +215,6 @@ std::optional<LocalProcessError> LocalProcess::startProcessWithForkpty(
     auto channel = LocalProcessWriteChannel::open(duplicate);
     if (!channel) {
         close(master);
-        auto reaper = std::make_shared<LocalProcessChildReaper>(pid);
         reaper->signal(SIGKILL);
         startThread("vellum-child-reaper", [reaper] { reaper->wait(); });
         auto failure = LocalProcessError::writeChannelFailed(EAGAIN);
@@ -203,7 +222,6 @@ std::optional<LocalProcessError> LocalProcess::startProcessWithForkpty(
         return failure;
     }
 
-    auto reaper = std::make_shared<LocalProcessChildReaper>(pid);
     auto [generation, terminateNow] = session_.withLock([&](SessionState& state) {
         state.generation += 1;
         bool requested = state.terminateRequestedDuringStart;
@@ -230,6 +248,27 @@ std::optional<LocalProcessError> LocalProcess::startProcessWithForkpty(
 
     if (terminateNow) reaper->signal(SIGTERM);
     return std::nullopt;
+}
+
+void LocalProcess::release() {
+    auto [pipeline, monitor] = session_.withLock([](SessionState& state) {
+        return std::pair{state.pipeline, std::move(state.childMonitor)};
+    });
+    if (monitor) monitor->cancel();
+    // The pipeline stays the session's while it settles, so what it still hands on counts.
+    if (pipeline) {
+        if (pipeline->requestSettle()) pipeline->waitUntilFinished();
+        pipeline->detachSink();
+    }
+    SessionState old = session_.withLock([](SessionState& state) {
+        SessionState taken = std::move(state);
+        state = SessionState{};
+        // Reports still on their way belong to the session let go of.
+        state.generation = taken.generation + 1;
+        return taken;
+    });
+    // Keystrokes already accepted still reach the child.
+    if (old.writeChannel) old.writeChannel->close(false);
 }
 
 void LocalProcess::finishLaunchFailure(const LocalProcessError& error, bool notify) {

@@ -111,6 +111,16 @@ public:
         const std::optional<std::string>& execName = std::nullopt,
         const std::optional<std::string>& currentDirectory = std::nullopt);
 
+    // Runs a child that someone else started and is parent of, on the pseudo-terminal
+    // whose master it gave us (which we then own). Since only the parent can reap it,
+    // `status` tells how it ended; signals still reach it by its process number.
+    std::optional<LocalProcessError> adoptProcess(pid_t pid, int master,
+                                                  std::function<std::optional<int>()> status);
+    // Stops reading once everything read has been delivered, and lets go of the child
+    // without a signal: it runs on, and its later output waits in the pseudo-terminal for
+    // the next reader. Nothing more is reported of this session.
+    void release();
+
     // A failed write is logged, nothing more.
     void send(std::span<const unsigned char> data);
     // The completion runs on the writer thread, or at once when the send can't be queued.
@@ -178,6 +188,9 @@ private:
                                                              const std::optional<std::string>& execName,
                                                              const std::optional<std::string>& currentDirectory,
                                                              bool notifyLaunchFailure);
+    std::optional<LocalProcessError> beginSession(pid_t pid, int master,
+                                                  std::shared_ptr<LocalProcessChildReaper> reaper,
+                                                  bool notifyLaunchFailure);
     void finishLaunchFailure(const LocalProcessError& error, bool notify);
     void startChildWaiter(uint64_t generation, std::shared_ptr<LocalProcessChildReaper> reaper);
     void childDidExit(uint64_t generation, std::optional<int> status);

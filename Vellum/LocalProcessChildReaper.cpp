@@ -31,6 +31,12 @@ bool LocalProcessChildReaper::signalAllowed() {
 }
 
 std::optional<int> LocalProcessChildReaper::wait() {
+    if (status_) {
+        auto status = status_();
+        std::lock_guard guard(lock_);
+        signalAllowed_ = false;
+        return status;
+    }
     // Peek first without reaping: blocking in waitpid with the lock held would keep a
     // terminate from getting through for as long as the child lives.
     siginfo_t info{};

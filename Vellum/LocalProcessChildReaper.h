@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <sys/types.h>
@@ -12,6 +13,10 @@ namespace vellum {
 class LocalProcessChildReaper {
 public:
     explicit LocalProcessChildReaper(pid_t pid) : pid_(pid) {}
+    // For a child that another process is parent of and reaps: `status` blocks until that
+    // process tells how the child ended (nothing when it can't).
+    using StatusSource = std::function<std::optional<int>()>;
+    LocalProcessChildReaper(pid_t pid, StatusSource status) : pid_(pid), status_(std::move(status)) {}
 
     LocalProcessChildReaper(const LocalProcessChildReaper&) = delete;
     LocalProcessChildReaper& operator=(const LocalProcessChildReaper&) = delete;
@@ -42,6 +47,7 @@ public:
 
 private:
     const pid_t pid_;
+    const StatusSource status_;
     std::mutex lock_;
     bool signalAllowed_ = true;
 };

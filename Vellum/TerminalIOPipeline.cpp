@@ -55,6 +55,7 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
     size_t head = 0, tail = 0, count = 0;
     bool bridging = false;
     bool done = false;
+    bool settling = false; // stop reading, but parse what was read
     RunPhase runPhase = RunPhase::streaming;
     Deadline deadline{};
     int remainingThreads = 0;
@@ -103,6 +104,10 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
     bool pastDeadline() const {
         std::lock_guard guard(mutex);
         return pastDeadlineLocked();
+    }
+    bool stopReading() const {
+        std::lock_guard guard(mutex);
+        return pastDeadlineLocked() || settling;
     }
     bool quitting() const {
         std::lock_guard guard(mutex);
@@ -165,7 +170,7 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
             int timeout = -1;
             {
                 std::lock_guard guard(mutex);
-                if (runPhase == RunPhase::quitting || pastDeadlineLocked()) return false;
+                if (runPhase == RunPhase::quitting || pastDeadlineLocked() || settling) return false;
                 if (runPhase == RunPhase::draining) {
                     auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
                     timeout = static_cast<int>(left);
@@ -216,11 +221,11 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
             size_t slot;
             {
                 std::unique_lock guard(mutex);
-                while (runPhase != RunPhase::quitting && count == slotCount && !pastDeadlineLocked()) {
+                while (runPhase != RunPhase::quitting && count == slotCount && !pastDeadlineLocked() && !settling) {
                     if (runPhase == RunPhase::draining) condition.wait_until(guard, deadline);
                     else condition.wait(guard);
                 }
-                if (runPhase == RunPhase::quitting || pastDeadlineLocked()) break;
+                if (runPhase == RunPhase::quitting || pastDeadlineLocked() || settling) break;
                 slot = tail;
             }
             auto roundStart = Clock::now();
@@ -251,7 +256,7 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
         std::optional<Clock::time_point> firstBridge;
         bool firstRead = true;
         for (;;) {
-            if (!firstRead && pastDeadline()) return endWith(slot, length, PublishReason::immediate);
+            if (!firstRead && stopReading()) return endWith(slot, length, PublishReason::immediate);
             firstRead = false;
             ssize_t n = ::read(fd, base + length, slotSize - length);
             if (n > 0) {
@@ -337,7 +342,7 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
                 }
                 if (runPhase == RunPhase::quitting || pastDeadlineLocked()) break;
                 if (count == 0) {
-                    reportEOF = done;
+                    reportEOF = done && !settling;
                     break;
                 }
                 slot = head;
@@ -417,6 +422,14 @@ bool TerminalIOPipeline::requestDrain(Deadline deadline) {
 bool TerminalIOPipeline::requestShutdown() {
     std::lock_guard guard(worker_->mutex);
     worker_->runPhase = Worker::RunPhase::quitting;
+    worker_->wakeLocked();
+    if (!worker_->started) worker_->closeDescriptorsLocked();
+    return currentWorker != worker_.get();
+}
+
+bool TerminalIOPipeline::requestSettle() {
+    std::lock_guard guard(worker_->mutex);
+    worker_->settling = true;
     worker_->wakeLocked();
     if (!worker_->started) worker_->closeDescriptorsLocked();
     return currentWorker != worker_.get();

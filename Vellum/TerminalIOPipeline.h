@@ -62,6 +62,10 @@ public:
     bool requestDrain(Deadline deadline);
     // Stop soon, leaving unparsed bytes. False when called from the pipeline's own threads.
     bool requestShutdown();
+    // Stop reading, hand on every byte already read, then stop without reporting end of
+    // file: what the child writes later stays in the kernel for whoever reads the master
+    // next. False when called from the pipeline's own threads.
+    bool requestSettle();
     // Waits until both threads have ended and the descriptors are closed, or the deadline
     // passed; true when they have.
     bool waitUntilFinished(std::optional<Deadline> deadline = std::nullopt);

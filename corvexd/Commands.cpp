@@ -6,19 +6,22 @@
 #include "corvexd/BuildInfo.h"
 #include "corvexd/Bridge.h"
 #include "corvexd/CommandSupport.h"
+#include "corvexd/Holder.h"
 #include "corvexd/HooksCommand.h"
 #include "corvexd/InstallCommand.h"
 #include "corvexd/Lifecycle.h"
 #include "corvexd/RuntimeDirectory.h"
 #include "corvexd/SavedTree.h"
+#include "corvexd/Service.h"
 #include "corvexd/Status.h"
+#include "corvexd/UpgradeCommand.h"
 
 namespace corvexd {
 
 namespace {
 
 const char* usage =
-    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status [--print-socket | --print-builds] | hooks\n"
+    "usage: corvexd serve | start | stop | shutdown | bridge | build-id | status [--print-socket | --print-builds] | install | upgrade | service status|install|uninstall | hooks\n"
     "\n"
     "  serve      serve in the foreground\n"
     "  start      start a daemon for the runtime folder unless one runs\n"
@@ -26,6 +29,9 @@ const char* usage =
     "  shutdown   end the daemon and everything in it; the next start begins empty\n"
     "  bridge     relay standard input and output to the daemon, starting it if needed\n"
     "  status     whether a daemon runs\n"
+    "  install    copy this build to the per-user install folder\n"
+    "  upgrade    install this build and replace the running server; the shells keep running\n"
+    "  service    start at login through a systemd user unit\n"
     "\n"
     "Clients are told of a stop or shutdown and don't start another daemon in its place.\n";
 
@@ -63,6 +69,9 @@ int runCommand(const std::vector<std::string>& arguments) {
         }
         if (command == "status") return status(rest);
         if (command == "install") return installCommand(rest);
+        if (command == "upgrade") return upgradeCommand(rest);
+        if (command == "holder") return holderCommand();
+        if (command == "service") return serviceCommand(rest);
         if (command == "hooks") return hooksCommand(rest);
         if (command == "corvex-agent-status") return agentStatusCommand(rest);
         if (command == "corvex-notify") return agentNotifyCommand(rest);

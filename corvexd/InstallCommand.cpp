@@ -120,6 +120,13 @@ int installCommand(const std::vector<std::string>& options) {
         std::cerr << "usage: corvexd install [--print-path]\n";
         return 2;
     }
+    auto target = installSelf();
+    if (!target) return 1;
+    std::cout << *target << "\n";
+    return 0;
+}
+
+std::optional<std::string> installSelf() {
     try {
         std::string base = installBase();
         std::string target = installTargetPath();
@@ -127,11 +134,10 @@ int installCommand(const std::vector<std::string>& options) {
         std::string source = platform::executablePath();
         if (!sameFile(source, target)) copyExecutable("/proc/self/exe", target);
         pointCurrentAt(base, buildId());
-        std::cout << target << "\n";
-        return 0;
+        return target;
     } catch (const InstallError& error) {
         std::cerr << "corvexd: " << error.what() << "\n";
-        return 1;
+        return std::nullopt;
     }
 }
 

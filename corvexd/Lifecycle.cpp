@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <iostream>
 #include <optional>
 #include <sys/file.h>
 #include <sys/signalfd.h>
@@ -19,9 +20,14 @@
 #include "Platform/TimerThread.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/CommandSupport.h"
+#include "corvexd/HandOver.h"
+#include "corvexd/Holder.h"
+#include "corvexd/HolderClient.h"
 #include "corvexd/LifecycleShutdown.h"
 #include "corvexd/Server.h"
+#include "corvexd/Service.h"
 #include "corvexd/SessionService.h"
+#include "corvexd/UpgradeCommand.h"
 
 namespace corvexd {
 
@@ -72,6 +78,31 @@ private:
     int fd_;
 };
 
+// Whether the stop descriptor fired for an upgrade, which wants the session handed over
+// rather than ended.
+bool handOverAsked(int stopFd) {
+    signalfd_siginfo info{};
+    bool asked = false;
+    while (::read(stopFd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        if (info.ssi_signo == SIGUSR1) asked = true;
+    }
+    return asked;
+}
+
+corvex::Hello::Holder helloHolder(const HolderInfo& info) {
+    corvex::Hello::Holder holder;
+    holder.pid = info.pid;
+    holder.version = info.version;
+    holder.protocol = info.protocol;
+    holder.exe = info.executable;
+    holder.build = info.build;
+    holder.canUpgrade = info.protocol >= holder::minimumProtocol;
+    // Older than this build's holder: it works, but only a restart of the shells brings it
+    // up to date.
+    holder.outdated = info.protocol < holder::protocol;
+    return holder;
+}
+
 bool runs(const RuntimeDirectory& directory) {
     PidFile pid(directory.pidPath());
     if (!pid.tryLock()) return true;
@@ -98,6 +129,7 @@ int serve() {
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGHUP);
+    sigaddset(&stopSignals, SIGUSR1); // from an upgrade: hand the session over, then go
     ::sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
     int stopFd = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
 
@@ -108,18 +140,31 @@ int serve() {
     options.executable = platform::executablePath();
     options.ephemeral = platform::environmentValue("CORVEXD_EPHEMERAL") == "exit";
     options.stopFd = stopFd;
+    // The shells live in the holder, so that this process can be replaced without them.
+    // Asked before serving through it: a server that connects and goes ends the shells.
+    if (auto why = whyHolderTooOld(probeHolder(directory.path()), false)) return refuseOldHolder(*why);
+    ensureHolder(directory.path(), options.executable);
+    auto holder = HolderClient::connect(directory.path());
+    options.holder = helloHolder(holder->info());
+    bool handingOver = false;
+    options.handingOver = [stopFd, &handingOver] { return handingOver = handOverAsked(stopFd); };
+    auto handedOver = takeHandOver(holder::handOverPath(directory.path()));
+    if (handedOver) options.instance = handedOver->instance;
     {
         Server server(options);
         auto environment = corvex::currentSessionCoreEnvironment();
         // A status hook run in a pane reports to the daemon of that pane.
         environment.variables["CORVEXD_RUNTIME_DIR"] = directory.path();
-        auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(), std::move(environment));
+        auto core = corvex::SessionCore::create(std::make_shared<corvex::LocalPaneHost>(holder), std::move(environment));
+        if (handedOver) core->takeOver(handedOver->session);
+        handedOver.reset();
         SessionServiceOptions service;
         auto config = platform::environmentValue("CORVEXD_CONFIG");
         service.settingsPath = config.empty() ? directory.path() + "/settings.json" : config;
         if (!config.empty()) service.configName = config;
         service.treePath = directory.treePath();
         serveSession(server, core, service);
+        serveService(server);
         // Programs change folder without telling their terminal; the panes follow them.
         platform::TimerThread directories("corvexd.cwd");
         std::weak_ptr<corvex::SessionCore> weak = core;
@@ -137,6 +182,17 @@ int serve() {
             if (auto held = weak.lock()) held->pollAgents();
         });
         server.run();
+        if (handingOver) {
+            // Nothing of this process may end a shell now: no destructor runs.
+            try {
+                writeHandOver(holder::handOverPath(directory.path()), {server.instance(), core->handOver()});
+                holder->announceHandOver();
+            } catch (const DaemonError& error) {
+                std::cerr << "corvexd: the hand-over failed: " << error.what() << "\n";
+            }
+            std::cout.flush();
+            ::_exit(0);
+        }
         // The shells end with the daemon: their terminals hang up, and what ignores that is
         // ended as a closed pane's programs are, before the daemon goes.
         std::vector<pid_t> leaders;
@@ -145,6 +201,7 @@ int serve() {
         }
         core->stop();
         endPaneSessions(leaders);
+        holder->quit();
     }
     // Still under the pid file's lock, so no new daemon's files are removed.
     for (const auto& path : {directory.logPath(), directory.startLockPath(), directory.pidPath()}) {
@@ -155,12 +212,9 @@ int serve() {
     return 0;
 }
 
-namespace {
-
 // Starts `corvexd serve` detached from this process: its own session, no terminal, output
 // to the log, and not our child once we return.
-void spawnServe(const RuntimeDirectory& directory) {
-    std::string executable = platform::executablePath();
+void spawnServe(const RuntimeDirectory& directory, const std::string& executable) {
     pid_t child = ::fork();
     if (child < 0) throw DaemonError(std::string("fork: ") + std::strerror(errno));
     if (child == 0) {
@@ -183,11 +237,10 @@ void spawnServe(const RuntimeDirectory& directory) {
     }
 }
 
-} // namespace
 
 // Makes sure a daemon accepts on the runtime folder's socket. Concurrent starts queue on a
 // lock file, so only the first of them spawns.
-void ensureStarted(const RuntimeDirectory& directory) {
+void ensureStarted(const RuntimeDirectory& directory, const std::string& executable) {
     if (accepts(directory.socketPath())) return;
     int lock = ::open(directory.startLockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (lock < 0) throw DaemonError("can't open " + directory.startLockPath() + ": " + std::strerror(errno));
@@ -203,7 +256,7 @@ void ensureStarted(const RuntimeDirectory& directory) {
             if (Clock::now() > deadline) throw DaemonError("the daemon didn't start; see " + directory.logPath());
             bool settling = spawned && Clock::now() - *spawned < std::chrono::seconds(1);
             if (!settling && !runs(directory)) {
-                spawnServe(directory);
+                spawnServe(directory, executable.empty() ? platform::executablePath() : executable);
                 spawned = Clock::now();
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -216,11 +269,24 @@ void ensureStarted(const RuntimeDirectory& directory) {
 }
 
 int start() {
-    ensureStarted(runtimeDirectory());
+    auto directory = runtimeDirectory();
+    if (!accepts(directory.socketPath())) {
+        if (auto why = whyHolderTooOld(probeHolder(directory.path()), false)) return refuseOldHolder(*why);
+    }
+    ensureStarted(directory);
     return 0;
 }
 
 // Signals the running daemon and waits until it has let go of its pid file.
+std::optional<pid_t> runningServer(const RuntimeDirectory& directory) {
+    PidFile pid(directory.pidPath());
+    if (pid.tryLock()) {
+        pid.unlock();
+        return std::nullopt;
+    }
+    return pid.read();
+}
+
 int terminate(bool forceAfterTimeout) {
     auto directory = RuntimeDirectory::existing(RuntimeDirectory::defaultPath());
     PidFile pid(directory.pidPath(), false);

@@ -81,7 +81,8 @@ struct Server::Client {
     size_t pending() const { return out.size() - sent; }
 };
 
-Server::Server(ServerOptions options) : options_(std::move(options)), instance_(corvex::newInstanceID()) {
+Server::Server(ServerOptions options)
+    : options_(std::move(options)), instance_(options_.instance.empty() ? corvex::newInstanceID() : options_.instance) {
     listenFd_ = listenOn(options_.socketPath);
     wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wakeFd_ < 0) {
@@ -230,7 +231,7 @@ void Server::run() {
         reopenLostStreams();
         if (options_.ephemeral && servedAnyone_ && clients_.empty()) stopping_ = true;
     }
-    announceShutdown();
+    if (!options_.handingOver || !options_.handingOver()) announceShutdown();
 }
 
 // Clients are told that the daemon goes on purpose, so that none of them starts a new one
@@ -450,6 +451,11 @@ corvex::Hello Server::hello() const {
     auto hello = corvex::sessionHello({"corvexd", options_.version, instance_, features_});
     hello.exe = options_.executable;
     hello.build = options_.buildId;
+    if (options_.holder) {
+        hello.holder = options_.holder;
+        hello.holderOutdated = options_.holder->outdated.value_or(false);
+        return hello;
+    }
     corvex::Hello::Holder holder;
     holder.pid = hello.pid;
     holder.version = options_.version;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -30,6 +31,14 @@ struct ServerOptions {
     bool ephemeral = false;
     // A descriptor that becomes readable when the daemon should end (a signalfd), or -1.
     int stopFd = -1;
+    // The identity of this daemon run; empty makes a new one. A server that takes over from
+    // the one it replaces keeps its instance, so that clients keep their positions.
+    std::string instance;
+    // Asked once when serving ends: true when this server goes for another that takes its
+    // clients over, which then aren't told that the daemon shuts down.
+    std::function<bool()> handingOver;
+    // The process that keeps the shells, as hello reports it; absent when this one does.
+    std::optional<corvex::Hello::Holder> holder;
     // Bytes a client may have waiting to be sent before it is given up on.
     size_t clientQueueLimit = 32u << 20;
     // Bytes waiting beyond which a client's pane streams are given up with "pane.resync".

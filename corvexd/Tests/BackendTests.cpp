@@ -44,7 +44,7 @@ TEST(CorvexdBackendAgainstDaemon, ConnectsStartsAndFollowsARestart) {
     EXPECT_NO_THROW(backend->ping());
     EXPECT_TRUE(backend->getState().workspaces.empty());
     try {
-        backend->serviceStatus();
+        backend->pushList();
         ADD_FAILURE() << "an unimplemented method must fail";
     } catch (const corvex::BackendError& error) {
         EXPECT_EQ(error.code(), "unknown_method");

@@ -199,8 +199,13 @@ public:
     std::string socketPath() const { return CorvexdBackend::defaultSocketPath(runtimeDir_); }
     std::string log() const { return testing::readFile(scratch_.file("corvexd.log")); }
     std::map<std::string, std::string> environment() const {
-        return {{"CORVEXD_RUNTIME_DIR", runtimeDir_}, {"SHELL", "/bin/sh"}, {"CORVEXD_EPHEMERAL", ""}};
+        std::map<std::string, std::string> env{
+            {"CORVEXD_RUNTIME_DIR", runtimeDir_}, {"SHELL", "/bin/sh"}, {"CORVEXD_EPHEMERAL", ""}};
+        for (const auto& [name, value] : extraEnvironment) env[name] = value;
+        return env;
     }
+    // Laid over the daemon's environment, for what a test wants to change.
+    std::map<std::string, std::string> extraEnvironment;
     const testing::ScratchDirectory& scratch() const { return scratch_; }
 
     // A started backend on this daemon's socket that retries quickly.
