@@ -19,6 +19,7 @@
 #include "Platform/TimerThread.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/CommandSupport.h"
+#include "corvexd/FileStreams.h"
 #include "corvexd/Server.h"
 #include "corvexd/SessionService.h"
 
@@ -114,6 +115,7 @@ int serve() {
         if (!config.empty()) service.configName = config;
         service.treePath = directory.treePath();
         serveSession(server, core, service);
+        FileStreams files(server);
         // Programs change folder without telling their terminal; the panes follow them.
         platform::TimerThread directories("corvexd.cwd");
         std::weak_ptr<corvex::SessionCore> weak = core;

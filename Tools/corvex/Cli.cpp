@@ -47,6 +47,10 @@ const char* const usageText =
     "  decide PANE allow|deny [--message T]   answer the permission request of the pane's agent\n"
     "  run                                    attach to the focused pane, making one if none\n"
     "  watch [--count N]                      events as JSON lines\n"
+    "  ls [-a] [-l] PATH                      a folder's entries (:PATH on the daemon's machine)\n"
+    "  stat PATH                              one entry, as JSON\n"
+    "  cp [--skip | --overwrite] [--streams N] SOURCE... DEST\n"
+    "                                         copies files and folders; a rerun resumes\n"
     "\n"
     "SPAWN: [--cwd DIR] [--env NAME=VALUE]... [--size COLSxROWS] [-- PROGRAM ARGS...]\n";
 

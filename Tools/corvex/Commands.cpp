@@ -320,6 +320,9 @@ const std::map<std::string, CommandSpec>& commands() {
         {"watch", {parseWatch}},
         {"agents", {parseAgents}},
         {"decide", {parseDecide}},
+        {"ls", {parseLs}},
+        {"stat", {parseStat}},
+        {"cp", {parseCp}},
     };
     return table;
 }

@@ -28,5 +28,9 @@ CommandRun parseWatch(Arguments& args);
 // The agents, those that need the user first, and the answer to one's permission request.
 CommandRun parseAgents(Arguments& args);
 CommandRun parseDecide(Arguments& args);
+// Files here and on the daemon's machine (a path that begins with ":").
+CommandRun parseLs(Arguments& args);
+CommandRun parseStat(Arguments& args);
+CommandRun parseCp(Arguments& args);
 
 } // namespace corvex::cli
