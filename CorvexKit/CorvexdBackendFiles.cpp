@@ -271,16 +271,18 @@ FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOpti
             }
             pending.erase(0, at);
         }
-        if (wanted && !pending.empty() && waitForCredit(stream, stream->window.sent + pending.size()))
+        if (wanted && !pending.empty() && (wanted = waitForCredit(stream, stream->window.sent + pending.size())))
             sendPiece(stream, id, pending);
 
-        uint64_t end;
-        {
-            std::lock_guard guard(lock_);
-            stream->window.finSent = true;
-            end = stream->window.sent;
+        if (wanted) {
+            uint64_t end;
+            {
+                std::lock_guard guard(lock_);
+                stream->window.finSent = true;
+                end = stream->window.sent;
+            }
+            if (auto backend = this->backend()) backend->sendFrame(makeFileDataFrame(id, end, true, {}));
         }
-        if (auto backend = this->backend()) backend->sendFrame(makeFileDataFrame(id, end, true, {}));
         std::unique_lock guard(lock_);
         stream->wake.wait(guard, [&] { return stream->hasOutcome(); });
         if (stream->error) throw *stream->error;
