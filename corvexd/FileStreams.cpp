@@ -55,6 +55,7 @@ struct FileStreams::Stream {
     // write: blocks as received, not yet on disk
     std::unique_ptr<corvex::StagedWrite> staged;
     std::deque<std::string> blocks;
+    std::vector<std::string> spare; // written blocks, kept for their capacity
     uint64_t received = 0; // offset the next frame must carry
     uint64_t taken = 0;    // on disk, and acknowledged
     bool fin = false;
@@ -288,6 +289,7 @@ void FileStreams::runWrite(std::shared_ptr<Stream> stream) {
             {
                 std::lock_guard guard(lock_);
                 stream->taken = total;
+                if (stream->spare.size() < 4) stream->spare.push_back(std::move(block));
             }
             server_.sendFrames(stream->client, {eventFrame(protocol::FsAck{stream->id, total})});
         }
@@ -358,7 +360,13 @@ void FileStreams::fileData(ClientID client, std::string_view payload) {
     // Past the window is a client that ignores credit; holding it would be unbounded.
     if (stream.received + frame->bytes.size() > stream.taken + stream.window) return fail("data beyond the window");
     if (!frame->bytes.empty()) {
-        stream.blocks.emplace_back(frame->bytes);
+        std::string block;
+        if (!stream.spare.empty()) {
+            block = std::move(stream.spare.back());
+            stream.spare.pop_back();
+        }
+        block.assign(frame->bytes);
+        stream.blocks.push_back(std::move(block));
         stream.received += frame->bytes.size();
     }
     stream.fin = frame->fin;

@@ -25,7 +25,9 @@ using nlohmann::json;
 
 namespace {
 
-constexpr size_t readChunk = 65536;
+// Large enough that a file-data frame usually arrives whole and is handed on without being
+// gathered in the parser first.
+constexpr size_t readChunk = 1u << 20;
 
 using RequestError = MethodError;
 
@@ -298,8 +300,9 @@ void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes
 }
 
 void Server::readFrom(Client& client) {
-    char buffer[readChunk];
-    ssize_t count = ::recv(client.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+    static thread_local std::vector<char> storage(readChunk);
+    char* buffer = storage.data();
+    ssize_t count = ::recv(client.fd, buffer, readChunk, MSG_DONTWAIT);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count <= 0) {
         client.closing = true;
