@@ -349,6 +349,7 @@ void TerminalGLSurface::drawVertices(GLuint program, const std::vector<Vertex>& 
 
 void TerminalGLSurface::paintGL() {
     if (!ready_ || failed_) return;
+    if (onPaintStarted) onPaintStarted();
     TerminalSurfaceFrame frame = source_ ? source_() : TerminalSurfaceFrame{};
     if (!frame.snapshot) {
         glClearColor(0, 0, 0, 1);

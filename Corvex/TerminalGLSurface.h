@@ -38,6 +38,8 @@ public:
 
     // The surface could not draw: the view goes back to its own painting.
     std::function<void(const QString& reason)> onFailure;
+    // A frame begins; its swap is QOpenGLWidget::frameSwapped.
+    std::function<void()> onPaintStarted;
 
     uint64_t framesDrawn() const { return framesDrawn_; }
     const vellum::FrameBuildCounters* buildCounters() const;

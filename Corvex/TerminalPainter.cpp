@@ -29,12 +29,12 @@ std::optional<char32_t> singleScalar(const std::string& text) {
     return char32_t(scalars[0]);
 }
 
-// Lines and blocks are drawn to the cell rather than taken from a font.
+// Lines, blocks and Powerline separators are drawn to the cell rather than taken from a font.
 std::optional<char32_t> boxCharacter(const std::string& text) {
-    if (text.size() != 3 || uint8_t(text[0]) != 0xE2 || uint8_t(text[1]) < 0x94 || uint8_t(text[1]) > 0x96) return std::nullopt;
-    char32_t c = char32_t((uint8_t(text[0]) & 0x0F) << 12 | (uint8_t(text[1]) & 0x3F) << 6 | (uint8_t(text[2]) & 0x3F));
-    if (!isBoxCharacter(c)) return std::nullopt;
-    return c;
+    if (text.size() != 3) return std::nullopt;
+    auto step = platform::unicode::decodeUtf8Scalar(text);
+    if (step.length != 3 || !isBoxCharacter(step.scalar)) return std::nullopt;
+    return step.scalar;
 }
 
 // Emoji shown as pictures: wide pictographs, flags, and anything asking for emoji presentation.

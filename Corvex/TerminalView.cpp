@@ -9,6 +9,8 @@
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPaintEvent>
+#include <QShowEvent>
+#include <QHideEvent>
 #include <QPainter>
 #include <QWheelEvent>
 #include <any>
@@ -23,7 +25,6 @@ namespace corvex {
 
 namespace {
 
-constexpr int frameIntervalMs = 8;       // a 120 Hz frame
 constexpr double wheelLinesPerNotch = 3;
 
 std::optional<vellum::MouseButton> mouseButton(Qt::MouseButton button) {
@@ -95,12 +96,9 @@ TerminalView::TerminalView(QWidget* parent)
     setAttribute(Qt::WA_OpaquePaintEvent);
     setMouseTracking(true);
     setCursor(Qt::IBeamCursor);
-    frameTimer_.setSingleShot(true);
-    connect(&frameTimer_, &QTimer::timeout, this, &TerminalView::frame);
     connect(&blinkTimer_, &QTimer::timeout, this, &TerminalView::blinkTick);
     dragScroll_.setInterval(50);
     connect(&dragScroll_, &QTimer::timeout, this, &TerminalView::dragScrollTick);
-    sinceFrame_.start();
     sinceActivity_.start();
     clock_.start();
     theme_ = TerminalTheme::forAppearance(dark_);
@@ -108,6 +106,7 @@ TerminalView::TerminalView(QWidget* parent)
         terminal_->setFocused(false);
         terminal_->updatePixelGeometry(cellSize().width(), cellSize().height());
     });
+    startFrameDriver();
     applyTheme();
     attachGLSurface();
     renderNow(); // the first paint shows the theme's colours, not an empty snapshot's
@@ -145,22 +144,53 @@ void TerminalView::resetTerminal() {
     feedFromBackend(fullReset);
 }
 
-void TerminalView::scheduleFrame() {
-    if (frameTimer_.isActive()) return;
-    qint64 since = sinceFrame_.elapsed();
-    frameTimer_.start(since >= frameIntervalMs ? 0 : int(frameIntervalMs - since));
+void TerminalView::startFrameDriver() {
+    QPointer<TerminalView> self(this);
+    frameSignal_ = vellum::FrameDriverSignal::make([self](std::function<void()> work) {
+        if (self) QMetaObject::invokeMethod(self.data(), std::move(work), Qt::QueuedConnection);
+    });
+    frameClock_ = std::make_unique<TerminalViewFrameClock>(
+        this, [signal = frameSignal_] { signal->publish(vellum::FrameDriverSignal::linkTick); });
+    frameDriver_ = std::make_unique<vellum::FrameDriver>(frameSignal_, *frameClock_);
+    frameDriver_->onTick = [this] { frame(); };
 }
 
-void TerminalView::renderNow() {
-    frameTimer_.stop();
-    frame();
+// Any number of changes between two ticks make one frame.
+void TerminalView::scheduleFrame() { frameSignal_->publish(vellum::FrameDriverSignal::dirty); }
+
+void TerminalView::renderNow() { frame(); }
+
+void TerminalView::showEvent(QShowEvent* event) {
+    QWidget::showEvent(event);
+    if (event->spontaneous()) hiddenSpontaneously_ = false;
+    if (watchedWindow_ != window()) {
+        if (watchedWindow_) watchedWindow_->removeEventFilter(this);
+        watchedWindow_ = window();
+        if (watchedWindow_ != this) watchedWindow_->installEventFilter(this);
+    }
+    updateEffectiveVisibility();
+}
+
+void TerminalView::hideEvent(QHideEvent* event) {
+    QWidget::hideEvent(event);
+    if (event->spontaneous()) hiddenSpontaneously_ = true;
+    updateEffectiveVisibility();
+}
+
+bool TerminalView::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == watchedWindow_ && event->type() == QEvent::WindowStateChange) updateEffectiveVisibility();
+    return QWidget::eventFilter(watched, event);
+}
+
+void TerminalView::updateEffectiveVisibility() {
+    bool minimised = window()->windowState().testFlag(Qt::WindowMinimized);
+    frameDriver_->setEffectivelyVisible(isVisible() && !hiddenSpontaneously_ && !minimised);
 }
 
 void TerminalView::frame() {
     // A batch of synchronized output is drawn once it is complete; its end, or its timeout,
     // schedules the frame.
     if (terminal_->synchronizedOutputActive) return;
-    sinceFrame_.restart();
     vellum::RenderSnapshotCursor cursorBefore = snapshot_.state().cursor;
     bool alternateBefore = snapshot_.state().isAlternateScreen;
     auto changed = snapshot_.apply(terminal_->makeRenderSnapshot(vellum::RenderSnapshotScope::dirty));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QElapsedTimer>
+#include <QPointer>
 #include <QTimer>
 #include <QWidget>
 #include <chrono>
@@ -14,7 +15,9 @@
 #include "Corvex/TerminalPainter.h"
 #include "Corvex/TerminalSelection.h"
 #include "Corvex/TerminalTheme.h"
+#include "Corvex/TerminalViewFrameClock.h"
 #include "CorvexKit/SessionBackend.h"
+#include "Vellum/FrameDriver.h"
 #include "Vellum/MouseEncoder.h"
 #include "Vellum/TerminalRenderSnapshot.h"
 #include "Vellum/WheelInput.h"
@@ -29,8 +32,10 @@ class TerminalGLSurface;
 
 // A pane's terminal on the screen. It owns a terminal with no process of its own: the
 // session's output is fed in from the backend and drawn here, and what the user does becomes
-// bytes for the program through `onInput`. Drawing is QPainter from the snapshot, repainting
-// only the rows that changed.
+// bytes for the program through `onInput`. Frames come from the view's frame driver: output
+// marks the view dirty, and the next tick of a clock paced to the screen takes one snapshot and
+// draws the rows that changed; a quiet view stops its clock, and a hidden one draws once when
+// shown again.
 class TerminalView : public QWidget {
     Q_OBJECT
 public:
@@ -76,6 +81,9 @@ public:
     bool isCursorBlinking() const { return blinkTimer_.isActive(); }
     // Takes a snapshot and repaints now instead of at the next frame.
     void renderNow();
+    const vellum::FrameDriverCounters& frameCounters() const { return frameDriver_->counters(); }
+    bool isFrameClockRunning() const { return frameDriver_->running(); }
+    bool isFrameSuspended() const { return frameDriver_->visibilitySuspended(); }
     vellum::Terminal& terminal() { return *terminal_; }
 
     std::function<void(std::vector<uint8_t>)> onInput; // keys, paste, mouse and focus reports
@@ -102,6 +110,9 @@ protected:
     void focusInEvent(QFocusEvent* event) override;
     void focusOutEvent(QFocusEvent* event) override;
     bool focusNextPrevChild(bool next) override;
+    void showEvent(QShowEvent* event) override;
+    void hideEvent(QHideEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     class Delegate;
@@ -109,6 +120,9 @@ private:
 
     void scheduleFrame();
     void frame();
+    void startFrameDriver();
+    // Shown, in a window that is neither hidden nor minimised.
+    void updateEffectiveVisibility();
     void repaintRows(int first, int last);
     void sendUserInput(std::string_view bytes);
     void restartBlink();
@@ -150,8 +164,11 @@ private:
     bool feeding_ = false;
     int quiet_ = 0;
 
-    QTimer frameTimer_;
-    QElapsedTimer sinceFrame_;
+    std::shared_ptr<vellum::FrameDriverSignal> frameSignal_;
+    std::unique_ptr<TerminalViewFrameClock> frameClock_; // outlives the driver that stops it
+    std::unique_ptr<vellum::FrameDriver> frameDriver_;
+    QPointer<QWidget> watchedWindow_;
+    bool hiddenSpontaneously_ = false; // the window was unmapped, minimised for instance
     QTimer blinkTimer_;
     QElapsedTimer sinceActivity_;
     bool blinkVisible_ = true;

@@ -8,14 +8,18 @@
 
 namespace corvex {
 
+// While the surface draws the view, the view's own area is never painted: asking for it would
+// only make the window upload its backing store again each frame.
 void TerminalView::update() {
-    QWidget::update();
-    if (glSurface_) glSurface_->update();
+    if (!glSurface_) return QWidget::update();
+    glSurface_->update();
+    frameClock_->frameRequested();
 }
 
 void TerminalView::update(const QRect& area) {
-    QWidget::update(area);
-    if (glSurface_) glSurface_->update();
+    if (!glSurface_) return QWidget::update(area);
+    glSurface_->update();
+    frameClock_->frameRequested();
 }
 
 void TerminalView::attachGLSurface() {
@@ -43,6 +47,8 @@ void TerminalView::attachGLSurface() {
         frame.cell = cellSize();
         return frame;
     });
+    connect(glSurface_, &QOpenGLWidget::frameSwapped, frameClock_.get(), &TerminalViewFrameClock::frameSwapped);
+    glSurface_->onPaintStarted = [clock = frameClock_.get()] { clock->framePaintStarted(); };
     glSurface_->onFailure = [this](const QString&) {
         glSurface_->deleteLater();
         glSurface_ = nullptr;

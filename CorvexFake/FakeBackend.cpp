@@ -56,22 +56,35 @@ FakeBackend::FakeBackend(std::shared_ptr<PaneHost> host)
 FakeBackend::~FakeBackend() { stop(); }
 
 void FakeBackend::start() {
-    events_->push(SessionEvent::Connected{sessionHello({"corvex-fake", "0.1.0", instance_, engineFeatureNames()})});
+    auto features = engineFeatureNames();
+    // The engine reads agents off the panes' terminals and asks git about their folders here
+    // as in the daemon; history and decisions need the daemon's hooks.
+    for (auto feature : {Hello::Feature::agents, Hello::Feature::agentMute, Hello::Feature::git}) {
+        features.emplace_back(Hello::wireName(feature));
+    }
+    events_->push(SessionEvent::Connected{sessionHello({"corvex-fake", "0.1.0", instance_, features})});
     events_->push(SessionEvent::State{core_->state()});
-    if (cwdTimer_) return;
-    cwdTimer_ = std::make_unique<platform::TimerThread>("corvex.session.cwd");
+    if (watchTimer_) return;
+    watchTimer_ = std::make_unique<platform::TimerThread>("corvex.session.watch");
     std::weak_ptr<SessionCore> core = core_;
-    auto poll = [core] {
+    auto directories = [core] {
         if (auto held = core.lock()) held->pollWorkingDirectories();
     };
-    cwdTimer_->schedule(std::chrono::milliseconds(1000), [timer = cwdTimer_.get(), poll] {
-        poll();
-        timer->scheduleRepeating(std::chrono::milliseconds(1500), poll);
+    watchTimer_->schedule(std::chrono::milliseconds(1000), [timer = watchTimer_.get(), directories] {
+        directories();
+        timer->scheduleRepeating(std::chrono::milliseconds(1500), directories);
+    });
+    // One thread for both: each poll keeps its state for the one thread that calls it.
+    watchTimer_->scheduleRepeating(std::chrono::milliseconds(1000), [core] {
+        auto held = core.lock();
+        if (!held) return;
+        held->pollAgents();
+        held->pollGit();
     });
 }
 
 void FakeBackend::stop() {
-    cwdTimer_.reset();
+    watchTimer_.reset();
     core_->stop();
     events_->finish();
 }

@@ -79,6 +79,7 @@ public:
 
     void setAgent(uint64_t pane, const std::optional<AgentInfo>& info) { core_->setAgent(pane, info); }
     void setRestored(uint64_t pane, const std::optional<PaneRestore>& restored) { core_->setRestored(pane, restored); }
+    // Facts set by hand hold until the pane's folder or output next moves git to be asked.
     void setGit(uint64_t pane, const std::optional<PaneGit>& git) { core_->setGit(pane, git); }
 
     std::vector<uint64_t> focusedPanes() const;
@@ -96,7 +97,7 @@ private:
     std::shared_ptr<SessionEventStream> events_ = std::make_shared<SessionEventStream>();
     const std::string instance_;
     std::shared_ptr<SessionCore> core_;
-    std::unique_ptr<platform::TimerThread> cwdTimer_;
+    std::unique_ptr<platform::TimerThread> watchTimer_; // folders, agents and git
 
     mutable std::mutex lock_; // guards the records below
     std::optional<TerminalColors> colors_;

@@ -344,6 +344,11 @@ void CorvexdBackend::handleEvent(const std::string& name, const json& data) {
         if (channel) channel->fileEvent(name, data);
         return;
     }
+    if (name == protocol::event::shutdown) {
+        std::lock_guard guard(lock_);
+        daemonShutDown_ = true;
+        return;
+    }
     auto event = protocol::decodeEvent(name, data);
     if (!event) return;
     std::lock_guard guard(lock_);

@@ -97,6 +97,8 @@ public:
     bool isConnected() const;
     // A reconnect loop is at work (backing off, paused, or finishing a connect).
     bool isReconnecting() const;
+    // The daemon said it was going on purpose; no reconnect follows until reconnectNow().
+    bool daemonWasShutDown() const;
     RetryPolicy retryPolicy() const;
     void setFileChannel(std::shared_ptr<CorvexdFileChannel> channel);
 
@@ -227,6 +229,7 @@ private:
     bool stopped_ = true;
     bool reconnecting_ = false;
     bool skipBackoff_ = false;
+    bool daemonShutDown_ = false;
     std::string lastFailure_;
     platform::TimePoint lastReceived_{};
 };

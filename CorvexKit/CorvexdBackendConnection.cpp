@@ -15,6 +15,8 @@ namespace {
 
 std::string errorText(const std::exception& error) { return error.what(); }
 
+constexpr const char* shutDownReason = "corvexd was shut down";
+
 } // namespace
 
 void CorvexdBackend::start() {
@@ -22,6 +24,7 @@ void CorvexdBackend::start() {
         std::lock_guard guard(lock_);
         stopped_ = false;
         skipBackoff_ = false;
+        daemonShutDown_ = false;
         // Already connected, or a loop is at work and is told to try at once.
         if (connection_) return;
         if (reconnecting_) {
@@ -92,6 +95,7 @@ void CorvexdBackend::connect(std::shared_ptr<ByteStream>& opened) {
         if (instance_ != hello.instance) deliveredSeq_.clear();
         instance_ = hello.instance;
         lastHello_ = hello;
+        daemonShutDown_ = false;
         push(SessionEvent::Connected{hello});
         for (const auto& [pane, entry] : subscriptions_) {
             auto delivered = deliveredSeq_.find(pane);
@@ -151,14 +155,21 @@ void CorvexdBackend::connectionClosed(const std::shared_ptr<ByteStream>& stream,
     if (channel) channel->failAll(error);
 
     bool startLoop = false;
+    bool shutDown = false;
     {
         std::lock_guard guard(lock_);
-        if (!stopped_ && !reconnecting_) {
+        if (daemonShutDown_ && !stopped_ && !reconnecting_) {
+            // Reconnecting would start a fresh daemon, undoing what the user asked for.
+            push(SessionEvent::Disconnected{shutDownReason});
+            push(SessionEvent::RetryPaused{shutDownReason});
+            shutDown = true;
+        } else if (!stopped_ && !reconnecting_) {
             reconnecting_ = true;
             push(SessionEvent::Disconnected{reason});
             startLoop = true;
         }
     }
+    if (shutDown) log("disconnected: " + std::string(shutDownReason));
     if (startLoop) {
         log("disconnected: " + reason);
         startReconnectLoop(0);
@@ -260,12 +271,25 @@ bool CorvexdBackend::waitBeforeRetry(const std::weak_ptr<CorvexdBackend>& weak, 
 
 void CorvexdBackend::reconnectNow() {
     std::shared_ptr<ByteStream> stream;
+    bool startLoop = false;
     {
         std::lock_guard guard(lock_);
         skipBackoff_ = true;
         stream = connection_;
+        // After a deliberate shutdown no loop runs: asking is what starts one again.
+        if (daemonShutDown_ && !stream && !stopped_ && !reconnecting_) {
+            reconnecting_ = true;
+            startLoop = true;
+        }
+        daemonShutDown_ = false;
     }
     if (stream) stream->shutdown();
+    if (startLoop) startReconnectLoop(0);
+}
+
+bool CorvexdBackend::daemonWasShutDown() const {
+    std::lock_guard guard(lock_);
+    return daemonShutDown_;
 }
 
 void CorvexdBackend::heartbeat(const std::weak_ptr<CorvexdBackend>& weak, const std::weak_ptr<ByteStream>& weakStream,

@@ -507,6 +507,9 @@ inline constexpr std::string_view clipboard = "pane.clipboard";
 inline constexpr std::string_view resized = "pane.resized";
 inline constexpr std::string_view resync = "pane.resync";
 inline constexpr std::string_view agent = "agent";
+// The daemon is going on purpose (stop or shutdown): a client that hears it doesn't start
+// another one behind the user's back.
+inline constexpr std::string_view shutdown = "daemon.shutdown";
 // The file layer's events begin with this.
 inline constexpr std::string_view filePrefix = "fs.";
 } // namespace event

@@ -1,8 +1,15 @@
 #include "CorvexSession/AgentDetector.h"
 
+#include "Platform/ProcessInfo.h"
+
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace corvex {
 
@@ -78,10 +85,52 @@ std::optional<pid_t> foregroundJob(pid_t pid) {
     return pid_t(foreground);
 }
 
-std::optional<std::string> foregroundAgent(pid_t pid) {
+std::optional<ForegroundAgent> foregroundAgent(pid_t pid) {
     auto job = foregroundJob(pid);
     if (!job) return std::nullopt;
-    return agentKindOfCommandLine(commandLine(*job));
+    auto kind = agentKindOfCommandLine(commandLine(*job));
+    if (!kind) return std::nullopt;
+    return ForegroundAgent{*job, *kind};
+}
+
+namespace {
+
+// The kernel's answer to PIDFD_GET_INFO (Linux 6.15 and later), as far as the exit status; the
+// C library's headers here predate it.
+struct PidfdInfo {
+    uint64_t mask;
+    uint64_t cgroupid;
+    uint32_t pid, tgid, ppid, ruid, rgid, euid, egid, suid, sgid, fsuid, fsgid;
+    int32_t exitCode;
+};
+static_assert(sizeof(PidfdInfo) == 64);
+constexpr uint64_t pidfdInfoExit = 1u << 3;
+constexpr unsigned long pidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
+
+} // namespace
+
+AgentProcessWatch::AgentProcessWatch(pid_t pid) : pid_(pid) {
+#ifdef SYS_pidfd_open
+    fd_ = int(::syscall(SYS_pidfd_open, pid, 0));
+#endif
+}
+
+AgentProcessWatch::~AgentProcessWatch() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+bool AgentProcessWatch::ended() const {
+    if (fd_ < 0) return !platform::processLives(pid_);
+    pollfd entry{fd_, POLLIN, 0};
+    return ::poll(&entry, 1, 0) > 0 && (entry.revents & (POLLIN | POLLHUP)) != 0;
+}
+
+std::optional<int> AgentProcessWatch::exitStatus() const {
+    if (fd_ < 0 || !ended()) return std::nullopt;
+    PidfdInfo info{};
+    info.mask = pidfdInfoExit;
+    if (::ioctl(fd_, pidfdGetInfo, &info) != 0 || !(info.mask & pidfdInfoExit)) return std::nullopt;
+    return int(info.exitCode);
 }
 
 } // namespace corvex

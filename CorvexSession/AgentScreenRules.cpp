@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <csignal>
+#include <cstring>
+#include <sys/wait.h>
 
 namespace corvex {
 
@@ -42,7 +45,43 @@ bool asks(const std::string& line) {
     return std::any_of(phrases.begin(), phrases.end(), [&](const char* p) { return text.find(p) != std::string::npos; });
 }
 
+// How far above the shell's prompt an agent's last words may stand.
+constexpr size_t lastWordsReach = 4;
+
+bool reportsFailure(const std::string& line) {
+    auto text = lowered(words(line));
+    for (const char* opening : {"error", "fatal", "panic", "failed", "uncaught", "unhandled"}) {
+        if (text.starts_with(opening)) return true;
+    }
+    return text.find(" error:") != std::string::npos;
+}
+
+std::string signalText(int signal) {
+    const char* name = ::strsignal(signal);
+    return "killed by signal " + std::to_string(signal) + (name ? std::string(" (") + name + ")" : std::string());
+}
+
 } // namespace
+
+ScreenReading readAgentExit(std::optional<int> waitStatus, const std::vector<std::string>& lines) {
+    using State = AgentInfo::State;
+    if (waitStatus) {
+        int status = *waitStatus;
+        if (WIFSIGNALED(status)) return {State::error, true, signalText(WTERMSIG(status))};
+        if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+            return {State::error, true, "exited with status " + std::to_string(WEXITSTATUS(status))};
+        }
+        return {State::done, true, std::nullopt};
+    }
+    size_t last = lines.size();
+    while (last > 0 && trimmed(lines[last - 1]).empty()) --last;
+    if (last > 0) --last; // the shell's prompt
+    size_t first = last > lastWordsReach ? last - lastWordsReach : 0;
+    for (size_t row = last; row > first; --row) {
+        if (reportsFailure(lines[row - 1])) return {State::error, true, words(lines[row - 1])};
+    }
+    return {State::done, true, std::nullopt};
+}
 
 ScreenReading readAgentScreen(const std::vector<std::string>& lines, bool outputStreaming) {
     if (outputStreaming) return {AgentInfo::State::running, false, std::nullopt};

@@ -1,5 +1,6 @@
 #include "CorvexSession/PaneGitWatcher.h"
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -70,17 +71,24 @@ std::optional<std::string> runGit(const std::vector<std::string>& arguments) {
 
 } // namespace
 
-std::optional<PaneGit> paneGitFrom(const std::string& revParse, const std::string& config) {
+std::optional<PaneGit> paneGitFrom(const std::string& revParse, const std::string& head, const std::string& config) {
     auto parts = lines(revParse);
-    if (parts.size() < 4 || parts[0].empty()) return std::nullopt;
+    if (parts.size() < 3 || parts[0].empty()) return std::nullopt;
     const auto& root = parts[0];
     auto gitDir = absolute(parts[1], root);
     auto commonDir = absolute(parts[2], root);
     PaneGit git;
     git.root = root;
     git.remote = originURL(config);
-    if (parts[3] != "HEAD") git.branch = parts[3];
-    if (parts.size() > 4 && !parts[4].empty()) git.head = parts[4];
+    auto headLines = lines(head);
+    auto ref = headLines.empty() ? std::string() : trimmed(headLines[0]);
+    if (ref.starts_with("ref: refs/heads/")) {
+        git.branch = ref.substr(16);
+    } else if (ref.starts_with("ref: ")) {
+        git.branch = ref.substr(5);
+    } else if (!ref.empty()) {
+        git.head = ref.substr(0, 7);
+    }
     // A linked worktree keeps its own git folder inside the main repository's.
     if (gitDir != commonDir) {
         auto main = commonDir.size() > 5 && commonDir.ends_with("/.git") ? commonDir.substr(0, commonDir.size() - 5)
@@ -102,18 +110,39 @@ std::optional<PaneGit> PaneGitWatcher::facts(const std::string& folder, Clock::t
         return known->second.git;
     }
     ++runs_;
-    auto out = runner_({"-C", folder, "rev-parse", "--path-format=absolute", "--show-toplevel", "--git-dir", "--git-common-dir", "--abbrev-ref",
-                        "HEAD", "--short", "HEAD"});
+    auto out = runner_({"-C", folder, "rev-parse", "--path-format=absolute", "--show-toplevel", "--git-dir",
+                        "--git-common-dir"});
     std::optional<PaneGit> git;
     if (out) {
-        auto first = lines(*out);
-        std::string commonDir = first.size() > 2 && !first[0].empty() ? absolute(first[2], first[0]) : std::string();
-        git = paneGitFrom(*out, commonDir.empty() ? std::string() : readText(commonDir + "/config").value_or(""));
+        auto found = lines(*out);
+        if (found.size() >= 3 && !found[0].empty()) {
+            auto head = readText(absolute(found[1], found[0]) + "/HEAD").value_or("");
+            auto config = readText(absolute(found[2], found[0]) + "/config").value_or("");
+            git = paneGitFrom(*out, head, config);
+        }
     }
     key = git && git->root ? *git->root : folder;
     rootOf_[folder] = git && git->root ? *git->root : std::string();
     known_[key] = Known{git, now};
     return git;
+}
+
+bool GitRefreshSchedule::due(uint64_t pane, const std::string& folder, uint64_t seq, Clock::time_point now) {
+    auto found = seen_.find(pane);
+    bool ask = found == seen_.end() || found->second.folder != folder || now - found->second.askedAt >= staleAfter ||
+               (seq == found->second.lastSeq && seq != found->second.askedAtSeq);
+    if (ask) {
+        seen_[pane] = Seen{folder, seq, seq, now};
+    } else {
+        found->second.lastSeq = seq;
+    }
+    return ask;
+}
+
+void GitRefreshSchedule::keepOnly(const std::vector<uint64_t>& panes) {
+    std::erase_if(seen_, [&](const auto& entry) {
+        return std::find(panes.begin(), panes.end(), entry.first) == panes.end();
+    });
 }
 
 } // namespace corvex

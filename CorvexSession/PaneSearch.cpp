@@ -89,6 +89,86 @@ std::string escaped(const std::string& literal) {
     return out;
 }
 
+// How many automaton states a pattern roughly compiles to: counted repeats multiply what
+// they repeat, nested ones multiply again. Saturates rather than overflows.
+class PatternCost {
+public:
+    explicit PatternCost(std::string_view pattern) : pattern_(pattern) {}
+
+    uint64_t estimate() { return sequence(); }
+
+private:
+    static constexpr uint64_t ceiling = uint64_t(1) << 40;
+    static uint64_t capped(uint64_t value) { return std::min(value, ceiling); }
+
+    uint64_t sequence() {
+        uint64_t total = 0, last = 0;
+        while (at_ < pattern_.size()) {
+            char c = pattern_[at_++];
+            if (c == ')') break;
+            if (c == '(') {
+                last = sequence();
+            } else if (c == '[') {
+                skipBracket();
+                last = 1;
+            } else if (c == '\\') {
+                if (at_ < pattern_.size() && pattern_[at_] >= '1' && pattern_[at_] <= '9') {
+                    throw BackendError("bad_request", "back-references are not supported in a search");
+                }
+                ++at_;
+                last = 1;
+            } else if (c == '{') {
+                uint64_t times = intervalTimes();
+                total = capped(total + capped(last * (times - 1)));
+                last = capped(last * times);
+                continue;
+            } else if (c == '|' || c == '*' || c == '+' || c == '?') {
+                continue;
+            } else {
+                last = 1;
+            }
+            total = capped(total + last);
+        }
+        return total;
+    }
+
+    // After "{": the most copies "{m}", "{m,}" or "{m,n}" makes of what it follows.
+    uint64_t intervalTimes() {
+        uint64_t low = number(), high = low;
+        if (at_ < pattern_.size() && pattern_[at_] == ',') {
+            ++at_;
+            if (at_ < pattern_.size() && pattern_[at_] != '}') high = number();
+            else high = low + 1;
+        }
+        if (at_ < pattern_.size() && pattern_[at_] == '}') ++at_;
+        return std::max<uint64_t>(std::max(low, high), 1);
+    }
+    uint64_t number() {
+        uint64_t value = 0;
+        while (at_ < pattern_.size() && pattern_[at_] >= '0' && pattern_[at_] <= '9') {
+            value = capped(value * 10 + uint64_t(pattern_[at_++] - '0'));
+        }
+        return value;
+    }
+    void skipBracket() {
+        if (at_ < pattern_.size() && pattern_[at_] == '^') ++at_;
+        if (at_ < pattern_.size() && pattern_[at_] == ']') ++at_;
+        while (at_ < pattern_.size() && pattern_[at_] != ']') {
+            if (pattern_[at_] == '[' && at_ + 1 < pattern_.size() && std::string_view(":.=").find(pattern_[at_ + 1]) != std::string_view::npos) {
+                char kind = pattern_[at_ + 1];
+                auto close = pattern_.find(std::string{kind, ']'}, at_ + 2);
+                at_ = close == std::string_view::npos ? pattern_.size() : close + 2;
+                continue;
+            }
+            ++at_;
+        }
+        if (at_ < pattern_.size()) ++at_;
+    }
+
+    std::string_view pattern_;
+    size_t at_ = 0;
+};
+
 // Finds the byte ranges of the matches in a line, in order, none overlapping.
 class Matcher {
 public:
@@ -96,6 +176,12 @@ public:
     Matcher(const std::string& query, const corvex::PaneSearchOptions& options)
         : regex_(options.regex || !options.caseSensitive), needle_(query) {
         if (query.empty()) throw BackendError("bad_request", "empty query");
+        if (query.size() > maximumQueryBytes) {
+            throw BackendError("bad_request", "a query may hold at most " + std::to_string(maximumQueryBytes) + " bytes");
+        }
+        if (options.regex && PatternCost(query).estimate() > maximumPatternCost) {
+            throw BackendError("bad_request", "the pattern repeats too much to search with");
+        }
         if (!regex_) return;
         UTF8Locale locale;
         compiled_ = std::make_unique<regex_t>();

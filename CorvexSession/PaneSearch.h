@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "CorvexKit/SessionBackend.h"
@@ -13,6 +15,11 @@ namespace corvex {
 // Matches asked for when a search names no limit, and the most it may name.
 inline constexpr int defaultSearchLimit = 200;
 inline constexpr int maximumSearchLimit = 10000;
+// A query is something typed: longer ones are refused rather than compiled.
+inline constexpr size_t maximumQueryBytes = 4096;
+// How large a compiled pattern may grow, in rough automaton states; counted repeats such as
+// "(a{1,200}){1,200}" multiply.
+inline constexpr uint64_t maximumPatternCost = 16384;
 
 // Searches the shown screen of a terminal and all the history above it. Rows joined by
 // wrapping are searched as one line, so a match may run from one row into the next.
@@ -20,8 +27,9 @@ inline constexpr int maximumSearchLimit = 10000;
 // and a match's end is the cell after its last. Matches come newest first; with `before`
 // only those that start before it; when more than `limit` exist, `next` is where the next,
 // older page starts (pass it as `before`). A regular expression is POSIX extended, read as
-// UTF-8, and ignoring case folds every letter. A pattern that doesn't compile, or an empty
-// query, raises "bad_request". Call it while nothing feeds the terminal.
+// UTF-8, and ignoring case folds every letter. A pattern that doesn't compile, one with
+// back-references (whose matching is exponential) or too costly, a query that is empty or too
+// long, raise "bad_request". Call it while nothing feeds the terminal.
 corvex::PaneSearchResult searchTerminal(vellum::Terminal& terminal, const std::string& query,
                                         const corvex::PaneSearchOptions& options);
 

@@ -82,12 +82,36 @@ Environment paneEnvironment(const Environment& inherited, uint64_t pane, const s
     return env;
 }
 
+std::optional<std::string> findProgram(const std::string& name, const std::string& searchPath,
+                                       const std::function<bool(const std::string&)>& isExecutable) {
+    if (name.empty()) return std::nullopt;
+    if (name.find('/') != std::string::npos) return name;
+    size_t start = 0;
+    for (;;) {
+        size_t end = searchPath.find(':', start);
+        std::string folder = searchPath.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        std::string candidate = (folder.empty() ? std::string(".") : folder) + "/" + name;
+        if (isExecutable(candidate)) return candidate;
+        if (end == std::string::npos) return std::nullopt;
+        start = end + 1;
+    }
+}
+
 std::optional<LaunchCommand> launchCommand(const std::vector<std::string>& command) {
     if (command.empty()) return std::nullopt;
     if (command.size() == 2 && command[1] == "-l") {
         return LaunchCommand{command[0], {}, "-" + lastPathComponent(command[0])};
     }
     return LaunchCommand{command[0], {command.begin() + 1, command.end()}, std::nullopt};
+}
+
+Size checkedPaneSize(Size size) {
+    auto fits = [](int side) { return side >= 1 && side <= maximumPaneSide; };
+    if (!fits(size.cols) || !fits(size.rows)) {
+        throw BackendError("bad_request", "a pane's size must lie in 1x1..." + std::to_string(maximumPaneSide) + "x" +
+                                              std::to_string(maximumPaneSide));
+    }
+    return size;
 }
 
 Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t seq, uint64_t retainedStart) {
@@ -132,6 +156,10 @@ SessionCoreEnvironment currentSessionCoreEnvironment() {
     } else if (const passwd* entry = getpwuid(getuid()); entry && entry->pw_shell && *entry->pw_shell) {
         out.defaultShell = entry->pw_shell;
     }
+    out.isExecutable = [](const std::string& path) {
+        struct stat info {};
+        return ::access(path.c_str(), X_OK) == 0 && stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    };
     out.isDirectory = [](const std::string& path) {
         struct stat info {};
         return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
@@ -269,7 +297,7 @@ void SessionCore::restoreTree(const ModelState& saved, double at) {
 
 uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint64_t> given) {
     uint64_t id = given ? *given : takeID();
-    Size size{options.cols.value_or(80), options.rows.value_or(24)};
+    Size size = checkedPaneSize({options.cols.value_or(80), options.rows.value_or(24)});
     auto command = options.command.value_or(std::vector<std::string>{environment_.defaultShell, "-l"});
     std::string cwd = options.cwd.value_or(environment_.home);
     if (environment_.isDirectory && !environment_.isDirectory(cwd)) cwd = environment_.home;
@@ -281,6 +309,20 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint6
     };
     auto launch = launchCommand(command);
     if (!launch) throw failed();
+    auto environment = paneEnvironment(environment_.variables, id, options.env);
+    if (environment_.isExecutable) {
+        // Found here, so that a mistyped name is an answer to the request and not a pane
+        // that dies at once with status 127.
+        auto path = environment.find("PATH");
+        auto found = findProgram(launch->executable, path == environment.end() ? "/usr/local/bin:/usr/bin:/bin" : path->second,
+                                 environment_.isExecutable);
+        bool relative = found && found->front() != '/';
+        if (!found || !environment_.isExecutable(relative ? cwd + "/" + *found : *found)) {
+            throw BackendError("not_found", launch->executable + ": no such program");
+        }
+        if (!launch->argv0) launch->argv0 = launch->executable;
+        launch->executable = *found;
+    }
 
     std::weak_ptr<SessionCore> weak = weak_from_this();
     PaneProcessEvents events{
@@ -297,7 +339,7 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint6
             if (auto core = weak.lock()) core->paneClipboard(id, texts);
         },
     };
-    PaneLaunch request{id, command, *launch, paneEnvironment(environment_.variables, id, options.env), cwd, size,
+    PaneLaunch request{id, command, *launch, std::move(environment), cwd, size,
                        scrollbackLines_};
     // Starting the program is a fork, not a wait; its first report blocks on this lock
     // until the pane is entered.
@@ -316,7 +358,14 @@ uint64_t SessionCore::spawnPane(const SpawnOptions& options, std::optional<uint6
     return id;
 }
 
+void SessionCore::requireFolder(const SpawnOptions& spawn) const {
+    if (spawn.cwd && environment_.isDirectory && !environment_.isDirectory(*spawn.cwd)) {
+        throw BackendError("not_found", "no folder " + *spawn.cwd);
+    }
+}
+
 CreatedWorkspace SessionCore::createWorkspace(const std::optional<std::string>& name, const SpawnOptions& spawn) {
+    requireFolder(spawn);
     CreatedWorkspace created;
     {
         Batch batch(*this);
@@ -360,6 +409,7 @@ void SessionCore::closeWorkspace(uint64_t id) {
 }
 
 CreatedTab SessionCore::createTab(uint64_t workspace, const SpawnOptions& spawn) {
+    requireFolder(spawn);
     CreatedTab created;
     {
         Batch batch(*this);
@@ -403,6 +453,7 @@ Layout SessionCore::splitBeside(const Layout& leaf, uint64_t id, Direction direc
 
 CreatedSplit SessionCore::split(uint64_t pane, Direction direction, std::optional<double> ratio,
                                 const SpawnOptions& spawn) {
+    requireFolder(spawn);
     CreatedSplit created;
     {
         Batch batch(*this);
@@ -523,14 +574,17 @@ void SessionCore::graft(const MoveRequest& request) {
     Layout moved;
     uint64_t movedActive = 0;
     if (movingPane) {
-        if (request.id == request.beside) throw BackendError("bad_request", "pane is to_pane");
+        if (request.id == request.beside) throw BackendError("bad_request", "pane " + std::to_string(request.id) + " can't be moved beside itself");
         if (!tabHolding(state_, request.id)) notFound("pane", request.id);
         moved = Layout::leaf(request.id);
         movedActive = request.id;
     } else {
         const Tab* tab = state_.tab(request.id);
         if (!tab) notFound("tab", request.id);
-        if (tab->layout.contains(request.beside)) throw BackendError("bad_request", "to_pane is in the tab");
+        if (tab->layout.contains(request.beside)) {
+            throw BackendError("bad_request", "tab " + std::to_string(request.id) + " can't be joined beside its own pane " +
+                                                  std::to_string(request.beside));
+        }
         moved = tab->layout;
         movedActive = tab->activePane;
     }
@@ -565,6 +619,7 @@ Subscription SessionCore::subscribe(uint64_t pane, std::optional<uint64_t> haveS
     Subscription subscription;
     bool fromTerminal = false;
     std::vector<SessionEvent> opening;
+    if (viewport) checkedPaneSize(*viewport);
     {
         Batch batch(*this);
         if (viewport) {
@@ -614,6 +669,7 @@ void SessionCore::setViewport(uint64_t pane, Size size) { applySize(pane, size, 
 void SessionCore::resize(uint64_t pane, Size size) { applySize(pane, size, true); }
 
 void SessionCore::applySize(uint64_t pane, Size size, bool notifySubscriber) {
+    checkedPaneSize(size);
     std::shared_ptr<PaneProcess> process;
     {
         Batch batch(*this);
@@ -660,13 +716,14 @@ void SessionCore::sendInput(uint64_t pane, ByteView bytes) {
 
 void SessionCore::sendKeys(uint64_t pane, const std::optional<std::string>& text, const std::vector<std::string>& keys) {
     requirePane(pane);
-    if (text) sendInput(pane, asBytes(*text));
+    // Every key is checked before anything is typed: half a request is worse than none.
     Bytes keyBytes;
     for (const auto& key : keys) {
         auto bytes = corvex::keyBytes(key);
         if (!bytes) throw BackendError("bad_request", "unknown key " + key);
         keyBytes.insert(keyBytes.end(), bytes->begin(), bytes->end());
     }
+    if (text) sendInput(pane, asBytes(*text));
     if (!keyBytes.empty()) sendInput(pane, keyBytes);
 }
 

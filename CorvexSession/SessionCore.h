@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "CorvexKit/SessionBackend.h"
+#include "CorvexSession/AgentDetector.h"
 #include "CorvexSession/AgentTracker.h"
 #include "CorvexSession/PaneGitWatcher.h"
 
@@ -33,6 +34,12 @@ Environment paneEnvironment(const Environment& inherited, uint64_t pane, const s
 
 // How a command's words become a program start. A login shell (a program and "-l") starts
 // with no arguments and an argv[0] of "-" and its base name.
+// Where a program named without a folder is found, as a shell finds it: the first
+// executable file of that name in the folders of `searchPath` (an empty entry is the
+// current folder). A name with a slash is taken as it is.
+std::optional<std::string> findProgram(const std::string& name, const std::string& searchPath,
+                                       const std::function<bool(const std::string&)>& isExecutable);
+
 struct LaunchCommand {
     std::string executable;
     std::vector<std::string> args;
@@ -41,6 +48,12 @@ struct LaunchCommand {
     bool operator==(const LaunchCommand&) const = default;
 };
 std::optional<LaunchCommand> launchCommand(const std::vector<std::string>& command);
+
+// The largest pane side a client may ask for: more than any real screen shows, and small
+// enough that one request can't make the daemon allocate gigabytes.
+inline constexpr int maximumPaneSide = 1000;
+// The size itself, or "bad_request" when a side is below 1 or above maximumPaneSide.
+Size checkedPaneSize(Size size);
 
 // Where a subscribe starts, from what the client holds and what the pane retains.
 Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t seq, uint64_t retainedStart);
@@ -118,6 +131,8 @@ struct SessionCoreEnvironment {
     std::string home = "/";
     std::string defaultShell = "/bin/sh";
     std::function<bool(const std::string&)> isDirectory;
+    // Absent: program names are passed on as they are.
+    std::function<bool(const std::string&)> isExecutable;
 };
 SessionCoreEnvironment currentSessionCoreEnvironment();
 
@@ -189,6 +204,8 @@ public:
     void setGit(uint64_t pane, const std::optional<PaneGit>& git);
     // Raises when the pane is unknown.
     void requirePane(uint64_t pane) const;
+    // A folder asked for that isn't there is refused, not swapped for the home folder.
+    void requireFolder(const SpawnOptions& spawn) const;
     // Runs `visit` with the pane's terminal and the output position its state stands for,
     // outside the core's lock. Raises when the pane is unknown.
     void withPaneTerminal(uint64_t pane, const std::function<void(vellum::Terminal&, uint64_t parsed)>& visit);
@@ -237,6 +254,9 @@ private:
     // Sets the pane's agent, records the change and tells the listener.
     void changeAgent(Batch& batch, uint64_t pane, const std::optional<AgentInfo>& agent);
     void publishPane(Batch& batch, uint64_t pane);
+    // The agent a look at the pane finds, from the one it has now; on pollAgents's thread.
+    std::optional<AgentInfo> nextGuess(uint64_t pane, int32_t pid, const std::optional<AgentInfo>& agent,
+                                       std::optional<int32_t> reporter);
     void removeFromLayout(uint64_t pane);
     std::vector<std::shared_ptr<PaneProcess>> detach(const std::vector<uint64_t>& panes);
     void applySize(uint64_t pane, Size size, bool notifySubscriber);
@@ -266,7 +286,8 @@ private:
     std::map<uint64_t, PaneRecord> panes_;
     AgentTracker agents_;
     PaneGitWatcher git_; // used by pollGit's thread alone
-    std::map<uint64_t, uint64_t> agentScreenSeq_; // used by pollAgents's thread alone
+    GitRefreshSchedule gitSchedule_; // used by pollGit's thread alone
+    std::map<uint64_t, GuessedAgentLook> guessed_; // used by pollAgents's thread alone
 };
 
 } // namespace corvex

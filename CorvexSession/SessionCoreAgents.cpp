@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "CorvexSession/AgentDetector.h"
 #include "CorvexSession/AgentScreenRules.h"
@@ -110,27 +111,12 @@ void SessionCore::pollAgents() {
             looks.push_back({pane.id, *pane.pid, pane.agent, agents_.pid(pane.id)});
         }
     }
+    std::erase_if(guessed_, [&](const auto& entry) {
+        return std::none_of(looks.begin(), looks.end(), [&](const Look& look) { return look.pane == entry.first; });
+    });
     for (const auto& look : looks) {
-        std::optional<AgentInfo> next = look.agent;
-        if (look.agent && look.agent->source == "hook") {
-            // A hook-reported agent lasts as long as the process that reported it.
-            if (!look.reporter || platform::processLives(*look.reporter)) continue;
-            next = std::nullopt;
-        } else if (auto kind = foregroundAgent(look.pid)) {
-            PaneText screen;
-            try {
-                screen = paneText(look.pane);
-            } catch (const BackendError&) {
-                continue;
-            }
-            auto seen = agentScreenSeq_.find(look.pane);
-            bool streaming = seen == agentScreenSeq_.end() || seen->second != screen.seq;
-            agentScreenSeq_[look.pane] = screen.seq;
-            next = guessedAgent(look.agent, *kind, readAgentScreen(screen.lines, streaming), now());
-        } else {
-            agentScreenSeq_.erase(look.pane);
-            next = std::nullopt;
-        }
+        auto next = nextGuess(look.pane, look.pid, look.agent, look.reporter);
+        if (next == look.agent) continue;
         Batch batch(*this);
         auto found = std::find_if(state_.panes.begin(), state_.panes.end(), [&](const Pane& p) { return p.id == look.pane; });
         // A report that came meanwhile wins over what was read before it.
@@ -138,6 +124,54 @@ void SessionCore::pollAgents() {
         if (!next) agents_.setPid(look.pane, std::nullopt);
         changeAgent(batch, look.pane, next);
     }
+}
+
+std::optional<AgentInfo> SessionCore::nextGuess(uint64_t pane, int32_t pid, const std::optional<AgentInfo>& agent,
+                                                std::optional<int32_t> reporter) {
+    auto screen = [&]() -> std::optional<PaneText> {
+        try {
+            return paneText(pane);
+        } catch (const BackendError&) {
+            return std::nullopt;
+        }
+    };
+    if (agent && agent->source == "hook") {
+        guessed_.erase(pane);
+        // A hook-reported agent lasts as long as the process that reported it.
+        if (!reporter || platform::processLives(*reporter)) return agent;
+        return std::nullopt;
+    }
+    if (auto job = foregroundAgent(pid)) {
+        auto text = screen();
+        if (!text) return agent;
+        auto& look = guessed_[pane];
+        if (!look.process || look.process->pid() != job->pid) look.process = std::make_shared<AgentProcessWatch>(job->pid);
+        bool streaming = look.screenSeq != text->seq;
+        look.screenSeq = text->seq;
+        return guessedAgent(agent, job->kind, readAgentScreen(text->lines, streaming), now());
+    }
+    auto mine = guessed_.find(pane);
+    // An agent this detector didn't guess is someone else's to end.
+    if (!agent || mine == guessed_.end()) {
+        if (mine != guessed_.end()) guessed_.erase(mine);
+        return agent;
+    }
+    bool finished = agent->state == AgentInfo::State::done || agent->state == AgentInfo::State::error;
+    if (!finished) {
+        auto process = std::exchange(mine->second.process, nullptr);
+        if (process && !process->ended()) {
+            // Stopped and put in the background: no longer in the pane, and not finished.
+            guessed_.erase(mine);
+            return std::nullopt;
+        }
+        auto text = screen();
+        auto lines = text ? text->lines : std::vector<std::string>{};
+        return guessedAgent(agent, agent->kind, readAgentExit(process ? process->exitStatus() : std::nullopt, lines), now());
+    }
+    // A finished agent stays until the user has seen it.
+    if (agent->attention.value_or(false)) return agent;
+    guessed_.erase(mine);
+    return std::nullopt;
 }
 
 } // namespace corvex

@@ -142,6 +142,9 @@ void Buffer::scroll(PackedCell blank, bool isWrapped) {
         ++yBase;
     } else {
         lines.recycle(blank, isWrapped, defaultBidiState);
+        // The oldest row left the ring and every row moved up one place: a view scrolled back
+        // moves with its text, so that what the user reads stays put.
+        if (!following) yDisp = std::max(yDisp - 1, 0);
     }
     if (following) yDisp = yBase;
 }

@@ -114,50 +114,38 @@ std::shared_ptr<CellArena> CellArena::makeSnapshot(const CellArena& source) {
     return std::shared_ptr<CellArena>(new CellArena(SnapshotTag{}, source));
 }
 
-namespace {
-
-constexpr uint32_t occupiedSlot = 0x80000000;
-
-// Only the top bits of the hash are well mixed (a low bit of a product depends only on the
-// factors' lower bits), and the slot index takes those; the tag is cut from a second mix.
-uint32_t slotTag(uint64_t hash) { return occupiedSlot | uint32_t(CellArena::remix(hash) >> 49) << 16; }
-
-} // namespace
-
 std::optional<uint16_t> CellArena::findAttribute(const InternedAttributeKey& key, uint64_t hash, size_t& slotIndex) const {
     size_t mask = attributeSlots.size() - 1;
-    uint32_t tag = slotTag(hash);
-    // The top bits of the product are the well-mixed ones.
+    // Only the top bits of the hash are well mixed (a low bit of a product depends only on the
+    // factors' lower bits), and the slot index takes those.
     for (size_t i = size_t(hash >> (64 - std::countr_zero(attributeSlots.size()))) & mask;; i = (i + 1) & mask) {
-        uint32_t slot = attributeSlots[i];
-        if (slot == 0) {
+        const AttributeSlot& slot = attributeSlots[i];
+        if (!slot.occupied) {
             slotIndex = i;
             return std::nullopt;
         }
-        if ((slot & 0xFFFF0000) == tag && attributeKeys[slot & 0xFFFF] == key) return uint16_t(slot & 0xFFFF);
+        if (slot.word0 == key.word0 && slot.word1 == key.word1) return slot.identifier;
     }
 }
 
 void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identifier) {
-    if (attributeKeys.size() <= identifier) attributeKeys.resize(size_t(identifier) + 1);
-    attributeKeys[identifier] = key;
     size_t used = size_t(identifier) + 1;
     if (attributeSlots.size() < 2 * used) {
-        std::vector<uint32_t> old = std::exchange(attributeSlots, std::vector<uint32_t>(std::bit_ceil(std::max<size_t>(1024, 2 * used))));
-        for (uint32_t slot : old) {
-            if (slot == 0) continue;
+        std::vector<AttributeSlot> old =
+            std::exchange(attributeSlots, std::vector<AttributeSlot>(std::bit_ceil(std::max<size_t>(1024, 2 * used))));
+        for (const AttributeSlot& slot : old) {
+            if (!slot.occupied) continue;
+            auto each = InternedAttributeKey::fromWords(slot.word0, slot.word1);
             size_t index = 0;
-            const InternedAttributeKey& each = attributeKeys[slot & 0xFFFF];
             findAttribute(each, cacheHash(each), index);
             attributeSlots[index] = slot;
         }
     }
     uint64_t hash = cacheHash(key);
-    size_t bit = presenceBit(hash);
-    attributePresence[bit / 64] |= uint64_t(1) << (bit % 64);
+    markPresent(hash);
     size_t index = 0;
     if (findAttribute(key, hash, index)) return;
-    attributeSlots[index] = slotTag(hash) | identifier;
+    attributeSlots[index] = {key.word0, uint32_t(key.word1), identifier, 1};
 }
 
 std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {

@@ -69,12 +69,22 @@ struct FrameDrawData {
         backgroundCells.clear(), powerlineJoinCells.clear(), glyphCellsGray.clear(), glyphCellsColor.clear();
         decorationCells.clear();
     }
-    void append(const RowDrawBuffers& row) {
-        backgroundCells.insert(backgroundCells.end(), row.backgroundCells.begin(), row.backgroundCells.end());
-        powerlineJoinCells.insert(powerlineJoinCells.end(), row.powerlineJoinCells.begin(), row.powerlineJoinCells.end());
-        glyphCellsGray.insert(glyphCellsGray.end(), row.glyphCellsGray.begin(), row.glyphCellsGray.end());
-        glyphCellsColor.insert(glyphCellsColor.end(), row.glyphCellsColor.begin(), row.glyphCellsColor.end());
-        decorationCells.insert(decorationCells.end(), row.decorationCells.begin(), row.decorationCells.end());
+    // A row built at another height (it has scrolled since) is moved by `dy` pixels.
+    void append(const RowDrawBuffers& row, float dy = 0) {
+        appendMoved(backgroundCells, row.backgroundCells, dy);
+        appendMoved(powerlineJoinCells, row.powerlineJoinCells, dy);
+        appendMoved(glyphCellsGray, row.glyphCellsGray, dy);
+        appendMoved(glyphCellsColor, row.glyphCellsColor, dy);
+        appendMoved(decorationCells, row.decorationCells, dy);
+    }
+
+private:
+    template <typename Record>
+    static void appendMoved(std::vector<Record>& out, const std::vector<Record>& from, float dy) {
+        size_t first = out.size();
+        out.insert(out.end(), from.begin(), from.end());
+        if (dy == 0) return;
+        for (size_t i = first; i < out.size(); ++i) out[i].position.y += dy;
     }
 };
 

@@ -333,11 +333,15 @@ private:
     struct Rectangle {
         int top, left, bottom, right; // screen cells, inclusive
     };
-    std::optional<Rectangle> rectangleFromRequest(CsiParameters pars, int start) const;
+    std::optional<Rectangle> rectangleFromRequest(CsiParameters pars, int start, bool stream = false) const;
     void copyRectangularArea(CsiParameters pars);
     void fillRectangularArea(CsiParameters pars);
     void eraseRectangularArea(CsiParameters pars, bool selective);
     void requestChecksumRectangularArea(CsiParameters pars);
+    // DECCARA and DECRARA: renditions changed or reversed over a rectangle, or over the stream of
+    // text between its corners when DECSACE asks for that.
+    void changeAreaAttributes(CsiParameters pars, bool reverse);
+    static void changeAreaRendition(Attribute& attribute, CsiParameters renditions, bool reverse);
     void insertColumns(int count);
     void deleteColumns(int count);
     void columnScroll(bool back);

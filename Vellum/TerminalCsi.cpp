@@ -69,6 +69,7 @@ void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uin
     case 'r':
         if (collect.empty()) setScrollRegion(pars);
         else if (question) restorePrivateModes(pars);
+        else if (collectIs(collect, "$")) changeAreaAttributes(pars, false);
         break;
     case 's':
         if (question) savePrivateModes(pars);
@@ -78,6 +79,7 @@ void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uin
     case 't':
         if (collect.empty()) windowOptions(pars);
         else if (collectIs(collect, ">")) setTitleModes(pars, true);
+        else if (collectIs(collect, "$")) changeAreaAttributes(pars, true);
         break;
     case 'u':
         if (!handleKittyKeyboardProtocol(pars, collect) && collect.empty()) restoreCursor();

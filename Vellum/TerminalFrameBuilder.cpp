@@ -89,13 +89,39 @@ void TerminalFrameBuilder::setAtlasMaximum(int maxSize) {
 }
 
 void TerminalFrameBuilder::invalidateRows() {
-    for (auto& row : rowCache_) row.revision = 0;
+    for (auto& row : rowCache_) row.valid = false;
 }
 
 void TerminalFrameBuilder::forgetGlyphs() {
     glyphs_.clear();
     for (auto& index : glyphIndex_) index.clear();
-    for (auto& row : rowCache_) row.revision = 0;
+    invalidateRows();
+}
+
+void TerminalFrameBuilder::arrangeRowCache(const TerminalSnapshot& snapshot) {
+    const auto& rows = snapshot.rows();
+    rowLookup_.clear();
+    for (uint32_t i = 0; i < rowCache_.size(); ++i)
+        if (rowCache_[i].valid && rowCache_[i].identity != 0) rowLookup_.emplace_back(rowCache_[i].identity, i);
+    std::sort(rowLookup_.begin(), rowLookup_.end());
+    rowTaken_.assign(rowCache_.size(), 0);
+    rowScratch_.resize(std::max(rows.size(), rowCache_.size()));
+    for (size_t y = 0; y < rows.size(); ++y) {
+        const RenderSnapshotRow& row = rows[y].row;
+        auto found = std::lower_bound(rowLookup_.begin(), rowLookup_.end(), std::pair{row.identity, uint32_t(0)});
+        for (; found != rowLookup_.end() && found->first == row.identity; ++found) {
+            if (rowTaken_[found->second] || !rowCache_[found->second].matches(row)) continue;
+            rowTaken_[found->second] = 1;
+            std::swap(rowScratch_[y], rowCache_[found->second]);
+            break;
+        }
+        if (found == rowLookup_.end() || found->first != row.identity) rowScratch_[y].valid = false;
+    }
+    // What no screen row took is kept for its buffers, past the rows shown.
+    size_t spare = rows.size();
+    for (size_t i = 0; i < rowCache_.size() && spare < rowScratch_.size(); ++i)
+        if (!rowTaken_[i]) std::swap(rowScratch_[spare++], rowCache_[i]);
+    std::swap(rowCache_, rowScratch_);
 }
 
 uint64_t TerminalFrameBuilder::signatureOf(const TerminalRenderSnapshot& state, const FrameOverlay&) const {
@@ -112,6 +138,7 @@ uint64_t TerminalFrameBuilder::signatureOf(const TerminalRenderSnapshot& state, 
 
 const DrawData& TerminalFrameBuilder::build(const TerminalSnapshot& snapshot, const FrameOverlay& overlay) {
     ++counters_.frames;
+    arrangeRowCache(snapshot);
     for (int pass = 1; pass <= maximumPasses; ++pass) {
         bool last = pass == maximumPasses;
         if (buildPass(snapshot, overlay, last)) break;
@@ -134,7 +161,6 @@ bool TerminalFrameBuilder::buildPass(const TerminalSnapshot& snapshot, const Fra
     const TerminalRenderSnapshot& state = snapshot.state();
     uint64_t signature = signatureOf(state, overlay);
     const auto& rows = snapshot.rows();
-    rowCache_.resize(rows.size());
     draw_.frame.clear();
     draw_.clearColor = toFloat4(state.reverseVideo ? state.foregroundColor : state.backgroundColor);
     for (int y = 0; y < int(rows.size()); ++y) {
@@ -147,8 +173,9 @@ bool TerminalFrameBuilder::buildPass(const TerminalSnapshot& snapshot, const Fra
             }
         }
         RowCacheEntry& entry = rowCache_[size_t(y)];
-        if (entry.revision == rows[size_t(y)].revision && entry.signature == signature && entry.selectionFrom == from &&
-            entry.selectionTo == to) {
+        const RenderSnapshotRow& row = rows[size_t(y)].row;
+        float top = float(y * cell().height);
+        if (entry.matches(row) && entry.signature == signature && entry.selectionFrom == from && entry.selectionTo == to) {
             ++counters_.rowsReused;
         } else {
             entry.buffers.clear();
@@ -156,13 +183,17 @@ bool TerminalFrameBuilder::buildPass(const TerminalSnapshot& snapshot, const Fra
             buildRow(snapshot, y, from, to, entry.buffers);
             if (atlasInvalidatedDuringBuild_) break;
             // A row that misses glyphs is built again next frame, when they may fit.
-            entry.revision = counters_.glyphsSkipped == skipped ? rows[size_t(y)].revision : 0;
+            entry.valid = counters_.glyphsSkipped == skipped;
+            entry.identity = row.identity;
+            entry.recycleGeneration = row.recycleGeneration;
+            entry.generation = row.generation;
             entry.signature = signature;
             entry.selectionFrom = from;
             entry.selectionTo = to;
+            entry.builtTop = top;
             ++counters_.rowsBuilt;
         }
-        draw_.frame.append(entry.buffers);
+        draw_.frame.append(entry.buffers, top - entry.builtTop);
     }
     gray_.setFrozen(false);
     color_.setFrozen(false);
@@ -170,9 +201,7 @@ bool TerminalFrameBuilder::buildPass(const TerminalSnapshot& snapshot, const Fra
     bool stable = !atlasInvalidatedDuringBuild_ && signatureOf(state, overlay) == signature;
     if (lastPass && counters_.glyphsSkipped != skippedBefore)
         renderLog("glyph working set exceeds max atlas capacity; some glyphs will be skipped this frame");
-    if (!stable && !lastPass) {
-        for (auto& row : rowCache_) row.revision = 0;
-    }
+    if (!stable && !lastPass) invalidateRows();
     return stable || lastPass;
 }
 

@@ -33,9 +33,9 @@ struct FrameBuildCounters {
 };
 
 // Turns the retained snapshot into the GPU's records: one set of arrays per frame, each drawn at
-// once. Rows are kept built between frames and rebuilt only when their revision, the selection
-// across them or the signature of everything shared (font, cell size, colours, atlas sizes)
-// changes. Glyphs are rasterised once per atlas life.
+// once. Rows are kept built between frames, keyed by the buffer row they show, and rebuilt only
+// when its content, the selection across them or the signature of everything shared (font, cell
+// size, colours, atlas sizes) changes; a row that scrolls is only moved. Glyphs are rasterised once per atlas life.
 class TerminalFrameBuilder {
 public:
     TerminalFrameBuilder(const std::string& family, double pixelSize);
@@ -74,10 +74,17 @@ private:
         size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
     };
     using GlyphMap = std::unordered_map<std::string, uint32_t, StringHash, std::equal_to<>>;
+    // Built rows follow their buffer row, so a row that scrolls is moved, not built again.
     struct RowCacheEntry {
-        uint64_t revision = 0, signature = 0;
+        bool valid = false;
+        uint64_t identity = 0, recycleGeneration = 0, generation = 0, signature = 0;
         int selectionFrom = 0, selectionTo = 0;
+        float builtTop = 0;
         RowDrawBuffers buffers;
+        bool matches(const RenderSnapshotRow& row) const {
+            return valid && row.identity != 0 && identity == row.identity && recycleGeneration == row.recycleGeneration &&
+                   generation == row.generation;
+        }
     };
     struct CellColors {
         Float4 fg, bg;
@@ -85,6 +92,9 @@ private:
     };
 
     bool buildPass(const TerminalSnapshot& snapshot, const FrameOverlay& overlay, bool lastPass);
+    // Puts each cached row at the screen row its buffer row is shown on now; rows that left the
+    // screen give their buffers to new ones.
+    void arrangeRowCache(const TerminalSnapshot& snapshot);
     void buildRow(const TerminalSnapshot& snapshot, int y, int from, int to, RowDrawBuffers& out);
     void buildCursor(const TerminalSnapshot& snapshot, const FrameOverlay& overlay);
     const GlyphEntry* glyph(std::string_view text, int cells, FontStyle style);
@@ -110,7 +120,9 @@ private:
     GlyphMap glyphIndex_[8]; // by style and cell count
     std::vector<RasterGlyph> rasterScratch_;
     std::vector<uint8_t> bgraScratch_;
-    std::vector<RowCacheEntry> rowCache_;
+    std::vector<RowCacheEntry> rowCache_, rowScratch_; // by screen row
+    std::vector<std::pair<uint64_t, uint32_t>> rowLookup_; // identity, index in rowCache_
+    std::vector<uint8_t> rowTaken_;
     uint64_t fontGeneration_ = 1;
     bool atlasInvalidatedDuringBuild_ = false;
     DrawData draw_;

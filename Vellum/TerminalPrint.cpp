@@ -122,6 +122,26 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
     };
     while (i < count) {
         uint8_t lead = bytes[i];
+        // Runs of CJK ideographs, the bulk of wide text: each is three bytes led by E4 to E9,
+        // two columns wide, and starts a cluster of its own unless a prepend character stands
+        // before it. They go straight into the batch without the general decoding and checks.
+        if (lead - 0xE4u < 6 && previous != unknownScalar && breakClass(previousProperties) != GraphemeBreak::prepend) {
+            size_t start = i;
+            if (batched > 0 && batchWidth != 2) flush();
+            while (i + 2 < count && bytes[i] - 0xE4u < 6 && (bytes[i + 1] & 0xC0) == 0x80 && (bytes[i + 2] & 0xC0) == 0x80) {
+                char32_t scalar = char32_t((bytes[i] & 0x0Fu) << 12 | (bytes[i + 1] & 0x3Fu) << 6 | (bytes[i + 2] & 0x3Fu));
+                if (scalar - cjkIdeographsStart >= cjkIdeographsCount) break;
+                if (batched == batchCapacity) flush();
+                batch[batched++] = scalar;
+                batchWidth = 2;
+                i += 3;
+            }
+            if (i != start) {
+                previous = batch[batched - 1];
+                previousProperties = 0;
+                continue;
+            }
+        }
         char32_t scalar;
         if (lead < 0x80) {
             ++i;

@@ -1,13 +1,16 @@
 #include "Vellum/Terminal.h"
 #include "Vellum/TerminalParameters.h"
 
+#include <unordered_map>
+
 namespace vellum {
 
 using sequence::param;
 using sequence::rawParam;
 
 // Parameters from `start` on are top, left, bottom, right, 1-based; 0 or absent reach the edges.
-std::optional<Terminal::Rectangle> Terminal::rectangleFromRequest(CsiParameters pars, int start) const {
+// A stream (`stream`) may end left of where it starts, on a later row.
+std::optional<Terminal::Rectangle> Terminal::rectangleFromRequest(CsiParameters pars, int start, bool stream) const {
     const Buffer& b = *buffer_;
     int rowOffset = originMode ? b.scrollTop : 0;
     int colOffset = originMode && b.marginMode ? b.marginLeft : 0;
@@ -21,7 +24,7 @@ std::optional<Terminal::Rectangle> Terminal::rectangleFromRequest(CsiParameters 
     };
     area.bottom = std::min(area.bottom, lastRow);
     area.right = std::min(area.right, lastCol);
-    if (area.top > area.bottom || area.left > area.right) return std::nullopt;
+    if (area.top > area.bottom || (area.left > area.right && !(stream && area.top < area.bottom))) return std::nullopt;
     return area;
 }
 
@@ -98,6 +101,41 @@ void Terminal::requestChecksumRectangularArea(CsiParameters pars) {
         }
     }
     sendResponse(checksumReply(id, scalars, cc));
+}
+
+void Terminal::changeAreaAttributes(CsiParameters pars, bool reverse) {
+    auto area = rectangleFromRequest(pars, 0, !rectangularAttributeChange);
+    if (!area) return;
+    static constexpr int64_t allOff[] = {0};
+    CsiParameters renditions = pars.size() > 4 ? CsiParameters(pars.begin() + 4, pars.size() - 4) : CsiParameters(allOff, 1);
+    // Cells of one style all change alike: each style is worked out once.
+    std::unordered_map<uint64_t, uint16_t> changed;
+    constexpr uint64_t contentBits = PackedCell::tagMask | PackedCell::valueMask << PackedCell::valueShift;
+    auto change = [&](PackedCell cell) {
+        bool inlineBackground = cell.tag() >= PackedCell::paletteBackgroundTag;
+        uint64_t key = inlineBackground ? (cell.raw & contentBits) | uint64_t(1) << 63 : cell.styleID();
+        auto found = changed.find(key);
+        if (found == changed.end()) {
+            Attribute attribute = cellArena->attribute(cell);
+            changeAreaRendition(attribute, renditions, reverse);
+            found = changed.emplace(key, cellArena->intern(attribute).value_or(0)).first;
+        }
+        // An empty cell that held its background inline becomes an empty cell with a style.
+        uint64_t kept = inlineBackground ? cell.raw & ~contentBits : cell.raw;
+        kept &= ~(PackedCell::styleMask << PackedCell::styleShift);
+        return PackedCell{kept | uint64_t(found->second) << PackedCell::styleShift};
+    };
+    for (int r = area->top; r <= area->bottom; ++r) {
+        // A stream runs from the first corner to the end of its row, through whole rows, and
+        // ends at the second corner.
+        int from = area->left, to = area->right;
+        if (!rectangularAttributeChange) {
+            if (r != area->top) from = 0;
+            if (r != area->bottom) to = cols_ - 1;
+        }
+        BufferLine& line = buffer_->row(r);
+        for (int c = from; c <= to && c < line.count(); ++c) line.fill(change(line.packedCell(c)), c, 1);
+    }
 }
 
 void Terminal::insertColumns(int count) {

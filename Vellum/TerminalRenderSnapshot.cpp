@@ -157,7 +157,8 @@ TerminalRenderSnapshot Terminal::makeRenderSnapshot(RenderSnapshotScope scope) {
         for (int row = range->startY; row <= range->endY; ++row) {
             const BufferLine& line = b.lines[b.yDisp + row];
             bool nextWraps = b.yDisp + row + 1 < b.lines.count() && b.lines[b.yDisp + row + 1].isWrapped();
-            snapshot.lines.push_back({row, line.isWrapped(), nextWraps, line.renderMode(), cache.cellsFor(line)});
+            snapshot.lines.push_back({row, line.isWrapped(), nextWraps, line.renderMode(), line.renderIdentity.value,
+                                      line.recycleGeneration, line._generation, cache.cellsFor(line)});
         }
     }
     cache.previous = metadata;

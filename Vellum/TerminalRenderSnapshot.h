@@ -58,6 +58,9 @@ struct RenderSnapshotRow {
     bool isWrapped = false;   // continues the row above
     bool wrapsToNext = false; // the row below continues this one
     BufferLine::RenderLineMode renderMode = BufferLine::RenderLineMode::single;
+    // The buffer row this was made from and the version of its content: a row that scrolls
+    // keeps both, so whatever was built from it can move with it.
+    uint64_t identity = 0, recycleGeneration = 0, generation = 0;
     // Shared with the snapshot maker's cache: a row that did not change keeps the same cells.
     RenderSnapshotCells cells;
 };

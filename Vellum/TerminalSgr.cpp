@@ -122,4 +122,40 @@ void Terminal::selectGraphicRendition(CsiParameters pars) {
     if (curAttr.bg != before.bg) updateEraseBlank();
 }
 
+// The renditions a VT420 can change in an area, in the numbering of SGR. Changing also takes
+// colours as SGR would; 0 turns the flags off but leaves the colours. Reversing toggles flags
+// and ignores anything else.
+void Terminal::changeAreaRendition(Attribute& a, CsiParameters renditions, bool reverse) {
+    auto toggleUnderline = [&](bool on) {
+        setStyle(a, CharacterStyle::underline, on);
+        a.underlineStyle = on ? UnderlineStyle::single : UnderlineStyle::none;
+    };
+    constexpr CharacterStyle allFlags = CharacterStyle::bold | CharacterStyle::blink | CharacterStyle::inverse |
+                                        CharacterStyle::invisible;
+    for (int i = 0; i < renditions.size(); ++i) {
+        int64_t p = renditions[i];
+        if (!reverse) {
+            if (p == 0) {
+                a.style.remove(allFlags);
+                toggleUnderline(false);
+            } else {
+                applyRendition(a, renditions, i, 0);
+            }
+            continue;
+        }
+        switch (p) {
+        case 0:
+            a.style = CharacterStyle(a.style.rawValue ^ allFlags.rawValue);
+            toggleUnderline(!a.style.contains(CharacterStyle::underline));
+            break;
+        case 1: setStyle(a, CharacterStyle::bold, !a.style.contains(CharacterStyle::bold)); break;
+        case 4: toggleUnderline(!a.style.contains(CharacterStyle::underline)); break;
+        case 5: setStyle(a, CharacterStyle::blink, !a.style.contains(CharacterStyle::blink)); break;
+        case 7: setStyle(a, CharacterStyle::inverse, !a.style.contains(CharacterStyle::inverse)); break;
+        case 8: setStyle(a, CharacterStyle::invisible, !a.style.contains(CharacterStyle::invisible)); break;
+        default: break;
+        }
+    }
+}
+
 } // namespace vellum

@@ -89,6 +89,10 @@ public:
         if (fd_ < 0) return;
         timeval patience{2, 0};
         ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+        // The daemon serves nothing before a hello.
+        protocol::HelloCall hello;
+        hello.client = "corvexd-hook";
+        call(hello);
     }
     ~DaemonLink() {
         if (fd_ >= 0) ::close(fd_);

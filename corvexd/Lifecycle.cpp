@@ -20,6 +20,7 @@
 #include "corvexd/BuildInfo.h"
 #include "corvexd/CommandSupport.h"
 #include "corvexd/FileStreams.h"
+#include "corvexd/LifecycleShutdown.h"
 #include "corvexd/Server.h"
 #include "corvexd/SessionService.h"
 
@@ -36,14 +37,19 @@ constexpr auto stopTimeout = std::chrono::seconds(10);
 // (not the file's presence) says whether one runs.
 class PidFile {
 public:
-    explicit PidFile(const std::string& path) : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-        if (fd_ < 0) throw DaemonError("can't open " + path + ": " + std::strerror(errno));
+    // Never through a link: one planted at the path would have us overwrite its target.
+    // Without `create`, a missing file reads as one that nobody holds.
+    explicit PidFile(const std::string& path, bool create = true)
+        : fd_(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), 0600)) {
+        if (fd_ < 0 && (create || errno != ENOENT)) throw DaemonError("can't open " + path + ": " + std::strerror(errno));
     }
-    ~PidFile() { ::close(fd_); }
+    ~PidFile() {
+        if (fd_ >= 0) ::close(fd_);
+    }
     PidFile(const PidFile&) = delete;
     PidFile& operator=(const PidFile&) = delete;
 
-    bool tryLock() { return ::flock(fd_, LOCK_EX | LOCK_NB) == 0; }
+    bool tryLock() { return fd_ < 0 || ::flock(fd_, LOCK_EX | LOCK_NB) == 0; }
     void unlock() { ::flock(fd_, LOCK_UN); }
 
     void write(pid_t pid) {
@@ -133,8 +139,18 @@ int serve() {
             if (auto held = weak.lock()) held->pollAgents();
         });
         server.run();
-        // The shells end with the daemon: their terminals hang up.
+        // The shells end with the daemon: their terminals hang up, and what ignores that is
+        // ended as a closed pane's programs are, before the daemon goes.
+        std::vector<pid_t> leaders;
+        for (const auto& pane : core->state().panes) {
+            if (pane.pid) leaders.push_back(*pane.pid);
+        }
         core->stop();
+        endPaneSessions(leaders);
+    }
+    // Still under the pid file's lock, so no new daemon's files are removed.
+    for (const auto& path : {directory.logPath(), directory.startLockPath(), directory.pidPath()}) {
+        ::unlink(path.c_str());
     }
     pid.clear();
     ::close(stopFd);
@@ -153,7 +169,7 @@ void spawnServe(const RuntimeDirectory& directory) {
         ::setsid();
         if (::fork() != 0) ::_exit(0);
         int null = ::open("/dev/null", O_RDONLY);
-        int log = ::open(directory.logPath().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        int log = ::open(directory.logPath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, 0600);
         if (null >= 0) ::dup2(null, 0);
         if (log >= 0) {
             ::dup2(log, 1);
@@ -175,7 +191,7 @@ void spawnServe(const RuntimeDirectory& directory) {
 // lock file, so only the first of them spawns.
 void ensureStarted(const RuntimeDirectory& directory) {
     if (accepts(directory.socketPath())) return;
-    int lock = ::open(directory.startLockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    int lock = ::open(directory.startLockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (lock < 0) throw DaemonError("can't open " + directory.startLockPath() + ": " + std::strerror(errno));
     while (::flock(lock, LOCK_EX) != 0 && errno == EINTR) {
     }
@@ -209,7 +225,7 @@ int start() {
 // Signals the running daemon and waits until it has let go of its pid file.
 int terminate(bool forceAfterTimeout) {
     auto directory = RuntimeDirectory::existing(RuntimeDirectory::defaultPath());
-    PidFile pid(directory.pidPath());
+    PidFile pid(directory.pidPath(), false);
     if (pid.tryLock()) return 0; // nothing runs
     auto running = pid.read();
     if (!running) return fail("the pid file names no process");

@@ -40,6 +40,11 @@ RuntimeDirectory RuntimeDirectory::check(const std::string& rawPath, bool create
     if (S_ISLNK(info.st_mode)) throw DaemonError(path + " is a symbolic link");
     if (!S_ISDIR(info.st_mode)) throw DaemonError(path + " is not a directory");
     if (info.st_uid != ::getuid()) throw DaemonError(path + " is owned by another user");
+    // Another user may already have planted files in a folder they could write to; making
+    // it private now wouldn't take those out.
+    if (info.st_mode & (S_IWGRP | S_IWOTH)) {
+        throw DaemonError(path + " is writable by other users; remove it or make it 0700");
+    }
     if ((info.st_mode & 0777) != 0700 && ::chmod(path.c_str(), 0700) != 0) {
         throw DaemonError("can't make " + path + " private: " + std::strerror(errno));
     }

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <set>
 #include <sys/eventfd.h>
+#include <utility>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -28,6 +29,7 @@ namespace {
 // Large enough that a file-data frame usually arrives whole and is handed on without being
 // gathered in the parser first.
 constexpr size_t readChunk = 1u << 20;
+constexpr int acceptRetryMilliseconds = 250;
 
 using RequestError = MethodError;
 
@@ -69,8 +71,11 @@ struct Server::Client {
     std::string out;
     size_t sent = 0; // bytes of `out` already written
     bool events = false;
+    bool greeted = false;    // a hello was accepted; nothing else is served before it
     bool closing = false;
+    bool writeBroken = false; // the peer can't be written to; what it sent is still carried out
     std::map<uint64_t, uint64_t> panes; // subscribed pane streams, to the next position owed
+    std::set<uint64_t> lost;            // streams given up on, to be opened again once drained
 
     size_t pending() const { return out.size() - sent; }
 };
@@ -143,7 +148,9 @@ void Server::run() {
     while (!stopping_) {
         fds.clear();
         order.clear();
-        fds.push_back({listenFd_, POLLIN, 0});
+        // Out of descriptors, the listener stays readable while nothing can be accepted: it is
+        // left out of the poll until a client goes, or a moment has passed.
+        fds.push_back({acceptPaused_ ? -1 : listenFd_, POLLIN, 0});
         fds.push_back({wakeFd_, POLLIN, 0});
         fds.push_back({options_.stopFd, POLLIN, 0});
         for (auto& [id, client] : clients_) {
@@ -152,7 +159,7 @@ void Server::run() {
             fds.push_back({client->fd, events, 0});
             order.push_back(id);
         }
-        if (::poll(fds.data(), fds.size(), -1) < 0) {
+        if (::poll(fds.data(), fds.size(), acceptPaused_ ? acceptRetryMilliseconds : -1) < 0) {
             if (errno == EINTR) continue;
             throw DaemonError(std::string("poll: ") + std::strerror(errno));
         }
@@ -169,20 +176,32 @@ void Server::run() {
             if (revents & POLLOUT) flush(client);
             if (!client.closing && (revents & (POLLIN | POLLHUP | POLLERR))) readFrom(client);
         }
-        if (fds[0].revents & POLLIN) acceptClients();
+        if (acceptPaused_ || (fds[0].revents & POLLIN)) acceptClients();
 
         std::vector<uint64_t> closing;
         for (auto& [id, client] : clients_) {
             if (client->closing) closing.push_back(id);
         }
         for (auto id : closing) closeClient(id);
+        reopenLostStreams();
         if (options_.ephemeral && servedAnyone_ && clients_.empty()) stopping_ = true;
+    }
+    announceShutdown();
+}
+
+// Clients are told that the daemon goes on purpose, so that none of them starts a new one
+// in its place; a client too far behind to take the notice in reconnects as after a crash.
+void Server::announceShutdown() {
+    auto frame = corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(corvex::protocol::event::shutdown, json::object())));
+    for (auto& [id, client] : clients_) {
+        if (client->events && !client->closing) enqueue(*client, frame);
     }
 }
 
 void Server::acceptClients() {
     while (true) {
         int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        acceptPaused_ = fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM);
         if (fd < 0) return; // EAGAIN, or a peer that left before we took it
         if (!sameUser(fd)) {
             ::close(fd);
@@ -200,6 +219,7 @@ void Server::closeClient(uint64_t id) {
     if (found == clients_.end()) return;
     ::close(found->second->fd);
     clients_.erase(found);
+    if (acceptPaused_) acceptClients();
     if (clientGoneHandler_) clientGoneHandler_(id);
     for (auto& handler : goneHandlers_) handler(id);
 }
@@ -246,7 +266,33 @@ void Server::subscribePane(ClientID id, uint64_t pane, uint64_t from) {
 }
 
 void Server::unsubscribePane(ClientID id, uint64_t pane) {
-    if (auto* found = client(id)) found->panes.erase(pane);
+    if (auto* found = client(id)) {
+        found->panes.erase(pane);
+        found->lost.erase(pane);
+    }
+}
+
+void Server::setStreamReopener(std::function<std::optional<ReopenedStream>(ClientID, uint64_t)> reopener) {
+    reopener_ = std::move(reopener);
+}
+
+void Server::reopenLostStreams() {
+    for (auto& [id, client] : clients_) {
+        if (client->closing || client->writeBroken || client->lost.empty() || client->pending() > 0) continue;
+        auto lost = std::exchange(client->lost, {});
+        if (!reopener_) continue;
+        for (uint64_t pane : lost) {
+            std::optional<ReopenedStream> reopened;
+            try {
+                reopened = reopener_(id, pane);
+            } catch (const std::exception&) {
+                continue; // the pane has gone meanwhile
+            }
+            if (!reopened) continue;
+            client->panes[pane] = reopened->from;
+            for (auto& frame : reopened->frames) enqueue(*client, std::move(frame));
+        }
+    }
 }
 
 void Server::broadcastEvent(const std::string& name, json data) {
@@ -273,6 +319,7 @@ void Server::publishPaneEvent(uint64_t pane, const std::string& name, json data)
 
 void Server::resync(Client& client, uint64_t pane) {
     client.panes.erase(pane);
+    client.lost.insert(pane);
     auto wire = corvex::protocol::encodeEvent(corvex::SessionEvent::Resync{pane});
     enqueue(client, corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(wire->name, std::move(wire->data)))));
 }
@@ -352,6 +399,18 @@ json Server::builtInMethod(Client& client, const std::string& name, MethodCall& 
     throw RequestError{"unknown_method", "unknown method " + name};
 }
 
+void Server::greet(Client& client, const json& params) {
+    corvex::protocol::HelloCall asked;
+    corvex::protocol::decodeParams(params, asked);
+    int lowest = corvex::protocol::version, highest = corvex::protocol::version;
+    if (asked.protocol < lowest || asked.protocol > highest) {
+        throw RequestError{"unsupported_protocol", "protocol " + std::to_string(asked.protocol) +
+                                                       " is not supported; this daemon speaks protocol " +
+                                                       std::to_string(lowest) + " to " + std::to_string(highest)};
+    }
+    client.greeted = true;
+}
+
 corvex::Hello Server::hello() const {
     auto hello = corvex::sessionHello({"corvexd", options_.version, instance_, features_});
     hello.exe = options_.executable;
@@ -398,6 +457,11 @@ void Server::handleJSON(Client& client, std::string_view text) {
             throw RequestError{"bad_request", "params must be an object"};
         }
         const std::string& name = method->get_ref<const std::string&>();
+        if (name == corvex::protocol::HelloCall::name) {
+            greet(client, call.params);
+        } else if (!client.greeted) {
+            throw RequestError{"bad_request", "the first request must be hello"};
+        }
         auto handler = methods_.find(name);
         json result = handler != methods_.end() ? handler->second(call) : builtInMethod(client, name, call);
         if (call.deferred) return;
@@ -419,8 +483,16 @@ void Server::handleJSON(Client& client, std::string_view text) {
     for (auto& frame : call.framesAfterReply) enqueue(client, std::move(frame));
 }
 
+// A peer that has closed its end may still have requests in our receive buffer: they are
+// carried out, and their replies go nowhere.
+void Server::dropOutput(Client& client) {
+    client.writeBroken = true;
+    client.out.clear();
+    client.sent = 0;
+}
+
 void Server::enqueue(Client& client, std::string frame) {
-    if (client.closing) return;
+    if (client.closing || client.writeBroken) return;
     if (client.pending() + frame.size() > options_.clientQueueLimit) {
         client.closing = true;
         return;
@@ -438,7 +510,7 @@ void Server::flush(Client& client) {
         ssize_t count = ::send(client.fd, client.out.data() + client.sent, client.pending(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count < 0) {
             if (errno == EINTR) continue;
-            if (errno != EAGAIN) client.closing = true;
+            if (errno != EAGAIN) dropOutput(client);
             return;
         }
         client.sent += static_cast<size_t>(count);

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <set>
 #include <string_view>
@@ -101,6 +102,16 @@ public:
     void subscribePane(ClientID client, uint64_t pane, uint64_t from);
     void unsubscribePane(ClientID client, uint64_t pane);
 
+    // A pane stream given up with "pane.resync" comes back by itself once the client has
+    // read everything queued for it: the frames that open it again (a snapshot first) and
+    // the position its live stream goes on from. Runs on the serving thread; absent, or a
+    // raised error, leaves the pane closed for that client.
+    struct ReopenedStream {
+        std::vector<std::string> frames;
+        uint64_t from = 0;
+    };
+    void setStreamReopener(std::function<std::optional<ReopenedStream>(ClientID, uint64_t pane)> reopener);
+
     // From any thread. An event goes to every client that asked for events; pane output to
     // the pane's subscribers, in the order published. A client whose queue passes the pane
     // bound loses that pane's stream with "pane.resync" instead of holding up anyone.
@@ -120,7 +131,11 @@ private:
     corvex::Hello hello() const;
     void flush(Client& client);
     void enqueue(Client& client, std::string frame);
+    void dropOutput(Client& client);
+    // Checks the protocol a hello asks for; raises MethodError when it isn't served.
+    void greet(Client& client, const nlohmann::json& params);
     void closeClient(uint64_t id);
+    void announceShutdown();
     void runPosted();
     void drainPosted();
     // Runs at once when called on the serving thread (after what others posted before it,
@@ -129,12 +144,14 @@ private:
     void wake();
     void deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes);
     void resync(Client& client, uint64_t pane);
+    void reopenLostStreams();
     Client* client(ClientID id);
 
     ServerOptions options_;
     std::string instance_;
     int listenFd_ = -1;
     int wakeFd_ = -1;
+    bool acceptPaused_ = false; // no descriptor was free for the last connection
     bool stopping_ = false;
     std::thread::id serveThread_;
     bool servedAnyone_ = false;
@@ -146,6 +163,7 @@ private:
     std::vector<std::function<void(ClientID)>> goneHandlers_;
     std::map<std::string, std::function<void(ClientID, const nlohmann::json&)>> notifications_;
     std::map<uint8_t, std::function<void(ClientID, std::string_view)>> frameHandlers_;
+    std::function<std::optional<ReopenedStream>(ClientID, uint64_t)> reopener_;
     std::vector<std::string> features_{"ping"};
 
     std::mutex postedLock_;

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
+#include <optional>
+#include <utility>
 
 #include "CorvexKit/Frame.h"
 #include "CorvexSession/SessionCore.h"
@@ -118,26 +121,49 @@ void serveTree(Server& s, const Core& core) {
     });
 }
 
-void serveSubscriptions(Server& server, const Core& core) {
-    serve<protocol::PaneSubscribe>(server, [core, &server](const auto& p, MethodCall& call) {
-        SubscribeCapture caught{p.pane, &call.framesAfterReply, 0};
-        capture = &caught;
-        corvex::Subscription subscription;
-        try {
-            subscription = core->subscribe(p.pane, p.haveSeq, p.viewport, p.scrollback.value_or(0),
-                                           [&caught](const SessionEvent& event) { captureOpening(caught, event); });
-        } catch (...) {
-            capture = nullptr;
-            throw;
-        }
+// Opens a pane's stream for one client: the subscription, and in `frames` what must follow
+// its reply. Returns the position the client's live stream goes on from.
+uint64_t openStream(const Core& core, uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<corvex::Size> viewport,
+                    int scrollback, std::vector<std::string>& frames, corvex::Subscription& subscription) {
+    SubscribeCapture caught{pane, &frames, 0};
+    capture = &caught;
+    try {
+        subscription = core->subscribe(pane, haveSeq, viewport, scrollback,
+                                       [&caught](const SessionEvent& event) { captureOpening(caught, event); });
+    } catch (...) {
         capture = nullptr;
-        if (caught.next == 0) caught.next = subscription.seq;
-        server.subscribePane(call.client, p.pane, caught.next);
+        throw;
+    }
+    capture = nullptr;
+    return caught.next == 0 ? subscription.seq : caught.next;
+}
+
+void serveSubscriptions(Server& server, const Core& core) {
+    // The history each client asked for, so that a stream given up on comes back alike.
+    auto scrollbacks = std::make_shared<std::map<std::pair<ClientID, uint64_t>, int>>();
+    serve<protocol::PaneSubscribe>(server, [core, &server, scrollbacks](const auto& p, MethodCall& call) {
+        corvex::Subscription subscription;
+        int scrollback = p.scrollback.value_or(0);
+        uint64_t from = openStream(core, p.pane, p.haveSeq, p.viewport, scrollback, call.framesAfterReply, subscription);
+        server.subscribePane(call.client, p.pane, from);
+        (*scrollbacks)[{call.client, p.pane}] = scrollback;
         return subscription;
     });
-    serve<protocol::PaneUnsubscribe>(server, [&server](const auto& p, MethodCall& call) {
+    server.setStreamReopener([core, scrollbacks](ClientID client, uint64_t pane) {
+        auto asked = scrollbacks->find({client, pane});
+        Server::ReopenedStream reopened;
+        corvex::Subscription subscription;
+        reopened.from = openStream(core, pane, std::nullopt, std::nullopt, asked == scrollbacks->end() ? 0 : asked->second,
+                                   reopened.frames, subscription);
+        return std::optional<Server::ReopenedStream>(std::move(reopened));
+    });
+    server.setClientGoneHandler([scrollbacks](ClientID client) {
+        std::erase_if(*scrollbacks, [client](const auto& entry) { return entry.first.first == client; });
+    });
+    serve<protocol::PaneUnsubscribe>(server, [&server, scrollbacks](const auto& p, MethodCall& call) {
         // Other clients may still watch the pane, so the core keeps streaming it.
         server.unsubscribePane(call.client, p.pane);
+        scrollbacks->erase({call.client, p.pane});
     });
     serve<protocol::PaneViewport>(server, [core](const auto& p, MethodCall&) { core->setViewport(p.pane, p.size); });
     serve<protocol::PaneResize>(server, [core](const auto& p, MethodCall&) { core->resize(p.pane, p.size); });

@@ -4,6 +4,7 @@
 #include <QElapsedTimer>
 #include <QImage>
 #include <QMainWindow>
+#include <QScreen>
 #include <QTest>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -11,65 +12,18 @@
 
 #include "Corvex/TerminalGLSurface.h"
 #include "Corvex/TerminalView.h"
+#include "Support/AppHarness.h"
+#include "Support/TerminalPane.h"
 
 using namespace corvex;
+using namespace corvex::apptest;
 
 namespace {
 
-bool eventually(const std::function<bool()>& condition, int timeoutMs = 5000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition()) {
-        if (timer.elapsed() > timeoutMs) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QTest::qSleep(2);
-    }
-    return true;
-}
-
-QColor rgb(RGB value) { return QColor((value >> 16) & 0xff, (value >> 8) & 0xff, value & 0xff); }
-
-int distance(QColor a, QColor b) {
-    return std::abs(a.red() - b.red()) + std::abs(a.green() - b.green()) + std::abs(a.blue() - b.blue());
-}
-
 // A pane's view in a window on the private X server, drawn by whichever path the environment picks.
-struct GLPane {
-    QMainWindow window;
-    TerminalView* view = new TerminalView;
-
-    GLPane() {
-        window.setCentralWidget(view);
-        view->resizeTerminal(24, 6);
-        view->setCursorBlinkTimeout(std::chrono::milliseconds(0));
-        window.resize(view->sizeHint());
-        window.show();
-        EXPECT_TRUE(QTest::qWaitForWindowExposed(&window));
-        window.activateWindow();
-        view->setFocus();
-        eventually([&] { return view->hasFocus(); }, 2000);
-    }
+struct GLPane : TerminalPane {
+    GLPane() { view->setCursorBlinkTimeout(std::chrono::milliseconds(0)); }
     TerminalGLSurface* surface() const { return view->findChild<TerminalGLSurface*>(); }
-    void feed(std::string_view bytes) {
-        view->feedFromBackend({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
-        view->renderNow();
-    }
-    QImage shot() {
-        view->renderNow();
-        QCoreApplication::processEvents();
-        return view->grab().toImage().convertToFormat(QImage::Format_RGB32);
-    }
-    QSize cell() const { return view->cellSize(); }
-    QRect cellRect(int col, int row, int width = 1) const {
-        return {col * cell().width(), row * cell().height(), width * cell().width(), cell().height()};
-    }
-    QPoint center(int col, int row) const { return cellRect(col, row).center(); }
-    int count(const QImage& image, QRect area, const std::function<bool(QColor)>& test) const {
-        int n = 0;
-        for (int y = area.top(); y <= area.bottom(); ++y)
-            for (int x = area.left(); x <= area.right(); ++x) n += test(image.pixelColor(x, y));
-        return n;
-    }
 };
 
 struct ScopedEnv {
@@ -104,8 +58,8 @@ TEST(TerminalGLSurface, DrawsAKnownScreen) {
     QRect blueCell = pane.cellRect(2, 0);
     EXPECT_EQ(pane.count(image, blueCell, [&](QColor c) { return c == blue; }), blueCell.width() * blueCell.height());
     EXPECT_NE(image.pixelColor(blueCell.right() + 1, blueCell.center().y()), blue);
-    // The wide character stays in its two cells (the test fonts have no CJK, so it is the
-    // missing-glyph box), and the emoji starts after them.
+    // The wide character, from the fallback font, stays in its two cells, and the emoji starts
+    // after them.
     EXPECT_GT(pane.count(image, pane.cellRect(3, 0, 2), [&](QColor c) { return distance(c, bg) > 90; }), 5);
     // The emoji is in colour: pixels of neither the text nor the background colours.
     int colourful = pane.count(image, pane.cellRect(5, 0, 2), [&](QColor c) {
@@ -141,6 +95,28 @@ TEST(TerminalGLSurface, QuietPaneDrawsNoFrames) {
     pane.feed("\r\nworld");
     ASSERT_TRUE(eventually([&] { return pane.surface()->framesDrawn() > frames; }));
     EXPECT_LE(pane.surface()->buildCounters()->rowsBuilt - rowsBefore, 2u);
+}
+
+// Output that streams in for a while is drawn at most once per refresh, each frame swapped
+// before the next is asked for, and the clock stops when the stream does.
+TEST(TerminalGLSurface, StreamingOutputIsDrawnAtMostOncePerRefresh) {
+    GLPane pane;
+    ASSERT_TRUE(pane.surface());
+    ASSERT_TRUE(eventually([&] { return !pane.view->isFrameClockRunning(); }));
+    uint64_t framesBefore = pane.surface()->framesDrawn();
+    QElapsedTimer streaming;
+    streaming.start();
+    for (int i = 0; streaming.elapsed() < 400; ++i) {
+        std::string line = "line " + std::to_string(i) + "\r\n";
+        pane.view->feedFromBackend({reinterpret_cast<const uint8_t*>(line.data()), line.size()});
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 2);
+    }
+    double refreshMs = 1000.0 / std::max(30.0, pane.view->screen()->refreshRate());
+    uint64_t drawn = pane.surface()->framesDrawn() - framesBefore;
+    EXPECT_GE(drawn, 1u);
+    EXPECT_LE(double(drawn), double(streaming.elapsed()) / refreshMs + 2);
+    ASSERT_TRUE(eventually([&] { return !pane.view->isFrameClockRunning(); }));
+    EXPECT_NE(pane.view->screenText().find("line"), std::string::npos);
 }
 
 TEST(TerminalGLSurface, TurnedOffByTheEnvironment) {

@@ -13,28 +13,16 @@
 #include <functional>
 
 #include "Corvex/TerminalView.h"
+#include "Support/AppHarness.h"
+#include "Support/TerminalPane.h"
+#include "Vellum/FrameDriver.h"
 #include "Vellum/Terminal.h"
 
 using namespace corvex;
+using namespace corvex::apptest;
+using namespace std::chrono_literals;
 
 namespace {
-
-bool eventually(const std::function<bool()>& condition, int timeoutMs = 5000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition()) {
-        if (timer.elapsed() > timeoutMs) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QTest::qSleep(2);
-    }
-    return true;
-}
-
-QColor rgb(RGB value) { return QColor((value >> 16) & 0xff, (value >> 8) & 0xff, value & 0xff); }
-
-int distance(QColor a, QColor b) {
-    return std::abs(a.red() - b.red()) + std::abs(a.green() - b.green()) + std::abs(a.blue() - b.blue());
-}
 
 // Records the areas the view repaints.
 class PaintRecorder : public QObject {
@@ -46,45 +34,19 @@ public:
     }
 };
 
-class TerminalViewTest : public ::testing::Test {
+class TerminalViewTest : public ::testing::Test, protected TerminalPane {
 protected:
+    TerminalViewTest() : TerminalPane(24, 6, QSize(40, 40)) {}
     void SetUp() override {
-        window.setCentralWidget(view);
+        ASSERT_TRUE(exposed());
         view->onInput = [this](std::vector<uint8_t> bytes) { sent.append(bytes.begin(), bytes.end()); };
-        view->resizeTerminal(24, 6);
-        window.resize(view->sizeHint() + QSize(40, 40));
-        window.show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
-        window.activateWindow();
-        view->setFocus();
-        eventually([&] { return view->hasFocus(); }, 2000);
         feed("\x1b[2 q"); // a steady cursor, so that blinking does not repaint during a test
         sent.clear();
     }
 
-    void feed(std::string_view bytes) {
-        view->feedFromBackend({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
-        view->renderNow();
-    }
     std::string take() { return std::exchange(sent, {}); }
-    QImage shot() {
-        view->renderNow();
-        return view->grab().toImage();
-    }
-    QSize cell() const { return view->cellSize(); }
     QPoint center(int col, int row) const {
         return {col * cell().width() + cell().width() / 2, row * cell().height() + cell().height() / 2};
-    }
-    QRect cellRect(int col, int row, int width = 1) const {
-        return {col * cell().width(), row * cell().height(), width * cell().width(), cell().height()};
-    }
-    QColor background() const { return rgb(view->colors().background); }
-    int inkIn(const QImage& image, QRect area) const {
-        int ink = 0;
-        for (int y = area.top(); y <= area.bottom(); ++y)
-            for (int x = area.left(); x <= area.right(); ++x)
-                if (distance(image.pixelColor(x, y), background()) > 90) ++ink;
-        return ink;
     }
     void key(Qt::Key which, Qt::KeyboardModifiers modifiers = Qt::NoModifier) { QTest::keyClick(view, which, modifiers); }
     void mouse(QEvent::Type type, QPoint at, Qt::MouseButton button, Qt::KeyboardModifiers modifiers = Qt::NoModifier) {
@@ -104,8 +66,6 @@ protected:
         QApplication::sendEvent(view, &event);
     }
 
-    QMainWindow window;
-    TerminalView* view = new TerminalView;
     std::string sent;
 };
 
@@ -205,6 +165,48 @@ TEST_F(TerminalViewTest, OnlyChangedRowsAreRepainted) {
     view->removeEventFilter(&recorder);
 }
 
+// Output only marks the view dirty; the frame clock makes one frame of any burst and stops
+// once the view has been quiet for eight ticks.
+TEST_F(TerminalViewTest, ABurstOfOutputIsOneFrameAndAQuietViewStopsItsClock) {
+    ASSERT_TRUE(eventually([&] { return !view->isFrameClockRunning(); }));
+    uint64_t framesBefore = view->frameCounters().frames;
+    for (int i = 0; i < 200; ++i) {
+        std::string line = "line " + std::to_string(i) + "\r\n";
+        view->feedFromBackend({reinterpret_cast<const uint8_t*>(line.data()), line.size()});
+    }
+    EXPECT_EQ(view->frameCounters().frames, framesBefore) << "no frame is drawn inside a burst";
+    ASSERT_TRUE(eventually([&] { return view->frameCounters().frames > framesBefore; }));
+    EXPECT_TRUE(view->isFrameClockRunning());
+    ASSERT_TRUE(eventually([&] { return !view->isFrameClockRunning(); }));
+    EXPECT_EQ(view->frameCounters().frames, framesBefore + 1);
+    EXPECT_GE(view->frameCounters().idleTicks, uint64_t(vellum::FrameDriver::idleTicksBeforePause));
+    EXPECT_GT(inkIn(view->grab().toImage(), cellRect(0, 4, 8)), 0) << "the frame showed the burst's end";
+}
+
+// A view in a hidden or minimised window keeps collecting output and draws it in one frame
+// when it is shown again.
+TEST_F(TerminalViewTest, AHiddenOrMinimisedViewDrawsOnceWhenShown) {
+    for (auto hide : {std::function<void()>([&] { window.hide(); }),
+                      std::function<void()>([&] { window.setWindowState(Qt::WindowMinimized); })}) {
+        ASSERT_TRUE(eventually([&] { return !view->isFrameClockRunning(); }));
+        hide();
+        ASSERT_TRUE(eventually([&] { return view->isFrameSuspended(); }));
+        uint64_t framesBefore = view->frameCounters().frames;
+        for (int i = 0; i < 3; ++i) {
+            view->feedFromBackend({reinterpret_cast<const uint8_t*>("more\r\n"), 6});
+            QTest::qWait(30);
+        }
+        EXPECT_EQ(view->frameCounters().frames, framesBefore);
+        EXPECT_FALSE(view->isFrameClockRunning());
+        window.setWindowState(Qt::WindowNoState);
+        window.show();
+        ASSERT_TRUE(eventually([&] { return !view->isFrameSuspended(); }));
+        ASSERT_TRUE(eventually([&] { return view->frameCounters().frames == framesBefore + 1; }));
+        ASSERT_TRUE(eventually([&] { return !view->isFrameClockRunning(); }));
+        EXPECT_EQ(view->frameCounters().frames, framesBefore + 1);
+    }
+}
+
 TEST_F(TerminalViewTest, CursorIsABlockWithFocusAndHollowWithout) {
     if (!view->hasFocus()) GTEST_SKIP() << "the window did not get the keyboard";
     feed("\r\n");
@@ -256,7 +258,7 @@ TEST_F(TerminalViewTest, SynchronizedOutputIsDrawnWhenComplete) {
     // A batch that never ends is drawn after the timeout.
     feed("\r\n\x1b[?2026hstuck");
     EXPECT_EQ(inkIn(shot(), cellRect(1, 1, 3)), 0);
-    EXPECT_TRUE(eventually([&] { return inkIn(shot(), cellRect(1, 1, 3)) > 10; }, 4000));
+    EXPECT_TRUE(eventually([&] { return inkIn(shot(), cellRect(1, 1, 3)) > 10; }, 4000ms));
 }
 
 TEST_F(TerminalViewTest, ReverseVideoAndHiddenCursor) {

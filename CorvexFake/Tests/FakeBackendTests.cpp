@@ -115,19 +115,17 @@ TEST_F(FakeBackendTest, ResizeReachesTheTerminalAndUnknownPanesAreRefused) {
     backend->stop();
 }
 
-TEST_F(FakeBackendTest, AMissingProgramStillMakesAPaneThatEndsWith127) {
+TEST_F(FakeBackendTest, AMissingProgramIsRefusedAndLeavesNoWorkspace) {
     auto backend = FakeBackend::create();
-    auto events = backend->events();
     backend->start();
-    auto created = backend->createWorkspace(
-        std::nullopt, SpawnOptions{.command = std::vector<std::string>{"/no/such/program"}});
-    auto seen = readUntil(*events, [&](const SessionEvent& event) {
-        auto changed = event.as<SessionEvent::PaneChanged>();
-        return changed && changed->pane.id == created.pane && changed->pane.exited;
-    });
-    ASSERT_FALSE(seen.empty());
-    EXPECT_EQ(seen.back().as<SessionEvent::PaneChanged>()->pane.exited->code, 127);
-    EXPECT_TRUE(backend->getState().workspaces[0].tabs.empty());
+    try {
+        backend->createWorkspace(std::nullopt, SpawnOptions{.command = std::vector<std::string>{"/no/such/program"}});
+        ADD_FAILURE() << "a program that isn't there must be refused";
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), "not_found");
+        EXPECT_EQ(error.message(), "/no/such/program: no such program");
+    }
+    EXPECT_TRUE(backend->getState().workspaces.empty());
     backend->stop();
 }
 

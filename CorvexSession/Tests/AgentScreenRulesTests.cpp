@@ -1,24 +1,11 @@
 #include <gtest/gtest.h>
 
-#include "CorvexSession/AgentDetector.h"
+#include <sys/wait.h>
+
 #include "CorvexSession/AgentScreenRules.h"
 
 using namespace corvex;
 using State = AgentInfo::State;
-
-TEST(AgentKindOfCommandLine, FindsClaudeAndCodexHoweverTheyAreStarted) {
-    using Words = std::vector<std::string>;
-    EXPECT_EQ(agentKindOfCommandLine(Words{"claude"}), "claude");
-    EXPECT_EQ(agentKindOfCommandLine(Words{"/home/u/.local/bin/claude", "--resume"}), "claude");
-    EXPECT_EQ(agentKindOfCommandLine(Words{"node", "/usr/lib/node_modules/@anthropic-ai/claude-code/cli.js"}), "claude");
-    EXPECT_EQ(agentKindOfCommandLine(Words{"npx", "-y", "@anthropic-ai/claude-code"}), "claude");
-    EXPECT_EQ(agentKindOfCommandLine(Words{"node", "--no-warnings", "/usr/local/bin/codex"}), "codex");
-    EXPECT_EQ(agentKindOfCommandLine(Words{"node", "/usr/lib/node_modules/@openai/codex/bin/codex.js"}), "codex");
-    EXPECT_EQ(agentKindOfCommandLine(Words{"/bin/sh", "/tmp/bin/codex"}), "codex");
-    EXPECT_FALSE(agentKindOfCommandLine(Words{"vim", "claude.md"}));
-    EXPECT_FALSE(agentKindOfCommandLine(Words{"node", "server.js", "claude"}));
-    EXPECT_FALSE(agentKindOfCommandLine(Words{}));
-}
 
 // Screens as the agents leave them, bottom rows blank as a real terminal's are.
 TEST(ReadAgentScreen, TellsWorkingFromAskingFromIdle) {
@@ -65,4 +52,32 @@ TEST(GuessedAgent, KeepsAResolvedQuestionResolvedUntilTheScreenChanges) {
     auto working = guessedAgent(acked, "claude", {State::running, false, std::nullopt}, 12);
     EXPECT_EQ(working.since, 12);
     EXPECT_EQ(guessedAgent(working, "claude", question, 13).attention, true) << "a new question asks again";
+}
+
+TEST(ReadAgentExit, TheExitStatusSaysDoneOrErrorAndTheScreenStandsInForIt) {
+    std::vector<std::string> quiet{"● All 42 tests pass.", "", "$ ", ""};
+    struct Case {
+        std::optional<int> status;
+        std::vector<std::string> lines;
+        State state;
+        std::optional<std::string> message;
+    } cases[] = {
+        {0, quiet, State::done, std::nullopt},
+        {3 << 8, quiet, State::error, "exited with status 3"},
+        {SIGKILL, quiet, State::error, "killed by signal 9 (Killed)"},
+        {std::nullopt, quiet, State::done, std::nullopt},
+        {std::nullopt, {"Error: Invalid API key · Please run /login", "$ "}, State::error,
+         "Error: Invalid API key · Please run /login"},
+        {std::nullopt, {"  fatal: not a git repository", "", "$ "}, State::error, "fatal: not a git repository"},
+        // Only the last words count, and the prompt itself is the shell's, not the agent's.
+        {std::nullopt, {"Error: retrying", "ok", "ok", "ok", "ok", "bye", "$ "}, State::done, std::nullopt},
+        {std::nullopt, {"bye", "error: $ "}, State::done, std::nullopt},
+        {std::nullopt, {}, State::done, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        auto reading = readAgentExit(c.status, c.lines);
+        EXPECT_EQ(reading.state, c.state) << (c.lines.empty() ? "" : c.lines.front());
+        EXPECT_EQ(reading.message, c.message);
+        EXPECT_TRUE(reading.attention) << "an ended agent needs a look either way";
+    }
 }

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include <algorithm>
 #include <thread>
 
@@ -25,6 +27,9 @@ struct CoreFixture : ::testing::Test {
         environment.home = "/home/u";
         environment.defaultShell = "/bin/zsh";
         environment.isDirectory = [](const std::string& path) { return path == "/home/u" || path == "/tmp"; };
+        environment.isExecutable = [](const std::string& path) {
+            return path == "/bin/zsh" || path == "/bin/sleep" || path == "/x";
+        };
         core = SessionCore::create(host, environment);
         core->setListener([this](const SessionEvent& event) {
             std::lock_guard guard(mutex);
@@ -75,6 +80,17 @@ TEST(LaunchCommand, LoginShellGetsDashedArgv0AndOtherCommandsKeepTheirWords) {
     EXPECT_FALSE(launchCommand({}));
 }
 
+TEST(FindProgram, NamesAreLookedUpOnThePathInOrderAndPathsAreTakenAsTheyAre) {
+    std::set<std::string> executables{"/usr/bin/sleep", "/bin/sleep", "./tool", "/opt/x/run"};
+    auto isExecutable = [&](const std::string& path) { return executables.count(path) > 0; };
+    EXPECT_EQ(findProgram("sleep", "/usr/local/bin:/usr/bin:/bin", isExecutable), "/usr/bin/sleep");
+    EXPECT_EQ(findProgram("tool", "/usr/bin::/bin", isExecutable), "./tool") << "an empty entry is the current folder";
+    EXPECT_EQ(findProgram("sleeep", "/usr/bin:/bin", isExecutable), std::nullopt);
+    EXPECT_EQ(findProgram("run", "", isExecutable), std::nullopt);
+    EXPECT_EQ(findProgram("x/run", "/opt", isExecutable), "x/run") << "a name with a slash isn't searched for";
+    EXPECT_EQ(findProgram("", "/bin", isExecutable), std::nullopt);
+}
+
 TEST(OutputRetention, FiveMebibytesAreRetainedAsAtMostFour) {
     OutputRetention retention;
     Bytes chunk(64 * 1024);
@@ -111,13 +127,13 @@ TEST_F(CoreFixture, IdentifiersFollowCreationOrderAndSpawnGetsTheSplitPanesDirec
     EXPECT_EQ(tab, (CreatedTab{4, 5}));
     auto split = core->split(3, Direction::right, std::nullopt, {});
     EXPECT_EQ(split, (CreatedSplit{6, 7}));
-    auto second = core->createWorkspace(std::nullopt, SpawnOptions{.cwd = "/no/such/place"});
+    auto second = core->createWorkspace(std::nullopt, SpawnOptions{.cwd = "/tmp"});
 
     auto state = core->state();
     EXPECT_EQ(state.workspaces[0].name, "Session 1");
     EXPECT_EQ(state.workspaces[1].name, "Session 2");
     EXPECT_EQ(state.pane(6)->cwd, "/tmp");          // inherited from the split pane
-    EXPECT_EQ(state.pane(second.pane)->cwd, "/home/u"); // a missing folder falls back home
+    EXPECT_EQ(state.pane(second.pane)->cwd, "/tmp");
     auto launch = host->process(3)->launch;
     EXPECT_EQ(launch.command, (std::vector<std::string>{"/bin/zsh", "-l"}));
     EXPECT_EQ(launch.launch.argv0, "-zsh");
@@ -128,6 +144,17 @@ TEST_F(CoreFixture, IdentifiersFollowCreationOrderAndSpawnGetsTheSplitPanesDirec
     expectError([&] { core->createTab(1, SpawnOptions{.command = std::vector<std::string>{"/x", "a b"}}); },
                 "failed", "couldn't start /x a b");
     EXPECT_EQ(core->state().workspaces, state.workspaces);
+    // What can't start is refused before anything is made, so no empty workspace is left.
+    expectError([&] { core->createWorkspace(std::nullopt, SpawnOptions{.cwd = "/no/such/place"}); }, "not_found",
+                "no folder /no/such/place");
+    expectError([&] { core->createWorkspace(std::nullopt, SpawnOptions{.command = std::vector<std::string>{"sleeep"}}); },
+                "not_found", "sleeep: no such program");
+    expectError([&] { core->split(3, Direction::right, std::nullopt, SpawnOptions{.command = std::vector<std::string>{"/no/x"}}); },
+                "not_found", "/no/x: no such program");
+    EXPECT_EQ(core->state().workspaces, state.workspaces);
+    auto sleeper = core->createTab(1, SpawnOptions{.command = std::vector<std::string>{"sleep", "100"}});
+    EXPECT_EQ(host->process(sleeper.pane)->launch.launch.executable, "/bin/sleep");
+    EXPECT_EQ(host->process(sleeper.pane)->launch.launch.argv0, "sleep");
     expectError([&] { core->createTab(99, {}); }, "not_found", "no workspace 99");
     expectError([&] { core->renameTab(99, "t"); }, "not_found", "no tab 99");
     expectError([&] { core->closePane(99); }, "not_found", "no pane 99");
@@ -243,9 +270,9 @@ TEST_F(CoreFixture, MovesAndJoinsGraftSubtreesBesideAPane) {
     EXPECT_EQ(state.focus.tab, created.tab);
 
     expectError([&] { core->move(MoveRequest::movePane(created.pane, created.pane, Direction::left)); },
-                "bad_request", "pane is to_pane");
+                "bad_request", "pane " + std::to_string(created.pane) + " can't be moved beside itself");
     expectError([&] { core->move(MoveRequest::joinTab(created.tab, created.pane, Direction::left)); },
-                "bad_request", "to_pane is in the tab");
+                "bad_request", "tab " + std::to_string(created.tab) + " can't be joined beside its own pane " + std::to_string(created.pane));
     expectError([&] { core->move(MoveRequest::movePane(created.pane, 99, Direction::left)); }, "not_found",
                 "no pane 99");
     EXPECT_EQ(core->state().workspaces, state.workspaces);
@@ -349,7 +376,7 @@ TEST_F(CoreFixture, ReportsLeaveAgentAttentionAloneAndKeystrokesClearIt) {
     expectError([&] { core->sendKeys(pane, std::string("no"), {"enter", "f13"}); }, "bad_request", "unknown key f13");
     auto written = host->process(pane)->written;
     EXPECT_EQ(std::string(written.begin(), written.end()),
-              "\x1b[<0;3;4M\x1b[I\x1b[M !!\x1b[Als\r\t\x1b\x7fno"); // the text goes, no key does
+              "\x1b[<0;3;4M\x1b[I\x1b[M !!\x1b[Als\r\t\x1b\x7f"); // a bad key sends nothing at all
     core->sendInput(99, asBytes("dropped")); // a pane that has gone takes writes silently
 }
 

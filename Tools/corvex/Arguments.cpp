@@ -23,7 +23,7 @@ T parseValue(const std::string& text, std::string_view what) {
 
 } // namespace
 
-Arguments::Arguments(std::vector<std::string> args) {
+Arguments::Arguments(std::vector<std::string> args, bool daemonIsLocal) : daemonIsLocal_(daemonIsLocal) {
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--") {
             trailing_.emplace(args.begin() + static_cast<long>(i) + 1, args.end());

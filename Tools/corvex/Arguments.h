@@ -13,7 +13,9 @@ namespace corvex::cli {
 // reads, and finish() rejects whatever is left.
 class Arguments {
 public:
-    explicit Arguments(std::vector<std::string> args);
+    explicit Arguments(std::vector<std::string> args, bool daemonIsLocal = true);
+    // The daemon runs on this machine, so this process's folder means something there.
+    bool daemonIsLocal() const { return daemonIsLocal_; }
 
     bool flag(std::string_view name);
     std::optional<std::string> option(std::string_view name);
@@ -28,6 +30,7 @@ public:
 private:
     std::vector<std::string> items_;
     std::optional<std::vector<std::string>> trailing_;
+    bool daemonIsLocal_ = true;
 };
 
 uint64_t parseID(const std::string& text, std::string_view what);

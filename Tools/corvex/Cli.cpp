@@ -14,6 +14,7 @@
 #include "CorvexKit/SessionCodec.h"
 #include "CorvexKit/UnixSocketTransport.h"
 #include "Platform/ProcessInfo.h"
+#include "Tools/corvex/AttachKeys.h"
 #include "Tools/corvex/Commands.h"
 #include "Tools/corvex/RemotePrepare.h"
 #include "Tools/corvex/Terminal.h"
@@ -26,6 +27,7 @@ const char* const usageText =
     "usage: corvex [--socket PATH | --ssh TARGET [--remote-command CMD]] [--client NAME] COMMAND [ARGS]\n"
     "\n"
     "commands:\n"
+    "  ls                                     workspaces, tabs and panes, as a tree to read\n"
     "  hello                                  the daemon's greeting, as JSON\n"
     "  state                                  every workspace, tab and pane, as JSON\n"
     "  new-workspace [--name N] [SPAWN]       a workspace with one pane\n"
@@ -42,17 +44,26 @@ const char* const usageText =
     "  text PANE [--json]                     the visible text\n"
     "  search PANE QUERY [--regex] [--case-sensitive] [--limit N] [--before LINE:COL]\n"
     "  cat PANE [--no-snapshot]               the pane's output as it comes\n"
-    "  attach PANE                            the pane in this terminal; Ctrl-\\ detaches\n"
+    "  attach PANE [--prefix KEY]             the pane in this terminal; Ctrl-\\ d detaches\n"
+    "                                         (corvex attach --help lists the keys)\n"
     "  agents                                 the agents, those that need you first\n"
     "  decide PANE allow|deny [--message T]   answer the permission request of the pane's agent\n"
-    "  run                                    attach to the focused pane, making one if none\n"
+    "  run [--prefix KEY]                     attach to the focused pane, making one if none\n"
     "  watch [--count N]                      events as JSON lines\n"
     "  ls [-a] [-l] PATH                      a folder's entries (:PATH on the daemon's machine)\n"
     "  stat PATH                              one entry, as JSON\n"
     "  cp [--skip | --overwrite] [--streams N] SOURCE... DEST\n"
     "                                         copies files and folders; a rerun resumes\n"
     "\n"
-    "SPAWN: [--cwd DIR] [--env NAME=VALUE]... [--size COLSxROWS] [-- PROGRAM ARGS...]\n";
+    "SPAWN: [--cwd DIR] [--env NAME=VALUE]... [--size COLSxROWS] [-- PROGRAM ARGS...]\n"
+    "       new shells start in this folder unless --cwd says otherwise\n"
+    "\n"
+    "Commands that only look (ls, hello, state, text, search, cat, watch, agents) never start\n"
+    "a daemon; the others start one when none runs.\n";
+
+const char* const shortUsage =
+    "usage: corvex [--socket PATH | --ssh TARGET [--remote-command CMD]] [--client NAME] COMMAND [ARGS]\n"
+    "       (corvex --help lists the commands)\n";
 
 namespace {
 
@@ -101,12 +112,25 @@ std::shared_ptr<CorvexdBackend> makeBackend(const Invocation& invocation, std::s
         configuration.retry = RetryPolicy::remote();
     } else if (invocation.socketPath) {
         configuration.transport = std::make_shared<UnixSocketTransport>(*invocation.socketPath);
+    } else if (invocation.readOnly) {
+        configuration.transport = std::make_shared<UnixSocketTransport>(CorvexdBackend::defaultSocketPath());
     } else {
         // The default daemon is started when it isn't running, as the app would.
         configuration.transport =
             std::make_shared<UnixSocketTransport>(CorvexdBackend::defaultSocketPath(), startLocalDaemon);
     }
     return CorvexdBackend::make(std::move(configuration));
+}
+
+// A command that only looks finds no daemon as `tmux ls` finds no server: said plainly.
+void startBackend(CorvexdBackend& backend, const Invocation& invocation) {
+    try {
+        backend.start();
+    } catch (const BackendError& error) {
+        if (!invocation.readOnly || invocation.sshTarget || error.code() != "disconnected") throw;
+        std::string path = invocation.socketPath.value_or(CorvexdBackend::defaultSocketPath());
+        throw BackendError("disconnected", "no corvexd is running on " + path);
+    }
 }
 
 } // namespace
@@ -133,9 +157,16 @@ Invocation parse(const std::vector<std::string>& args) {
     invocation.name = args[at];
     auto spec = commands().find(invocation.name);
     if (spec == commands().end()) throw UsageError("unknown command: " + invocation.name);
-    Arguments rest(std::vector<std::string>(args.begin() + static_cast<long>(at) + 1, args.end()));
-    invocation.run = spec->second.parse(rest);
+    Arguments rest(std::vector<std::string>(args.begin() + static_cast<long>(at) + 1, args.end()), !invocation.sshTarget);
+    try {
+        invocation.run = spec->second.parse(rest);
+    } catch (const UsageError& error) {
+        std::string usage = "usage: corvex " + invocation.name;
+        if (*spec->second.usage) usage += std::string(" ") + spec->second.usage;
+        throw UsageError(error.what(), usage + "\n");
+    }
     invocation.interactive = spec->second.interactive;
+    invocation.readOnly = spec->second.readOnly;
     return invocation;
 }
 
@@ -144,11 +175,21 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
         out << usageText;
         return 0;
     }
+    if (!args.empty() && args[0] == "--version") {
+        out << "corvex " << CORVEX_VERSION << "\n";
+        return 0;
+    }
+    if (args.size() == 2 && args[1] == "--help") {
+        if (auto help = commandHelp(args[0])) {
+            out << *help;
+            return 0;
+        }
+    }
     Invocation invocation;
     try {
         invocation = parse(args);
     } catch (const UsageError& error) {
-        err << "corvex: " << error.what() << "\n" << usageText;
+        err << "corvex: " << error.what() << "\n" << (error.usage().empty() ? shortUsage : error.usage());
         return 2;
     }
     if (invocation.interactive) {
@@ -167,10 +208,11 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     auto backend = makeBackend(invocation, std::move(remote));
     int status = 1;
     try {
-        backend->start();
+        startBackend(*backend, invocation);
         status = invocation.run(*backend, io);
     } catch (const BackendError& error) {
-        err << "corvex: " << error.code() << ": " << error.message() << "\n";
+        if (backend->daemonWasShutDown()) err << shutDownNote << "\n";
+        else err << "corvex: " << error.code() << ": " << error.message() << "\n";
     } catch (const DecodingError& error) {
         err << "corvex: internal: " << error.what() << "\n";
     } catch (const std::exception& error) {

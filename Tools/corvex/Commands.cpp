@@ -1,9 +1,13 @@
 #include "Tools/corvex/Commands.h"
 
+#include <climits>
 #include <iostream>
 #include <iterator>
+#include <unistd.h>
 
 #include "CorvexKit/CorvexdBackend.h"
+#include "CorvexKit/KeyNames.h"
+#include "Tools/corvex/SessionTree.h"
 #include "CorvexKit/SessionCodecJSON.h"
 
 namespace corvex::cli {
@@ -14,28 +18,71 @@ namespace {
 
 void printJSON(Streams& io, const json& value) { io.out << value.dump(-1, ' ', false, json::error_handler_t::replace) << "\n"; }
 
+std::string currentFolder() {
+    char buffer[PATH_MAX];
+    return ::getcwd(buffer, sizeof buffer) ? std::string(buffer) : std::string();
+}
+
+// COLSxROWS, each a whole number of cells that a terminal can have.
+Size parseSize(const std::string& text) {
+    auto x = text.find('x');
+    auto bad = [&] { return UsageError("bad --size: " + text + " (COLSxROWS, such as 120x40)"); };
+    if (x == std::string::npos) throw bad();
+    int cols = 0, rows = 0;
+    try {
+        cols = parseInt(text.substr(0, x), "--size");
+        rows = parseInt(text.substr(x + 1), "--size");
+    } catch (const UsageError&) {
+        throw bad();
+    }
+    if (cols < 1 || rows < 1 || cols > 9999 || rows > 9999) {
+        throw UsageError("bad --size: " + text + " (columns and rows from 1 to 9999)");
+    }
+    return {cols, rows};
+}
+
+// A split's share of the first pane: strictly between nothing and everything.
+double parseRatio(const std::string& text) {
+    double ratio = parseNumber(text, "ratio");
+    if (ratio <= 0 || ratio >= 1) throw UsageError("bad ratio: " + text + " (a number between 0 and 1, such as 0.3)");
+    return ratio;
+}
+
+std::string parseName(const std::string& text, const std::string& what) {
+    if (text.find_first_not_of(" \t") == std::string::npos) throw UsageError("a " + what + " name can't be empty");
+    return text;
+}
+
+} // namespace
+
 // --cwd, --env NAME=VALUE (repeatable), --size COLSxROWS, and the program after "--".
-SpawnOptions parseSpawn(Arguments& args) {
+SpawnOptions parseSpawn(Arguments& args, bool startHere) {
     SpawnOptions spawn;
     spawn.cwd = args.option("--cwd");
+    if (spawn.cwd && spawn.cwd->empty()) throw UsageError("bad --cwd: an empty folder name");
+    // New shells start where the user is, as a new tmux window does.
+    if (!spawn.cwd && startHere && args.daemonIsLocal()) {
+        if (auto here = currentFolder(); !here.empty()) spawn.cwd = here;
+    }
     auto env = args.options("--env");
     if (!env.empty()) {
         spawn.env.emplace();
         for (const auto& item : env) {
             auto equals = item.find('=');
-            if (equals == std::string::npos || equals == 0) throw UsageError("bad --env: " + item);
+            if (equals == std::string::npos || equals == 0) throw UsageError("bad --env: " + item + " (NAME=VALUE)");
             (*spawn.env)[item.substr(0, equals)] = item.substr(equals + 1);
         }
     }
     if (auto size = args.option("--size")) {
-        auto x = size->find('x');
-        if (x == std::string::npos) throw UsageError("bad --size: " + *size);
-        spawn.cols = parseInt(size->substr(0, x), "--size");
-        spawn.rows = parseInt(size->substr(x + 1), "--size");
+        Size parsed = parseSize(*size);
+        spawn.cols = parsed.cols;
+        spawn.rows = parsed.rows;
     }
     if (auto program = args.trailing(); program && !program->empty()) spawn.command = *program;
     return spawn;
 }
+
+namespace {
 
 Direction parseDirectionArgument(const std::string& text) {
     if (auto direction = parseDirection(text)) return *direction;
@@ -115,7 +162,8 @@ CommandRun parseState(Arguments& args) {
 
 CommandRun parseNewWorkspace(Arguments& args) {
     auto name = args.option("--name");
-    SpawnOptions spawn = parseSpawn(args);
+    if (name) parseName(*name, "workspace");
+    SpawnOptions spawn = parseSpawn(args, true);
     args.finish();
     return [=](CorvexdBackend& backend, Streams& io) {
         printJSON(io, toJSON(backend.createWorkspace(name, spawn)));
@@ -124,7 +172,7 @@ CommandRun parseNewWorkspace(Arguments& args) {
 }
 
 CommandRun parseNewTab(Arguments& args) {
-    SpawnOptions spawn = parseSpawn(args);
+    SpawnOptions spawn = parseSpawn(args, true);
     uint64_t workspace = parseID(args.positional("workspace"), "workspace");
     args.finish();
     return [=](CorvexdBackend& backend, Streams& io) {
@@ -136,8 +184,8 @@ CommandRun parseNewTab(Arguments& args) {
 CommandRun parseSplit(Arguments& args) {
     Direction direction = parseDirectionArgument(args.option("--direction").value_or("right"));
     std::optional<double> ratio;
-    if (auto text = args.option("--ratio")) ratio = parseNumber(*text, "ratio");
-    SpawnOptions spawn = parseSpawn(args);
+    if (auto text = args.option("--ratio")) ratio = parseRatio(*text);
+    SpawnOptions spawn = parseSpawn(args, false);
     uint64_t pane = parseID(args.positional("pane"), "pane");
     args.finish();
     return [=](CorvexdBackend& backend, Streams& io) {
@@ -165,6 +213,7 @@ CommandRun parseRename(Arguments& args) {
     if (kind == Kind::pane) throw UsageError("panes take their title from their program; rename a tab or workspace");
     uint64_t id = parseID(args.positional("identifier"), "identifier");
     std::optional<std::string> name = kind == Kind::workspace ? args.positional("name") : args.optionalPositional();
+    if (name) parseName(*name, kind == Kind::workspace ? "workspace" : "tab");
     args.finish();
     return [=](CorvexdBackend& backend, Streams&) {
         if (kind == Kind::workspace) backend.renameWorkspace(id, *name);
@@ -186,6 +235,30 @@ CommandRun parseFocus(Arguments& args) {
     };
 }
 
+// An index past the last place is refused rather than quietly taken as the end.
+void requireIndex(const ModelState& state, const MoveRequest& request) {
+    size_t places = 0;
+    std::string what;
+    if (request.kind == MoveRequest::Kind::workspace) {
+        places = state.workspaces.size();
+        what = "workspaces";
+    } else {
+        const Workspace* target = nullptr;
+        if (request.workspace) target = state.workspace(*request.workspace);
+        else target = state.workspaceContaining(request.id);
+        if (!target) return; // the daemon names what is missing
+        bool within = false;
+        for (const auto& tab : target->tabs) within = within || tab.id == request.id;
+        places = target->tabs.size() + (within ? 0 : 1);
+        what = "tabs in workspace " + std::to_string(target->id);
+    }
+    if (places > 0 && static_cast<size_t>(request.index) >= places) {
+        throw BackendError("bad_request", "index " + std::to_string(request.index) + " is past the end: there are " +
+                                              std::to_string(places) + " places for " + what + " (0 to " +
+                                              std::to_string(places - 1) + ")");
+    }
+}
+
 // move workspace ID INDEX | move tab ID INDEX [--workspace W] [--focus]
 // move pane ID --beside PANE [--direction D] [--ratio R] [--focus] | move tab-join ID --beside PANE ...
 CommandRun parseMove(Arguments& args) {
@@ -198,7 +271,9 @@ CommandRun parseMove(Arguments& args) {
     uint64_t id = parseID(args.positional("identifier"), "identifier");
     MoveRequest request;
     if (kind == "workspace" || kind == "tab") {
-        int index = parseInt(args.positional("index"), "index");
+        std::string indexText = args.positional("index");
+        int index = parseInt(indexText, "index");
+        if (index < 0) throw UsageError("bad index: " + indexText + " (0 is the first place)");
         if (beside || direction || ratioText) throw UsageError("--beside, --direction and --ratio move panes");
         if (kind == "workspace") {
             if (workspace || focus) throw UsageError("a workspace moves by index alone");
@@ -214,7 +289,8 @@ CommandRun parseMove(Arguments& args) {
         uint64_t to = parseID(*beside, "pane");
         Direction side = parseDirectionArgument(direction.value_or("right"));
         std::optional<double> ratio;
-        if (ratioText) ratio = parseNumber(*ratioText, "ratio");
+        if (ratioText) ratio = parseRatio(*ratioText);
+        if (kind == "pane" && to == id) throw UsageError("pane " + std::to_string(id) + " can't be moved beside itself");
         request = kind == "pane" ? MoveRequest::movePane(id, to, side, ratio, focus)
                                  : MoveRequest::joinTab(id, to, side, ratio, focus);
     } else {
@@ -222,6 +298,9 @@ CommandRun parseMove(Arguments& args) {
     }
     args.finish();
     return [=](CorvexdBackend& backend, Streams&) {
+        if (request.kind == MoveRequest::Kind::workspace || request.kind == MoveRequest::Kind::tab) {
+            requireIndex(backend.getState(), request);
+        }
         backend.move(request);
         return 0;
     };
@@ -243,6 +322,8 @@ CommandRun parseSend(Arguments& args) {
         if (newline) *text += '\r';
     }
     return [=](CorvexdBackend& backend, Streams& io) {
+        // Input to a pane that isn't there would vanish without a word.
+        if (!backend.getState().pane(pane)) throw BackendError("not_found", "no pane " + std::to_string(pane));
         std::string bytes = text ? *text : std::string(std::istreambuf_iterator<char>(io.in), {});
         backend.sendInput(pane, asBytes(bytes));
         // Input is fire and forget; an answered request behind it on the same stream tells
@@ -259,6 +340,10 @@ CommandRun parseKeys(Arguments& args) {
     if (auto trailing = args.trailing()) keys.insert(keys.end(), trailing->begin(), trailing->end());
     args.finish();
     if (keys.empty() && !text) throw UsageError("missing keys");
+    // All of the request is checked before any of it is typed.
+    for (const auto& key : keys) {
+        if (!keyBytes(key)) throw UsageError("unknown key " + key + " (such as Enter, Up, C-c, F5)");
+    }
     return [=](CorvexdBackend& backend, Streams&) {
         backend.sendKeys(pane, text, keys);
         return 0;
@@ -299,30 +384,48 @@ CommandRun parseSearch(Arguments& args) {
 
 } // namespace
 
+// ls: the tree for people. A path lists files on the daemon's machine instead.
+CommandRun parseTree(Arguments& args) {
+    args.finish();
+    return [](CorvexdBackend& backend, Streams& io) {
+        auto hello = backend.lastHello();
+        std::string machine = hello && hello->machine ? hello->machine->hostname : "corvexd";
+        std::string home = hello && hello->machine ? hello->machine->home.value_or("") : "";
+        io.out << sessionTree(backend.getState(), machine, home);
+        return 0;
+    };
+}
+
 const std::map<std::string, CommandSpec>& commands() {
     static const std::map<std::string, CommandSpec> table{
-        {"hello", {parseHello}},
-        {"state", {parseState}},
-        {"new-workspace", {parseNewWorkspace}},
-        {"new-tab", {parseNewTab}},
-        {"split", {parseSplit}},
-        {"close", {parseClose}},
-        {"rename", {parseRename}},
-        {"focus", {parseFocus}},
-        {"move", {parseMove}},
-        {"send", {parseSend}},
-        {"keys", {parseKeys}},
-        {"text", {parseText}},
-        {"search", {parseSearch}},
-        {"cat", {parseCat}},
-        {"attach", {parseAttach, true}},
-        {"run", {parseRun, true}},
-        {"watch", {parseWatch}},
-        {"agents", {parseAgents}},
-        {"decide", {parseDecide}},
-        {"ls", {parseLs}},
-        {"stat", {parseStat}},
-        {"cp", {parseCp}},
+        {"hello", {.parse = parseHello, .usage = "", .readOnly = true}},
+        {"state", {.parse = parseState, .usage = "", .readOnly = true}},
+        {"ls", {.parse = parseLs, .usage = "[[-a] [-l] PATH]", .readOnly = true}},
+        {"new-workspace", {.parse = parseNewWorkspace, .usage = "[--name NAME] [SPAWN]"}},
+        {"new-tab", {.parse = parseNewTab, .usage = "WORKSPACE [SPAWN]"}},
+        {"split", {.parse = parseSplit, .usage = "PANE [--direction right|down|left|up] [--ratio R] [SPAWN]"}},
+        {"close", {.parse = parseClose, .usage = "pane|tab|workspace ID"}},
+        {"rename", {.parse = parseRename, .usage = "workspace ID NAME | rename tab ID [TITLE]"}},
+        {"focus", {.parse = parseFocus, .usage = "pane|tab|workspace ID"}},
+        {"move",
+         {.parse = parseMove,
+          .usage = "workspace ID INDEX | tab ID INDEX [--workspace W] [--focus] | pane|tab-join ID --beside PANE "
+                   "[--direction D] [--ratio R] [--focus]"}},
+        {"send", {.parse = parseSend, .usage = "PANE [-e] [-n] [TEXT...]"}},
+        {"keys", {.parse = parseKeys, .usage = "PANE KEY... [--text TEXT]"}},
+        {"text", {.parse = parseText, .usage = "PANE [--json]", .readOnly = true}},
+        {"search",
+         {.parse = parseSearch,
+          .usage = "PANE QUERY [--regex] [--case-sensitive] [--limit N] [--before LINE:COL]",
+          .readOnly = true}},
+        {"cat", {.parse = parseCat, .usage = "PANE [--no-snapshot]", .readOnly = true}},
+        {"attach", {.parse = parseAttach, .interactive = true, .usage = "PANE [--prefix KEY]"}},
+        {"run", {.parse = parseRun, .interactive = true, .usage = "[--prefix KEY]"}},
+        {"watch", {.parse = parseWatch, .usage = "[--count N]", .readOnly = true}},
+        {"agents", {.parse = parseAgents, .usage = "", .readOnly = true}},
+        {"decide", {.parse = parseDecide, .usage = "PANE allow|deny [--message TEXT]"}},
+        {"stat", {.parse = parseStat, .usage = "PATH"}},
+        {"cp", {.parse = parseCp, .usage = "[--skip | --overwrite] [--streams N] SOURCE... DEST"}},
     };
     return table;
 }

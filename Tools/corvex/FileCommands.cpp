@@ -129,7 +129,12 @@ private:
 CommandRun parseLs(Arguments& args) {
     bool all = args.flag("-a"), longForm = args.flag("-l");
     if (args.flag("-la") || args.flag("-al")) all = longForm = true;
-    Place where = place(args.positional("PATH"));
+    std::optional<std::string> path = args.optionalPositional();
+    if (!path) {
+        if (all || longForm) throw UsageError("-a and -l need a PATH");
+        return parseTree(args);
+    }
+    Place where = place(*path);
     args.finish();
     return [=](CorvexdBackend& daemon, Streams& io) {
         auto files = backendFor(where.remote, daemon);

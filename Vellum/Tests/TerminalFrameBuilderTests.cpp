@@ -182,6 +182,38 @@ TEST(TerminalFrameBuilder, OnlyChangedRowsAreBuiltAgain) {
     EXPECT_EQ(s.builder.counters().rowsBuilt, before + 5);
 }
 
+// Built rows follow their buffer rows: output that scrolls builds the new row only, and the
+// frame is the same, record for record, as one built from nothing.
+TEST(TerminalFrameBuilder, AScrolledRowIsMovedNotBuiltAgain) {
+    Scene s(12, 4);
+    s.frame("\x1b[31mred\x1b[0m\r\n\x1b[4munder\x1b[0m\r\n\x1b[44mblue\x1b[0m\r\nlast");
+    auto built = s.builder.counters().rowsBuilt;
+    const DrawData& scrolled = s.frame("\r\nnew");
+    EXPECT_EQ(s.builder.counters().rowsBuilt, built + 1) << "only the row that came in";
+
+    TerminalFrameBuilder fresh{"DejaVu Sans Mono", 16};
+    const DrawData& expected = fresh.build(s.snapshot, s.overlay);
+    EXPECT_EQ(scrolled.frame.backgroundCells, expected.frame.backgroundCells);
+    EXPECT_EQ(scrolled.frame.decorationCells, expected.frame.decorationCells);
+    ASSERT_EQ(scrolled.frame.glyphCellsGray.size(), expected.frame.glyphCellsGray.size());
+    for (size_t i = 0; i < expected.frame.glyphCellsGray.size(); ++i) {
+        EXPECT_EQ(scrolled.frame.glyphCellsGray[i].position, expected.frame.glyphCellsGray[i].position);
+        EXPECT_EQ(scrolled.frame.glyphCellsGray[i].color, expected.frame.glyphCellsGray[i].color);
+    }
+
+    // A row written after it moved is built again; one that scrolled back into view from the
+    // history is moved again.
+    built = s.builder.counters().rowsBuilt;
+    s.frame("\x1b[1;1HX");
+    EXPECT_EQ(s.builder.counters().rowsBuilt, built + 1);
+    s.h.terminal.scrollDisplay(-1);
+    built = s.builder.counters().rowsBuilt;
+    const DrawData& back = s.frame();
+    EXPECT_EQ(s.builder.counters().rowsBuilt, built + 1) << "the row from the history";
+    ASSERT_FALSE(back.frame.backgroundCells.empty());
+    EXPECT_EQ(back.frame.backgroundCells.front().position.y, 2 * s.ch()) << "blue's row moved down with the view";
+}
+
 TEST(TerminalFrameBuilder, GlyphSetLargerThanTheAtlasFinishesWithGlyphsMissing) {
     CapturedRenderLog log;
     Scene s(40, 6);

@@ -82,3 +82,75 @@ TEST(TerminalRectangles, ColumnsInsertAndDeleteInsideTheRegion) {
     EXPECT_EQ(k.x(), 3);
     EXPECT_EQ(k.screen()[0], " bcdef");
 }
+
+namespace {
+
+// One character per cell of `row`: '.' plain, else 'b' bold, 'u' underlined, 'r' inverse,
+// '*' more than one of these.
+std::string flagsOfRow(TerminalHarness& h, int row) {
+    std::string out;
+    for (int col = 0; col < h.terminal.cols(); ++col) {
+        CharacterStyle s = h.terminal.getCharData(col, row).attribute.style;
+        int count = s.contains(CharacterStyle::bold) + s.contains(CharacterStyle::underline) + s.contains(CharacterStyle::inverse);
+        out += count > 1 ? '*' : s.contains(CharacterStyle::bold) ? 'b' : s.contains(CharacterStyle::underline) ? 'u'
+                       : s.contains(CharacterStyle::inverse) ? 'r' : '.';
+    }
+    return out;
+}
+
+Screen flags(TerminalHarness& h) {
+    Screen rows;
+    for (int r = 0; r < h.terminal.rows(); ++r) rows.push_back(flagsOfRow(h, r));
+    return rows;
+}
+
+} // namespace
+
+TEST(TerminalRectangles, ChangingAttributesFollowsTheExtentThatDecsaceSelects) {
+    Lettered h;
+    // The default extent is the stream of text from one corner to the other.
+    h.terminal.feed("\x1b[2;5;3;2;7$r");
+    EXPECT_EQ(flags(h), (Screen{"......", "....rr", "rr....", "......"}));
+    // DECSACE 2: the rectangle itself. The text stays as it was.
+    h.terminal.feed("\x1b[2*x\x1b[1;1;2;2;1;4$r");
+    EXPECT_EQ(flags(h), (Screen{"**....", "**..rr", "rr....", "......"}));
+    EXPECT_EQ(h.screen(), (Screen{"abcdef", "ghijkl", "mnopqr", "stuvwx"}));
+    // DECSACE 0 goes back to the stream.
+    h.terminal.feed("\x1b[0*x\x1b[3;6;4;1;1$r");
+    EXPECT_EQ(flags(h), (Screen{"**....", "**..rr", "rr...b", "b....."}));
+    EXPECT_EQ(h.x(), 6) << "the cursor never moves";
+}
+
+TEST(TerminalRectangles, ChangingAttributesKeepsColoursUnlessAskedAndZeroClearsOnlyFlags) {
+    TerminalHarness h(6, 2);
+    h.terminal.feed("\x1b[1;32mabc\x1b[44m\x1b[K\x1b[m\x1b[2*x");
+    // Colours change as SGR would; the default parameter, 0, clears the flags and leaves colour.
+    h.terminal.feed("\x1b[1;2;1;5;31;4$r\x1b[1;1;1;1$r");
+    CharData first = h.terminal.getCharData(0, 0), second = h.terminal.getCharData(1, 0);
+    EXPECT_EQ(first.attribute.fg, Attribute::Color::ansi256(2));
+    EXPECT_TRUE(first.attribute.style.isEmpty());
+    EXPECT_EQ(second.attribute.fg, Attribute::Color::ansi256(1));
+    EXPECT_TRUE(second.attribute.style.contains(CharacterStyle::bold | CharacterStyle::underline));
+    EXPECT_EQ(second.attribute.underlineStyle, UnderlineStyle::single);
+    // An erased cell that holds only its background takes the change and keeps the background.
+    CharData erased = h.terminal.getCharData(4, 0);
+    EXPECT_EQ(erased.attribute.bg, Attribute::Color::ansi256(4));
+    EXPECT_TRUE(erased.attribute.style.contains(CharacterStyle::underline));
+    EXPECT_EQ(h.terminal.lineText(0), "abc");
+}
+
+TEST(TerminalRectangles, ReversingAttributesTogglesEachCell) {
+    Lettered h;
+    h.terminal.feed("\x1b[2*x\x1b[1;1;1;3;1$r");
+    // Bold cells lose it and plain ones gain it; 32 is no flag and is ignored.
+    h.terminal.feed("\x1b[1;2;2;4;1;32$t");
+    EXPECT_EQ(flags(h), (Screen{"b..b..", ".bbb..", "......", "......"}));
+    EXPECT_EQ(h.terminal.getCharData(1, 0).attribute.fg, Attribute::Color::defaultColor());
+    // 0 reverses bold, underline, blink and inverse together, and twice is no change.
+    h.terminal.feed("\x1b[4;1;4;2;0$t");
+    EXPECT_EQ(flagsOfRow(h, 3), "**....");
+    EXPECT_TRUE(h.terminal.getCharData(0, 3).attribute.style.contains(CharacterStyle::blink));
+    h.terminal.feed("\x1b[4;1;4;2$t");
+    EXPECT_EQ(flagsOfRow(h, 3), "......");
+    EXPECT_FALSE(h.terminal.getCharData(0, 3).attribute.style.contains(CharacterStyle::blink));
+}

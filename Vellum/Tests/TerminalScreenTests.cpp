@@ -36,6 +36,27 @@ TEST(TerminalScreen, ScrollbackFillsAndIsDropped) {
     EXPECT_EQ(h.screen(), (Rows{"5", ""}));
 }
 
+TEST(TerminalScreen, AViewScrolledBackStaysOnItsTextWhileAFullScrollbackRecycles) {
+    TerminalHarness h(5, 2, 4);
+    for (int i = 0; i < 8; ++i) h.terminal.feed(std::to_string(i) + "\r\n");
+    Buffer& b = h.terminal.buffer();
+    ASSERT_EQ(b.scrollbackRows(), 4);
+    h.terminal.scrollDisplay(-2);
+    auto topShown = [&] { return b.lines[b.yDisp].translateToString(true); };
+    ASSERT_EQ(topShown(), "5");
+    h.terminal.feed("8\r\n9\r\n");
+    EXPECT_EQ(topShown(), "5") << "new output must not drag the view";
+    EXPECT_LT(b.yDisp, b.yBase);
+    // Once its text has left the ring the view rests on the oldest row there is.
+    for (int i = 10; i < 20; ++i) h.terminal.feed(std::to_string(i) + "\r\n");
+    EXPECT_EQ(b.yDisp, 0);
+    EXPECT_EQ(topShown(), "15");
+    // A view at the bottom keeps following.
+    h.terminal.scrollDisplay(100);
+    h.terminal.feed("20\r\n");
+    EXPECT_EQ(b.yDisp, b.yBase);
+}
+
 TEST(TerminalScreen, ANewScrollbackSizeKeepsTheNewestRowsAndOutlivesAReset) {
     TerminalHarness h(5, 2, 4);
     for (int i = 0; i < 6; ++i) h.terminal.feed(std::to_string(i) + "\r\n");

@@ -3,10 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 
 #include "CorvexFake/FakeBackend.h"
+#include "CorvexKit/Tests/Support/ScratchDirectory.h"
 #include "CorvexKit/CorvexdBackend.h"
 #include "CorvexKit/Protocol.h"
 #include "CorvexSession/Tests/Support/ExpectError.h"
@@ -166,6 +169,21 @@ TYPED_TEST(BackendContract, UnknownThingsFailAlike) {
     expectError([&] { backend.focus(FocusTarget::pane(99)); }, "not_found", "no pane 99");
     expectError([&] { backend.sendKeys(made.pane, std::nullopt, {"Enter", "Hyper-x"}); }, "bad_request",
                 "unknown key Hyper-x");
+    // A program or folder that isn't there is refused before anything is made.
+    auto before = backend.getState();
+    SpawnOptions missing = plainShell;
+    missing.command = std::vector<std::string>{"no-such-program-here", "100"};
+    expectError([&] { backend.createWorkspace("x", missing); }, "not_found", "no-such-program-here: no such program");
+    SpawnOptions nowhere = plainShell;
+    nowhere.cwd = "/no/such/folder";
+    expectError([&] { backend.createTab(made.workspace, nowhere); }, "not_found", "no folder /no/such/folder");
+    EXPECT_EQ(backend.getState().workspaces, before.workspaces);
+    SpawnOptions named = plainShell;
+    named.command = std::vector<std::string>{"sleep", "100"};
+    auto sleeper = backend.split(made.pane, Direction::right, std::nullopt, named);
+    EXPECT_FALSE(backend.getState().pane(sleeper.pane)->exited) << "sleep is found on PATH";
+    expectError([&] { backend.move(MoveRequest::movePane(made.pane, made.pane, Direction::left)); }, "bad_request",
+                "pane " + std::to_string(made.pane) + " can't be moved beside itself");
     try {
         backend.searchPane(made.pane, "(", PaneSearchOptions{.regex = true});
         ADD_FAILURE() << "a pattern that doesn't compile must fail";
@@ -254,6 +272,38 @@ TYPED_TEST(BackendContract, ASubscribeStartsWithASnapshotAndContinuesLive) {
 
     // Holding what was delivered, a subscriber needs no snapshot again.
     EXPECT_NE(backend.subscribe(made.pane, next).mode, Subscription::Mode::snapshot);
+}
+
+// Both sides read an agent off its terminal and follow the pane's repository, by one engine.
+TYPED_TEST(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
+    auto& backend = *this->backend;
+    auto connected = this->template nextOf<SessionEvent::Connected>();
+    ASSERT_TRUE(connected);
+    EXPECT_TRUE(connected->hello.has(Hello::Feature::agents));
+    EXPECT_TRUE(connected->hello.has(Hello::Feature::git));
+
+    corvex::testing::ScratchDirectory scratch;
+    std::filesystem::create_directories(scratch.file("bin"));
+    scratch.writeExecutable("bin/codex", "#!/bin/sh\nsleep 1\necho 'Run the migration now? (y/n)'\nread answer\n");
+    auto made = backend.createWorkspace("agent", plainShell);
+    auto agent = [&] { return backend.getState().pane(made.pane)->agent; };
+    ASSERT_TRUE(this->screenShows(made.pane, "$ ")) << "typed before its prompt, a line lands after it";
+    backend.sendKeys(made.pane, "PATH=" + scratch.file("bin") + ":$PATH codex", {"Enter"});
+    ASSERT_TRUE(eventually([&] { return agent() && agent()->attention.value_or(false); }));
+    EXPECT_EQ(agent()->kind, "codex");
+    EXPECT_EQ(agent()->state, AgentInfo::State::waiting);
+    EXPECT_EQ(agent()->message, "Run the migration now? (y/n)");
+    backend.sendKeys(made.pane, std::string("y"), {"Enter"});
+    ASSERT_TRUE(eventually([&] { return agent() && agent()->state == AgentInfo::State::done; }));
+    backend.ackAgent(made.pane);
+    EXPECT_TRUE(eventually([&] { return !agent(); }));
+
+    ASSERT_EQ(std::system(("git init -q -b contract " + scratch.file("repo")).c_str()), 0);
+    backend.sendKeys(made.pane, "cd " + scratch.file("repo"), {"Enter"});
+    EXPECT_TRUE(eventually([&] {
+        auto git = backend.getState().pane(made.pane)->git;
+        return git && git->branch == "contract";
+    }, std::chrono::seconds(20)));
 }
 
 } // namespace

@@ -99,12 +99,22 @@ TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
     EXPECT_FALSE(std::filesystem::exists(real + "/corvexd.sock"));
 
     std::string loose = daemon.base() + "/loose";
-    ASSERT_EQ(::mkdir(loose.c_str(), 0777), 0);
-    ASSERT_EQ(::chmod(loose.c_str(), 0777), 0);
+    ASSERT_EQ(::mkdir(loose.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(loose.c_str(), 0755), 0);
     daemon.setRuntimeDir(loose);
     ASSERT_EQ(daemon.run({"start"}).status, 0);
     EXPECT_EQ(modeOf(loose), 0700u) << "a folder of ours that others could enter is closed";
     EXPECT_EQ(daemon.run({"stop"}).status, 0);
+
+    // Others could have planted files in it before it was ours alone.
+    std::string shared = daemon.base() + "/shared";
+    ASSERT_EQ(::mkdir(shared.c_str(), 0700), 0);
+    ASSERT_EQ(::chmod(shared.c_str(), 0777), 0);
+    daemon.setRuntimeDir(shared);
+    auto refused = daemon.run({"start"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("writable"), std::string::npos) << refused.err;
+    EXPECT_FALSE(std::filesystem::exists(shared + "/corvexd.sock"));
 
     std::string file = daemon.base() + "/file";
     ASSERT_TRUE(std::ofstream(file).good());

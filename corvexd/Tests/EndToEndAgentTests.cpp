@@ -87,6 +87,13 @@ protected:
         }
         return std::nullopt;
     }
+    std::string fakeBin() { return daemon.scratch().file("bin"); }
+    // A program of that name on the pane's PATH, a shell script with `body`.
+    void installFakeAgent(const std::string& name, const std::string& body) {
+        std::filesystem::create_directories(fakeBin());
+        std::ofstream(fakeBin() + "/" + name) << "#!/bin/sh\n" << body;
+        std::filesystem::permissions(fakeBin() + "/" + name, std::filesystem::perms::owner_all);
+    }
     bool agentIs(State state) {
         auto now = agent();
         return now && now->state == state;
@@ -247,16 +254,12 @@ TEST_F(AgentHooks, APaneKnowsTheBranchOfItsFolder) {
 TEST_F(AgentHooks, AnAgentWithoutHooksIsReadOffItsTerminal) {
     // A stand-in that behaves on screen as Claude Code does: it works for a while, asks, and
     // ends once answered.
-    auto bin = daemon.scratch().file("bin");
-    std::filesystem::create_directories(bin);
-    std::ofstream(bin + "/claude") << "#!/bin/sh\n"
-                                      "i=0\n"
-                                      "while [ $i -lt 40 ]; do echo \"* Working $i\"; i=$((i+1)); sleep 0.1; done\n"
-                                      "printf 'Bash command\\n  ls -la\\nDo you want to proceed?\\n> 1. Yes\\n  2. No\\n'\n"
-                                      "read answer\n"
-                                      "echo \"ran $answer\"\n";
-    std::filesystem::permissions(bin + "/claude", std::filesystem::perms::owner_all);
-    client->sendInput(created.pane, asBytes("PATH=" + bin + ":$PATH claude\r"));
+    installFakeAgent("claude", "i=0\n"
+                               "while [ $i -lt 40 ]; do echo \"* Working $i\"; i=$((i+1)); sleep 0.1; done\n"
+                               "printf 'Bash command\\n  ls -la\\nDo you want to proceed?\\n> 1. Yes\\n  2. No\\n'\n"
+                               "read answer\n"
+                               "echo \"ran $answer\"\n");
+    client->sendInput(created.pane, asBytes("PATH=" + fakeBin() + ":$PATH claude\r"));
 
     ASSERT_TRUE(eventually([&] { return agentIs(State::running); }, 10s));
     EXPECT_EQ(agent()->kind, "claude");
@@ -265,11 +268,33 @@ TEST_F(AgentHooks, AnAgentWithoutHooksIsReadOffItsTerminal) {
     EXPECT_EQ(agent()->message, "Do you want to proceed?");
 
     client->sendInput(created.pane, asBytes("1\r"));
-    ASSERT_TRUE(eventually([&] { return !agent(); }, 10s)) << "the agent goes with its program";
+    ASSERT_TRUE(eventually([&] { return agentIs(State::done); }, 10s)) << "its program ended well";
+    EXPECT_TRUE(agent()->attention.value_or(false)) << "an ended agent waits to be seen";
+    EXPECT_FALSE(agent()->message);
+
+    client->sendInput(created.pane, asBytes("\r"));
+    ASSERT_TRUE(eventually([&] { return !agent(); }, 10s)) << "seen, it goes";
     auto history = client->agentHistory(created.pane, std::nullopt, std::nullopt);
     ASSERT_FALSE(history.entries.empty());
     EXPECT_TRUE(history.entries.front().guess);
     EXPECT_EQ(history.entries.back().eventName, "gone");
+}
+
+TEST_F(AgentHooks, AGuessedAgentThatFailsIsAnErrorUntilResolved) {
+    installFakeAgent("codex", "echo '>_ OpenAI Codex'\nsleep 2\nexit 3\n");
+    client->sendInput(created.pane, asBytes("PATH=" + fakeBin() + ":$PATH codex --full-auto\r"));
+    ASSERT_TRUE(eventually([&] { return agent() && agent()->kind == "codex"; }, 10s));
+    ASSERT_TRUE(eventually([&] { return agentIs(State::error); }, 10s));
+    EXPECT_EQ(agent()->message, "exited with status 3");
+    EXPECT_TRUE(agent()->attention.value_or(false));
+
+    // Not seen yet, it stays however long the user is away.
+    auto seen = client->getState().rev;
+    ASSERT_FALSE(eventually([&] { return !agentIs(State::error); }, 2500ms));
+    EXPECT_EQ(client->getState().rev, seen) << "a finished agent makes no traffic while it waits";
+
+    client->ackAgent(created.pane);
+    ASSERT_TRUE(eventually([&] { return !agent(); }, 10s));
 }
 
 TEST_F(AgentHooks, BadReportsHarmNeitherTheAgentNorTheDaemon) {

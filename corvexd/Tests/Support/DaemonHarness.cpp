@@ -132,7 +132,14 @@ pid_t DaemonHarness::daemonPid() const {
     return static_cast<pid_t>(std::atol(slurp(runtimeDir_ + "/corvexd.pid").c_str()));
 }
 
-RawClient::RawClient(const std::string& socketPath, std::chrono::milliseconds patience) {
+RawClient::RawClient(const std::string& socketPath, std::chrono::milliseconds patience, Greeting greeting) {
+    connect(socketPath, patience);
+    if (fd_ < 0 || greeting == Greeting::none) return;
+    request("hello", {{"protocol", 1}, {"client", "tests"}});
+    replies_.clear(); // tests count the replies to their own requests
+}
+
+void RawClient::connect(const std::string& socketPath, std::chrono::milliseconds patience) {
     auto deadline = std::chrono::steady_clock::now() + patience;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

@@ -67,14 +67,19 @@ private:
 // A client speaking frames over a plain socket, for the tests that need to misbehave.
 class RawClient {
 public:
-    // Connects, retrying while the daemon comes up.
-    explicit RawClient(const std::string& socketPath, std::chrono::milliseconds patience = 10s);
+    // Whether the client opens with hello, as every well-behaved client does.
+    enum class Greeting { hello, none };
+    // Connects, retrying while the daemon comes up, and says hello unless told not to.
+    explicit RawClient(const std::string& socketPath, std::chrono::milliseconds patience = 10s,
+                       Greeting greeting = Greeting::hello);
     ~RawClient();
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
 
     bool connected() const { return fd_ >= 0; }
     int fd() const { return fd_; }
+    // For a test that closed the descriptor itself.
+    void forgetDescriptor() { fd_ = -1; }
 
     bool sendBytes(const std::string& bytes);
     bool sendJSON(const json& message);
@@ -113,6 +118,7 @@ public:
     bool closed() const { return closed_; }
 
 private:
+    void connect(const std::string& socketPath, std::chrono::milliseconds patience);
     // Reads once (waiting up to `timeout`); false on close or timeout.
     bool pump(std::chrono::milliseconds timeout);
 

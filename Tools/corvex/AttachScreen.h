@@ -1,0 +1,59 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "CorvexKit/SessionBackend.h"
+#include "Vellum/Attribute.h"
+#include "Vellum/TerminalContentSnapshot.h"
+
+namespace corvex::cli {
+
+// One cell of the user's screen as attach draws it.
+struct ScreenCell {
+    std::string text = " ";
+    int width = 1; // 0 for the second half of a wide character
+    vellum::Attribute attribute;
+
+    bool operator==(const ScreenCell&) const = default;
+};
+
+// What the user's terminal should show: cells row by row and where the cursor is.
+struct ScreenFrame {
+    int cols = 0, rows = 0;
+    std::vector<ScreenCell> cells;
+    int cursorCol = 0, cursorRow = 0;
+    bool cursorVisible = true;
+
+    ScreenFrame(int cols, int rows) : cols(cols), rows(rows), cells(static_cast<size_t>(cols * rows)) {}
+    ScreenCell& at(int col, int row) { return cells[static_cast<size_t>(row * cols + col)]; }
+    const ScreenCell& at(int col, int row) const { return cells[static_cast<size_t>(row * cols + col)]; }
+};
+
+// The user's screen: the pane at its true size in the top left, the rest of a larger
+// terminal filled, and the status line on the last row.
+ScreenFrame composeFrame(const vellum::TerminalContentSnapshot& pane, bool paneCursorVisible, int cols, int rows,
+                         std::string_view status);
+
+// Turns frames into the bytes that take the user's terminal from what it shows to the next
+// frame, rewriting only rows that changed (and of those only the changed stretch).
+class ScreenPainter {
+public:
+    std::string paint(const ScreenFrame& frame);
+    // The next paint redraws everything, as after the user's terminal was resized.
+    void invalidate() { shown_.reset(); }
+
+private:
+    std::optional<ScreenFrame> shown_;
+};
+
+// The user's terminal's own colours, from its answers to OSC 10, 11 and 4 queries. Absent
+// until both the foreground and the background are known.
+std::optional<TerminalColors> parseColorReplies(std::string_view replies);
+// The queries, ended by a primary device attributes request that every terminal answers,
+// so its answer tells that no colour answer is still to come.
+std::string colorQueries();
+
+} // namespace corvex::cli

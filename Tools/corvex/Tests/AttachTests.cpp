@@ -1,0 +1,250 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include "CorvexKit/SessionBackend.h"
+#include "Platform/Tests/Support/Eventually.h"
+#include "Vellum/HeadlessTerminal.h"
+#include "corvexd/Tests/EndToEndDaemon.h"
+
+using namespace corvex;
+using namespace corvex::endtoend;
+using platform::testing::eventually;
+
+namespace {
+
+// `corvex attach` in a real PTY whose far side is a Vellum terminal standing in for the
+// user's: what attach writes lands on that screen, and that terminal answers what attach
+// asks of it, as the user's own terminal would.
+class UserTerminal {
+public:
+    UserTerminal(int cols, int rows, const std::string& earlier) : screen_(options(cols, rows)) {
+        screen_.onSend = [this](std::span<const uint8_t> bytes) {
+            sent_.append(bytes.begin(), bytes.end());
+            type(std::string(bytes.begin(), bytes.end()));
+        };
+        screen_.feed(earlier);
+    }
+    ~UserTerminal() {
+        if (child_ > 0) {
+            ::kill(child_, SIGKILL);
+            waitForExit(child_, 10s);
+        }
+        if (master_ >= 0) ::close(master_);
+    }
+
+    void start(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env) {
+        winsize size{};
+        size.ws_col = static_cast<unsigned short>(screen_.terminal->cols());
+        size.ws_row = static_cast<unsigned short>(screen_.terminal->rows());
+        auto environment = environmentWith(env);
+        std::vector<std::string> args = argv;
+        child_ = ::forkpty(&master_, nullptr, nullptr, &size);
+        if (child_ == 0) {
+            auto argp = pointers(args);
+            auto envp = pointers(environment);
+            sigset_t none;
+            sigemptyset(&none);
+            ::sigprocmask(SIG_SETMASK, &none, nullptr);
+            ::execve(argp[0], argp.data(), envp.data());
+            ::_exit(127);
+        }
+    }
+
+    void type(const std::string& bytes) {
+        if (master_ >= 0) [[maybe_unused]] auto written = ::write(master_, bytes.data(), bytes.size());
+    }
+    void resize(int cols, int rows) {
+        screen_.terminal->resize(cols, rows);
+        winsize size{};
+        size.ws_col = static_cast<unsigned short>(cols);
+        size.ws_row = static_cast<unsigned short>(rows);
+        ::ioctl(master_, TIOCSWINSZ, &size);
+    }
+
+    // Reads what attach wrote until the condition holds; false at the deadline.
+    bool until(const std::function<bool()>& done, std::chrono::milliseconds timeout = 15s) {
+        auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            pump(20);
+            if (done()) return true;
+            if (std::chrono::steady_clock::now() > deadline) return false;
+        }
+    }
+    // The status line names the workspace, and the pane's prompt is drawn.
+    bool attached(const std::string& workspace) {
+        return until([&] {
+            return row(screen_.terminal->rows() - 1).find("| " + workspace + " |") != std::string::npos &&
+                   row(0).rfind("$", 0) == 0;
+        });
+    }
+    bool shows(const std::string& text) {
+        return until([&] { return screenText().find(text) != std::string::npos; });
+    }
+
+    std::string screenText() {
+        std::string out;
+        for (int row = 0; row < screen_.terminal->rows(); ++row) out += screen_.terminal->lineText(row) + "\n";
+        return out;
+    }
+    std::string row(int index) { return screen_.terminal->lineText(index); }
+    bool alternate() { return screen_.terminal->inputStateSnapshot().isAlternateBuffer; }
+    // Everything this terminal ever answered.
+    const std::string& answers() const { return sent_; }
+    std::optional<int> exitStatus(std::chrono::milliseconds timeout = 10s) {
+        std::optional<int> status;
+        until([&] { return (status = waitForExit(child_, 0ms)).has_value(); }, timeout);
+        if (status) child_ = -1;
+        pump(50);
+        return status;
+    }
+
+private:
+    static vellum::TerminalOptions options(int cols, int rows) {
+        vellum::TerminalOptions options;
+        options.cols = cols;
+        options.rows = rows;
+        return options;
+    }
+
+    void pump(int waitMs) {
+        pollfd poller{master_, POLLIN, 0};
+        while (::poll(&poller, 1, waitMs) > 0) {
+            char buffer[65536];
+            ssize_t count = ::read(master_, buffer, sizeof buffer);
+            if (count <= 0) return;
+            screen_.feed(std::string_view(buffer, static_cast<size_t>(count)));
+            waitMs = 0;
+        }
+    }
+
+    vellum::HeadlessTerminal screen_;
+    std::string sent_;
+    int master_ = -1;
+    pid_t child_ = -1;
+};
+
+class Attach : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!isBuilt("corvexd") || !isBuilt("corvex")) GTEST_SKIP() << "needs the built corvexd and corvex";
+        daemon.serve();
+        backend = daemon.connect("attach-test");
+        made = backend->createWorkspace("work", plainShell());
+    }
+
+    std::vector<std::string> attachArgs(uint64_t pane, std::vector<std::string> more = {}) {
+        std::vector<std::string> argv{builtProgram("corvex"), "--socket", daemon.socketPath(), "attach",
+                                      std::to_string(pane)};
+        argv.insert(argv.end(), more.begin(), more.end());
+        return argv;
+    }
+
+    Daemon daemon;
+    std::shared_ptr<CorvexdBackend> backend;
+    CreatedWorkspace made;
+};
+
+} // namespace
+
+TEST_F(Attach, DrawsThePaneKeepsItsQueriesAwayAndGivesTheScreenBack) {
+    UserTerminal user(100, 30, "earlier output\r\nuser$ ");
+    user.start(attachArgs(made.pane), daemon.environment());
+    ASSERT_TRUE(user.attached("work")) << user.screenText();
+    EXPECT_TRUE(user.alternate()) << "attach draws on the alternate screen";
+    size_t answeredBefore = user.answers().size();
+
+    // A program asking for the cursor position and the colours gets one answer, from the
+    // pane's terminal; the user's terminal is never asked.
+    user.type("printf 'Q\\033[6n\\033]11;?\\033\\\\'; echo asked-$((1+1))\r");
+    ASSERT_TRUE(user.shows("asked-2")) << user.screenText();
+    EXPECT_EQ(user.answers().size(), answeredBefore) << "the user's terminal answered: " << user.answers();
+
+    user.type("\x1c" "d");
+    ASSERT_EQ(user.exitStatus(), 0);
+    EXPECT_FALSE(user.alternate());
+    EXPECT_EQ(user.row(0), "earlier output") << "the user's own screen comes back as it was";
+    EXPECT_NE(user.screenText().find("[detached from pane " + std::to_string(made.pane) + "]"), std::string::npos)
+        << user.screenText();
+}
+
+TEST_F(Attach, PrefixKeysMakeTabsAndSplitsAndMoveBetweenThem) {
+    UserTerminal user(100, 30, "");
+    user.start(attachArgs(made.pane, {"--prefix", "C-a"}), daemon.environment());
+    ASSERT_TRUE(user.attached("work")) << user.screenText();
+
+    user.type("\x01" "c"); // a new tab, shown at once
+    ASSERT_TRUE(eventually([&] { return backend->getState().workspace(made.workspace)->tabs.size() == 2; }));
+    ASSERT_TRUE(user.until([&] { return user.row(29).find("2:") != std::string::npos; })) << user.row(29);
+    user.type("echo in-second-tab\r");
+    ASSERT_TRUE(user.shows("in-second-tab"));
+
+    user.type("\x01" "p"); // back to the first tab, whose screen doesn't have it
+    ASSERT_TRUE(user.until([&] { return user.screenText().find("in-second-tab") == std::string::npos; }));
+
+    user.type("\x01" "%"); // split right: the tab now holds two panes
+    ASSERT_TRUE(eventually([&] {
+        auto state = backend->getState();
+        return state.location(made.pane) && state.location(made.pane)->tab->layout.panes().size() == 2;
+    }));
+    user.type("\x01" "x"); // close the new pane: back to the first
+    ASSERT_TRUE(eventually([&] { return backend->getState().location(made.pane)->tab->layout.panes().size() == 1; }));
+
+    user.type("\x01\x01"); // the prefix twice reaches the pane once
+    user.type("\x01" "d");
+    ASSERT_EQ(user.exitStatus(), 0);
+}
+
+TEST_F(Attach, ADeliberateShutdownEndsTheClientAndNothingStartsAnotherDaemon) {
+    UserTerminal user(100, 30, "");
+    user.start(attachArgs(made.pane), daemon.environment());
+    ASSERT_TRUE(user.attached("work")) << user.screenText();
+    daemon.kill(SIGTERM); // what `corvexd stop` and `corvexd shutdown` send
+    ASSERT_EQ(user.exitStatus(), 0);
+    EXPECT_NE(user.screenText().find("[corvexd was shut down]"), std::string::npos) << user.screenText();
+
+    // Commands that only look say so and start nothing.
+    Ran state = runProgram({builtProgram("corvex"), "state"}, daemon.environment());
+    EXPECT_EQ(state.status, 1);
+    EXPECT_EQ(state.err, "corvex: disconnected: no corvexd is running on " + daemon.socketPath() + "\n");
+    EXPECT_NE(::access(daemon.socketPath().c_str(), F_OK), 0) << "no daemon was started";
+}
+
+TEST_F(Attach, CommandsValidateBeforeActingAndStartWhereTheUserIs) {
+    // keys with a bad name types nothing; send to a missing pane fails.
+    EXPECT_EQ(daemon.corvex({"keys", std::to_string(made.pane), "--text", "XYZ", "Upp"}).status, 2);
+    Ran missing = daemon.corvex({"send", "999", "hi"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err, "corvex: not_found: no pane 999\n");
+
+    // A program named without a folder is found on PATH; one that isn't there leaves nothing.
+    auto before = backend->getState().workspaces;
+    Ran absent = daemon.corvex({"new-workspace", "--", "no-such-program-xyz"});
+    EXPECT_EQ(absent.status, 1);
+    EXPECT_EQ(absent.err, "corvex: not_found: no-such-program-xyz: no such program\n");
+    EXPECT_EQ(backend->getState().workspaces, before);
+    Ran nowhere = daemon.corvex({"new-tab", std::to_string(made.workspace), "--cwd", "/no/such/folder"});
+    EXPECT_EQ(nowhere.err, "corvex: not_found: no folder /no/such/folder\n");
+
+    // New workspaces start in the client's folder.
+    std::string folder = daemon.scratch().file("here");
+    ::mkdir(folder.c_str(), 0700);
+    Ran here = runProgram({"/bin/sh", "-c", "cd \"$0\" && exec \"$@\"", folder, builtProgram("corvex"), "--socket",
+                           daemon.socketPath(), "new-workspace", "--", "sleep", "100"},
+                          daemon.environment());
+    ASSERT_EQ(here.status, 0) << here.err;
+    uint64_t pane = nlohmann::json::parse(here.out)["pane"];
+    EXPECT_EQ(backend->getState().pane(pane)->cwd, folder);
+    EXPECT_FALSE(backend->getState().pane(pane)->exited);
+
+    // ls: the tree for people.
+    Ran tree = daemon.corvex({"ls"});
+    EXPECT_EQ(tree.status, 0) << tree.err;
+    EXPECT_NE(tree.out.find("workspace " + std::to_string(made.workspace) + " \"work\""), std::string::npos) << tree.out;
+    EXPECT_NE(tree.out.find("pane " + std::to_string(pane)), std::string::npos) << tree.out;
+    EXPECT_NE(tree.out.find("sleep 100"), std::string::npos) << tree.out;
+}

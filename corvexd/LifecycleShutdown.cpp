@@ -1,0 +1,72 @@
+#include "corvexd/LifecycleShutdown.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <dirent.h>
+#include <fstream>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+namespace corvexd {
+
+namespace {
+
+struct ProcessStat {
+    char state = '?';
+    pid_t session = 0;
+};
+
+std::optional<ProcessStat> readStat(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // The command name may hold blanks and parentheses: the fields start after the last ')'.
+    auto close = text.rfind(')');
+    if (close == std::string::npos) return std::nullopt;
+    std::istringstream fields(text.substr(close + 1));
+    ProcessStat stat;
+    pid_t parent = 0, group = 0;
+    if (!(fields >> stat.state >> parent >> group >> stat.session)) return std::nullopt;
+    return stat;
+}
+
+} // namespace
+
+std::vector<pid_t> sessionMembers(const std::vector<pid_t>& leaders) {
+    std::set<pid_t> wanted(leaders.begin(), leaders.end());
+    std::vector<pid_t> members;
+    DIR* proc = ::opendir("/proc");
+    if (!proc) return members;
+    while (auto* entry = ::readdir(proc)) {
+        char* end = nullptr;
+        long pid = std::strtol(entry->d_name, &end, 10);
+        if (pid <= 0 || *end != '\0') continue;
+        auto stat = readStat(static_cast<pid_t>(pid));
+        if (stat && stat->state != 'Z' && stat->state != 'X' && wanted.count(stat->session)) {
+            members.push_back(static_cast<pid_t>(pid));
+        }
+    }
+    ::closedir(proc);
+    return members;
+}
+
+void endPaneSessions(const std::vector<pid_t>& leaders, std::chrono::milliseconds patience) {
+    if (leaders.empty()) return;
+    auto settled = [&] {
+        auto deadline = std::chrono::steady_clock::now() + patience;
+        while (!sessionMembers(leaders).empty()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return true;
+    };
+    for (int signal : {SIGTERM, SIGKILL}) {
+        if (settled()) return;
+        for (pid_t pid : sessionMembers(leaders)) ::kill(pid, signal);
+    }
+    settled();
+}
+
+} // namespace corvexd

@@ -1,0 +1,258 @@
+// The daemon against clients that ask too much, skip the handshake, leave mid-request or
+// stop reading; and its own leftovers at the end. A real daemon, real shells.
+
+#include <gtest/gtest.h>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+#include "CorvexKit/Frame.h"
+#include "Platform/Tests/Support/Eventually.h"
+#include "Support/DaemonHarness.h"
+
+using namespace corvexd::testing;
+using platform::testing::eventually;
+
+namespace {
+
+std::string errorCode(const std::optional<json>& reply) {
+    if (!reply || !reply->contains("error")) return "";
+    return (*reply)["error"].value("code", "");
+}
+
+json result(const std::optional<json>& reply) {
+    if (!reply) {
+        ADD_FAILURE() << "no reply";
+        return {};
+    }
+    EXPECT_TRUE(reply->contains("result")) << reply->dump();
+    return reply->value("result", json::object());
+}
+
+json shell(std::vector<std::string> command = {"/bin/sh"}) {
+    return {{"command", command}, {"env", {{"PS1", "$ "}, {"ENV", ""}}}, {"cols", 40}, {"rows", 10}};
+}
+
+uint64_t createPane(RawClient& client, const json& spawn) {
+    return result(client.request("workspace.create", spawn))["pane"].get<uint64_t>();
+}
+
+size_t workspaceCount(const std::string& socketPath) {
+    RawClient client(socketPath);
+    return result(client.request("state.get"))["workspaces"].size();
+}
+
+std::string slurp(const std::string& path);
+
+// Whether any process of the session that `leader` led still runs; zombies have ended.
+bool sessionLives(pid_t leader) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::string stat = slurp(entry.path().string() + "/stat");
+        auto close = stat.rfind(')');
+        if (close == std::string::npos) continue;
+        std::istringstream fields(stat.substr(close + 1));
+        char state = 0;
+        pid_t parent = 0, group = 0, session = 0;
+        if (fields >> state >> parent >> group >> session && session == leader && state != 'Z') return true;
+    }
+    return false;
+}
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+} // namespace
+
+TEST(HostileClient, SizesNoScreenCouldShowAreRefused) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+
+    auto huge = shell();
+    huge["cols"] = 65535;
+    huge["rows"] = 65535;
+    EXPECT_EQ(errorCode(client.request("workspace.create", huge)), "bad_request");
+    uint64_t pane = createPane(client, shell());
+    json tooBig[] = {{{"cols", 65535}, {"rows", 65535}}, {{"cols", 2147483647}, {"rows", 24}},
+                     {{"cols", 80}, {"rows", 1001}}, {{"cols", 0}, {"rows", 24}}, {{"cols", -5}, {"rows", 24}}};
+    for (const auto& size : tooBig) {
+        EXPECT_EQ(errorCode(client.request("pane.resize", {{"pane", pane}, {"cols", size["cols"]}, {"rows", size["rows"]}})),
+                  "bad_request") << size;
+        EXPECT_EQ(errorCode(client.request("pane.viewport", {{"pane", pane}, {"cols", size["cols"]}, {"rows", size["rows"]}})),
+                  "bad_request") << size;
+        EXPECT_EQ(errorCode(client.request("pane.subscribe", {{"pane", pane}, {"viewport", size}})), "bad_request") << size;
+    }
+    // The largest screen is still served.
+    EXPECT_TRUE(result(client.request("pane.resize", {{"pane", pane}, {"cols", 1000}, {"rows", 1000}})).is_object());
+    EXPECT_EQ(workspaceCount(daemon.socketPath()), 1u);
+}
+
+TEST(HostileClient, SearchesAreBoundedInQueryAndInPatternCost) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+    uint64_t pane = createPane(client, shell());
+
+    std::string longQuery(10 << 20, 'a');
+    EXPECT_EQ(errorCode(client.request("pane.search", {{"pane", pane}, {"query", longQuery}})), "bad_request");
+    // Back-references make matching exponential; nested counted repeats make the compiled
+    // automaton huge.
+    for (const char* pattern : {"(a*)*\\1", "((a{1,200}){1,200}){1,200}", "(x{0,60000})"}) {
+        EXPECT_EQ(errorCode(client.request("pane.search", {{"pane", pane}, {"query", pattern}, {"regex", true}})),
+                  "bad_request") << pattern;
+    }
+    EXPECT_TRUE(result(client.request("pane.search", {{"pane", pane}, {"query", "(ab|cd){2,8}x"}, {"regex", true}}))
+                    .contains("matches"));
+}
+
+TEST(HostileClient, NothingIsServedBeforeHelloAndAnUnknownProtocolIsNamed) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath(), 10s, RawClient::Greeting::none);
+
+    EXPECT_EQ(errorCode(client.request("workspace.create", shell())), "bad_request");
+    EXPECT_EQ(errorCode(client.request("ping")), "bad_request");
+    auto refused = client.request("hello", {{"protocol", 99}, {"client", "future"}});
+    ASSERT_EQ(errorCode(refused), "unsupported_protocol");
+    EXPECT_NE((*refused)["error"]["message"].get<std::string>().find("1 to 1"), std::string::npos) << refused->dump();
+    EXPECT_EQ(errorCode(client.request("ping")), "bad_request") << "a refused hello opens nothing";
+
+    EXPECT_EQ(result(client.request("hello", {{"protocol", 1}, {"client", "tests"}}))["protocol"], 1);
+    EXPECT_TRUE(result(client.request("ping")).is_object());
+    EXPECT_EQ(workspaceCount(daemon.socketPath()), 0u);
+}
+
+TEST(HostileClient, RequestsSentJustBeforeTheCloseAreCarriedOut) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    constexpr int rounds = 8;
+    for (int round = 0; round < rounds; ++round) {
+        RawClient client(daemon.socketPath(), 10s, RawClient::Greeting::none);
+        std::string frames =
+            corvex::makeJSONFrame(json{{"id", 1}, {"method", "hello"}, {"params", {{"protocol", 1}}}}.dump()) +
+            corvex::makeJSONFrame(json{{"id", 2}, {"method", "workspace.create"}, {"params", shell()}}.dump());
+        ASSERT_TRUE(client.sendBytes(frames));
+        ::close(client.fd());
+        client.forgetDescriptor();
+    }
+    EXPECT_TRUE(eventually([&] { return workspaceCount(daemon.socketPath()) == rounds; }))
+        << workspaceCount(daemon.socketPath()) << " of " << rounds;
+}
+
+TEST(HostileClient, ShutdownEndsProgramsThatIgnoreHangUpAndTerminate) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+    std::vector<pid_t> groups;
+    for (const char* ignored : {"HUP", "HUP TERM"}) {
+        std::string script = std::string("trap '' ") + ignored + "; echo stubborn; while :; do sleep 1; done";
+        uint64_t pane = createPane(client, shell({"/bin/sh", "-c", script}));
+        ASSERT_TRUE(client.request("pane.subscribe", {{"pane", pane}}));
+        ASSERT_TRUE(eventually([&] {
+            client.drain(20ms);
+            return client.outputOf(pane).find("stubborn") != std::string::npos ||
+                   (!client.snapshots().empty() && client.snapshots().back().bytes.find("stubborn") != std::string::npos);
+        }));
+        auto state = result(client.request("state.get"));
+        for (const auto& entry : state["panes"]) {
+            if (entry["id"] == pane) groups.push_back(entry["pid"].get<pid_t>());
+        }
+    }
+    ASSERT_EQ(groups.size(), 2u);
+    ASSERT_EQ(daemon.run({"shutdown"}).status, 0);
+    for (pid_t leader : groups) EXPECT_FALSE(sessionLives(leader)) << "the session of " << leader << " outlived the daemon";
+}
+
+TEST(HostileClient, RuntimeFilesAreNeitherFollowedNorLeftBehind) {
+    DaemonHarness daemon;
+    std::string victim = daemon.base() + "/victim";
+    std::ofstream(victim) << "precious\n";
+    ASSERT_EQ(::mkdir(daemon.runtimeDir().c_str(), 0700), 0);
+    ASSERT_EQ(::symlink(victim.c_str(), (daemon.runtimeDir() + "/corvexd.pid").c_str()), 0);
+
+    daemon.run({"start"});
+    EXPECT_EQ(slurp(victim), "precious\n") << "a planted link was followed";
+    std::filesystem::remove(daemon.runtimeDir() + "/corvexd.pid");
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    ASSERT_EQ(daemon.run({"shutdown"}).status, 0);
+    for (const char* name : {"corvexd.pid", "corvexd.log", "corvexd.start", "corvexd.sock"}) {
+        EXPECT_FALSE(std::filesystem::exists(daemon.runtimeDir() + "/" + name)) << name;
+    }
+}
+
+TEST(HostileClient, AtTheDescriptorLimitTheDaemonWaitsInsteadOfSpinning) {
+    DaemonHarness daemon;
+    pid_t pid = daemon.spawnServe();
+    RawClient first(daemon.socketPath());
+    ASSERT_TRUE(first.request("ping"));
+    size_t open = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        (void)entry;
+        ++open;
+    }
+    rlimit original{};
+    ASSERT_EQ(::prlimit(pid, RLIMIT_NOFILE, nullptr, &original), 0);
+    rlimit tight{open + 2, original.rlim_max};
+    ASSERT_EQ(::prlimit(pid, RLIMIT_NOFILE, &tight, nullptr), 0);
+
+    std::vector<std::unique_ptr<RawClient>> crowd;
+    for (int i = 0; i < 6; ++i) {
+        crowd.push_back(std::make_unique<RawClient>(daemon.socketPath(), 10s, RawClient::Greeting::none));
+        crowd.back()->sendJSON({{"id", 1}, {"method", "hello"}, {"params", {{"protocol", 1}}}});
+    }
+    auto cpuTicks = [&] {
+        std::string stat = slurp("/proc/" + std::to_string(pid) + "/stat");
+        std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+        std::string field;
+        long ticks = 0;
+        for (int index = 3; fields >> field; ++index) {
+            if (index == 14 || index == 15) ticks += std::stol(field);
+        }
+        return ticks;
+    };
+    long before = cpuTicks();
+    std::this_thread::sleep_for(1s);
+    long used = cpuTicks() - before;
+    EXPECT_LT(used, ::sysconf(_SC_CLK_TCK) / 4) << "the serving thread spun on the listener";
+
+    // Those turned away are answered once descriptors are free again.
+    crowd.front().reset();
+    ASSERT_EQ(::prlimit(pid, RLIMIT_NOFILE, &original, nullptr), 0);
+    for (size_t i = 1; i < crowd.size(); ++i) {
+        EXPECT_TRUE(eventually([&] { return crowd[i]->replies().size() == 1 || (crowd[i]->drain(50ms), false); }))
+            << "client " << i << " was never answered";
+    }
+}
+
+TEST(HostileClient, AResyncedPaneComesBackWithASnapshotAndTheLiveStream) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+    uint64_t pane = createPane(client, shell());
+    ASSERT_TRUE(client.request("pane.subscribe", {{"pane", pane}}));
+    // Far more than the daemon keeps queued for one client, while the client reads nothing.
+    std::string flood = "head -c 40000000 /dev/zero | tr '\\0' x; sleep 1; echo done$((40+2))\r";
+    ASSERT_TRUE(client.sendBytes(corvex::makeInputFrame(pane, flood)));
+    std::this_thread::sleep_for(3s);
+
+    bool resynced = false;
+    ASSERT_TRUE(eventually([&] {
+        while (auto event = client.nextEvent(10ms)) resynced |= (*event)["event"] == "pane.resync";
+        return resynced;
+    }, 20s)) << "the stalled client was never let go";
+    EXPECT_TRUE(eventually([&] {
+        client.drain(20ms);
+        bool snapshot = !client.snapshots().empty();
+        std::string shown = client.outputOf(pane) + (snapshot ? client.snapshots().back().bytes : "");
+        return snapshot && shown.find("done42") != std::string::npos;
+    }, 30s)) << "the pane stayed frozen after the resync";
+}
