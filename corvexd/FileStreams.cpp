@@ -59,6 +59,7 @@ struct FileStreams::Stream {
     uint64_t received = 0; // offset the next frame must carry
     uint64_t taken = 0;    // on disk, and acknowledged
     bool fin = false;
+    std::string uploadKey; // target and upload id: one stream at a time stages under it
 
     // read
     std::shared_ptr<corvex::ChunkReader> reader;
@@ -98,6 +99,7 @@ FileStreams::FileStreams(Server& server, Limits limits) : server_(server), limit
 FileStreams::~FileStreams() {
     std::unique_lock guard(lock_);
     shuttingDown_ = true;
+    uploadsChanged_.notify_all();
     for (auto& [id, stream] : streams_) stopLocked(*stream, Stop::quiet);
     workersDone_.wait(guard, [&] { return workers_ == 0; });
 }
@@ -143,6 +145,7 @@ void FileStreams::open(const std::shared_ptr<Stream>& stream, std::string reply)
         std::lock_guard guard(lock_);
         if (gone_.count(stream->client) || shuttingDown_) {
             release(stream->client, stream->write ? 0 : stream->window);
+            releaseUpload(*stream);
             return; // the staged write, if any, is dropped with the stream
         }
         streams_[stream->id] = stream;
@@ -213,6 +216,7 @@ void FileStreams::serveWrite() {
             stream->window = std::min<uint64_t>(static_cast<uint64_t>(std::max(params.options.window, 0)),
                                                 limits_.largestWriteWindow);
             try {
+                claimUpload(stream, params);
                 stream->staged = FileService::beginWrite(params.path, params.options);
                 stream->received = stream->taken = stream->staged->offset();
                 server_.post([this, stream, id] {
@@ -228,12 +232,34 @@ void FileStreams::serveWrite() {
                 {
                     std::lock_guard guard(lock_);
                     release(client, 0);
+                    releaseUpload(*stream);
                 }
                 server_.sendFrames(client, {errorReply(id, error.code(), error.message())});
             }
         });
         return json();
     });
+}
+
+// A retry may come before the daemon has noticed that the client of the earlier attempt is
+// gone: the earlier stream is ended (keeping what it received) before the new one stages.
+void FileStreams::claimUpload(const std::shared_ptr<Stream>& stream, const corvex::protocol::FsWrite& params) {
+    if (!params.options.uploadID) return;
+    std::string key = params.path + '\0' + *params.options.uploadID;
+    std::unique_lock guard(lock_);
+    if (auto held = uploads_.find(key); held != uploads_.end()) stopLocked(*held->second, Stop::quiet);
+    uploadsChanged_.wait(guard, [&] { return !uploads_.count(key) || shuttingDown_; });
+    if (shuttingDown_) throw corvex::fileError(FileErrorCode::ioError, "corvexd is stopping");
+    uploads_[key] = stream;
+    stream->uploadKey = key;
+}
+
+void FileStreams::releaseUpload(Stream& stream) {
+    if (stream.uploadKey.empty()) return;
+    if (auto held = uploads_.find(stream.uploadKey); held != uploads_.end() && held->second.get() == &stream)
+        uploads_.erase(held);
+    stream.uploadKey.clear();
+    uploadsChanged_.notify_all();
 }
 
 void FileStreams::serveCancel() {
@@ -257,6 +283,7 @@ void FileStreams::finish(const std::shared_ptr<Stream>& stream, std::vector<std:
         std::lock_guard guard(lock_);
         streams_.erase(stream->id);
         release(stream->client, stream->write ? 0 : stream->window);
+        releaseUpload(*stream);
         if (stream->stop == Stop::quiet) frames.clear();
     }
     if (!frames.empty()) server_.sendFrames(stream->client, std::move(frames));
@@ -271,9 +298,11 @@ void FileStreams::runWrite(std::shared_ptr<Stream> stream) {
             {
                 std::unique_lock guard(lock_);
                 stream->wake.wait(guard, [&] { return stream->stop != Stop::none || !stream->blocks.empty() || stream->fin; });
-                if (stream->stop != Stop::none) break;
+                // What has arrived is kept even when the stream is ending, so that a resumed
+                // write needs less; only a broken stream's data is untrusted.
+                if (stream->stop == Stop::failed || (stream->stop != Stop::none && stream->blocks.empty())) break;
                 if (stream->blocks.empty()) {
-                    last = true;
+                    last = true; // the end frame came, and no stop: place the file
                 } else {
                     block = std::move(stream->blocks.front());
                     stream->blocks.pop_front();

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 
+#include "CorvexKit/Protocol.h"
 #include "Platform/WorkerPool.h"
 #include "corvexd/Server.h"
 
@@ -47,6 +48,8 @@ private:
     void serveCancel();
     void reserve(ClientID client, uint64_t readWindow);
     void release(ClientID client, uint64_t readWindow); // lock_ held
+    void claimUpload(const std::shared_ptr<Stream>& stream, const corvex::protocol::FsWrite& params);
+    void releaseUpload(Stream& stream); // lock_ held
     void open(const std::shared_ptr<Stream>& stream, std::string reply);
     void runRead(std::shared_ptr<Stream> stream);
     void runWrite(std::shared_ptr<Stream> stream);
@@ -67,6 +70,8 @@ private:
     std::map<ClientID, int> openStreams_;
     std::map<ClientID, uint64_t> readWindows_;
     std::set<ClientID> gone_;
+    std::map<std::string, std::shared_ptr<Stream>> uploads_; // by target and upload id
+    std::condition_variable uploadsChanged_;
     // Last, so it ends first: its work refers to everything above.
     platform::WorkerPool pool_{8};
 };
