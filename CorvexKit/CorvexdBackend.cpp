@@ -176,6 +176,12 @@ void CorvexdBackend::send(FrameType type, std::string_view payload) {
     if (auto stream = currentConnection()) sendOn(stream, makeFrame(type, payload));
 }
 
+void CorvexdBackend::sendFrame(std::string frame) {
+    if (auto stream = currentConnection()) sendOn(stream, std::move(frame));
+}
+
+std::string CorvexdBackend::transportName() const { return configuration_.transport->name(); }
+
 void CorvexdBackend::sendInput(uint64_t pane, ByteView bytes) {
     if (configuration_.trace) {
         trace("\u2192 INPUT pane " + std::to_string(pane) + " " + std::to_string(bytes.size()) + "B " +

@@ -86,6 +86,10 @@ public:
     nlohmann::json request(const std::string& method);
     // One frame, queued for writing in call order; dropped without a connection.
     void send(FrameType type, std::string_view payload);
+    // A whole frame already assembled (makeFrame and friends), so bulk data is copied once.
+    void sendFrame(std::string frame);
+    // The transport's description, for messages about this connection.
+    std::string transportName() const;
     void ping();
 
     std::optional<Hello> lastHello() const;

@@ -47,7 +47,10 @@ private:
     int fd_ = -1;
     uint64_t offset_ = 0;
     uint64_t total_ = 0;
+    uint64_t flushed_ = 0; // handed to the disk so far
     bool done_ = false;
+    static constexpr uint64_t writeBehind = 8u << 20;
+    static constexpr uint64_t syncedSize = 1u << 20;
 };
 
 // A read, opened and checked: the entry as found and a reader positioned at the offset.

@@ -76,7 +76,8 @@ void FileTransfer::copy(const std::vector<std::string>& paths, const std::string
     Plan plan;
     for (const std::string& path : paths) {
         FileEntry entry = source_->stat(path);
-        walk(entry, filePath(into, entry.name), true, plan, cancel);
+        const std::string& name = targetName && paths.size() == 1 ? *targetName : entry.name;
+        walk(entry, filePath(into, name), true, plan, cancel);
     }
     {
         std::lock_guard guard(lock_);

@@ -43,6 +43,8 @@ public:
     std::optional<int> window;
     std::vector<double> retryDelays{2, 5, 10, 20, 30}; // seconds before each further attempt
     RetryHandler onRetry;                                // told before each wait
+    // The name a single source takes in the destination, in place of its own: "cp a b".
+    std::optional<std::string> targetName;
 
     // Copies each source path into the destination directory. Blocks until every file has
     // ended; raises the first failure, or cancellationError() when cancelled. What was

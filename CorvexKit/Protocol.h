@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "CorvexKit/FileModel.h"
 #include "CorvexKit/SessionBackend.h"
 
 // The one definition of the daemon protocol above the frames, used by both ends: the methods
@@ -372,6 +373,128 @@ struct PushActivityEnd : Ungated {
     X(AgentAck) X(AgentMute) X(AgentDecide) X(AgentHistoryCall) X(AgentReport) X(AgentVerdictCall) X(SettingsGet) X(SettingsSet) X(ServiceStatus)       \
     X(ServiceInstall) X(ServiceUninstall) X(PushRegister) X(PushUnregister) X(PushList) X(PushActivities)            \
     X(PushTest) X(PushActivityStart) X(PushActivityEnd)
+
+
+// ---------------------------------------------------------------- files
+// Metadata is plain requests; a read or a write opens a stream whose bytes travel in
+// file-data frames beside the session's other traffic, paced by a credit window.
+
+struct FsStat : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.stat";
+    using Result = FileEntry;
+    std::string path;
+};
+
+struct FsList : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.list";
+    using Result = FileListing;
+    std::string path;
+    bool hidden = false;
+    std::optional<int> limit;
+    std::optional<std::string> cursor;
+};
+
+struct FsMkdir : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.mkdir";
+    using Result = FileEntry;
+    std::string path;
+    bool parents = false;
+};
+
+struct FsSetattr : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.setattr";
+    using Result = FileEntry;
+    std::string path;
+    std::optional<std::string> mtimeNs;
+    std::optional<int> mode;
+};
+
+struct FsRename : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.rename";
+    using Result = FileEntry;
+    std::string from;
+    std::string to;
+    bool overwrite = false;
+};
+
+struct FsRemove : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.remove";
+    using Result = NoResult;
+    std::string path;
+    bool recursive = false;
+};
+
+struct FsStatfs : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.statfs";
+    using Result = FileSpace;
+    std::string path;
+};
+
+// A read stream as opened: where its data really begins, and the file it reads.
+struct FileReadOpened {
+    std::optional<uint64_t> stream;
+    std::optional<uint64_t> offset;
+    uint64_t size = 0;
+    std::string mtimeNs;
+    bool operator==(const FileReadOpened&) const = default;
+};
+
+struct FsRead : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.read";
+    using Result = FileReadOpened;
+    std::string path;
+    FileReadOptions options;
+};
+
+// A write stream as opened: the offset the receiver already holds, and its window.
+struct FileWriteOpened {
+    std::optional<uint64_t> stream;
+    uint64_t offset = 0;
+    std::optional<uint64_t> window;
+    bool operator==(const FileWriteOpened&) const = default;
+};
+
+struct FsWrite : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.write";
+    using Result = FileWriteOpened;
+    std::string path;
+    FileWriteOptions options;
+};
+
+struct FsCancel : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.cancel";
+    using Result = NoResult;
+    uint64_t stream = 0;
+};
+
+// "fs.ack" both ways: from the daemon, bytes of a write it has taken; from the client, as a
+// message without a request id, bytes of a read it has consumed.
+struct FsAck {
+    static constexpr std::string_view name = "fs.ack";
+    uint64_t stream = 0;
+    uint64_t offset = 0;
+    bool operator==(const FsAck&) const = default;
+};
+
+// "fs.done": the final entry of a write or read, or the end of a cancelled stream.
+struct FsDone {
+    static constexpr std::string_view name = "fs.done";
+    uint64_t stream = 0;
+    std::optional<FileEntry> entry;
+    bool cancelled = false;
+    bool operator==(const FsDone&) const = default;
+};
+
+struct FsError {
+    static constexpr std::string_view name = "fs.error";
+    uint64_t stream = 0;
+    std::string code;
+    std::string message;
+    bool operator==(const FsError&) const = default;
+};
+
+#define CORVEX_PROTOCOL_FILE_METHODS(X)                                                                              \
+    X(FsStat) X(FsList) X(FsMkdir) X(FsSetattr) X(FsRename) X(FsRemove) X(FsStatfs) X(FsRead) X(FsWrite) X(FsCancel)
 
 // Wire names of the events a daemon sends.
 namespace event {

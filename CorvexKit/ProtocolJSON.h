@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "CorvexKit/FileCodecJSON.h"
 #include "CorvexKit/Protocol.h"
 #include "CorvexKit/SessionCodecJSON.h"
 
@@ -18,6 +19,7 @@ namespace corvex::protocol {
     nlohmann::json encodeParams(const M& call);                                                                      \
     void decodeParams(const nlohmann::json& params, M& call);
 CORVEX_PROTOCOL_METHODS(CORVEX_PROTOCOL_PARAMS)
+CORVEX_PROTOCOL_FILE_METHODS(CORVEX_PROTOCOL_PARAMS)
 #undef CORVEX_PROTOCOL_PARAMS
 
 template <typename M>
@@ -33,6 +35,8 @@ nlohmann::json encodeResultValue(const std::vector<PushDevice>& devices);
 nlohmann::json encodeResultValue(const std::vector<PushActivity>& activities);
 nlohmann::json encodeResultValue(const AgentReport::Result& result);
 nlohmann::json encodeResultValue(const AgentVerdict& verdict);
+nlohmann::json encodeResultValue(const FileReadOpened& opened);
+nlohmann::json encodeResultValue(const FileWriteOpened& opened);
 template <typename T>
 nlohmann::json encodeResultValue(const T& value) {
     return toJSON(value);
@@ -43,6 +47,8 @@ void decodeResultValue(const nlohmann::json& result, std::vector<PushDevice>& ou
 void decodeResultValue(const nlohmann::json& result, std::vector<PushActivity>& out);
 void decodeResultValue(const nlohmann::json& result, AgentReport::Result& out);
 void decodeResultValue(const nlohmann::json& result, AgentVerdict& out);
+void decodeResultValue(const nlohmann::json& result, FileReadOpened& out);
+void decodeResultValue(const nlohmann::json& result, FileWriteOpened& out);
 template <typename T>
 void decodeResultValue(const nlohmann::json& result, T& out) {
     out = decodeJSON<T>(result);
@@ -81,5 +87,16 @@ std::optional<WireEvent> encodeEvent(const SessionEvent& event);
 // The client's side: an event as received, or absent when it is dropped (data that doesn't
 // decode, a name this client doesn't know, the file layer's events).
 std::optional<SessionEvent> decodeEvent(std::string_view name, const nlohmann::json& data);
+
+// The file streams' messages. Reading is tolerant where the client must carry on: an
+// "fs.error" without a code or message gets defaults; a missing stream number is absent.
+nlohmann::json encodeFileMessage(const FsAck& ack);
+nlohmann::json encodeFileMessage(const FsDone& done);
+nlohmann::json encodeFileMessage(const FsError& error);
+std::optional<uint64_t> fileStreamID(const nlohmann::json& data);
+std::optional<FsAck> decodeFsAck(const nlohmann::json& data);
+// An "fs.done" whose entry is missing or doesn't decode has neither entry nor `cancelled`.
+std::optional<FsDone> decodeFsDone(const nlohmann::json& data);
+std::optional<FsError> decodeFsError(const nlohmann::json& data);
 
 } // namespace corvex::protocol

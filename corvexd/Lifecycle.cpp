@@ -20,6 +20,7 @@
 #include "Platform/TimerThread.h"
 #include "corvexd/BuildInfo.h"
 #include "corvexd/CommandSupport.h"
+#include "corvexd/FileStreams.h"
 #include "corvexd/HandOver.h"
 #include "corvexd/Holder.h"
 #include "corvexd/HolderClient.h"
@@ -165,6 +166,7 @@ int serve() {
         service.treePath = directory.treePath();
         serveSession(server, core, service);
         serveService(server);
+        FileStreams files(server);
         // Programs change folder without telling their terminal; the panes follow them.
         platform::TimerThread directories("corvexd.cwd");
         std::weak_ptr<corvex::SessionCore> weak = core;

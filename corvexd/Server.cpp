@@ -27,7 +27,9 @@ using nlohmann::json;
 
 namespace {
 
-constexpr size_t readChunk = 65536;
+// Large enough that a file-data frame usually arrives whole and is handed on without being
+// gathered in the parser first.
+constexpr size_t readChunk = 1u << 20;
 constexpr int acceptRetryMilliseconds = 250;
 constexpr int stallCheckMilliseconds = 100;
 
@@ -266,6 +268,7 @@ void Server::closeClient(uint64_t id) {
     clients_.erase(found);
     if (acceptPaused_) acceptClients();
     if (clientGoneHandler_) clientGoneHandler_(id);
+    for (auto& handler : goneHandlers_) handler(id);
 }
 
 Server::Client* Server::client(ClientID id) {
@@ -280,6 +283,24 @@ void Server::setInputHandler(std::function<void(ClientID, uint64_t, std::string_
 }
 
 void Server::setClientGoneHandler(std::function<void(ClientID)> handler) { clientGoneHandler_ = std::move(handler); }
+
+void Server::addClientGoneHandler(std::function<void(ClientID)> handler) { goneHandlers_.push_back(std::move(handler)); }
+
+void Server::addNotification(const std::string& name, std::function<void(ClientID, const json&)> handler) {
+    notifications_[name] = std::move(handler);
+}
+
+void Server::setFrameHandler(uint8_t type, std::function<void(ClientID, std::string_view)> handler) {
+    frameHandlers_[type] = std::move(handler);
+}
+
+void Server::sendFrames(ClientID id, std::vector<std::string> frames) {
+    deliver([this, id, frames = std::move(frames)]() mutable {
+        auto* found = client(id);
+        if (!found) return;
+        for (auto& frame : frames) enqueue(*found, std::move(frame));
+    });
+}
 
 void Server::addFeatures(const std::vector<std::string>& names) {
     for (const auto& name : names) {
@@ -385,8 +406,9 @@ void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes
 }
 
 void Server::readFrom(Client& client) {
-    char buffer[readChunk];
-    ssize_t count = ::recv(client.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+    static thread_local std::vector<char> storage(readChunk);
+    char* buffer = storage.data();
+    ssize_t count = ::recv(client.fd, buffer, readChunk, MSG_DONTWAIT);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count <= 0) {
         client.closing = true;
@@ -414,6 +436,7 @@ void Server::handleFrame(Client& client, uint8_t type, std::string_view payload)
         break;
     default:
         // Kinds a client doesn't send, or doesn't send yet: room for new ones.
+        if (auto handler = frameHandlers_.find(type); handler != frameHandlers_.end()) handler->second(client.id, payload);
         break;
     }
 }
@@ -472,14 +495,21 @@ corvex::Hello Server::hello() const {
 void Server::handleJSON(Client& client, std::string_view text) {
     json message = json::parse(text, nullptr, false);
     auto id = message.is_object() ? requestID(message) : std::nullopt;
+    auto method = message.is_object() ? message.find("method") : message.end();
+    auto params = message.is_object() ? message.find("params") : message.end();
+    static const json noParams = json::object();
     if (!id) {
-        client.closing = true;
+        auto notification = method != message.end() && method->is_string()
+                                ? notifications_.find(method->get<std::string>())
+                                : notifications_.end();
+        if (notification == notifications_.end() || message.contains("id")) {
+            client.closing = true;
+            return;
+        }
+        notification->second(client.id, params != message.end() && params->is_object() ? *params : noParams);
         return;
     }
-    auto method = message.find("method");
-    auto params = message.find("params");
-    static const json noParams = json::object();
-    MethodCall call{client.id, params != message.end() && params->is_object() ? *params : noParams, {}};
+    MethodCall call{client.id, params != message.end() && params->is_object() ? *params : noParams, {}, *id};
     json reply;
     auto fail = [&](std::string_view code, std::string_view message) {
         reply = corvex::protocol::errorEnvelope(*id, code, message);
@@ -498,6 +528,7 @@ void Server::handleJSON(Client& client, std::string_view text) {
         }
         auto handler = methods_.find(name);
         json result = handler != methods_.end() ? handler->second(call) : builtInMethod(client, name, call);
+        if (call.deferred) return;
         reply = corvex::protocol::resultEnvelope(*id, std::move(result));
     } catch (const RequestError& error) {
         fail(error.code, error.message);

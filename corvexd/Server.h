@@ -57,6 +57,10 @@ struct MethodCall {
     ClientID client = 0;
     const nlohmann::json& params;
     std::vector<std::string> framesAfterReply;
+    // The request's id. A handler that answers later, from other work, sets `deferred`; its
+    // result is then dropped and the reply is its own to send with sendFrames.
+    uint64_t requestID = 0;
+    bool deferred = false;
 };
 
 // Raised by a method handler for an error reply.
@@ -94,6 +98,15 @@ public:
     void addMethod(const std::string& name, MethodHandler handler);
     void setInputHandler(std::function<void(ClientID, uint64_t pane, std::string_view bytes)> handler);
     void setClientGoneHandler(std::function<void(ClientID)> handler);
+    // Further listeners for a client's going, beside the one above.
+    void addClientGoneHandler(std::function<void(ClientID)> handler);
+    // A message with a method and no request id: nothing is answered. Names without a handler
+    // close the client, as before.
+    void addNotification(const std::string& name, std::function<void(ClientID, const nlohmann::json& params)> handler);
+    // Frames of a binary kind the server itself doesn't read, such as file data.
+    void setFrameHandler(uint8_t type, std::function<void(ClientID, std::string_view payload)> handler);
+    // From any thread: frames for one client, in order; dropped when it has gone.
+    void sendFrames(ClientID client, std::vector<std::string> frames);
     // The features announced in hello, beyond "ping".
     void addFeatures(const std::vector<std::string>& names);
 
@@ -169,6 +182,9 @@ private:
     std::map<std::string, MethodHandler> methods_;
     std::function<void(ClientID, uint64_t, std::string_view)> inputHandler_;
     std::function<void(ClientID)> clientGoneHandler_;
+    std::vector<std::function<void(ClientID)>> goneHandlers_;
+    std::map<std::string, std::function<void(ClientID, const nlohmann::json&)>> notifications_;
+    std::map<uint8_t, std::function<void(ClientID, std::string_view)>> frameHandlers_;
     std::function<std::optional<ReopenedStream>(ClientID, uint64_t)> reopener_;
     std::vector<std::string> features_{"ping"};
 

@@ -400,7 +400,7 @@ const std::map<std::string, CommandSpec>& commands() {
     static const std::map<std::string, CommandSpec> table{
         {"hello", {.parse = parseHello, .usage = "", .readOnly = true}},
         {"state", {.parse = parseState, .usage = "", .readOnly = true}},
-        {"ls", {.parse = parseTree, .usage = "", .readOnly = true}},
+        {"ls", {.parse = parseLs, .usage = "[[-a] [-l] PATH]", .readOnly = true}},
         {"new-workspace", {.parse = parseNewWorkspace, .usage = "[--name NAME] [SPAWN]"}},
         {"new-tab", {.parse = parseNewTab, .usage = "WORKSPACE [SPAWN]"}},
         {"split", {.parse = parseSplit, .usage = "PANE [--direction right|down|left|up] [--ratio R] [SPAWN]"}},
@@ -424,6 +424,8 @@ const std::map<std::string, CommandSpec>& commands() {
         {"watch", {.parse = parseWatch, .usage = "[--count N]", .readOnly = true}},
         {"agents", {.parse = parseAgents, .usage = "", .readOnly = true}},
         {"decide", {.parse = parseDecide, .usage = "PANE allow|deny [--message TEXT]"}},
+        {"stat", {.parse = parseStat, .usage = "PATH"}},
+        {"cp", {.parse = parseCp, .usage = "[--skip | --overwrite] [--streams N] SOURCE... DEST"}},
     };
     return table;
 }

@@ -41,5 +41,10 @@ CommandRun parseTree(Arguments& args);
 SpawnOptions parseSpawn(Arguments& args, bool startHere);
 // The end of a stream-following command when the daemon went on purpose.
 inline constexpr const char* shutDownNote = "[corvexd was shut down]";
+// Files here and on the daemon's machine (a path that begins with ":").
+// With a PATH; without one, `ls` is the session tree.
+CommandRun parseLs(Arguments& args);
+CommandRun parseStat(Arguments& args);
+CommandRun parseCp(Arguments& args);
 
 } // namespace corvex::cli

@@ -46,14 +46,14 @@ TEST(CorvexdServer, HelloDescribesThisRunAndOnlyWhatIsImplemented) {
         {"service", "service.status"},
         {"pane.clipboard", ""}, // events only
         {"agents", "agent.ack"}, {"agent.report.pid", ""}, {"agent.mute", "agent.mute"},
-        {"agent.history", "agent.history"}, {"agent.decide", "agent.decide"}, {"git", ""}};
+        {"agent.history", "agent.history"}, {"agent.decide", "agent.decide"}, {"git", ""}, {"fs", "fs.stat"}};
     for (const auto& feature : result["features"]) {
         auto method = methodOf.find(feature.get<std::string>());
         ASSERT_NE(method, methodOf.end()) << "announced but not known to this test: " << feature;
         if (method->second.empty()) continue;
         EXPECT_NE(errorCode(client.request(method->second, json::object())), "unknown_method") << feature;
     }
-    for (const char* unannounced : {"push.list", "fs.list"}) {
+    for (const char* unannounced : {"push.list"}) {
         EXPECT_EQ(errorCode(client.request(unannounced, json::object())), "unknown_method") << unannounced;
     }
     EXPECT_FALSE(result["machine"]["hostname"].get<std::string>().empty());

@@ -127,9 +127,21 @@ void FakeDaemon::serve(std::shared_ptr<FakePeer> peer) {
                 ++inputFrames_;
                 return;
             }
+            if (type == static_cast<uint8_t>(FrameType::fileData)) {
+                if (auto frame = parseFileDataPayload(body)) {
+                    std::lock_guard guard(mutex_);
+                    fileData_.push_back({frame->stream, frame->offset, frame->fin, std::string(frame->bytes)});
+                }
+                return;
+            }
             if (type != static_cast<uint8_t>(FrameType::json)) return;
             json object = json::parse(body, nullptr, false);
-            if (!object.is_object() || !object.contains("id")) return;
+            if (object.is_object() && !object.contains("id")) {
+                std::lock_guard guard(mutex_);
+                notifications_.push_back(object);
+                return;
+            }
+            if (!object.is_object()) return;
             ReceivedRequest request{peer->index(), object["id"].get<int64_t>(), object.value("method", ""),
                                     object.contains("params") ? object["params"] : json()};
             {
@@ -207,6 +219,16 @@ std::optional<ReceivedRequest> FakeDaemon::nextRequest(const std::string& method
         if (next->method == method) return next;
     }
     return std::nullopt;
+}
+
+std::vector<FakeDaemon::FileData> FakeDaemon::fileData() const {
+    std::lock_guard guard(mutex_);
+    return fileData_;
+}
+
+std::vector<json> FakeDaemon::notifications() const {
+    std::lock_guard guard(mutex_);
+    return notifications_;
 }
 
 std::map<uint64_t, std::string> FakeDaemon::input() const {

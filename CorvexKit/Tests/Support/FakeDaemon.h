@@ -94,6 +94,15 @@ public:
     int inputFrames() const { return inputFrames_; }
     // The bytes of every input frame, by pane, in arrival order.
     std::map<uint64_t, std::string> input() const;
+    // File-data frames as they came, and the messages sent without a request id.
+    struct FileData {
+        uint64_t stream = 0;
+        uint64_t offset = 0;
+        bool fin = false;
+        std::string bytes;
+    };
+    std::vector<FileData> fileData() const;
+    std::vector<nlohmann::json> notifications() const;
 
     static nlohmann::json defaultHello(const std::string& instance = "A");
 
@@ -118,6 +127,8 @@ private:
     std::atomic<int> connectionCount_{0};
     std::atomic<int> inputFrames_{0};
     std::map<uint64_t, std::string> input_;
+    std::vector<FileData> fileData_;
+    std::vector<nlohmann::json> notifications_;
     bool stopping_ = false;
 };
 

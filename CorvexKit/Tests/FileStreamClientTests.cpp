@@ -1,0 +1,199 @@
+// The client's side of file streams against a stand-in daemon that answers as a test says,
+// including the ways a real one never would: silence, early ends, defaults left out.
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "CorvexKit/CorvexdBackendFiles.h"
+#include "CorvexKit/FileCodec.h"
+#include "Platform/Tests/Support/Eventually.h"
+#include "Support/FakeDaemon.h"
+#include "Support/FileTestSupport.h"
+#include "Support/ScratchDirectory.h"
+
+using namespace corvex;
+using namespace corvex::testing;
+using nlohmann::json;
+using platform::testing::eventually;
+using namespace std::chrono_literals;
+
+namespace {
+
+json entryJSON(const std::string& path, uint64_t size) {
+    FileEntry entry;
+    entry.name = path.substr(path.rfind('/') + 1);
+    entry.path = path;
+    entry.type = FileType::file;
+    entry.size = size;
+    entry.mtimeNs = "0";
+    return json::parse(encodeText(entry));
+}
+
+class FileStreamClient : public ::testing::Test {
+protected:
+    void SetUp() override {
+        json hello = FakeDaemon::defaultHello();
+        hello["features"] = json::array({"ping", "fs"});
+        daemon.setHello(hello);
+        daemon.listen();
+        auto configuration = CorvexdBackend::Configuration::socket(daemon.socketPath(), "tests");
+        configuration.retry = RetryPolicy{std::nullopt, 0.02, 0.1};
+        backend = CorvexdBackend::make(configuration);
+        backend->start();
+        files = CorvexdFileBackend::attach(backend);
+    }
+    void TearDown() override { backend->stop(); }
+
+    // Answers the opening request of a stream with `result`, recording the peer.
+    FakeDaemon::HandlerScope answer(const std::string& method, json result) {
+        {
+            std::lock_guard guard(peerLock);
+            streamPeer = nullptr; // until this answer has gone out
+        }
+        return daemon.setHandler([this, method, result](FakePeer& peer, const ReceivedRequest& request) {
+            if (request.method != method) return false;
+            peer.reply(request.id, result);
+            std::lock_guard guard(peerLock);
+            streamPeer = &peer;
+            return true;
+        });
+    }
+    void event(const std::string& name, const json& data) {
+        ASSERT_TRUE(eventually([&] {
+            std::lock_guard guard(peerLock);
+            return streamPeer != nullptr;
+        }));
+        std::lock_guard guard(peerLock);
+        streamPeer->event(name, data);
+    }
+    bool finSeen() {
+        return eventually([&] {
+            auto frames = daemon.fileData();
+            return !frames.empty() && frames.back().fin;
+        });
+    }
+
+    ScratchDirectory dir;
+    FakeDaemon daemon{dir.file("corvexd.sock")};
+    std::shared_ptr<CorvexdBackend> backend;
+    std::shared_ptr<CorvexdFileBackend> files;
+    std::mutex peerLock;
+    FakePeer* streamPeer = nullptr;
+};
+
+} // namespace
+
+TEST_F(FileStreamClient, AnEmptyWriteIsOneEndFrameAndAResumedOneStartsAtTheReplysOffset) {
+    auto scope = answer("fs.write", {{"stream", 7}, {"offset", 0}, {"window", 4096}});
+    MemorySource empty("");
+    auto writing = std::async(std::launch::async, [&] { return files->write("/x/empty", {}, empty, {}); });
+    ASSERT_TRUE(finSeen());
+    event("fs.done", {{"stream", 7}, {"entry", entryJSON("/x/empty", 0)}});
+    EXPECT_EQ(writing.get().path, "/x/empty");
+    auto frames = daemon.fileData();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].offset, 0u);
+    EXPECT_TRUE(frames[0].bytes.empty());
+
+    auto resumed = answer("fs.write", {{"stream", 8}, {"offset", 1000}, {"window", 1 << 20}});
+    MemorySource source(patternBytes(3000), "v", 700);
+    std::vector<uint64_t> progress;
+    auto again = std::async(std::launch::async, [&] {
+        return files->write("/x/f", {}, source, [&](uint64_t done) { progress.push_back(done); });
+    });
+    ASSERT_TRUE(eventually([&] { return daemon.fileData().size() >= 3 && daemon.fileData().back().fin; }));
+    event("fs.ack", {{"stream", 8}, {"offset", 3000}});
+    event("fs.done", {{"stream", 8}, {"entry", entryJSON("/x/f", 3000)}});
+    again.get();
+    EXPECT_EQ(source.openedAt, std::vector<uint64_t>{1000});
+    frames = daemon.fileData();
+    EXPECT_EQ(frames[1].offset, 1000u);
+    EXPECT_EQ(frames[1].bytes, patternBytes(3000).substr(1000, frames[1].bytes.size()));
+    EXPECT_EQ(frames.back().offset, 3000u) << "the end is its own empty frame at the last offset";
+    EXPECT_EQ(progress, std::vector<uint64_t>{3000}) << "progress is what the daemon took, not what was sent";
+}
+
+TEST_F(FileStreamClient, AnEndWhileWaitingForCreditStopsTheWriteAndErrorsGetDefaults) {
+    auto scope = answer("fs.write", {{"stream", 3}, {"offset", 0}, {"window", 0}});
+    MemorySource source(patternBytes(10000));
+    auto writing = std::async(std::launch::async, [&] { return files->write("/x/f", {}, source, {}); });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_TRUE(daemon.fileData().empty()) << "no credit, no data";
+    event("fs.done", {{"stream", 3}, {"entry", entryJSON("/x/f", 10000)}});
+    EXPECT_EQ(writing.get().size, 10000u);
+
+    auto failing = answer("fs.write", {{"stream", 4}, {"offset", 0}, {"window", 0}});
+    auto refused = std::async(std::launch::async, [&] { return files->write("/x/g", {}, source, {}); });
+    event("fs.error", {{"stream", 4}});
+    try {
+        refused.get();
+        ADD_FAILURE() << "the daemon's error must reach the writer";
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), "io_error");
+        EXPECT_EQ(error.message(), "file transfer failed");
+    }
+
+    auto streamless = answer("fs.write", json::object());
+    try {
+        files->write("/x/h", {}, source, {});
+        ADD_FAILURE();
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), "internal");
+        EXPECT_EQ(error.message(), "fs.write reply without a stream");
+    }
+}
+
+TEST_F(FileStreamClient, ReadsAcknowledgeEveryQuarterWindowAndEndOnABareFinFrame) {
+    auto scope = answer("fs.read", {{"stream", 5}, {"offset", 0}, {"size", 4096}, {"mtime_ns", "1"}});
+    FileReadOptions options;
+    options.chunk = 1024;
+    options.window = 4096;
+    FileReadStream stream = files->read("/x/f", options);
+    EXPECT_EQ(stream.size, 4096u);
+    {
+        std::lock_guard guard(peerLock);
+        for (uint64_t offset = 0; offset < 4096; offset += 1024)
+            streamPeer->sendRaw(makeFileDataFrame(5, offset, false, std::string(1024, 'r')));
+        streamPeer->sendRaw(makeFileDataFrame(99, 0, false, "for a stream nobody has"));
+        streamPeer->sendRaw(makeFrame(FrameType::fileData, std::string(16, '\0'))); // too short: ignored
+        streamPeer->sendRaw(makeFileDataFrame(5, 4096, true, {}));
+    }
+    std::string bytes;
+    while (auto block = stream.data()) bytes.append(block->begin(), block->end());
+    EXPECT_EQ(bytes, std::string(4096, 'r'));
+    ASSERT_TRUE(eventually([&] { return daemon.notifications().size() == 4; }));
+    std::vector<uint64_t> acked;
+    for (const json& note : daemon.notifications()) {
+        EXPECT_EQ(note["method"], "fs.ack");
+        acked.push_back(note["params"]["offset"]);
+    }
+    EXPECT_EQ(acked, (std::vector<uint64_t>{1024, 2048, 3072, 4096}));
+    EXPECT_EQ(files->openStreams(), 0u);
+}
+
+TEST_F(FileStreamClient, ASilentDaemonIsStalledAndTheConnectionIsDropped) {
+    files->setFileStallTimeout(0.5);
+    auto scope = answer("fs.write", {{"stream", 9}, {"offset", 0}, {"window", 65536}});
+    MemorySource source(patternBytes(200000), "v", 65536);
+    FileWriteOptions options;
+    options.chunk = 16384; // pieces go out until the window is full, then nothing comes back
+    try {
+        files->write("/x/f", options, source, {});
+        ADD_FAILURE() << "nothing was ever acknowledged";
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), "stalled");
+        EXPECT_NE(error.message().find("Nothing moved for "), std::string::npos) << error.message();
+    }
+    EXPECT_TRUE(eventually([&] { return daemon.connectionCount() >= 2; })) << "a stuck stream drops its connection";
+
+    auto reading = answer("fs.read", {{"stream", 10}, {"offset", 0}, {"size", 10}, {"mtime_ns", "1"}});
+    ASSERT_TRUE(eventually([&] { return backend->isConnected(); }));
+    FileReadStream stream = files->read("/x/f", {});
+    try {
+        stream.data();
+        ADD_FAILURE() << "a read that gets nothing ends";
+    } catch (const BackendError& error) {
+        EXPECT_EQ(error.code(), "stalled");
+    }
+}

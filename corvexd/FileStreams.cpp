@@ -1,0 +1,424 @@
+#include "corvexd/FileStreams.h"
+
+#include <algorithm>
+#include <deque>
+#include <thread>
+
+#include "CorvexKit/FileService.h"
+#include "CorvexKit/Frame.h"
+#include "Platform/SerialQueue.h"
+#include "corvexd/ServeMethod.h"
+
+namespace corvexd {
+
+using corvex::BackendError;
+using corvex::FileErrorCode;
+using corvex::FileService;
+using nlohmann::json;
+namespace protocol = corvex::protocol;
+
+namespace {
+
+constexpr int largestChunk = 4 << 20;
+
+std::string jsonFrame(const json& value) {
+    // Names that aren't valid UTF-8 go out with replacement characters, never as a failure.
+    return corvex::makeJSONFrame(value.dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+std::string errorReply(uint64_t id, const std::string& code, const std::string& message) {
+    return jsonFrame(protocol::errorEnvelope(id, code, message));
+}
+
+template <typename Message>
+std::string eventFrame(const Message& message) {
+    return jsonFrame(protocol::eventEnvelope(Message::name, protocol::encodeFileMessage(message)));
+}
+
+// What any failure of file work says on the wire.
+BackendError asFileError(const std::exception_ptr& error, const std::string& path) {
+    return FileService::translate(error, path);
+}
+
+} // namespace
+
+struct FileStreams::Stream {
+    uint64_t id = 0;
+    ClientID client = 0;
+    bool write = false;
+    std::string path;
+    uint64_t window = 0;
+    Stop stop = Stop::none;
+    std::optional<BackendError> failure;
+    std::condition_variable wake;
+
+    // write: blocks as received, not yet on disk
+    std::unique_ptr<corvex::StagedWrite> staged;
+    std::deque<std::string> blocks;
+    std::vector<std::string> spare; // written blocks, kept for their capacity
+    uint64_t received = 0; // offset the next frame must carry
+    uint64_t taken = 0;    // on disk, and acknowledged
+    bool fin = false;
+    std::string uploadKey; // target and upload id: one stream at a time stages under it
+
+    // read
+    std::shared_ptr<corvex::ChunkReader> reader;
+    uint64_t sent = 0;
+    uint64_t consumed = 0; // acknowledged by the client
+    uint64_t end = 0;
+    uint64_t chunk = 1;
+
+    bool hasCredit() const {
+        uint64_t piece = std::min({chunk, end - sent, std::max<uint64_t>(window, 1)});
+        return window > 0 && sent + piece <= consumed + window;
+    }
+};
+
+FileStreams::FileStreams(Server& server, Limits limits) : server_(server), limits_(limits) {
+    serveOffThread<protocol::FsStat>([](const auto& p) { return FileService::stat(p.path); });
+    serveOffThread<protocol::FsList>([](const auto& p) { return FileService::list(p.path, p.hidden, p.limit, p.cursor); });
+    serveOffThread<protocol::FsMkdir>([](const auto& p) { return FileService::mkdir(p.path, p.parents); });
+    serveOffThread<protocol::FsSetattr>([](const auto& p) { return FileService::setattr(p.path, p.mtimeNs, p.mode); });
+    serveOffThread<protocol::FsRename>([](const auto& p) { return FileService::rename(p.from, p.to, p.overwrite); });
+    serveOffThread<protocol::FsRemove>([](const auto& p) {
+        FileService::remove(p.path, p.recursive);
+        return protocol::NoResult{};
+    });
+    serveOffThread<protocol::FsStatfs>([](const auto& p) { return FileService::statfs(p.path); });
+    serveRead();
+    serveWrite();
+    serveCancel();
+    server_.setFrameHandler(static_cast<uint8_t>(corvex::FrameType::fileData),
+                            [this](ClientID client, std::string_view payload) { fileData(client, payload); });
+    server_.addNotification(std::string(protocol::FsAck::name),
+                            [this](ClientID client, const json& params) { readAck(client, params); });
+    server_.addClientGoneHandler([this](ClientID client) { clientGone(client); });
+    server_.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::fs))});
+}
+
+FileStreams::~FileStreams() {
+    std::unique_lock guard(lock_);
+    shuttingDown_ = true;
+    uploadsChanged_.notify_all();
+    for (auto& [id, stream] : streams_) stopLocked(*stream, Stop::quiet);
+    workersDone_.wait(guard, [&] { return workers_ == 0; });
+}
+
+template <typename M, typename Work>
+void FileStreams::serveOffThread(Work work) {
+    server_.addMethod(std::string(M::name), [this, work](MethodCall& call) -> json {
+        auto params = protocol::decodeParams<M>(call.params);
+        call.deferred = true;
+        pool_.detach([this, work, params, client = call.client, id = call.requestID] {
+            std::string reply;
+            try {
+                reply = jsonFrame(protocol::resultEnvelope(id, protocol::encodeResult<M>(work(params))));
+            } catch (...) {
+                BackendError error = asFileError(std::current_exception(), "");
+                reply = errorReply(id, error.code(), error.message());
+            }
+            server_.sendFrames(client, {std::move(reply)});
+        });
+        return json();
+    });
+}
+
+void FileStreams::reserve(ClientID client, uint64_t readWindow) {
+    std::lock_guard guard(lock_);
+    if (openStreams_[client] >= limits_.streamsPerClient || readWindows_[client] + readWindow > limits_.readWindowsPerClient) {
+        throw corvex::fileError(FileErrorCode::tooManyStreams,
+                                "too many file streams open at once (" + std::to_string(openStreams_[client]) + ")");
+    }
+    ++openStreams_[client];
+    readWindows_[client] += readWindow;
+}
+
+void FileStreams::release(ClientID client, uint64_t readWindow) {
+    if (--openStreams_[client] <= 0) openStreams_.erase(client);
+    if ((readWindows_[client] -= readWindow) == 0) readWindows_.erase(client);
+}
+
+// On the serving thread: the stream is known before its reply goes out, so nothing the client
+// sends after reading the reply can miss it.
+void FileStreams::open(const std::shared_ptr<Stream>& stream, std::string reply) {
+    {
+        std::lock_guard guard(lock_);
+        if (gone_.count(stream->client) || shuttingDown_) {
+            release(stream->client, stream->write ? 0 : stream->window);
+            releaseUpload(*stream);
+            return; // the staged write, if any, is dropped with the stream
+        }
+        streams_[stream->id] = stream;
+        ++workers_;
+    }
+    server_.sendFrames(stream->client, {std::move(reply)});
+    std::thread([this, stream] {
+        platform::setCurrentThreadName(stream->write ? "corvexd.fs.write" : "corvexd.fs.read");
+        if (stream->write) runWrite(stream);
+        else runRead(stream);
+        std::lock_guard guard(lock_);
+        if (--workers_ == 0) workersDone_.notify_all();
+    }).detach();
+}
+
+void FileStreams::serveRead() {
+    server_.addMethod(std::string(protocol::FsRead::name), [this](MethodCall& call) -> json {
+        auto params = protocol::decodeParams<protocol::FsRead>(call.params);
+        uint64_t window = static_cast<uint64_t>(std::max(params.options.window, 0));
+        reserve(call.client, window);
+        call.deferred = true;
+        pool_.detach([this, params, window, client = call.client, id = call.requestID] {
+            auto stream = std::make_shared<Stream>();
+            stream->client = client;
+            stream->path = params.path;
+            stream->window = window;
+            try {
+                // A block must fit one frame, whatever the client asks.
+                corvex::FileReadOptions o = params.options;
+                o.chunk = std::clamp(o.chunk, 4096, largestChunk);
+                corvex::OpenedRead opened = FileService::openRead(params.path, o);
+                stream->reader = opened.reader;
+                stream->sent = stream->consumed = opened.offset;
+                stream->end = o.length ? std::min(o.offset + *o.length, opened.entry.size) : opened.entry.size;
+                stream->end = std::max(stream->end, stream->sent);
+                stream->chunk = static_cast<uint64_t>(o.chunk);
+                server_.post([this, stream, id, opened = std::move(opened)]() mutable {
+                    {
+                        std::lock_guard guard(lock_);
+                        stream->id = nextStream_++;
+                    }
+                    protocol::FileReadOpened result{stream->id, opened.offset, opened.entry.size, opened.entry.mtimeNs};
+                    open(stream, jsonFrame(protocol::resultEnvelope(id, protocol::encodeResultValue(result))));
+                });
+            } catch (...) {
+                BackendError error = asFileError(std::current_exception(), params.path);
+                {
+                    std::lock_guard guard(lock_);
+                    release(client, window);
+                }
+                server_.sendFrames(client, {errorReply(id, error.code(), error.message())});
+            }
+        });
+        return json();
+    });
+}
+
+void FileStreams::serveWrite() {
+    server_.addMethod(std::string(protocol::FsWrite::name), [this](MethodCall& call) -> json {
+        auto params = protocol::decodeParams<protocol::FsWrite>(call.params);
+        reserve(call.client, 0);
+        call.deferred = true;
+        pool_.detach([this, params, client = call.client, id = call.requestID] {
+            auto stream = std::make_shared<Stream>();
+            stream->client = client;
+            stream->write = true;
+            stream->path = params.path;
+            stream->window = std::min<uint64_t>(static_cast<uint64_t>(std::max(params.options.window, 0)),
+                                                limits_.largestWriteWindow);
+            try {
+                claimUpload(stream, params);
+                stream->staged = FileService::beginWrite(params.path, params.options);
+                stream->received = stream->taken = stream->staged->offset();
+                server_.post([this, stream, id] {
+                    {
+                        std::lock_guard guard(lock_);
+                        stream->id = nextStream_++;
+                    }
+                    protocol::FileWriteOpened result{stream->id, stream->received, stream->window};
+                    open(stream, jsonFrame(protocol::resultEnvelope(id, protocol::encodeResultValue(result))));
+                });
+            } catch (...) {
+                BackendError error = asFileError(std::current_exception(), params.path);
+                {
+                    std::lock_guard guard(lock_);
+                    release(client, 0);
+                    releaseUpload(*stream);
+                }
+                server_.sendFrames(client, {errorReply(id, error.code(), error.message())});
+            }
+        });
+        return json();
+    });
+}
+
+// A retry may come before the daemon has noticed that the client of the earlier attempt is
+// gone: the earlier stream is ended (keeping what it received) before the new one stages.
+void FileStreams::claimUpload(const std::shared_ptr<Stream>& stream, const corvex::protocol::FsWrite& params) {
+    if (!params.options.uploadID) return;
+    std::string key = params.path + '\0' + *params.options.uploadID;
+    std::unique_lock guard(lock_);
+    if (auto held = uploads_.find(key); held != uploads_.end()) stopLocked(*held->second, Stop::quiet);
+    uploadsChanged_.wait(guard, [&] { return !uploads_.count(key) || shuttingDown_; });
+    if (shuttingDown_) throw corvex::fileError(FileErrorCode::ioError, "corvexd is stopping");
+    uploads_[key] = stream;
+    stream->uploadKey = key;
+}
+
+void FileStreams::releaseUpload(Stream& stream) {
+    if (stream.uploadKey.empty()) return;
+    if (auto held = uploads_.find(stream.uploadKey); held != uploads_.end() && held->second.get() == &stream)
+        uploads_.erase(held);
+    stream.uploadKey.clear();
+    uploadsChanged_.notify_all();
+}
+
+void FileStreams::serveCancel() {
+    serve<protocol::FsCancel>(server_, [this](const protocol::FsCancel& p, MethodCall& call) {
+        std::lock_guard guard(lock_);
+        auto found = streams_.find(p.stream);
+        // A stream already ended has sent its end; there is nothing more to say.
+        if (found != streams_.end() && found->second->client == call.client) stopLocked(*found->second, Stop::cancelled);
+    });
+}
+
+void FileStreams::stopLocked(Stream& stream, Stop how) {
+    if (stream.stop != Stop::none && how != Stop::quiet) return;
+    stream.stop = how;
+    stream.wake.notify_all();
+}
+
+// The stream's last frames, and its place freed. Worker thread.
+void FileStreams::finish(const std::shared_ptr<Stream>& stream, std::vector<std::string> frames) {
+    {
+        std::lock_guard guard(lock_);
+        streams_.erase(stream->id);
+        release(stream->client, stream->write ? 0 : stream->window);
+        releaseUpload(*stream);
+        if (stream->stop == Stop::quiet) frames.clear();
+    }
+    if (!frames.empty()) server_.sendFrames(stream->client, std::move(frames));
+}
+
+void FileStreams::runWrite(std::shared_ptr<Stream> stream) {
+    const std::string target = stream->staged->target();
+    try {
+        for (;;) {
+            std::string block;
+            bool last = false;
+            {
+                std::unique_lock guard(lock_);
+                stream->wake.wait(guard, [&] { return stream->stop != Stop::none || !stream->blocks.empty() || stream->fin; });
+                // What has arrived is kept even when the stream is ending, so that a resumed
+                // write needs less; only a broken stream's data is untrusted.
+                if (stream->stop == Stop::failed || (stream->stop != Stop::none && stream->blocks.empty())) break;
+                if (stream->blocks.empty()) {
+                    last = true; // the end frame came, and no stop: place the file
+                } else {
+                    block = std::move(stream->blocks.front());
+                    stream->blocks.pop_front();
+                }
+            }
+            if (last) {
+                corvex::FileEntry entry = stream->staged->finish();
+                finish(stream, {eventFrame(protocol::FsDone{stream->id, std::move(entry), false})});
+                return;
+            }
+            stream->staged->append(corvex::asBytes(block));
+            uint64_t total = stream->staged->total();
+            {
+                std::lock_guard guard(lock_);
+                stream->taken = total;
+                if (stream->spare.size() < 4) stream->spare.push_back(std::move(block));
+            }
+            server_.sendFrames(stream->client, {eventFrame(protocol::FsAck{stream->id, total})});
+        }
+    } catch (...) {
+        BackendError error = asFileError(std::current_exception(), target);
+        stream->staged->abandon();
+        finish(stream, {eventFrame(protocol::FsError{stream->id, error.code(), error.message()})});
+        return;
+    }
+    // Stopped: a staging file named by an upload id stays for the next attempt.
+    stream->staged->abandon();
+    std::vector<std::string> frames;
+    if (stream->stop == Stop::cancelled) frames.push_back(eventFrame(protocol::FsDone{stream->id, std::nullopt, true}));
+    if (stream->stop == Stop::failed && stream->failure)
+        frames.push_back(eventFrame(protocol::FsError{stream->id, stream->failure->code(), stream->failure->message()}));
+    finish(stream, std::move(frames));
+}
+
+void FileStreams::runRead(std::shared_ptr<Stream> stream) {
+    try {
+        for (;;) {
+            uint64_t from = 0;
+            {
+                std::unique_lock guard(lock_);
+                stream->wake.wait(guard, [&] {
+                    return stream->stop != Stop::none || stream->sent >= stream->end || stream->hasCredit();
+                });
+                if (stream->stop != Stop::none) break;
+                from = stream->sent;
+            }
+            std::optional<corvex::Bytes> block = from < stream->end ? stream->reader->next() : std::nullopt;
+            if (!block) {
+                // The end, or a file that shrank under us: either way the reader has all there is.
+                finish(stream, {corvex::makeFileDataFrame(stream->id, from, true, {})});
+                return;
+            }
+            std::string_view bytes(reinterpret_cast<const char*>(block->data()), block->size());
+            server_.sendFrames(stream->client, {corvex::makeFileDataFrame(stream->id, from, false, bytes)});
+            std::lock_guard guard(lock_);
+            stream->sent += block->size();
+        }
+    } catch (...) {
+        BackendError error = asFileError(std::current_exception(), stream->path);
+        stream->reader->close();
+        finish(stream, {eventFrame(protocol::FsError{stream->id, error.code(), error.message()})});
+        return;
+    }
+    stream->reader->close();
+    std::vector<std::string> frames;
+    if (stream->stop == Stop::cancelled) frames.push_back(eventFrame(protocol::FsDone{stream->id, std::nullopt, true}));
+    finish(stream, std::move(frames));
+}
+
+void FileStreams::fileData(ClientID client, std::string_view payload) {
+    auto frame = corvex::parseFileDataPayload(payload);
+    if (!frame) return;
+    std::lock_guard guard(lock_);
+    auto found = streams_.find(frame->stream);
+    if (found == streams_.end()) return;
+    Stream& stream = *found->second;
+    if (stream.client != client || !stream.write || stream.fin || stream.stop != Stop::none) return;
+    auto fail = [&](std::string message) {
+        stream.failure = corvex::fileError(FileErrorCode::badRequest, stream.path + ": " + message);
+        stopLocked(stream, Stop::failed);
+    };
+    if (frame->offset != stream.received)
+        return fail("data at " + std::to_string(frame->offset) + ", expected " + std::to_string(stream.received));
+    // Past the window is a client that ignores credit; holding it would be unbounded.
+    if (stream.received + frame->bytes.size() > stream.taken + stream.window) return fail("data beyond the window");
+    if (!frame->bytes.empty()) {
+        std::string block;
+        if (!stream.spare.empty()) {
+            block = std::move(stream.spare.back());
+            stream.spare.pop_back();
+        }
+        block.assign(frame->bytes);
+        stream.blocks.push_back(std::move(block));
+        stream.received += frame->bytes.size();
+    }
+    stream.fin = frame->fin;
+    stream.wake.notify_all();
+}
+
+void FileStreams::readAck(ClientID client, const json& params) {
+    auto ack = protocol::decodeFsAck(params);
+    if (!ack) return;
+    std::lock_guard guard(lock_);
+    auto found = streams_.find(ack->stream);
+    if (found == streams_.end() || found->second->client != client || found->second->write) return;
+    Stream& stream = *found->second;
+    stream.consumed = std::max(stream.consumed, std::min(ack->offset, stream.sent));
+    stream.wake.notify_all();
+}
+
+void FileStreams::clientGone(ClientID client) {
+    std::lock_guard guard(lock_);
+    gone_.insert(client);
+    for (auto& [id, stream] : streams_) {
+        if (stream->client == client) stopLocked(*stream, Stop::quiet);
+    }
+}
+
+} // namespace corvexd

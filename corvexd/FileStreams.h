@@ -1,0 +1,79 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "CorvexKit/Protocol.h"
+#include "Platform/WorkerPool.h"
+#include "corvexd/Server.h"
+
+namespace corvexd {
+
+// Serves the file methods to the daemon's clients through FileService, the one statement of
+// the file rules. Metadata calls and both stream directions run off the serving thread, so a
+// large copy never holds up another client's pane output or replies. Each stream is paced by
+// its credit window, which bounds what it holds in memory; a client's streams end with it.
+class FileStreams {
+public:
+    struct Limits {
+        int streamsPerClient = 8;
+        // What all of one client's read windows may add up to: their frames wait in that
+        // client's send queue, which has a bound of its own.
+        uint64_t readWindowsPerClient = 24u << 20;
+        // The largest write window granted; a client asking more gets this.
+        uint64_t largestWriteWindow = 16u << 20;
+    };
+
+    // Registers the methods and announces "fs". Destroy before the server: it ends every
+    // stream and waits for their threads.
+    explicit FileStreams(Server& server, Limits limits);
+    explicit FileStreams(Server& server) : FileStreams(server, Limits()) {}
+    ~FileStreams();
+    FileStreams(const FileStreams&) = delete;
+    FileStreams& operator=(const FileStreams&) = delete;
+
+private:
+    struct Stream;
+    enum class Stop { none, cancelled, failed, quiet };
+
+    template <typename M, typename Work>
+    void serveOffThread(Work work);
+    void serveRead();
+    void serveWrite();
+    void serveCancel();
+    void reserve(ClientID client, uint64_t readWindow);
+    void release(ClientID client, uint64_t readWindow); // lock_ held
+    void claimUpload(const std::shared_ptr<Stream>& stream, const corvex::protocol::FsWrite& params);
+    void releaseUpload(Stream& stream); // lock_ held
+    void open(const std::shared_ptr<Stream>& stream, std::string reply);
+    void runRead(std::shared_ptr<Stream> stream);
+    void runWrite(std::shared_ptr<Stream> stream);
+    void finish(const std::shared_ptr<Stream>& stream, std::vector<std::string> frames);
+    void stopLocked(Stream& stream, Stop how);
+    void fileData(ClientID client, std::string_view payload);
+    void readAck(ClientID client, const nlohmann::json& params);
+    void clientGone(ClientID client);
+
+    Server& server_;
+    Limits limits_;
+    std::mutex lock_;
+    std::condition_variable workersDone_;
+    int workers_ = 0;
+    bool shuttingDown_ = false;
+    uint64_t nextStream_ = 1;
+    std::map<uint64_t, std::shared_ptr<Stream>> streams_;
+    std::map<ClientID, int> openStreams_;
+    std::map<ClientID, uint64_t> readWindows_;
+    std::set<ClientID> gone_;
+    std::map<std::string, std::shared_ptr<Stream>> uploads_; // by target and upload id
+    std::condition_variable uploadsChanged_;
+    // Last, so it ends first: its work refers to everything above.
+    platform::WorkerPool pool_{8};
+};
+
+} // namespace corvexd

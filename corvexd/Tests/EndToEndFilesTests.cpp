@@ -1,0 +1,649 @@
+// Files over a real corvexd: the daemon's file layer must behave as this computer's, streams
+// must resume, stay bounded and end with their client, and `corvex` copies as the app does.
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <sys/stat.h>
+#include <thread>
+
+#include "CorvexKit/CorvexdBackendFiles.h"
+#include "CorvexKit/FileCodec.h"
+#include "CorvexKit/FileService.h"
+#include "CorvexKit/FileTransfer.h"
+#include "CorvexKit/LocalFileBackend.h"
+#include "CorvexKit/Tests/Support/FileTestSupport.h"
+#include "EndToEndDaemon.h"
+#include "Platform/Tests/Support/Eventually.h"
+#include "Support/DaemonHarness.h"
+
+using namespace corvex;
+using namespace corvex::endtoend;
+using corvex::testing::MemorySource;
+using corvex::testing::patternBytes;
+using corvex::testing::readBytes;
+using corvex::testing::stagingFiles;
+using corvex::testing::writeBytes;
+using platform::testing::eventually;
+using nlohmann::json;
+namespace fsys = std::filesystem;
+
+namespace {
+
+template <typename Work>
+BackendError failureOf(Work&& work) {
+    try {
+        work();
+    } catch (const BackendError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "expected a failure";
+    return BackendError("none", "");
+}
+
+std::string drain(ByteBlocks& blocks) {
+    std::string bytes;
+    while (std::optional<Bytes> block = blocks()) bytes.append(block->begin(), block->end());
+    return bytes;
+}
+
+std::vector<std::string> names(const std::vector<FileEntry>& entries) {
+    std::vector<std::string> found;
+    for (const FileEntry& entry : entries) found.push_back(entry.name);
+    return found;
+}
+
+struct ThisComputer {
+    std::shared_ptr<FileBackend> make(corvex::testing::ScratchDirectory&) { return std::make_shared<LocalFileBackend>(); }
+};
+
+struct OverTheDaemon {
+    Daemon daemon;
+    std::shared_ptr<CorvexdBackend> connection;
+
+    std::shared_ptr<FileBackend> make(corvex::testing::ScratchDirectory&) {
+        daemon.serve();
+        connection = daemon.connect("files");
+        return CorvexdFileBackend::attach(connection);
+    }
+};
+
+template <typename Side>
+class FileContract : public ::testing::Test {
+protected:
+    void SetUp() override { files = side.make(scratch); }
+    std::string at(const std::string& name) const { return scratch.file(name); }
+
+    corvex::testing::ScratchDirectory scratch;
+    Side side;
+    std::shared_ptr<FileBackend> files;
+};
+
+using Sides = ::testing::Types<ThisComputer, OverTheDaemon>;
+TYPED_TEST_SUITE(FileContract, Sides);
+
+} // namespace
+
+TYPED_TEST(FileContract, EntriesListingsAndPagesAreTheSame) {
+    auto& files = *this->files;
+    writeBytes(this->at("text"), "hello\n");
+    writeBytes(this->at("binary"), std::string("a\0b", 3));
+    ::symlink("text", this->at("link").c_str());
+    ::symlink("nowhere", this->at("dangling").c_str());
+    writeBytes(this->at(".hidden"), "x");
+
+    FileEntry text = files.stat(this->at("text"));
+    EXPECT_EQ(text.type, FileType::file);
+    EXPECT_EQ(text.size, 6u);
+    EXPECT_EQ(text.text, true);
+    EXPECT_EQ(files.stat(this->at("binary")).text, false);
+    FileEntry link = files.stat(this->at("link"));
+    EXPECT_TRUE(link.link);
+    EXPECT_EQ(link.target, "text");
+    EXPECT_EQ(link.size, 6u);
+    EXPECT_EQ(files.stat(this->at("dangling")).type, FileType::other);
+    EXPECT_EQ(files.stat("/").name, "/");
+    EXPECT_EQ(files.stat(this->at("text")), LocalFileBackend().stat(this->at("text"))) << "the same entry, exactly";
+
+    EXPECT_EQ(names(files.list(this->scratch.path(), false, {}, {}).entries),
+              (std::vector<std::string>{"binary", "dangling", "link", "text"}));
+    FileListing first = files.list(this->scratch.path(), true, 2, {});
+    EXPECT_EQ(names(first.entries), (std::vector<std::string>{".hidden", "binary"}));
+    EXPECT_EQ(first.next, "binary");
+    auto [dir, all] = listAll(files, this->scratch.path(), true);
+    EXPECT_EQ(all.size(), 5u);
+    EXPECT_EQ(dir.path, this->scratch.path());
+
+    EXPECT_EQ(failureOf([&] { files.stat(this->at("missing")); }).code(), "not_found");
+    EXPECT_EQ(failureOf([&] { files.list(this->at("text"), false, {}, {}); }).code(), "not_a_directory");
+    EXPECT_EQ(failureOf([&] { files.stat("relative"); }).code(), "bad_request");
+}
+
+TYPED_TEST(FileContract, DirectoriesAttributesRenamesRemovalAndSpace) {
+    auto& files = *this->files;
+    EXPECT_TRUE(files.mkdir(this->at("a/b/c"), true).isDirectory());
+    EXPECT_EQ(failureOf([&] { files.mkdir(this->at("a"), false); }).code(), "exists");
+    EXPECT_EQ(failureOf([&] { files.mkdir(this->at("x/y"), false); }).code(), "not_found");
+
+    writeBytes(this->at("f"), "data");
+    FileEntry changed = files.setattr(this->at("f"), std::string("1000000000123456789"), 0640);
+    EXPECT_EQ(changed.mtimeNs, "1000000000123456789");
+    EXPECT_EQ(changed.mode, 0640);
+    BackendError bad = failureOf([&] { files.setattr(this->at("f"), std::string("abc"), {}); });
+    EXPECT_EQ(bad.code(), "bad_request");
+    EXPECT_EQ(bad.message(), "bad mtime_ns abc");
+
+    writeBytes(this->at("g"), "other");
+    EXPECT_EQ(failureOf([&] { files.rename(this->at("f"), this->at("g"), false); }).code(), "exists");
+    EXPECT_EQ(files.rename(this->at("f"), this->at("g"), true).size, 4u);
+    EXPECT_EQ(failureOf([&] { files.remove(this->at("a"), false); }).code(), "not_empty");
+    files.remove(this->at("a"), true);
+    EXPECT_FALSE(fsys::exists(this->at("a")));
+    EXPECT_GT(files.statfs(this->scratch.path()).total, 0u);
+}
+
+TYPED_TEST(FileContract, ReadsWholeRangedAndRefusesWhatChanged) {
+    auto& files = *this->files;
+    std::string bytes = patternBytes((1 << 20) + 123);
+    writeBytes(this->at("big"), bytes);
+    FileEntry entry = files.stat(this->at("big"));
+
+    FileReadOptions small;
+    small.chunk = 65536;
+    small.window = 262144; // many acknowledgements on the way
+    FileReadStream whole = files.read(this->at("big"), small);
+    EXPECT_EQ(whole.size, bytes.size());
+    EXPECT_EQ(whole.mtimeNs, entry.mtimeNs);
+    EXPECT_EQ(drain(whole.data), bytes);
+
+    FileReadOptions range;
+    range.offset = 1000;
+    range.length = 5000;
+    FileReadStream part = files.read(this->at("big"), range);
+    EXPECT_EQ(part.offset, 1000u);
+    EXPECT_EQ(drain(part.data), bytes.substr(1000, 5000));
+
+    writeBytes(this->at("empty"), "");
+    FileReadStream empty = files.read(this->at("empty"), {});
+    EXPECT_EQ(drain(empty.data), "");
+
+    FileReadOptions expecting;
+    expecting.expectSize = bytes.size() + 1;
+    EXPECT_EQ(failureOf([&] { files.read(this->at("big"), expecting); }).code(), "changed");
+    expecting = {};
+    expecting.expectMtimeNs = "1";
+    EXPECT_EQ(failureOf([&] { files.read(this->at("big"), expecting); }).code(), "changed");
+    EXPECT_EQ(failureOf([&] { files.read(this->scratch.path(), {}); }).code(), "is_a_directory");
+    ::mkfifo(this->at("fifo").c_str(), 0600);
+    EXPECT_EQ(failureOf([&] { files.read(this->at("fifo"), {}); }).code(), "bad_request");
+}
+
+TYPED_TEST(FileContract, ACancelledReadEndsWithACancellation) {
+    auto& files = *this->files;
+    writeBytes(this->at("big"), patternBytes(8 << 20));
+    FileReadOptions options;
+    options.chunk = 65536;
+    options.window = 262144;
+    FileReadStream stream = files.read(this->at("big"), options);
+    ASSERT_TRUE(stream.data());
+    stream.cancel();
+    stream.cancel();
+    try {
+        while (stream.data()) {
+        }
+        ADD_FAILURE() << "a cancelled read must not end as if it were whole";
+    } catch (const BackendError& error) {
+        EXPECT_TRUE(isCancellation(error)) << error.code();
+    }
+}
+
+TYPED_TEST(FileContract, WritesPlaceWholeFilesAndRefuseToReplace) {
+    auto& files = *this->files;
+    std::string bytes = patternBytes(700000, 3);
+    MemorySource source(bytes, "v1", 100000); // blocks that don't match the chunk
+    FileWriteOptions options;
+    options.size = bytes.size();
+    options.mode = 0600;
+    options.mtimeNs = "1500000000000000000";
+    options.chunk = 65536;
+    options.window = 262144;
+    std::vector<uint64_t> progress;
+    std::mutex progressLock;
+    FileEntry placed = files.write(this->at("out"), options, source, [&](uint64_t done) {
+        std::lock_guard guard(progressLock);
+        progress.push_back(done);
+    });
+    EXPECT_EQ(readBytes(this->at("out")), bytes);
+    EXPECT_EQ(placed.mode, 0600);
+    EXPECT_EQ(placed.mtimeNs, "1500000000000000000");
+    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
+    ASSERT_FALSE(progress.empty());
+    EXPECT_EQ(progress.back(), bytes.size());
+    EXPECT_TRUE(stagingFiles(this->scratch.path()).empty());
+
+    MemorySource again("new");
+    EXPECT_EQ(failureOf([&] { files.write(this->at("out"), {}, again, {}); }).code(), "exists");
+    EXPECT_EQ(readBytes(this->at("out")), bytes);
+    FileWriteOptions replace;
+    replace.overwrite = true;
+    files.write(this->at("out"), replace, again, {});
+    EXPECT_EQ(readBytes(this->at("out")), "new");
+
+    MemorySource nothing("");
+    EXPECT_EQ(files.write(this->at("empty"), {}, nothing, {}).size, 0u);
+    EXPECT_EQ(failureOf([&] { files.write(this->scratch.path(), replace, nothing, {}); }).code(), "is_a_directory");
+}
+
+TYPED_TEST(FileContract, ABrokenResumableWriteContinuesWhereItStopped) {
+    auto& files = *this->files;
+    std::string bytes = patternBytes(600000, 5);
+    FileWriteOptions options;
+    options.size = bytes.size();
+    options.uploadID = "u1";
+    options.source = "v1";
+    options.chunk = 65536;
+    options.window = 1 << 20;
+    MemorySource broken(bytes, "v1", 65536);
+    broken.failAfter = 300000;
+    EXPECT_EQ(failureOf([&] { files.write(this->at("out"), options, broken, {}); }).code(), "disconnected");
+    EXPECT_FALSE(fsys::exists(this->at("out")));
+    // The daemon sees the cancel after what was sent; what it kept is where the next one starts.
+    ASSERT_TRUE(eventually([&] { return stagingFiles(this->scratch.path()).size() == 2; }));
+
+    MemorySource rest(bytes, "v1", 65536);
+    files.write(this->at("out"), options, rest, {});
+    ASSERT_EQ(rest.openedAt.size(), 1u);
+    EXPECT_GT(rest.openedAt[0], 0u) << "continued, not started again";
+    EXPECT_LE(rest.openedAt[0], 300000u);
+    EXPECT_EQ(readBytes(this->at("out")), bytes);
+    EXPECT_TRUE(stagingFiles(this->scratch.path()).empty());
+}
+
+TYPED_TEST(FileContract, ATreeCopiesWithItsHiddenFilesAndWithoutLinksToFoldersOrFifos) {
+    auto& files = this->files;
+    std::string from = this->at("from");
+    fsys::create_directories(from + "/sub/deeper");
+    writeBytes(from + "/top", patternBytes(300000, 7));
+    writeBytes(from + "/.hidden", "secret");
+    writeBytes(from + "/sub/deeper/leaf", "leaf");
+    ::symlink("top", (from + "/link-to-file").c_str());
+    ::symlink("sub", (from + "/link-to-dir").c_str());
+    ::mkfifo((from + "/fifo").c_str(), 0600);
+    fsys::create_directories(this->at("to"));
+
+    FileTransfer copy(std::make_shared<LocalFileBackend>(), files);
+    copy.copy({from}, this->at("to"), FileTransfer::Conflict::fail);
+    std::string into = this->at("to/from");
+    EXPECT_EQ(readBytes(into + "/top"), readBytes(from + "/top"));
+    EXPECT_EQ(readBytes(into + "/.hidden"), "secret");
+    EXPECT_EQ(readBytes(into + "/sub/deeper/leaf"), "leaf");
+    EXPECT_EQ(readBytes(into + "/link-to-file"), readBytes(from + "/top")) << "a link to a file copies the file";
+    EXPECT_FALSE(fsys::exists(fsys::symlink_status(into + "/link-to-dir")));
+    EXPECT_FALSE(fsys::exists(fsys::symlink_status(into + "/fifo")));
+    EXPECT_EQ(copy.progress().totalFiles, 4);
+
+    // A second copy meets every file again.
+    EXPECT_EQ(failureOf([&] { copy.copy({from}, this->at("to"), FileTransfer::Conflict::fail); }).code(), "exists");
+    writeBytes(from + "/.hidden", "changed");
+    copy.copy({from}, this->at("to"), FileTransfer::Conflict::skip);
+    EXPECT_EQ(copy.progress().skippedFiles, 4);
+    EXPECT_EQ(readBytes(into + "/.hidden"), "secret");
+    copy.copy({from}, this->at("to"), FileTransfer::Conflict::replace);
+    EXPECT_EQ(readBytes(into + "/.hidden"), "changed");
+    EXPECT_TRUE(stagingFiles(this->at("to")).empty());
+
+    // Back again, from the daemon's side to this computer's.
+    fsys::create_directories(this->at("back"));
+    FileTransfer back(files, std::make_shared<LocalFileBackend>());
+    back.copy({into}, this->at("back"), FileTransfer::Conflict::fail);
+    EXPECT_EQ(readBytes(this->at("back/from/top")), readBytes(from + "/top"));
+    EXPECT_EQ(readBytes(this->at("back/from/sub/deeper/leaf")), "leaf");
+}
+
+// ---------------------------------------------------------------- the daemon's own duties
+
+namespace {
+
+// This computer's files, with reads that can be held at a byte count until let go, and the
+// offsets every read began at.
+class HeldFiles final : public FileBackend {
+public:
+    bool supportsFiles() const override { return true; }
+    std::optional<std::string> homeDirectory() const override { return local.homeDirectory(); }
+    FileEntry stat(const std::string& path) override { return local.stat(path); }
+    FileListing list(const std::string& path, bool hidden, std::optional<int> limit,
+                     std::optional<std::string> cursor) override {
+        return local.list(path, hidden, limit, std::move(cursor));
+    }
+    FileEntry mkdir(const std::string& path, bool parents) override { return local.mkdir(path, parents); }
+    FileEntry setattr(const std::string& path, std::optional<std::string> mtimeNs, std::optional<int> mode) override {
+        return local.setattr(path, std::move(mtimeNs), mode);
+    }
+    FileEntry rename(const std::string& from, const std::string& to, bool overwrite) override {
+        return local.rename(from, to, overwrite);
+    }
+    void remove(const std::string& path, bool recursive) override { local.remove(path, recursive); }
+    FileSpace statfs(const std::string& path) override { return local.statfs(path); }
+    FileEntry write(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
+                    FileProgress progress, const platform::CancellationToken& cancel) override {
+        return local.write(path, options, source, std::move(progress), cancel);
+    }
+    FileReadStream read(const std::string& path, const FileReadOptions& options) override {
+        FileReadStream stream = local.read(path, options);
+        {
+            std::lock_guard guard(lock);
+            offsets.push_back(options.offset);
+        }
+        auto position = std::make_shared<uint64_t>(options.offset);
+        stream.data = [this, position, inner = stream.data]() -> std::optional<Bytes> {
+            {
+                std::unique_lock guard(lock);
+                released.wait(guard, [&] { return !holdAt || *position < *holdAt; });
+            }
+            auto block = inner();
+            if (block) *position += block->size();
+            return block;
+        };
+        return stream;
+    }
+
+    void release() {
+        std::lock_guard guard(lock);
+        holdAt.reset();
+        released.notify_all();
+    }
+    std::vector<uint64_t> readOffsets() {
+        std::lock_guard guard(lock);
+        return offsets;
+    }
+
+    LocalFileBackend local;
+    std::mutex lock;
+    std::condition_variable released;
+    std::optional<uint64_t> holdAt;
+    std::vector<uint64_t> offsets;
+};
+
+uint64_t stagedBytes(const std::string& directory) {
+    for (const auto& path : stagingFiles(directory))
+        if (!path.ends_with(".source")) return fsys::file_size(path);
+    return 0;
+}
+
+class DaemonFiles : public ::testing::Test {
+protected:
+    void SetUp() override { daemon.serve(); }
+
+    std::shared_ptr<CorvexdFileBackend> connect() { return CorvexdFileBackend::attach(daemon.connect("files")); }
+    std::string at(const std::string& name) const { return scratch.file(name); }
+
+    json hello(corvexd::testing::RawClient& client) {
+        return client.request("hello", json{{"protocol", 1}, {"client", "raw"}}).value()["result"];
+    }
+
+    Daemon daemon;
+    corvex::testing::ScratchDirectory scratch;
+};
+
+json writeParams(const std::string& path, std::optional<std::string> upload = std::nullopt) {
+    json params{{"path", path}, {"overwrite", false}, {"chunk", 65536}, {"window", 1 << 20}};
+    if (upload) {
+        params["upload_id"] = *upload;
+        params["source"] = "s";
+    }
+    return params;
+}
+
+} // namespace
+
+TEST_F(DaemonFiles, HelloAnnouncesFilesOnlyWithEveryMethodServed) {
+    corvexd::testing::RawClient client(daemon.socketPath());
+    json features = hello(client)["features"];
+    ASSERT_NE(std::find(features.begin(), features.end(), "fs"), features.end());
+    for (const char* method : {"fs.stat", "fs.list", "fs.mkdir", "fs.setattr", "fs.rename", "fs.remove", "fs.statfs",
+                               "fs.read", "fs.write", "fs.cancel"}) {
+        auto reply = client.request(method, json::object());
+        ASSERT_TRUE(reply) << method;
+        EXPECT_NE((*reply)["error"].value("code", ""), "unknown_method") << method;
+    }
+    EXPECT_TRUE(connect()->supportsFiles());
+}
+
+TEST_F(DaemonFiles, AClientHasAFewStreamsAndLosesThemWhenItGoes) {
+    {
+        corvexd::testing::RawClient client(daemon.socketPath());
+        hello(client);
+        for (int index = 0; index < 8; ++index) {
+            auto reply = client.request("fs.write", writeParams(at("f" + std::to_string(index))));
+            ASSERT_TRUE(reply && reply->contains("result")) << reply->dump();
+        }
+        auto refused = client.request("fs.write", writeParams(at("one-too-many")));
+        EXPECT_EQ((*refused)["error"]["code"], "too_many_streams");
+        // Another client is not counted against this one.
+        corvexd::testing::RawClient other(daemon.socketPath());
+        hello(other);
+        EXPECT_TRUE(other.request("fs.write", writeParams(at("other")))->contains("result"));
+
+        auto resumable = client.request("fs.cancel", json{{"stream", 1}});
+        EXPECT_TRUE(resumable->contains("result"));
+        ASSERT_TRUE(client.nextEvent());
+        EXPECT_TRUE(client.request("fs.write", writeParams(at("upload"), "u"))->contains("result"));
+    }
+    // Gone: the streams without an upload id leave nothing behind; the resumable one keeps
+    // what it had for the next attempt.
+    ASSERT_TRUE(eventually([&] { return stagingFiles(scratch.path()).size() == 2; })) << stagingFiles(scratch.path()).size();
+    corvexd::testing::RawClient next(daemon.socketPath());
+    hello(next);
+    for (int index = 0; index < 8; ++index)
+        EXPECT_TRUE(next.request("fs.write", writeParams(at("g" + std::to_string(index))))->contains("result"));
+}
+
+TEST_F(DaemonFiles, AWriteOfAClientThatDiedResumesFromWhatTheDaemonTook) {
+    std::string bytes = patternBytes(1 << 20, 9);
+    uint64_t taken = 0;
+    {
+        corvexd::testing::RawClient client(daemon.socketPath());
+        hello(client);
+        auto opened = client.request("fs.write", writeParams(at("out"), "u"));
+        uint64_t stream = (*opened)["result"]["stream"];
+        EXPECT_EQ((*opened)["result"]["offset"], 0);
+        for (uint64_t offset = 0; offset < 300000; offset += 100000)
+            client.sendBytes(makeFileDataFrame(stream, offset, false, std::string_view(bytes).substr(offset, 100000)));
+        while (taken < 300000) {
+            auto event = client.nextEvent();
+            ASSERT_TRUE(event);
+            if ((*event)["event"] == "fs.ack") taken = (*event)["data"]["offset"];
+        }
+    }
+    auto files = connect();
+    MemorySource source(bytes, "s", 65536);
+    FileWriteOptions options;
+    options.uploadID = "u";
+    options.source = "s";
+    options.size = bytes.size();
+    ASSERT_TRUE(eventually([&] {
+        try {
+            files->write(at("out"), options, source, {});
+            return true;
+        } catch (const BackendError&) {
+            return false; // the dead client's stream may still hold the staging file a moment
+        }
+    }));
+    EXPECT_EQ(source.openedAt.back(), 300000u);
+    EXPECT_EQ(readBytes(at("out")), bytes);
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
+}
+
+TEST_F(DaemonFiles, AReaderThatStopsReadingIsSentItsWindowAndNoMore) {
+    std::string bytes = patternBytes(8 << 20, 4);
+    writeBytes(at("big"), bytes);
+    corvexd::testing::RawClient slow(daemon.socketPath());
+    hello(slow);
+    auto opened = slow.request("fs.read", json{{"path", at("big")}, {"offset", 0}, {"chunk", 65536}, {"window", 262144}});
+    ASSERT_TRUE(opened && opened->contains("result")) << opened->dump();
+    uint64_t stream = (*opened)["result"]["stream"];
+
+    // Meanwhile another client is served at once, the whole file included.
+    auto files = connect();
+    EXPECT_EQ(files->stat(at("big")).size, bytes.size());
+    FileReadStream read = files->read(at("big"), {});
+    EXPECT_EQ(drain(read.data), bytes);
+
+    auto received = [&](std::chrono::milliseconds quiet) {
+        uint64_t total = 0;
+        FrameParser parser;
+        char buffer[65536];
+        auto deadline = std::chrono::steady_clock::now() + quiet;
+        while (std::chrono::steady_clock::now() < deadline) {
+            pollfd wait{slow.fd(), POLLIN, 0};
+            if (::poll(&wait, 1, 50) <= 0) continue;
+            ssize_t count = ::recv(slow.fd(), buffer, sizeof buffer, 0);
+            if (count <= 0) break;
+            parser.append(std::string_view(buffer, static_cast<size_t>(count)), [&](uint8_t type, std::string_view body) {
+                if (type == static_cast<uint8_t>(FrameType::fileData)) total += parseFileDataPayload(body)->bytes.size();
+            });
+        }
+        return total;
+    };
+    uint64_t first = received(500ms);
+    EXPECT_LE(first, 262144u) << "a reader that acknowledges nothing holds one window at most";
+    slow.sendJSON(json{{"method", "fs.ack"}, {"params", {{"stream", stream}, {"offset", 262144}}}});
+    EXPECT_GT(received(500ms), 0u) << "an acknowledgement gives credit for more";
+}
+
+TEST_F(DaemonFiles, AStuckDaemonIsStalledAndTheCopyResumesOnceItIsBack) {
+    std::string bytes = patternBytes(24 << 20, 6);
+    writeBytes(at("big"), bytes);
+    fsys::create_directories(at("to"));
+    auto source = std::make_shared<HeldFiles>();
+    source->holdAt = 8u << 20;
+    auto files = connect();
+    files->setFileStallTimeout(1.0);
+    FileTransfer transfer(source, files);
+    transfer.window = 1 << 20;
+    transfer.retryDelays = {0.2, 0.5, 1, 2, 4, 8};
+    std::mutex codesLock;
+    std::vector<std::string> codes;
+    transfer.onRetry = [&](const std::string&, const BackendError& error, int) {
+        std::lock_guard guard(codesLock);
+        codes.push_back(error.code());
+    };
+    std::optional<BackendError> failure;
+    std::thread copying([&] {
+        try {
+            transfer.copy({at("big")}, at("to"), FileTransfer::Conflict::fail);
+        } catch (const BackendError& error) {
+            failure = error;
+        }
+    });
+    ASSERT_TRUE(eventually([&] { return stagedBytes(at("to")) >= (7u << 20); }));
+    ::kill(daemon.pid(), SIGSTOP);
+    source->release();
+    bool stalled = eventually([&] {
+        std::lock_guard guard(codesLock);
+        return !codes.empty();
+    });
+    daemon.kill(SIGKILL);
+    daemon.serve();
+    copying.join();
+    ASSERT_TRUE(stalled);
+    EXPECT_EQ(codes.front(), "stalled");
+    ASSERT_FALSE(failure) << failure->code() << ": " << failure->message();
+    EXPECT_EQ(readBytes(at("to/big")), bytes);
+    EXPECT_TRUE(stagingFiles(at("to")).empty());
+    EXPECT_GT(source->readOffsets().back(), 0u) << "the retry continued from the staging file";
+}
+
+TEST_F(DaemonFiles, ACopyWhoseClientWentIsFinishedByTheNextOneFromWhereItStopped) {
+    std::string bytes = patternBytes(16 << 20, 8);
+    writeBytes(at("big"), bytes);
+    fsys::create_directories(at("to"));
+    auto source = std::make_shared<HeldFiles>();
+    source->holdAt = 4u << 20;
+    auto first = daemon.connect("first");
+    FileTransfer broken(source, CorvexdFileBackend::attach(first));
+    broken.retryDelays = {};
+    std::thread copying([&] {
+        EXPECT_THROW(broken.copy({at("big")}, at("to"), FileTransfer::Conflict::fail), BackendError);
+    });
+    ASSERT_TRUE(eventually([&] { return stagedBytes(at("to")) >= (3u << 20); }));
+    first->stop(); // the client goes away mid-file
+    source->release();
+    copying.join();
+
+    auto retry = std::make_shared<HeldFiles>();
+    FileTransfer again(retry, connect());
+    ASSERT_TRUE(eventually([&] {
+        try {
+            again.copy({at("big")}, at("to"), FileTransfer::Conflict::fail);
+            return true;
+        } catch (const BackendError&) {
+            return false; // until the daemon has seen the first client go
+        }
+    }));
+    EXPECT_GE(retry->readOffsets().back(), 3u << 20);
+    EXPECT_EQ(readBytes(at("to/big")), bytes);
+    EXPECT_TRUE(stagingFiles(at("to")).empty());
+}
+
+// ---------------------------------------------------------------- the corvex program
+
+TEST_F(DaemonFiles, CorvexListsStatsAndCopiesBothWays) {
+    fsys::create_directories(at("tree/sub"));
+    writeBytes(at("tree/a"), patternBytes(100000));
+    writeBytes(at("tree/.dot"), "d");
+    writeBytes(at("tree/sub/b"), "b");
+
+    Ran listed = daemon.corvex({"ls", ":" + at("tree")});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    EXPECT_EQ(listed.out, "a\nsub/\n");
+    Ran all = daemon.corvex({"ls", "-a", "-l", ":" + at("tree")});
+    EXPECT_NE(all.out.find(".dot"), std::string::npos);
+    EXPECT_NE(all.out.find("      100000 "), std::string::npos) << all.out;
+    Ran stat = daemon.corvex({"stat", ":" + at("tree/a")});
+    EXPECT_EQ(decodeText<FileEntry>(stat.out).size, 100000u);
+    Ran missing = daemon.corvex({"stat", ":" + at("nothing")});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err.rfind("corvex: not_found: ", 0), 0u) << missing.err;
+
+    fsys::create_directories(at("remote"));
+    Ran up = daemon.corvex({"cp", at("tree"), ":" + at("remote")});
+    ASSERT_EQ(up.status, 0) << up.err;
+    EXPECT_EQ(up.err.rfind("copied 3 files", 0), 0u) << up.err;
+    EXPECT_EQ(readBytes(at("remote/tree/a")), readBytes(at("tree/a")));
+
+    Ran again = daemon.corvex({"cp", at("tree"), ":" + at("remote")});
+    EXPECT_EQ(again.status, 1);
+    EXPECT_EQ(again.err.rfind("corvex: exists: ", 0), 0u) << again.err;
+    writeBytes(at("tree/sub/b"), "newer");
+    Ran skipped = daemon.corvex({"cp", "--skip", at("tree"), ":" + at("remote")});
+    EXPECT_NE(skipped.err.find("(3 skipped)"), std::string::npos) << skipped.err;
+    EXPECT_EQ(readBytes(at("remote/tree/sub/b")), "b");
+    EXPECT_EQ(daemon.corvex({"cp", "--overwrite", "--streams", "2", at("tree"), ":" + at("remote")}).status, 0);
+    EXPECT_EQ(readBytes(at("remote/tree/sub/b")), "newer");
+
+    Ran down = daemon.corvex({"cp", ":" + at("remote/tree/a"), at("copy-of-a")});
+    ASSERT_EQ(down.status, 0) << down.err;
+    EXPECT_EQ(readBytes(at("copy-of-a")), readBytes(at("tree/a")));
+    EXPECT_EQ(daemon.corvex({"cp", "--skip", "--overwrite", "a", "b"}).status, 2);
+}
+
+TEST_F(DaemonFiles, CorvexCpRerunContinuesWhatAnInterruptedRunLeft) {
+    std::string bytes = patternBytes(2 << 20, 2);
+    writeBytes(at("big"), bytes);
+    fsys::create_directories(at("remote"));
+    FileEntry entry = LocalFileBackend().stat(at("big"));
+    std::string fingerprint = std::to_string(entry.size) + ":" + entry.mtimeNs;
+    std::string target = at("remote/big");
+    std::string staging = at("remote/" + FileService::stagingName("big", FileTransfer::uploadID(target, fingerprint)));
+    // What an interrupted run left: the first half, marked so that a restart from 0 would show.
+    std::string half(1 << 20, 'Z');
+    writeBytes(staging, half);
+    writeBytes(FileService::sideFileName(staging), fingerprint);
+
+    Ran rerun = daemon.corvex({"cp", at("big"), ":" + at("remote")});
+    ASSERT_EQ(rerun.status, 0) << rerun.err;
+    EXPECT_EQ(readBytes(target), half + bytes.substr(half.size())) << "the staged half is kept, the rest appended";
+    EXPECT_TRUE(stagingFiles(at("remote")).empty());
+}
