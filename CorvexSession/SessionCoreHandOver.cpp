@@ -21,8 +21,10 @@ constexpr size_t screenLimit = 256u << 20;
 } // namespace
 
 void OutputRetention::resume(uint64_t start, Bytes bytes) {
-    buffer_ = std::move(bytes);
-    seq_ = start + buffer_.size();
+    seq_ = start + bytes.size();
+    if (bytes.size() > retainedBytes) bytes.erase(bytes.begin(), bytes.end() - static_cast<std::ptrdiff_t>(retainedBytes));
+    ring_ = std::move(bytes);
+    oldest_ = 0; // laid out in order, so a full ring's oldest byte is its first
 }
 
 SessionHandOver SessionCore::handOver() {

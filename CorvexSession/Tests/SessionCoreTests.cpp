@@ -122,6 +122,15 @@ TEST(OutputRetention, KeepsTheNewestBytesInOrderAcrossTheRingsWrap) {
     EXPECT_EQ(retention.bytesFrom(retention.seq() - 3), Bytes(everything.end() - 3, everything.end()));
     EXPECT_EQ(retention.bytesFrom(0), retention.bytes()) << "before the start reads from the start";
     EXPECT_TRUE(retention.bytesFrom(retention.seq() + 10).empty());
+
+    // A server taking over goes on from the retained tail, and its ring keeps wrapping in order.
+    OutputRetention next;
+    next.resume(retention.start(), retention.bytes());
+    Bytes more(300000, 7);
+    EXPECT_EQ(next.append(more), everything.size());
+    everything.insert(everything.end(), more.begin(), more.end());
+    EXPECT_EQ(next.seq(), everything.size());
+    EXPECT_EQ(next.bytes(), Bytes(everything.end() - static_cast<std::ptrdiff_t>(next.size()), everything.end()));
 }
 
 TEST(SubscriptionMode, ChoosesLiveReplayOrSnapshot) {
