@@ -199,10 +199,11 @@ int serve() {
         // ended as a closed pane's programs are, before the daemon goes.
         std::vector<pid_t> leaders;
         for (const auto& pane : core->state().panes) {
-            if (pane.pid) leaders.push_back(*pane.pid);
+            if (pane.pid && !pane.exited) leaders.push_back(*pane.pid);
         }
+        auto sessions = paneSessions(leaders);
         core->stop();
-        endPaneSessions(leaders);
+        endPaneSessions(sessions);
         holder->quit();
     }
     // Still under the pid file's lock, so no new daemon's files are removed.

@@ -17,6 +17,7 @@ namespace {
 struct ProcessStat {
     char state = '?';
     pid_t session = 0;
+    unsigned long long started = 0;
 };
 
 std::optional<ProcessStat> readStat(pid_t pid) {
@@ -29,14 +30,27 @@ std::optional<ProcessStat> readStat(pid_t pid) {
     ProcessStat stat;
     pid_t parent = 0, group = 0;
     if (!(fields >> stat.state >> parent >> group >> stat.session)) return std::nullopt;
+    // Start time is field 22: skip fields 7 to 21.
+    std::string skipped;
+    for (int field = 7; field < 22; ++field) fields >> skipped;
+    if (!(fields >> stat.started)) return std::nullopt;
     return stat;
 }
 
 } // namespace
 
-std::vector<pid_t> sessionMembers(const std::vector<pid_t>& leaders) {
-    std::set<pid_t> wanted(leaders.begin(), leaders.end());
+PaneSessions paneSessions(const std::vector<pid_t>& leaders) {
+    PaneSessions sessions;
+    for (pid_t leader : leaders) {
+        auto stat = readStat(leader);
+        if (leader > 0 && stat && stat->session == leader) sessions.emplace(leader, stat->started);
+    }
+    return sessions;
+}
+
+std::vector<pid_t> sessionMembers(const PaneSessions& sessions) {
     std::vector<pid_t> members;
+    if (sessions.empty()) return members;
     DIR* proc = ::opendir("/proc");
     if (!proc) return members;
     while (auto* entry = ::readdir(proc)) {
@@ -44,15 +58,19 @@ std::vector<pid_t> sessionMembers(const std::vector<pid_t>& leaders) {
         long pid = std::strtol(entry->d_name, &end, 10);
         if (pid <= 0 || *end != '\0') continue;
         auto stat = readStat(static_cast<pid_t>(pid));
-        if (stat && stat->state != 'Z' && stat->state != 'X' && wanted.count(stat->session)) {
-            members.push_back(static_cast<pid_t>(pid));
-        }
+        if (!stat || stat->state == 'Z' || stat->state == 'X') continue;
+        auto session = sessions.find(stat->session);
+        if (session == sessions.end()) continue;
+        // A process leading a session of that number but started at another time got the
+        // pid of a leader whose whole session had already gone: not ours.
+        if (pid == stat->session && stat->started != session->second) continue;
+        members.push_back(static_cast<pid_t>(pid));
     }
     ::closedir(proc);
     return members;
 }
 
-void endPaneSessions(const std::vector<pid_t>& leaders, std::chrono::milliseconds patience) {
+void endPaneSessions(const PaneSessions& leaders, std::chrono::milliseconds patience) {
     if (leaders.empty()) return;
     auto settled = [&] {
         auto deadline = std::chrono::steady_clock::now() + patience;
