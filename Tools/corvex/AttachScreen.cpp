@@ -194,9 +194,11 @@ void ScrollbackView::typePrompt(std::string_view key) {
         std::string text = *std::exchange(prompt_, std::nullopt);
         if (text.empty()) return;
         searched_ = text;
-        // A new search starts from the rows on screen, not from an older match.
-        match_.reset();
+        // A new search starts from the rows on screen, not from an older match; one that
+        // finds nothing leaves the old match where it was.
+        auto previous = std::exchange(match_, std::nullopt);
         find(true);
+        if (!match_) match_ = previous;
     } else if (key == "\x1b" || key == "\x03") {
         prompt_.reset();
     } else if (key == "\x7f" || key == "\b") {
