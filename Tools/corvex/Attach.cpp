@@ -98,6 +98,9 @@ std::string inputModes(const vellum::TerminalInputStateSnapshot& state) {
 struct Shared {
     std::mutex lock;
     std::deque<AttachAction> actions;
+    // While the scrollback view is open keys go to it, never to the pane.
+    std::atomic<bool> viewing{false};
+    std::string viewKeys;
     std::atomic<bool> hungUp{false};
     std::atomic<bool> resized{false};
     std::atomic<uint64_t> pane{0};
@@ -122,6 +125,7 @@ public:
         }
         RawTerminal raw;
         if (auto colors = askColors()) backend_.setTerminalColors(colors);
+        historyLines_ = retainedHistory();
         platform::writeAll(STDOUT_FILENO, enterScreen);
         startThreads();
         show(pane());
@@ -159,12 +163,26 @@ private:
                 }
                 auto self = weak.lock();
                 if (!self) return;
-                for (auto& item : reader.feed(std::string_view(buffer, static_cast<size_t>(count)))) {
+                std::string_view typed(buffer, static_cast<size_t>(count));
+                if (shared->viewing) {
+                    std::lock_guard guard(shared->lock);
+                    shared->viewKeys += typed;
+                    continue;
+                }
+                for (auto& item : reader.feed(typed)) {
                     if (auto* bytes = std::get_if<std::string>(&item)) {
-                        self->sendInput(shared->pane, asBytes(*bytes));
+                        if (shared->viewing) {
+                            std::lock_guard guard(shared->lock);
+                            shared->viewKeys += *bytes;
+                        } else {
+                            self->sendInput(shared->pane, asBytes(*bytes));
+                        }
                         continue;
                     }
                     auto action = std::get<AttachAction>(item);
+                    // Set here, not when the loop gets to it, so that keys typed right after
+                    // already go to the view.
+                    if (action == AttachAction::scrollback) shared->viewing = true;
                     std::lock_guard guard(shared->lock);
                     shared->actions.push_back(action);
                     if (action == AttachAction::detach) return;
@@ -197,7 +215,7 @@ private:
         const Pane* known = state_.pane(id);
         resetTerminal(known ? known->cols : area().cols, known ? known->rows : area().rows);
         backend_.resize(id, area());
-        backend_.subscribe(id, std::nullopt, std::nullopt, area());
+        backend_.subscribe(id, std::nullopt, historyLines_, area());
         subscribed_ = true;
         painter_.invalidate();
         dirty_ = true;
@@ -207,9 +225,40 @@ private:
         vellum::TerminalOptions options;
         options.cols = std::max(cols, 1);
         options.rows = std::max(rows, 1);
+        options.scrollback = historyLines_;
         local_ = std::make_shared<vellum::HeadlessTerminal>(options);
         // The daemon's own terminal of the pane answers the program; this one stays silent.
         local_->onSend = [](std::span<const uint8_t>) {};
+    }
+
+    // As much history as the daemon keeps of a pane, for the scrollback view.
+    int retainedHistory() {
+        try {
+            return std::max(backend_.getSettings().scrollbackLines, 0);
+        } catch (const BackendError&) {
+            return 3000;
+        }
+    }
+
+    void openScrollback() {
+        auto history = local_->terminal->contentSnapshot(vellum::TerminalContentRegion::history(historyLines_), false);
+        view_.emplace(std::move(history.rows), area().rows);
+        dirty_ = true;
+    }
+
+    void feedScrollback() {
+        std::string keys;
+        {
+            // Keys typed right after the prefix may come before the view opens: they wait.
+            std::lock_guard guard(shared_->lock);
+            if (!view_) return;
+            keys.swap(shared_->viewKeys);
+        }
+        if (keys.empty()) return;
+        dirty_ = true;
+        if (view_->feed(keys)) return;
+        view_.reset();
+        shared_->viewing = false;
     }
 
     std::string loop() {
@@ -217,8 +266,10 @@ private:
         for (;;) {
             if (shared_->hungUp) return "detached from pane " + std::to_string(pane());
             if (auto note = takeActions()) return *note;
+            feedScrollback();
             if (shared_->resized.exchange(false)) {
                 client_ = terminalSize();
+                if (view_) view_->setHeight(area().rows);
                 try {
                     backend_.setViewport(pane(), area());
                     backend_.resize(pane(), area());
@@ -293,6 +344,7 @@ private:
         switch (action) {
         case AttachAction::detach: return "detached from pane " + std::to_string(pane());
         case AttachAction::sendPrefix: break;
+        case AttachAction::scrollback: openScrollback(); break;
         case AttachAction::nextTab:
         case AttachAction::previousTab:
             if (where && where->workspace && where->tab) {
@@ -398,6 +450,10 @@ private:
 
     void paint() {
         dirty_ = false;
+        if (view_) {
+            platform::writeAll(STDOUT_FILENO, painter_.paint(view_->frame(client_.cols, client_.rows)));
+            return;
+        }
         auto& terminal = *local_->terminal;
         auto input = terminal.inputStateSnapshot();
         auto content = terminal.contentSnapshot(vellum::TerminalContentRegion::viewport(), input.isAlternateBuffer);
@@ -421,6 +477,8 @@ private:
     std::shared_ptr<vellum::HeadlessTerminal> local_;
     ScreenPainter painter_;
     std::string modes_;
+    std::optional<ScrollbackView> view_;
+    int historyLines_ = 0;
     bool subscribed_ = false;
     bool dirty_ = false;
 };

@@ -16,6 +16,9 @@ const std::vector<AttachBinding>& attachBindings() {
         {'o', AttachAction::nextPane, "next pane of the tab"},
         {';', AttachAction::previousPane, "previous pane of the tab"},
         {'x', AttachAction::closePane, "close the pane"},
+        {'[', AttachAction::scrollback,
+         "scrollback view: arrows, PgUp/PgDn, Home/End, k/j move; / searches older, n/N\n"
+         "      next/previous match; q or Esc goes back to the live pane"},
     };
     return bindings;
 }

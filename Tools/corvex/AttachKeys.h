@@ -19,6 +19,7 @@ enum class AttachAction {
     nextPane,
     previousPane,
     closePane,
+    scrollback,
     sendPrefix,
 };
 

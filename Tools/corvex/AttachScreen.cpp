@@ -1,5 +1,8 @@
 #include "Tools/corvex/AttachScreen.h"
 
+#include <algorithm>
+#include <utility>
+#include <limits>
 #include <map>
 
 namespace corvex::cli {
@@ -94,6 +97,172 @@ ScreenFrame composeFrame(const vellum::TerminalContentSnapshot& pane, bool paneC
     frame.cursorVisible = paneCursorVisible && frame.cursorRow >= 0 && frame.cursorRow < area && frame.cursorCol < cols &&
                           frame.cursorCol <= paneCols;
     if (frame.cursorCol >= cols) frame.cursorCol = cols - 1;
+    return frame;
+}
+
+namespace {
+
+// Splits typed bytes into keys: an escape sequence whole, an Esc that ends the read alone,
+// otherwise one character.
+std::vector<std::string_view> splitKeys(std::string_view typed) {
+    std::vector<std::string_view> keys;
+    size_t at = 0;
+    while (at < typed.size()) {
+        size_t length = 1;
+        unsigned char lead = static_cast<unsigned char>(typed[at]);
+        if (lead == 0x1b && at + 1 < typed.size() && (typed[at + 1] == '[' || typed[at + 1] == 'O')) {
+            length = 2;
+            bool csi = typed[at + 1] == '[';
+            while (at + length < typed.size()) {
+                unsigned char c = static_cast<unsigned char>(typed[at + length++]);
+                if (!csi || (c >= 0x40 && c <= 0x7e)) break;
+            }
+        } else if (lead >= 0xc0) {
+            length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+        }
+        length = std::min(length, typed.size() - at);
+        keys.push_back(typed.substr(at, length));
+        at += length;
+    }
+    return keys;
+}
+
+// A history row as text, with where each cell's text starts in it.
+struct RowText {
+    std::string text;
+    std::vector<std::pair<size_t, int>> cellStarts; // byte offset, column
+
+    explicit RowText(const vellum::TerminalContentRowSnapshot& row) {
+        for (size_t col = 0; col < row.cells.size(); ++col) {
+            const auto& cell = row.cells[col];
+            if (cell.width == 0) continue;
+            cellStarts.emplace_back(text.size(), static_cast<int>(col));
+            text += cell.text.empty() ? " " : cell.text;
+        }
+    }
+    int columnAt(size_t offset, int end) const {
+        for (const auto& [start, col] : cellStarts) {
+            if (start >= offset) return col;
+        }
+        return end;
+    }
+};
+
+} // namespace
+
+ScrollbackView::ScrollbackView(std::vector<vellum::TerminalContentRowSnapshot> history, int height)
+    : rows_(std::move(history)) {
+    setHeight(height);
+    scrollTo(rowCount());
+}
+
+void ScrollbackView::setHeight(int height) {
+    height_ = std::max(height, 1);
+    scrollTo(top_);
+}
+
+void ScrollbackView::scrollTo(int top) { top_ = std::clamp(top, 0, std::max(rowCount() - height_, 0)); }
+
+void ScrollbackView::reveal(int row) {
+    if (row < top_ || row >= top_ + height_) scrollTo(row - height_ / 2);
+}
+
+bool ScrollbackView::feed(std::string_view typed) {
+    for (auto key : splitKeys(typed)) {
+        if (leaving_) break;
+        if (prompt_) typePrompt(key);
+        else this->key(key);
+    }
+    return !leaving_;
+}
+
+void ScrollbackView::key(std::string_view key) {
+    note_.clear();
+    if (key == "q" || key == "\x1b") leaving_ = true;
+    else if (key == "k" || key == "\x1b[A" || key == "\x1bOA") scrollTo(top_ - 1);
+    else if (key == "j" || key == "\x1b[B" || key == "\x1bOB") scrollTo(top_ + 1);
+    else if (key == "\x1b[5~") scrollTo(top_ - height_);
+    else if (key == "\x1b[6~" || key == " ") scrollTo(top_ + height_);
+    else if (key == "g" || key == "\x1b[H" || key == "\x1bOH" || key == "\x1b[1~") scrollTo(0);
+    else if (key == "G" || key == "\x1b[F" || key == "\x1bOF" || key == "\x1b[4~") scrollTo(rowCount());
+    else if (key == "/") prompt_.emplace();
+    else if ((key == "n" || key == "N") && !searched_.empty()) find(key == "n");
+}
+
+void ScrollbackView::typePrompt(std::string_view key) {
+    if (key == "\r" || key == "\n") {
+        std::string text = *std::exchange(prompt_, std::nullopt);
+        if (text.empty()) return;
+        searched_ = text;
+        // A new search starts from the rows on screen, not from an older match; one that
+        // finds nothing leaves the old match where it was.
+        auto previous = std::exchange(match_, std::nullopt);
+        find(true);
+        if (!match_) match_ = previous;
+    } else if (key == "\x1b" || key == "\x03") {
+        prompt_.reset();
+    } else if (key == "\x7f" || key == "\b") {
+        if (!prompt_->empty()) prompt_->resize(prompt_->size() - characters(*prompt_).back().size());
+    } else if (static_cast<unsigned char>(key.front()) >= 0x20 && key.front() != 0x7f) {
+        *prompt_ += key;
+    }
+}
+
+void ScrollbackView::find(bool older) {
+    // Where to look from: the current match, or past the edge of the rows shown.
+    int fromRow = match_ ? match_->row : older ? std::min(top_ + height_, rowCount()) - 1 : top_;
+    int fromCol = match_ ? match_->col : older ? std::numeric_limits<int>::max() : -1;
+    for (int row = fromRow; row >= 0 && row < rowCount(); row += older ? -1 : 1) {
+        RowText line(rows_[static_cast<size_t>(row)]);
+        int end = static_cast<int>(rows_[static_cast<size_t>(row)].cells.size());
+        std::optional<Match> best;
+        for (size_t at = line.text.find(searched_); at != std::string::npos; at = line.text.find(searched_, at + 1)) {
+            int col = line.columnAt(at, end);
+            bool beyond = row != fromRow || (older ? col < fromCol : col > fromCol);
+            if (!beyond) continue;
+            Match found{row, col, line.columnAt(at + searched_.size(), end) - col};
+            if (older) best = found;
+            else if (!best) best = found;
+        }
+        if (best) {
+            match_ = best;
+            reveal(best->row);
+            return;
+        }
+    }
+    note_ = "no match for \"" + searched_ + "\"";
+}
+
+std::string ScrollbackView::status() const {
+    std::string line = " [scrollback " + std::to_string(std::min(top_ + height_, rowCount())) + "/" +
+                       std::to_string(rowCount()) + "]";
+    if (prompt_) return line + " search: " + *prompt_;
+    if (!note_.empty()) line += " " + note_;
+    return line + " | / searches, n N match, q leaves";
+}
+
+ScreenFrame ScrollbackView::frame(int cols, int rows) const {
+    vellum::TerminalContentSnapshot shown;
+    int last = std::min(top_ + height_, rowCount());
+    for (int row = top_; row < last; ++row) {
+        auto copy = rows_[static_cast<size_t>(row)];
+        if (match_ && match_->row == row) {
+            for (int col = match_->col; col < match_->col + match_->length && col < static_cast<int>(copy.cells.size()); ++col) {
+                auto& style = copy.cells[static_cast<size_t>(col)].attribute.style;
+                if (style.contains(vellum::CharacterStyle::inverse)) style.remove(vellum::CharacterStyle::inverse);
+                else style.insert(vellum::CharacterStyle::inverse);
+            }
+        }
+        shown.rows.push_back(std::move(copy));
+    }
+    std::string line = status();
+    ScreenFrame frame = composeFrame(shown, false, cols, rows, line);
+    // While a search is typed the cursor sits after it on the status line.
+    if (prompt_ && rows > 0) {
+        frame.cursorVisible = true;
+        frame.cursorRow = rows - 1;
+        frame.cursorCol = std::min(static_cast<int>(characters(line).size()), cols - 1);
+    }
     return frame;
 }
 

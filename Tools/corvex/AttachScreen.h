@@ -37,6 +37,46 @@ struct ScreenFrame {
 ScreenFrame composeFrame(const vellum::TerminalContentSnapshot& pane, bool paneCursorVisible, int cols, int rows,
                          std::string_view status);
 
+// The scrollback view: a still copy of the pane's history taken on entry, so output that
+// goes on arriving never moves it, with the keys that page through it and search it.
+class ScrollbackView {
+public:
+    // `history` holds the buffer's rows oldest first; `height` is how many the user sees.
+    ScrollbackView(std::vector<vellum::TerminalContentRowSnapshot> history, int height);
+
+    // Takes what the user typed; false once q or Esc leaves the view.
+    bool feed(std::string_view typed);
+    void setHeight(int height);
+
+    int top() const { return top_; }
+    int rowCount() const { return static_cast<int>(rows_.size()); }
+    std::string status() const;
+    ScreenFrame frame(int cols, int rows) const;
+
+    struct Match {
+        int row = 0, col = 0, length = 0; // cells; `row` indexes the history
+        bool operator==(const Match&) const = default;
+    };
+    const std::optional<Match>& match() const { return match_; }
+
+private:
+    void key(std::string_view key);
+    void typePrompt(std::string_view key);
+    void scrollTo(int top);
+    void reveal(int row);
+    // Seeks the next match older (or newer) than the current one, or than the rows shown.
+    void find(bool older);
+
+    std::vector<vellum::TerminalContentRowSnapshot> rows_;
+    int height_ = 1;
+    int top_ = 0;
+    std::string searched_;
+    std::optional<std::string> prompt_; // the search text being typed
+    std::optional<Match> match_;
+    std::string note_;
+    bool leaving_ = false;
+};
+
 // Turns frames into the bytes that take the user's terminal from what it shows to the next
 // frame, rewriting only rows that changed (and of those only the changed stretch).
 class ScreenPainter {

@@ -104,3 +104,95 @@ TEST(PrefixReader, ActionsAreTakenOutOfTypedBytesAcrossReads) {
     EXPECT_EQ(parsePrefixKey("C-1"), std::nullopt);
     EXPECT_EQ(prefixName('\x01'), "Ctrl-a");
 }
+
+namespace {
+
+// The history of a 20x5 terminal fed "line 0" to "line 99" and then `extra`.
+std::vector<vellum::TerminalContentRowSnapshot> numberedHistory(const std::string& extra = "") {
+    auto options = sized(20, 5);
+    options.scrollback = 1000;
+    vellum::HeadlessTerminal pane(options);
+    for (int line = 0; line < 100; ++line) pane.feed("line " + std::to_string(line) + (line < 99 ? "\r\n" : ""));
+    pane.feed(extra);
+    return pane.terminal->contentSnapshot(vellum::TerminalContentRegion::history(1000), false).rows;
+}
+
+std::string rowText(const ScreenFrame& frame, int row) {
+    std::string text;
+    for (int col = 0; col < frame.cols; ++col) text += frame.at(col, row).text;
+    while (!text.empty() && text.back() == ' ') text.pop_back();
+    return text;
+}
+
+} // namespace
+
+TEST(ScrollbackView, OpensAtTheBottomAndMovesWithinTheHistory) {
+    ScrollbackView view(numberedHistory(), 4);
+    ASSERT_EQ(view.rowCount(), 100);
+    EXPECT_EQ(view.top(), 96);
+    EXPECT_EQ(rowText(view.frame(20, 5), 3), "line 99");
+    EXPECT_NE(view.status().find("[scrollback 100/100]"), std::string::npos);
+
+    EXPECT_TRUE(view.feed("k\x1b[A"));
+    EXPECT_EQ(view.top(), 94) << "k and Up each go one row back";
+    EXPECT_TRUE(view.feed("\x1b[5~\x1bOB"));
+    EXPECT_EQ(view.top(), 91);
+    EXPECT_TRUE(view.feed("\x1b[6~\x1b[6~j"));
+    EXPECT_EQ(view.top(), 96) << "never past the live screen";
+    EXPECT_TRUE(view.feed("\x1b[H\x1b[A"));
+    EXPECT_EQ(view.top(), 0) << "nor above the oldest row";
+    auto frame = view.frame(20, 5);
+    EXPECT_EQ(rowText(frame, 0), "line 0");
+    EXPECT_FALSE(frame.cursorVisible);
+    EXPECT_NE(view.status().find("[scrollback 4/100]"), std::string::npos);
+    EXPECT_TRUE(view.feed("\x1b[F"));
+    EXPECT_EQ(view.top(), 96);
+
+    view.setHeight(10);
+    EXPECT_EQ(view.top(), 90) << "a taller screen still ends at the newest row";
+    EXPECT_FALSE(view.feed("q"));
+    ScrollbackView escaped(numberedHistory(), 4);
+    EXPECT_FALSE(escaped.feed("\x1b")) << "Esc alone leaves";
+}
+
+TEST(ScrollbackView, SearchGoesOlderRevealsAndHighlightsTheMatch) {
+    ScrollbackView view(numberedHistory("\r\nab  ab \xe4\xb8\xad\xe6\x96\x87" "ab"), 4);
+    using Match = ScrollbackView::Match;
+    EXPECT_TRUE(view.feed("/ab"));
+    EXPECT_TRUE(view.frame(20, 5).cursorVisible) << "the cursor waits on the typed search";
+    EXPECT_NE(view.status().find("search: ab"), std::string::npos);
+    EXPECT_TRUE(view.feed("\r"));
+    // Matches in one row go right to left, columns counting a wide character twice.
+    EXPECT_EQ(view.match(), (Match{100, 11, 2}));
+    EXPECT_TRUE(view.feed("n"));
+    EXPECT_EQ(view.match(), (Match{100, 4, 2}));
+    EXPECT_TRUE(view.feed("N"));
+    EXPECT_EQ(view.match(), (Match{100, 11, 2}));
+
+    EXPECT_TRUE(view.feed("/lix\x7fne 4\r"));
+    EXPECT_EQ(view.match(), (Match{49, 0, 6})) << "the newest older match, after a backspace fixed the text";
+    EXPECT_LE(view.top(), 49);
+    EXPECT_GT(view.top() + 4, 49) << "the view moved to show it";
+    auto frame = view.frame(20, 5);
+    int shownRow = 49 - view.top();
+    EXPECT_EQ(rowText(frame, shownRow), "line 49");
+    EXPECT_TRUE(frame.at(5, shownRow).attribute.style.contains(vellum::CharacterStyle::inverse));
+    EXPECT_FALSE(frame.at(6, shownRow).attribute.style.contains(vellum::CharacterStyle::inverse));
+    EXPECT_TRUE(view.feed("nn"));
+    EXPECT_EQ(view.match(), (Match{47, 0, 6}));
+    EXPECT_TRUE(view.feed("N"));
+    EXPECT_EQ(view.match(), (Match{48, 0, 6}));
+
+    EXPECT_TRUE(view.feed("/zzz\r"));
+    EXPECT_EQ(view.match(), (Match{48, 0, 6})) << "a search that finds nothing keeps the match";
+    EXPECT_NE(view.status().find("no match"), std::string::npos);
+    EXPECT_TRUE(view.feed("/abc\x1b"));
+    EXPECT_EQ(view.status().find("search:"), std::string::npos) << "Esc drops the prompt, not the view";
+    EXPECT_FALSE(view.feed("\x1b"));
+}
+
+TEST(PrefixReader, BracketOpensTheScrollbackView) {
+    PrefixReader reader('\x1c');
+    EXPECT_EQ(reader.feed("\x1c["), (std::vector<PrefixReader::Item>{AttachAction::scrollback}));
+    EXPECT_NE(commandHelp("attach")->find("  [   scrollback view"), std::string::npos);
+}

@@ -172,6 +172,54 @@ TEST_F(Attach, DrawsThePaneKeepsItsQueriesAwayAndGivesTheScreenBack) {
         << user.screenText();
 }
 
+TEST_F(Attach, TheScrollbackViewFindsEarlyOutputAndLeavesTheLiveViewAsItWas) {
+    // The lines are printed before attach starts, so the early ones reach it only as the
+    // history it asks for when it subscribes.
+    std::string printed = daemon.scratch().file("printed");
+    backend->sendInput(made.pane, asBytes("seq -f 'line<%g>' 500; touch " + printed + "\r"));
+    ASSERT_TRUE(eventually([&] { return ::access(printed.c_str(), F_OK) == 0; }));
+    UserTerminal user(80, 24, "");
+    user.start(attachArgs(made.pane), daemon.environment());
+    // A row that holds exactly `text`, not a longer line that starts with it.
+    auto showsRow = [&](const std::string& text) {
+        return user.until([&] {
+            for (int row = 0; row < 23; ++row) {
+                std::string shown = user.row(row);
+                while (!shown.empty() && shown.back() == ' ') shown.pop_back();
+                if (shown == text) return true;
+            }
+            return false;
+        });
+    };
+    ASSERT_TRUE(showsRow("line<500>")) << user.screenText();
+    ASSERT_TRUE(user.shows("| work |")) << user.screenText();
+    ASSERT_TRUE(showsRow("$")) << "the prompt is back: " << user.screenText();
+    // Blanks the painter wrote and blanks never written read differently: compare without them.
+    auto visible = [&] {
+        std::string text;
+        for (int row = 0; row < 24; ++row) {
+            std::string shown = user.row(row);
+            while (!shown.empty() && shown.back() == ' ') shown.pop_back();
+            text += shown + "\n";
+        }
+        return text;
+    };
+    std::string live = visible();
+
+    user.type("\x1c[");
+    ASSERT_TRUE(user.shows("[scrollback 5")) << user.screenText();
+    user.type("/line<7>\r");
+    ASSERT_TRUE(showsRow("line<7>")) << user.screenText();
+    EXPECT_EQ(user.screenText().find("line<500>"), std::string::npos) << "the view moved back to the match";
+    // Keys in the view never reach the shell: this would print if it did.
+    user.type("echo leaked\r");
+    user.type("q");
+    ASSERT_TRUE(user.until([&] { return visible() == live; })) << visible() << "\nwas\n" << live;
+    user.type("echo after-$((2+3))\r");
+    ASSERT_TRUE(user.shows("after-5")) << user.screenText();
+    EXPECT_EQ(user.screenText().find("leaked"), std::string::npos) << user.screenText();
+}
+
 TEST_F(Attach, PrefixKeysMakeTabsAndSplitsAndMoveBetweenThem) {
     UserTerminal user(100, 30, "");
     user.start(attachArgs(made.pane, {"--prefix", "C-a"}), daemon.environment());
