@@ -15,7 +15,8 @@ test: bootstrap
 run: build
 	scripts/run
 
-bench: bootstrap
+bench:
+	scripts/bootstrap --bench
 	cmake --preset bench
 	cmake --build --preset bench
 	scripts/bench

@@ -11,6 +11,7 @@
 
 using namespace corvex;
 using corvex::testing::patternBytes;
+using corvex::testing::failureOf;
 using corvex::testing::readBytes;
 using corvex::testing::ScratchDirectory;
 using corvex::testing::stagingFiles;
@@ -62,17 +63,6 @@ public:
     uint64_t breakAfter = 0;
     std::vector<uint64_t> readOffsets; // only for single-file copies
 };
-
-template <typename Work>
-BackendError failureOf(Work&& work) {
-    try {
-        work();
-    } catch (const BackendError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "expected a failure";
-    return BackendError("none", "");
-}
 
 class Transfers : public ::testing::Test {
 protected:

@@ -13,29 +13,14 @@
 using namespace corvex;
 using corvex::testing::MemorySource;
 using corvex::testing::patternBytes;
+using corvex::testing::failureOf;
+using corvex::testing::drain;
 using corvex::testing::readBytes;
 using corvex::testing::ScratchDirectory;
 using corvex::testing::stagingFiles;
 using corvex::testing::writeBytes;
 
 namespace {
-
-template <typename Work>
-BackendError failureOf(Work&& work) {
-    try {
-        work();
-    } catch (const BackendError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "expected a failure";
-    return BackendError("none", "");
-}
-
-std::string drain(ByteBlocks& blocks) {
-    std::string bytes;
-    while (std::optional<Bytes> block = blocks()) bytes.append(block->begin(), block->end());
-    return bytes;
-}
 
 std::vector<std::string> names(const FileListing& listing) {
     std::vector<std::string> found;

@@ -22,6 +22,8 @@ using namespace corvex;
 using namespace corvex::endtoend;
 using corvex::testing::MemorySource;
 using corvex::testing::patternBytes;
+using corvex::testing::failureOf;
+using corvex::testing::drain;
 using corvex::testing::readBytes;
 using corvex::testing::stagingFiles;
 using corvex::testing::writeBytes;
@@ -30,23 +32,6 @@ using nlohmann::json;
 namespace fsys = std::filesystem;
 
 namespace {
-
-template <typename Work>
-BackendError failureOf(Work&& work) {
-    try {
-        work();
-    } catch (const BackendError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "expected a failure";
-    return BackendError("none", "");
-}
-
-std::string drain(ByteBlocks& blocks) {
-    std::string bytes;
-    while (std::optional<Bytes> block = blocks()) bytes.append(block->begin(), block->end());
-    return bytes;
-}
 
 std::vector<std::string> names(const std::vector<FileEntry>& entries) {
     std::vector<std::string> found;

@@ -5,7 +5,10 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "CorvexKit/FileModel.h"
+#include "CorvexKit/SessionBackend.h"
 
 namespace corvex::testing {
 
@@ -68,5 +71,24 @@ private:
     std::string fingerprint_;
     size_t block_;
 };
+
+// The error `work` fails with; a work that doesn't fail is a test failure.
+template <typename Work>
+BackendError failureOf(Work&& work) {
+    try {
+        work();
+    } catch (const BackendError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "expected a failure";
+    return BackendError("none", "");
+}
+
+// Everything a read stream gives, in one string.
+inline std::string drain(ByteBlocks& blocks) {
+    std::string bytes;
+    while (std::optional<Bytes> block = blocks()) bytes.append(block->begin(), block->end());
+    return bytes;
+}
 
 } // namespace corvex::testing
