@@ -94,6 +94,9 @@ Server::Server(ServerOptions options)
 }
 
 Server::~Server() {
+    // Methods may own workers that answer later; they finish while their replies can still
+    // be posted.
+    methods_.clear();
     for (auto& [id, client] : clients_) ::close(client->fd);
     if (listenFd_ >= 0) {
         ::close(listenFd_);

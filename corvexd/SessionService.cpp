@@ -199,7 +199,10 @@ void servePanes(Server& s, const Core& core) {
     serve<protocol::PaneKeys>(s, [core](const auto& p, MethodCall&) { core->sendKeys(p.pane, p.text, p.keys); });
     serve<protocol::PaneDismissRestored>(s, [core](const auto& p, MethodCall&) { core->dismissRestored(p.pane); });
     serve<protocol::PaneTextCall>(s, [core](const auto& p, MethodCall&) { return core->paneText(p.pane); });
-    serve<protocol::PaneSearch>(s, [core](const auto& p, MethodCall&) {
+    // A search may walk a whole history: it runs beside the serving thread, which goes on
+    // answering everyone else. Its reply is matched by id, so nothing waits on its order.
+    auto searches = std::make_shared<platform::WorkerPool>(2);
+    serveDeferred<protocol::PaneSearch>(s, searches, [core](const protocol::PaneSearch& p) {
         return core->searchPane(p.pane, p.query, p.options);
     });
     serve<protocol::PaneFocus>(s, [core](const auto& p, MethodCall&) { core->requirePane(p.pane); });

@@ -95,6 +95,45 @@ TEST(HostileClient, SearchesAreBoundedInQueryAndInPatternCost) {
                     .contains("matches"));
 }
 
+// A search through a full history runs beside the serving thread: requests sent after it,
+// by the searcher itself or by anyone else, are answered before it, and it still finds
+// everything, as does a search for a pane that isn't there.
+TEST(HostileClient, AHeavySearchHoldsUpNoOtherRequest) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient searcher(daemon.socketPath()), other(daemon.socketPath());
+    result(searcher.request("settings.set", {{"scrollback_lines", 20000}}));
+    uint64_t pane = createPane(searcher, shell({"/bin/sh", "-c", "seq -f 'row %g' 1 12000; echo filled; sleep 600"}));
+    ASSERT_TRUE(eventually([&] {
+        auto text = result(searcher.request("pane.text", {{"pane", pane}}));
+        return text.dump().find("filled") != std::string::npos;
+    }, 60s));
+
+    // Search and ping in one write, so the daemon reads them together: the ping can only
+    // come first when the search doesn't run where requests are read.
+    json search{{"id", 9001}, {"method", "pane.search"}, {"params", {{"pane", pane}, {"query", "row"}, {"limit", 10000}}}};
+    json ping{{"id", 9002}, {"method", "ping"}};
+    ASSERT_TRUE(searcher.sendBytes(corvex::makeJSONFrame(search.dump()) + corvex::makeJSONFrame(ping.dump())));
+    EXPECT_TRUE(result(other.request("ping")).is_object());
+
+    auto position = [&](int64_t id) -> std::optional<size_t> {
+        const auto& replies = searcher.replies();
+        for (size_t at = 0; at < replies.size(); ++at) {
+            if (replies[at].value("id", int64_t(0)) == id) return at;
+        }
+        return std::nullopt;
+    };
+    ASSERT_TRUE(eventually([&] { return searcher.request("ping", nullptr, 1s) && position(9001).has_value(); }, 60s));
+    ASSERT_TRUE(position(9002).has_value());
+    EXPECT_LT(*position(9002), *position(9001));
+    const json& found = searcher.replies()[*position(9001)];
+    ASSERT_TRUE(found.contains("result")) << found.dump();
+    EXPECT_EQ(found["result"]["matches"].size(), 10000u);
+    EXPECT_TRUE(found["result"].contains("next"));
+
+    EXPECT_EQ(errorCode(other.request("pane.search", {{"pane", pane + 1000}, {"query", "row"}})), "not_found");
+}
+
 TEST(HostileClient, NothingIsServedBeforeHelloAndAnUnknownProtocolIsNamed) {
     DaemonHarness daemon;
     ASSERT_EQ(daemon.run({"start"}).status, 0);
