@@ -201,34 +201,66 @@ private:
         }).detach();
     }
 
-    // Starts showing a pane: a fresh local terminal, fed from the pane's snapshot on.
+    // Starts showing a pane with the rest of its tab around it.
     void show(uint64_t id) {
-        uint64_t old = pane();
-        if (subscribed_ && old != id) {
-            try {
-                backend_.unsubscribe(old);
-            } catch (const BackendError&) {
-            }
-        }
         shared_->pane = id;
         client_ = terminalSize();
-        const Pane* known = state_.pane(id);
-        resetTerminal(known ? known->cols : area().cols, known ? known->rows : area().rows);
-        backend_.resize(id, area());
-        backend_.subscribe(id, std::nullopt, historyLines_, area());
-        subscribed_ = true;
+        retile(false);
         painter_.invalidate();
         dirty_ = true;
     }
 
-    void resetTerminal(int cols, int rows) {
+    // Lays the focused pane's tab out on the screen: panes that appear get a fresh local
+    // terminal fed from their snapshot on, panes that left are dropped, and each pane is
+    // sized to its place (all of them when `resizeAll`, as after the user's terminal changed).
+    void retile(bool resizeAll) {
+        uint64_t focus = pane();
+        auto where = state_.location(focus);
+        Layout layout = where && where->tab && where->tab->layout.contains(focus) ? where->tab->layout : Layout::leaf(focus);
+        tiles_ = tileLayout(layout, area().cols, area().rows);
+        for (auto it = panes_.begin(); it != panes_.end();) {
+            if (tiles_.panes.count(it->first)) {
+                ++it;
+                continue;
+            }
+            try {
+                backend_.unsubscribe(it->first);
+            } catch (const BackendError&) {
+            }
+            it = panes_.erase(it);
+        }
+        for (const auto& [id, rect] : tiles_.panes) {
+            Size size{std::max(rect.cols, 1), std::max(rect.rows, 1)};
+            auto [at, fresh] = panes_.try_emplace(id);
+            bool moved = !(at->second.size == size);
+            at->second.size = size;
+            if (fresh) {
+                const Pane* known = state_.pane(id);
+                resetTerminal(id, known ? known->cols : size.cols, known ? known->rows : size.rows);
+                backend_.resize(id, size);
+                backend_.subscribe(id, std::nullopt, historyLines_, size);
+            } else if (moved || resizeAll) {
+                try {
+                    backend_.setViewport(id, size);
+                    backend_.resize(id, size);
+                } catch (const BackendError&) {
+                    // A lost link resubscribes with the new viewport.
+                }
+            }
+        }
+    }
+
+    vellum::HeadlessTerminal& local() { return *panes_.at(pane()).terminal; }
+
+    void resetTerminal(uint64_t id, int cols, int rows) {
         vellum::TerminalOptions options;
         options.cols = std::max(cols, 1);
         options.rows = std::max(rows, 1);
         options.scrollback = historyLines_;
-        local_ = std::make_shared<vellum::HeadlessTerminal>(options);
+        auto& terminal = panes_[id].terminal;
+        terminal = std::make_shared<vellum::HeadlessTerminal>(options);
         // The daemon's own terminal of the pane answers the program; this one stays silent.
-        local_->onSend = [](std::span<const uint8_t>) {};
+        terminal->onSend = [](std::span<const uint8_t>) {};
     }
 
     // As much history as the daemon keeps of a pane, for the scrollback view.
@@ -241,7 +273,7 @@ private:
     }
 
     void openScrollback() {
-        auto history = local_->terminal->contentSnapshot(vellum::TerminalContentRegion::history(historyLines_), false);
+        auto history = local().terminal->contentSnapshot(vellum::TerminalContentRegion::history(historyLines_), false);
         view_.emplace(std::move(history.rows), area().rows);
         dirty_ = true;
     }
@@ -271,8 +303,7 @@ private:
                 client_ = terminalSize();
                 if (view_) view_->setHeight(area().rows);
                 try {
-                    backend_.setViewport(pane(), area());
-                    backend_.resize(pane(), area());
+                    retile(true);
                 } catch (const BackendError&) {
                     // A lost link resubscribes with the new viewport.
                 }
@@ -291,20 +322,26 @@ private:
     // One event; a note when it ends the attach.
     std::optional<std::string> take(const SessionEvent& event) {
         uint64_t id = pane();
-        if (auto output = event.as<SessionEvent::Output>(); output && output->pane == id) {
-            local_->feed(std::span<const uint8_t>(output->bytes.data(), output->bytes.size()));
+        if (auto output = event.as<SessionEvent::Output>(); output && panes_.count(output->pane)) {
+            panes_.at(output->pane).terminal->feed(std::span<const uint8_t>(output->bytes.data(), output->bytes.size()));
             dirty_ = true;
-        } else if (auto snapshot = event.as<SessionEvent::Snapshot>(); snapshot && snapshot->pane == id) {
-            resetTerminal(snapshot->cols, snapshot->rows);
-            local_->feed(std::span<const uint8_t>(snapshot->bytes.data(), snapshot->bytes.size()));
+        } else if (auto snapshot = event.as<SessionEvent::Snapshot>(); snapshot && panes_.count(snapshot->pane)) {
+            resetTerminal(snapshot->pane, snapshot->cols, snapshot->rows);
+            panes_.at(snapshot->pane).terminal->feed(std::span<const uint8_t>(snapshot->bytes.data(), snapshot->bytes.size()));
             dirty_ = true;
-        } else if (auto resized = event.as<SessionEvent::Resized>(); resized && resized->pane == id) {
-            local_->terminal->resize(std::max(resized->cols, 1), std::max(resized->rows, 1));
+        } else if (auto resized = event.as<SessionEvent::Resized>(); resized && panes_.count(resized->pane)) {
+            panes_.at(resized->pane).terminal->terminal->resize(std::max(resized->cols, 1), std::max(resized->rows, 1));
             dirty_ = true;
         } else if (auto state = event.as<SessionEvent::State>()) {
             state_ = state->state;
             dirty_ = true;
             if (!state_.pane(id)) return "pane " + std::to_string(id) + " exited";
+            // Another client may have split or closed panes of the tab shown.
+            try {
+                retile(false);
+            } catch (const BackendError& error) {
+                message_ = error.message();
+            }
         } else if (auto changed = event.as<SessionEvent::PaneChanged>()) {
             for (auto& each : state_.panes) {
                 if (each.id == changed->pane.id) each = changed->pane;
@@ -448,17 +485,33 @@ private:
         return line;
     }
 
+    ScreenFrame tiledFrame() {
+        std::vector<vellum::TerminalContentSnapshot> contents;
+        contents.reserve(tiles_.panes.size());
+        std::vector<PaneTile> tiles;
+        size_t focused = 0;
+        for (const auto& [id, rect] : tiles_.panes) {
+            auto& terminal = *panes_.at(id).terminal->terminal;
+            bool alternate = terminal.inputStateSnapshot().isAlternateBuffer;
+            contents.push_back(terminal.contentSnapshot(vellum::TerminalContentRegion::viewport(), alternate));
+            if (id == pane()) focused = tiles.size();
+            tiles.push_back(PaneTile{&contents.back(), !terminal.cursorHidden, rect});
+        }
+        return composeTiles(tiles, tiles_, focused, client_.cols, client_.rows, statusLine());
+    }
+
     void paint() {
         dirty_ = false;
         if (view_) {
             platform::writeAll(STDOUT_FILENO, painter_.paint(view_->frame(client_.cols, client_.rows)));
             return;
         }
-        auto& terminal = *local_->terminal;
+        auto& terminal = *local().terminal;
         auto input = terminal.inputStateSnapshot();
-        auto content = terminal.contentSnapshot(vellum::TerminalContentRegion::viewport(), input.isAlternateBuffer);
-        ScreenFrame frame = composeFrame(content, !terminal.cursorHidden, client_.cols, client_.rows, statusLine());
-        std::string bytes = painter_.paint(frame);
+        std::string bytes = painter_.paint(panes_.size() > 1 ? tiledFrame() : [&] {
+            auto content = terminal.contentSnapshot(vellum::TerminalContentRegion::viewport(), input.isAlternateBuffer);
+            return composeFrame(content, !terminal.cursorHidden, client_.cols, client_.rows, statusLine());
+        }());
         std::string modes = inputModes(input);
         if (modes != modes_) {
             bytes += modes;
@@ -474,12 +527,17 @@ private:
     std::string machine_;
     std::string message_;
     Size client_{80, 24};
-    std::shared_ptr<vellum::HeadlessTerminal> local_;
+    struct ShownPane {
+        std::shared_ptr<vellum::HeadlessTerminal> terminal;
+        Size size; // the place it has on the screen
+    };
+    // Every pane of the tab shown, each with its own subscription.
+    std::map<uint64_t, ShownPane> panes_;
+    TileLayout tiles_;
     ScreenPainter painter_;
     std::string modes_;
     std::optional<ScrollbackView> view_;
     int historyLines_ = 0;
-    bool subscribed_ = false;
     bool dirty_ = false;
 };
 

@@ -1,6 +1,7 @@
 #include "Tools/corvex/AttachScreen.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 #include <limits>
 #include <map>
@@ -56,21 +57,22 @@ std::optional<RGB> parseRGB(std::string_view spec) {
 
 } // namespace
 
-ScreenFrame composeFrame(const vellum::TerminalContentSnapshot& pane, bool paneCursorVisible, int cols, int rows,
-                         std::string_view status) {
-    ScreenFrame frame(cols, rows);
-    int area = std::max(rows - 1, 0);
+namespace {
+
+// Copies a pane's rows into a rectangle of the frame: cut where the pane is larger, filled
+// where it is smaller.
+void drawPane(ScreenFrame& frame, const vellum::TerminalContentSnapshot& pane, CellRect into) {
     vellum::Attribute fillAttribute;
     fillAttribute.style = vellum::CharacterStyle::dim;
-    for (int row = 0; row < area; ++row) {
+    for (int row = 0; row < into.rows; ++row) {
         const auto* source = row < static_cast<int>(pane.rows.size()) ? &pane.rows[static_cast<size_t>(row)].cells : nullptr;
         int paneCols = source ? static_cast<int>(source->size()) : 0;
-        for (int col = 0; col < cols; ++col) {
-            ScreenCell& cell = frame.at(col, row);
+        for (int col = 0; col < into.cols; ++col) {
+            ScreenCell& cell = frame.at(into.col + col, into.row + row);
             if (col < paneCols) {
                 const auto& from = (*source)[static_cast<size_t>(col)];
                 // A wide character cut by the right edge can't be drawn by half.
-                bool cut = from.width == 2 && col + 1 >= cols;
+                bool cut = from.width == 2 && col + 1 >= into.cols;
                 cell.text = from.text.empty() || cut ? " " : from.text;
                 cell.width = cut ? 1 : from.width;
                 cell.attribute = from.attribute;
@@ -81,22 +83,88 @@ ScreenFrame composeFrame(const vellum::TerminalContentSnapshot& pane, bool paneC
             }
         }
     }
-    if (rows > 0) {
-        vellum::Attribute statusAttribute;
-        statusAttribute.style = vellum::CharacterStyle::inverse;
-        auto glyphs = characters(status);
-        for (int col = 0; col < cols; ++col) {
-            ScreenCell& cell = frame.at(col, rows - 1);
-            cell.text = col < static_cast<int>(glyphs.size()) ? glyphs[static_cast<size_t>(col)] : " ";
-            cell.attribute = statusAttribute;
-        }
+}
+
+void drawStatus(ScreenFrame& frame, std::string_view status) {
+    if (frame.rows <= 0) return;
+    vellum::Attribute statusAttribute;
+    statusAttribute.style = vellum::CharacterStyle::inverse;
+    auto glyphs = characters(status);
+    for (int col = 0; col < frame.cols; ++col) {
+        ScreenCell& cell = frame.at(col, frame.rows - 1);
+        cell.text = col < static_cast<int>(glyphs.size()) ? glyphs[static_cast<size_t>(col)] : " ";
+        cell.attribute = statusAttribute;
     }
+}
+
+} // namespace
+
+ScreenFrame composeFrame(const vellum::TerminalContentSnapshot& pane, bool paneCursorVisible, int cols, int rows,
+                         std::string_view status) {
+    ScreenFrame frame(cols, rows);
+    int area = std::max(rows - 1, 0);
+    drawPane(frame, pane, CellRect{0, 0, cols, area});
+    drawStatus(frame, status);
     frame.cursorCol = pane.cursorColumn;
     frame.cursorRow = pane.cursorRow - pane.liveTopRow;
     int paneCols = pane.rows.empty() ? 0 : static_cast<int>(pane.rows.front().cells.size());
     frame.cursorVisible = paneCursorVisible && frame.cursorRow >= 0 && frame.cursorRow < area && frame.cursorCol < cols &&
                           frame.cursorCol <= paneCols;
     if (frame.cursorCol >= cols) frame.cursorCol = cols - 1;
+    return frame;
+}
+
+TileLayout tileLayout(const Layout& layout, int cols, int rows) {
+    auto cells = [](const Rect& rect) {
+        return CellRect{static_cast<int>(std::lround(rect.x)), static_cast<int>(std::lround(rect.y)),
+                        static_cast<int>(std::lround(rect.width)), static_cast<int>(std::lround(rect.height))};
+    };
+    auto frames = layout.frames(Rect{0, 0, static_cast<double>(std::max(cols, 0)), static_cast<double>(std::max(rows, 0))}, 1);
+    TileLayout out;
+    for (const auto& [pane, rect] : frames.panes) out.panes[pane] = cells(rect);
+    for (const auto& divider : frames.dividers) {
+        // A split squeezed to nothing leaves no line to draw.
+        if (divider.rect.width >= 1 && divider.rect.height >= 1) out.dividers.emplace_back(divider.axis, cells(divider.rect));
+    }
+    return out;
+}
+
+ScreenFrame composeTiles(const std::vector<PaneTile>& tiles, const TileLayout& layout, size_t focused, int cols,
+                         int rows, std::string_view status) {
+    ScreenFrame frame(cols, rows);
+    int area = std::max(rows - 1, 0);
+    auto clipped = [&](CellRect rect) {
+        rect.col = std::clamp(rect.col, 0, cols);
+        rect.row = std::clamp(rect.row, 0, area);
+        rect.cols = std::clamp(rect.cols, 0, cols - rect.col);
+        rect.rows = std::clamp(rect.rows, 0, area - rect.row);
+        return rect;
+    };
+    for (const auto& tile : tiles) {
+        if (tile.content) drawPane(frame, *tile.content, clipped(tile.rect));
+    }
+    for (const auto& [axis, rect] : layout.dividers) {
+        CellRect line = clipped(rect);
+        for (int row = line.row; row < line.row + line.rows; ++row) {
+            for (int col = line.col; col < line.col + line.cols; ++col) {
+                frame.at(col, row) = ScreenCell{axis == Axis::horizontal ? "\u2502" : "\u2500", 1, {}};
+            }
+        }
+    }
+    drawStatus(frame, status);
+    frame.cursorVisible = false;
+    if (focused < tiles.size() && tiles[focused].content) {
+        const auto& tile = tiles[focused];
+        CellRect rect = clipped(tile.rect);
+        int col = tile.content->cursorColumn;
+        int row = tile.content->cursorRow - tile.content->liveTopRow;
+        // At the end of a full line the cursor waits on the last column.
+        if (col == rect.cols) --col;
+        frame.cursorVisible = tile.cursorVisible && row >= 0 && row < rect.rows && col >= 0 && col < rect.cols;
+        frame.cursorCol = rect.col + std::max(col, 0);
+        frame.cursorRow = rect.row + std::max(row, 0);
+        if (!frame.cursorVisible) frame.cursorCol = frame.cursorRow = 0;
+    }
     return frame;
 }
 

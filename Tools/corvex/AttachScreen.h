@@ -1,10 +1,12 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "CorvexKit/Layout.h"
 #include "CorvexKit/SessionBackend.h"
 #include "Vellum/Attribute.h"
 #include "Vellum/TerminalContentSnapshot.h"
@@ -36,6 +38,32 @@ struct ScreenFrame {
 // terminal filled, and the status line on the last row.
 ScreenFrame composeFrame(const vellum::TerminalContentSnapshot& pane, bool paneCursorVisible, int cols, int rows,
                          std::string_view status);
+
+// A rectangle of the user's screen in cells.
+struct CellRect {
+    int col = 0, row = 0, cols = 0, rows = 0;
+
+    bool operator==(const CellRect&) const = default;
+};
+
+// Where a tab's panes and the one-cell lines between them lie on a screen area.
+struct TileLayout {
+    std::map<uint64_t, CellRect> panes;
+    std::vector<std::pair<Axis, CellRect>> dividers;
+};
+TileLayout tileLayout(const Layout& layout, int cols, int rows);
+
+// One pane of a tab as the user's screen shows it.
+struct PaneTile {
+    const vellum::TerminalContentSnapshot* content = nullptr;
+    bool cursorVisible = true;
+    CellRect rect;
+};
+
+// The user's screen with every pane of a tab in its place, the lines between them, the
+// status line on the last row, and the cursor of the focused tile only.
+ScreenFrame composeTiles(const std::vector<PaneTile>& tiles, const TileLayout& layout, size_t focused, int cols,
+                         int rows, std::string_view status);
 
 // The scrollback view: a still copy of the pane's history taken on entry, so output that
 // goes on arriving never moves it, with the keys that page through it and search it.

@@ -196,3 +196,96 @@ TEST(PrefixReader, BracketOpensTheScrollbackView) {
     EXPECT_EQ(reader.feed("\x1c["), (std::vector<PrefixReader::Item>{AttachAction::scrollback}));
     EXPECT_NE(commandHelp("attach")->find("  [   scrollback view"), std::string::npos);
 }
+
+namespace {
+
+// A pane's terminal of that size fed with `bytes`, kept alive for the tiles that show it.
+struct TilePane {
+    vellum::HeadlessTerminal terminal;
+    vellum::TerminalContentSnapshot content;
+
+    TilePane(int cols, int rows, const std::string& bytes) : terminal(sized(cols, rows)) {
+        terminal.feed(bytes);
+        content = terminal.terminal->contentSnapshot(vellum::TerminalContentRegion::viewport(), false);
+    }
+    PaneTile tile(CellRect rect) const { return PaneTile{&content, !terminal.terminal->cursorHidden, rect}; }
+};
+
+} // namespace
+
+TEST(TiledPanes, SideBySidePanesShareTheScreenWithALineBetweenAndTheFocusedCursor) {
+    auto layout = tileLayout(Layout::split(7, Axis::horizontal, 0.5, Layout::leaf(1), Layout::leaf(2)), 21, 5);
+    ASSERT_EQ(layout.panes.at(1), (CellRect{0, 0, 10, 5}));
+    ASSERT_EQ(layout.panes.at(2), (CellRect{11, 0, 10, 5}));
+    ASSERT_EQ(layout.dividers.size(), 1u);
+
+    TilePane left(10, 5, "left\r\n$ "), right(10, 5, "right\r\n> ab");
+    std::vector<PaneTile> tiles{left.tile(layout.panes.at(1)), right.tile(layout.panes.at(2))};
+    auto frame = composeTiles(tiles, layout, 1, 21, 6, "status");
+    EXPECT_EQ(rowText(frame, 0), "left      \u2502right");
+    EXPECT_EQ(rowText(frame, 1), "$         \u2502> ab");
+    for (int row = 0; row < 5; ++row) EXPECT_EQ(frame.at(10, row).text, "\u2502") << "row " << row;
+    EXPECT_EQ(rowText(frame, 5), "status") << "the status line stays below every pane";
+    EXPECT_TRUE(frame.cursorVisible);
+    EXPECT_EQ(frame.cursorCol, 15) << "the right pane's cursor, moved by its place on screen";
+    EXPECT_EQ(frame.cursorRow, 1);
+
+    auto leftFocused = composeTiles(tiles, layout, 0, 21, 6, "status");
+    EXPECT_EQ(leftFocused.cursorCol, 2);
+    EXPECT_EQ(leftFocused.cursorRow, 1);
+
+    // What the painter sends leaves the user's terminal showing both panes.
+    vellum::HeadlessTerminal user(sized(21, 6));
+    ScreenPainter painter;
+    user.feed(painter.paint(frame));
+    EXPECT_EQ(user.terminal->lineText(0).substr(0, 10), "left      ");
+    EXPECT_NE(user.terminal->lineText(1).find("> ab"), std::string::npos);
+}
+
+TEST(TiledPanes, StackedPanesAreCutOrFilledToTheirRectanglesAndHideACursorOutsideThem) {
+    auto layout = tileLayout(Layout::split(7, Axis::vertical, 0.5, Layout::leaf(1), Layout::leaf(2)), 10, 6);
+    ASSERT_EQ(layout.panes.at(1), (CellRect{0, 0, 10, 3}));
+    ASSERT_EQ(layout.panes.at(2), (CellRect{0, 4, 10, 2}));
+
+    // The top pane's terminal is still narrower, the bottom one still taller, than its place:
+    // the daemon hasn't answered the resize yet.
+    TilePane top(6, 3, "top"), bottom(12, 3, "one\r\ntwo\r\nthree");
+    std::vector<PaneTile> tiles{top.tile(layout.panes.at(1)), bottom.tile(layout.panes.at(2))};
+    auto frame = composeTiles(tiles, layout, 1, 10, 7, "");
+    EXPECT_EQ(rowText(frame, 0), "top   \u00b7\u00b7\u00b7\u00b7");
+    std::string line;
+    for (int i = 0; i < 10; ++i) line += "\u2500";
+    EXPECT_EQ(rowText(frame, 3), line);
+    EXPECT_EQ(rowText(frame, 4), "one");
+    EXPECT_EQ(rowText(frame, 5), "two") << "the third row lies beyond the pane's place";
+    EXPECT_FALSE(frame.cursorVisible) << "the focused pane's cursor is on its cut-off row";
+
+    auto topFocused = composeTiles(tiles, layout, 0, 10, 7, "");
+    EXPECT_TRUE(topFocused.cursorVisible);
+    EXPECT_EQ(topFocused.cursorCol, 3);
+    EXPECT_EQ(topFocused.cursorRow, 0);
+}
+
+TEST(TiledPanes, NestedSplitsKeepTheirLinesInsideTheirOwnSideAndCutWideCharactersAtAnEdge) {
+    auto tree = Layout::split(1, Axis::horizontal, 0.5, Layout::leaf(1),
+                              Layout::split(2, Axis::vertical, 0.5, Layout::leaf(2), Layout::leaf(3)));
+    auto layout = tileLayout(tree, 9, 5);
+    ASSERT_EQ(layout.panes.at(1), (CellRect{0, 0, 4, 5}));
+    ASSERT_EQ(layout.panes.at(3), (CellRect{5, 3, 4, 2}));
+
+    TilePane wide(6, 5, "abc\xe4\xb8\xad"), upper(4, 2, ""), lower(4, 2, "x");
+    std::vector<PaneTile> tiles{wide.tile(layout.panes.at(1)), upper.tile(layout.panes.at(2)),
+                                lower.tile(layout.panes.at(3))};
+    auto frame = composeTiles(tiles, layout, 2, 9, 6, "");
+    for (int row = 0; row < 5; ++row) EXPECT_EQ(frame.at(4, row).text, "\u2502") << "row " << row;
+    EXPECT_EQ(frame.at(3, 2).text, " ") << "the right side's line doesn't cross into the left pane";
+    EXPECT_EQ(frame.at(5, 2).text, "\u2500");
+    EXPECT_EQ(frame.at(3, 0), (ScreenCell{" ", 1, {}})) << "half a wide character is not drawn";
+    EXPECT_EQ(frame.at(5, 3).text, "x");
+    EXPECT_EQ(frame.cursorCol, 6);
+    EXPECT_EQ(frame.cursorRow, 3);
+
+    // A screen too small for its panes still composes, without drawing outside itself.
+    auto tiny = composeTiles(tiles, tileLayout(tree, 1, 1), 0, 1, 2, "s");
+    EXPECT_EQ(rowText(tiny, 1), "s");
+}

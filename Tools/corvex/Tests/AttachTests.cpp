@@ -92,6 +92,9 @@ public:
         return out;
     }
     std::string row(int index) { return screen_.terminal->lineText(index); }
+    int cursorColumn() {
+        return screen_.terminal->contentSnapshot(vellum::TerminalContentRegion::viewport(), alternate()).cursorColumn;
+    }
     bool alternate() { return screen_.terminal->inputStateSnapshot().isAlternateBuffer; }
     // Everything this terminal ever answered.
     const std::string& answers() const { return sent_; }
@@ -249,6 +252,53 @@ TEST_F(Attach, PrefixKeysMakeTabsAndSplitsAndMoveBetweenThem) {
     ASSERT_TRUE(user.shows("still-here")) << user.screenText();
 
     user.type("\x01\x01"); // the prefix twice reaches the pane once
+    user.type("\x01" "d");
+    ASSERT_EQ(user.exitStatus(), 0);
+}
+
+TEST_F(Attach, ASplitTabShowsEveryPaneSideBySideAndKeysFollowTheFocus) {
+    UserTerminal user(100, 30, "");
+    user.start(attachArgs(made.pane, {"--prefix", "C-a"}), daemon.environment());
+    ASSERT_TRUE(user.attached("work")) << user.screenText();
+    user.type("echo left-$((1+1))\r");
+    ASSERT_TRUE(user.shows("left-2")) << user.screenText();
+
+    user.type("\x01" "%"); // split right; the new pane has the focus
+    uint64_t second = 0;
+    ASSERT_TRUE(eventually([&] {
+        auto state = backend->getState();
+        auto panes = state.location(made.pane)->tab->layout.panes();
+        if (panes.size() == 2) second = panes[1];
+        return second != 0;
+    }));
+    // Keys typed before attach has moved the focus would still reach the old pane: the
+    // user's cursor tells where the focus is, left or right of the line at column 50.
+    ASSERT_TRUE(user.until([&] { return user.cursorColumn() > 50; })) << user.cursorColumn() << user.screenText();
+    user.type("echo right-$((2+2))\r");
+    // Whether `text` sits on a row left (or right) of the line between the panes.
+    auto isOnSide = [&](const std::string& text, bool left) {
+        for (int row = 0; row < 29; ++row) {
+            std::string shown = user.row(row);
+            size_t at = shown.find(text), line = shown.find("\u2502");
+            if (at != std::string::npos && line != std::string::npos && (at < line) == left) return true;
+        }
+        return false;
+    };
+    auto onSide = [&](const std::string& text, bool left) { return user.until([&] { return isOnSide(text, left); }); };
+    ASSERT_TRUE(onSide("right-4", false)) << user.screenText();
+    EXPECT_TRUE(onSide("left-2", true)) << "the first pane stays on screen: " << user.screenText();
+    // Each pane is sized to its half, the line between them taking one column.
+    EXPECT_TRUE(eventually([&] {
+        auto state = backend->getState();
+        return state.pane(made.pane)->cols + state.pane(second)->cols == 99;
+    }));
+
+    user.type("\x01" "o"); // the focus moves back to the first pane: so do the keys
+    ASSERT_TRUE(user.until([&] { return user.cursorColumn() < 50; })) << user.cursorColumn();
+    user.type("echo back-$((3+3))\r");
+    ASSERT_TRUE(onSide("back-6", true)) << user.screenText();
+    EXPECT_FALSE(isOnSide("back-6", false)) << user.screenText();
+
     user.type("\x01" "d");
     ASSERT_EQ(user.exitStatus(), 0);
 }
