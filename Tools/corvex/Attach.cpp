@@ -101,6 +101,10 @@ struct Shared {
     // While the scrollback view is open keys go to it, never to the pane.
     std::atomic<bool> viewing{false};
     std::string viewKeys;
+    // Keys typed behind a prefix action wait until it is done: after a split or a move of
+    // focus they belong to the pane the action leads to, not the one it leaves.
+    bool acting = false;
+    std::string heldKeys;
     std::atomic<bool> hungUp{false};
     std::atomic<bool> resized{false};
     std::atomic<uint64_t> pane{0};
@@ -171,12 +175,18 @@ private:
                 }
                 for (auto& item : reader.feed(typed)) {
                     if (auto* bytes = std::get_if<std::string>(&item)) {
-                        if (shared->viewing) {
+                        {
                             std::lock_guard guard(shared->lock);
-                            shared->viewKeys += *bytes;
-                        } else {
-                            self->sendInput(shared->pane, asBytes(*bytes));
+                            if (shared->viewing) {
+                                shared->viewKeys += *bytes;
+                                continue;
+                            }
+                            if (shared->acting || !shared->actions.empty()) {
+                                shared->heldKeys += *bytes;
+                                continue;
+                            }
                         }
+                        self->sendInput(shared->pane, asBytes(*bytes));
                         continue;
                     }
                     auto action = std::get<AttachAction>(item);
@@ -364,6 +374,7 @@ private:
         {
             std::lock_guard guard(shared_->lock);
             actions.swap(shared_->actions);
+            shared_->acting = !actions.empty();
         }
         for (auto action : actions) {
             try {
@@ -373,6 +384,20 @@ private:
                 dirty_ = true;
             }
         }
+        if (actions.empty()) return std::nullopt;
+        std::string held;
+        {
+            std::lock_guard guard(shared_->lock);
+            shared_->acting = false;
+            // Another action came meanwhile: its turn first, then the keys.
+            if (!shared_->actions.empty()) return std::nullopt;
+            held.swap(shared_->heldKeys);
+            if (shared_->viewing) {
+                shared_->viewKeys.insert(0, held);
+                held.clear();
+            }
+        }
+        if (!held.empty()) backend_.sendInput(pane(), asBytes(held));
         return std::nullopt;
     }
 

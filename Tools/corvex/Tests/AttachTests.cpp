@@ -293,9 +293,9 @@ TEST_F(Attach, ASplitTabShowsEveryPaneSideBySideAndKeysFollowTheFocus) {
         return state.pane(made.pane)->cols + state.pane(second)->cols == 99;
     }));
 
-    user.type("\x01" "o"); // the focus moves back to the first pane: so do the keys
+    // The focus moves back to the first pane, and keys typed in the same breath follow it.
+    user.type("\x01" "o" "echo back-$((3+3))\r");
     ASSERT_TRUE(user.until([&] { return user.cursorColumn() < 50; })) << user.cursorColumn();
-    user.type("echo back-$((3+3))\r");
     ASSERT_TRUE(onSide("back-6", true)) << user.screenText();
     EXPECT_FALSE(isOnSide("back-6", false)) << user.screenText();
 
