@@ -7,6 +7,8 @@
 #include <QMainWindow>
 #include <QTest>
 #include <QTimer>
+
+#include "Benchmarks/AppBenchmarkLoop.h"
 #include <cstdio>
 
 #include <algorithm>
@@ -29,27 +31,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// Sleeps in the event loop until something happens, checking `done` after each wake.
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
-    auto deadline = Clock::now() + timeout;
-    QTimer tick;
-    tick.start(10);
-    while (!done()) {
-        if (Clock::now() > deadline) return done();
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    }
-    return true;
-}
-
-void idle(std::chrono::milliseconds duration) {
-    QEventLoop loop;
-    QTimer::singleShot(duration, &loop, &QEventLoop::quit);
-    loop.exec();
-}
-
-std::string executableDirectory() {
-    return std::filesystem::canonical("/proc/self/exe").parent_path().string();
-}
+using bench::eventually;
+using bench::executableDirectory;
+using bench::idle;
 
 // Counts the frames a widget paints, and when the last one was.
 class PaintCounter final : public QObject {

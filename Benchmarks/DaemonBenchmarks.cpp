@@ -11,6 +11,9 @@
 // figures is the one to beat.
 #include <benchmark/benchmark.h>
 
+#include "Benchmarks/BenchmarkMain.h"
+#include "Benchmarks/ServedDaemon.h"
+
 #include <algorithm>
 #include <climits>
 #include <cstdio>
@@ -110,21 +113,7 @@ const std::string& streamFile(Stream kind) {
 
 std::string catCommand(const std::string& file) { return "stty -echo -onlcr; read go; cat " + file + "; sleep 600"; }
 
-// A served daemon with one client, or absent (with the benchmark skipped) when it can't be had.
-std::unique_ptr<Daemon> servedDaemon(benchmark::State& state) {
-    if (!isBuilt("corvexd")) {
-        state.SkipWithError("corvexd is not built");
-        return nullptr;
-    }
-    auto daemon = std::make_unique<Daemon>();
-    try {
-        daemon->serve();
-    } catch (const std::exception& error) {
-        state.SkipWithError(error.what());
-        return nullptr;
-    }
-    return daemon;
-}
+using bench::servedDaemon;
 
 void reportThroughput(benchmark::State& state, double seconds) {
     state.SetIterationTime(seconds);
@@ -394,19 +383,4 @@ BENCHMARK(BM_TmuxCat)->DenseRange(0, 2)->Iterations(1)->UseManualTime()->Unit(be
 BENCHMARK(BM_TmuxPipePane)->DenseRange(0, 2)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CorvexdKeystrokeEcho)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
-int main(int argc, char** argv) {
-    // The daemon is the one built beside this program.
-    if (!std::getenv("CORVEX_BUILD_BIN")) {
-        char path[PATH_MAX];
-        ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
-        if (length > 0) {
-            std::string exe(path, static_cast<size_t>(length));
-            ::setenv("CORVEX_BUILD_BIN", exe.substr(0, exe.rfind('/')).c_str(), 1);
-        }
-    }
-    ::signal(SIGPIPE, SIG_IGN);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+int main(int argc, char** argv) { return corvex::bench::runBesideBuild(argc, argv); }

@@ -3,6 +3,9 @@
 // an idle pane costs in descriptors, threads and memory, over 500 of them.
 #include <benchmark/benchmark.h>
 
+#include "Benchmarks/BenchmarkMain.h"
+#include "Benchmarks/ServedDaemon.h"
+
 #include <algorithm>
 #include <climits>
 #include <filesystem>
@@ -23,20 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-std::unique_ptr<Daemon> servedDaemon(benchmark::State& state) {
-    if (!isBuilt("corvexd")) {
-        state.SkipWithError("corvexd is not built");
-        return nullptr;
-    }
-    auto daemon = std::make_unique<Daemon>();
-    try {
-        daemon->serve();
-    } catch (const std::exception& error) {
-        state.SkipWithError(error.what());
-        return nullptr;
-    }
-    return daemon;
-}
+using bench::servedDaemon;
 
 // A field of /proc/PID/status in kB ("VmRSS", "VmHWM").
 double statusKiB(pid_t pid, const std::string& field) {
@@ -221,18 +211,4 @@ BENCHMARK(BM_FloodingPanesOneReader)->Arg(50)->Iterations(1)->UseManualTime()->U
 BENCHMARK(BM_PingDuringSearch)->Arg(1 << 20)->Arg(3)->Iterations(1)->UseManualTime();
 BENCHMARK(BM_IdlePanes)->Arg(500)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
-int main(int argc, char** argv) {
-    if (!std::getenv("CORVEX_BUILD_BIN")) {
-        char path[PATH_MAX];
-        ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
-        if (length > 0) {
-            std::string exe(path, static_cast<size_t>(length));
-            ::setenv("CORVEX_BUILD_BIN", exe.substr(0, exe.rfind('/')).c_str(), 1);
-        }
-    }
-    ::signal(SIGPIPE, SIG_IGN);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+int main(int argc, char** argv) { return corvex::bench::runBesideBuild(argc, argv); }

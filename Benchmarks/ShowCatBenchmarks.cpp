@@ -12,6 +12,8 @@
 #include <QTest>
 #include <QTimer>
 
+#include "Benchmarks/AppBenchmarkLoop.h"
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -44,24 +46,9 @@ constexpr int windowWidth = 1280, windowHeight = 800;
 
 std::string workDirectory;
 
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-    auto deadline = Clock::now() + timeout;
-    QTimer tick;
-    tick.start(5);
-    while (!done()) {
-        if (Clock::now() > deadline) return done();
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    }
-    return true;
-}
-
-void idle(std::chrono::milliseconds duration) {
-    QEventLoop loop;
-    QTimer::singleShot(duration, &loop, &QEventLoop::quit);
-    loop.exec();
-}
-
-std::string executableDirectory() { return std::filesystem::canonical("/proc/self/exe").parent_path().string(); }
+using bench::eventually;
+using bench::executableDirectory;
+using bench::idle;
 
 // Lines of words of varying length, as a build log or source listing looks.
 std::string plainFile() {

@@ -2,39 +2,25 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <string>
+
+#include "Vellum/LineSink.h"
 
 namespace vellum {
 
 namespace {
-std::mutex sinkMutex;
-DiagnosticSink& currentSink() {
-    static DiagnosticSink sink;
-    return sink;
+LineSink& diagnosticLines() {
+    static LineSink lines;
+    return lines;
 }
 } // namespace
 
-DiagnosticSink setDiagnosticSink(DiagnosticSink sink) {
-    std::lock_guard lock(sinkMutex);
-    std::swap(currentSink(), sink);
-    return sink;
-}
+DiagnosticSink setDiagnosticSink(DiagnosticSink sink) { return diagnosticLines().replace(std::move(sink)); }
 
 void diagnostic(std::string_view message) {
     std::string line = "Info: ";
     line.append(message);
-    DiagnosticSink sink;
-    {
-        std::lock_guard lock(sinkMutex);
-        sink = currentSink();
-    }
-    if (sink) {
-        sink(line);
-    } else {
-        line.push_back('\n');
-        std::fwrite(line.data(), 1, line.size(), stderr);
-    }
+    diagnosticLines().write(line);
 }
 
 void fatalError(std::string_view message) {

@@ -1,38 +1,18 @@
 #include "Vellum/RenderLog.h"
 
-#include <cstdio>
-#include <mutex>
-#include <string>
+#include "Vellum/LineSink.h"
 
 namespace vellum {
 
 namespace {
-std::mutex sinkMutex;
-RenderLogSink& currentSink() {
-    static RenderLogSink sink;
-    return sink;
+LineSink& renderLines() {
+    static LineSink lines;
+    return lines;
 }
 } // namespace
 
-RenderLogSink setRenderLogSink(RenderLogSink sink) {
-    std::lock_guard lock(sinkMutex);
-    std::swap(currentSink(), sink);
-    return sink;
-}
+RenderLogSink setRenderLogSink(RenderLogSink sink) { return renderLines().replace(std::move(sink)); }
 
-void renderLog(std::string_view line) {
-    RenderLogSink sink;
-    {
-        std::lock_guard lock(sinkMutex);
-        sink = currentSink();
-    }
-    if (sink) {
-        sink(line);
-        return;
-    }
-    std::string text(line);
-    text.push_back('\n');
-    std::fwrite(text.data(), 1, text.size(), stderr);
-}
+void renderLog(std::string_view line) { renderLines().write(line); }
 
 } // namespace vellum

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <exception>
+#include <memory>
+
+#include "corvexd/Tests/EndToEndDaemon.h"
+
+namespace corvex::bench {
+
+// A served daemon, or absent (with the benchmark skipped) when it can't be had.
+inline std::unique_ptr<endtoend::Daemon> servedDaemon(benchmark::State& state) {
+    if (!endtoend::isBuilt("corvexd")) {
+        state.SkipWithError("corvexd is not built");
+        return nullptr;
+    }
+    auto daemon = std::make_unique<endtoend::Daemon>();
+    try {
+        daemon->serve();
+    } catch (const std::exception& error) {
+        state.SkipWithError(error.what());
+        return nullptr;
+    }
+    return daemon;
+}
+
+} // namespace corvex::bench
