@@ -57,6 +57,8 @@ TEST(CorvexdCommands, StartFindsTheRunningDaemonAndStopEndsIt) {
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("shutdown   end the daemon and everything in it"), std::string::npos) << help.out;
     EXPECT_EQ(daemon.run({"--version"}).out.rfind("corvexd ", 0), 0u);
+    EXPECT_EQ(daemon.run({}).status, 2) << "usage errors exit 2";
+    EXPECT_EQ(daemon.run({"frobnicate"}).status, 2);
 
     auto builds = daemon.run({"status", "--print-builds"});
     std::string build = id.out.substr(0, id.out.size() - 1);
@@ -144,12 +146,6 @@ TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
         EXPECT_FALSE(std::filesystem::exists(foreign + "/corvexd.sock"));
     }
     daemon.setRuntimeDir(daemon.base() + "/run");
-}
-
-TEST(CorvexdCommands, UsageErrorsExitTwo) {
-    DaemonHarness daemon;
-    EXPECT_EQ(daemon.run({}).status, 2);
-    EXPECT_EQ(daemon.run({"frobnicate"}).status, 2);
 }
 
 TEST(CorvexdCommands, BridgeStartsTheDaemonAndRelaysBothWays) {

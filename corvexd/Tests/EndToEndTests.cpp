@@ -266,46 +266,6 @@ TEST_F(EndToEnd, TwoClientsSeeTheSameTreeAndEachOthersChanges) {
     EXPECT_EQ(left->getState().workspaces, right->getState().workspaces);
 }
 
-// A raw connection that breaks the framing is closed, and only it: the other client and
-// its shell go on.
-TEST_F(EndToEnd, ABrokenFrameCutsOffOnlyItsSender) {
-    auto good = daemon.connect("good");
-    Watcher watch(good);
-
-    int bad = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, daemon.socketPath().c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(::connect(bad, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    std::string hello = makeJSONFrame(R"({"id":1,"method":"hello","params":{"protocol":1,"client":"bad"}})");
-    std::string broken = makeJSONFrame("{\"id\":2,\"method\":");
-    std::string unknownType = makeFrame(static_cast<FrameType>(0x7f), "junk");
-    // The daemon may close the link at any of these; that must fail a send, not end the test.
-    ASSERT_EQ(::send(bad, hello.data(), hello.size(), MSG_NOSIGNAL), static_cast<ssize_t>(hello.size()));
-    ::send(bad, broken.data(), broken.size(), MSG_NOSIGNAL);
-    ::send(bad, unknownType.data(), unknownType.size(), MSG_NOSIGNAL);
-
-    bool closed = false;
-    auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!closed && std::chrono::steady_clock::now() < deadline) {
-        pollfd fd{bad, POLLIN, 0};
-        if (::poll(&fd, 1, 100) <= 0) continue;
-        char buffer[4096];
-        ssize_t count = ::read(bad, buffer, sizeof buffer);
-        closed = count == 0 || (count < 0 && errno == ECONNRESET);
-    }
-    ::close(bad);
-    EXPECT_TRUE(closed) << "the daemon kept a connection that sent a broken frame";
-
-    EXPECT_NO_THROW(good->ping());
-    EXPECT_TRUE(good->isConnected());
-    CreatedWorkspace created;
-    CORVEX_OR_SKIP(created = good->createWorkspace("after", plainShell()));
-    good->subscribe(created.pane);
-    good->sendInput(created.pane, asBytes("echo still-$((3*3))\r"));
-    EXPECT_TRUE(watch.untilOutput(created.pane, "still-9"));
-}
-
 // Each `corvex` run is a client that comes and goes; the shell it made stays with the daemon.
 TEST_F(EndToEnd, AShellOutlivesTheClientThatMadeIt) {
     Ran made = daemon.corvex({"new-workspace", "--name", "lasting", "--", "/bin/sh"});
