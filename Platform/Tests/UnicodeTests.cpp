@@ -16,57 +16,31 @@ std::vector<std::u32string> clusters(std::u32string_view text) {
 } // namespace
 
 TEST(Unicode, Widths) {
-    EXPECT_EQ(width(U'a'), 1);
-    EXPECT_EQ(width(U' '), 1);
-    EXPECT_EQ(width(U'~'), 1);
-    EXPECT_EQ(width(U'é'), 1);
-    EXPECT_EQ(width(U'中'), 2);
-    EXPECT_EQ(width(0x3000), 2);   // ideographic space (F... W)
-    EXPECT_EQ(width(0xFF21), 2);   // fullwidth A
-    EXPECT_EQ(width(0xFF61), 1);   // halfwidth katakana punctuation
-    EXPECT_EQ(width(0x20000), 2);  // CJK extension B
-    EXPECT_EQ(width(0x2FFFD), 2);  // unassigned in plane 2 defaults to wide
-    EXPECT_EQ(width(0xAC00), 2);   // Hangul syllable
-    EXPECT_EQ(width(0x1F600), 2);  // emoji presentation
-    EXPECT_EQ(width(0x1F1E6), 2);  // regional indicator
-    EXPECT_EQ(width(0x2764), 1);   // heavy black heart: text presentation by default
-    EXPECT_EQ(width(0x231A), 2);   // watch: emoji presentation
-    EXPECT_EQ(width(0x0301), 0);   // combining acute
-    EXPECT_EQ(width(0x20DD), 0);   // enclosing circle (Me)
-    EXPECT_EQ(width(0x200D), 0);   // ZWJ
-    EXPECT_EQ(width(0x200B), 0);   // zero width space
-    EXPECT_EQ(width(0xFE0F), 0);
-    EXPECT_EQ(width(0x1160), 0);   // Hangul medial vowel filler joins a syllable
-    EXPECT_EQ(width(0x11A8), 0);   // Hangul final consonant
-    EXPECT_EQ(width(0xE0001), 0);  // language tag
-    EXPECT_EQ(width(0x0600), 1);   // Arabic number sign: a visible prepended mark
-    EXPECT_EQ(width(0x00AD), 1);   // soft hyphen shows
-    EXPECT_EQ(width(0xE000), 1);   // private use
-    EXPECT_EQ(width(0x0378), 1);   // unassigned
+    // Wide: CJK, ideographic space, fullwidth A, plane 2 (unassigned too), Hangul, emoji presentation, flags, watch.
+    for (char32_t c : {U'中', char32_t(0x3000), char32_t(0xFF21), char32_t(0x20000), char32_t(0x2FFFD), char32_t(0xAC00),
+                       char32_t(0x1F600), char32_t(0x1F1E6), char32_t(0x231A)})
+        EXPECT_EQ(width(c), 2) << std::hex << uint32_t(c);
+    // Zero: combining and enclosing marks, ZWJ, ZWSP, VS16, Hangul medial/final jamo join a syllable, tags.
+    for (char32_t c : {0x0301, 0x20DD, 0x200D, 0x200B, 0xFE0F, 0x1160, 0x11A8, 0xE0001})
+        EXPECT_EQ(width(c), 0) << std::hex << uint32_t(c);
+    // One: ASCII, Latin, halfwidth katakana punctuation, a text-presentation heart, a visible prepended mark,
+    // the soft hyphen, private use and unassigned code points.
+    for (char32_t c : {U'a', U'é', char32_t(0xFF61), char32_t(0x2764), char32_t(0x0600), char32_t(0x00AD),
+                       char32_t(0xE000), char32_t(0x0378)})
+        EXPECT_EQ(width(c), 1) << std::hex << uint32_t(c);
     for (char32_t c : {0x00, 0x07, 0x1B, 0x1F, 0x7F, 0x80, 0x9F, 0x2028, 0x2029, 0xD800, 0xDFFF, 0x110000}) {
         EXPECT_EQ(width(c), -1) << std::hex << uint32_t(c);
     }
 }
 
 TEST(Unicode, GeneralCategories) {
-    EXPECT_EQ(generalCategory(U'A'), GeneralCategory::Lu);
-    EXPECT_EQ(generalCategory(U'a'), GeneralCategory::Ll);
-    EXPECT_EQ(generalCategory(U'5'), GeneralCategory::Nd);
-    EXPECT_EQ(generalCategory(U' '), GeneralCategory::Zs);
-    EXPECT_EQ(generalCategory(0x0A), GeneralCategory::Cc);
-    EXPECT_EQ(generalCategory(0x0301), GeneralCategory::Mn);
-    EXPECT_EQ(generalCategory(0x200D), GeneralCategory::Cf);
-    EXPECT_EQ(generalCategory(U'+'), GeneralCategory::Sm);
-    EXPECT_EQ(generalCategory(0x2211), GeneralCategory::Sm);  // n-ary summation
-    EXPECT_EQ(generalCategory(0x2713), GeneralCategory::So);  // check mark
-    EXPECT_EQ(generalCategory(0x280B), GeneralCategory::So);  // braille spinner frame
-    EXPECT_EQ(generalCategory(0x1F600), GeneralCategory::So);
-    EXPECT_EQ(generalCategory(0x4E00), GeneralCategory::Lo);  // inside a First/Last range
-    EXPECT_EQ(generalCategory(0x9FFF), GeneralCategory::Lo);
-    EXPECT_EQ(generalCategory(0xD900), GeneralCategory::Cs);
-    EXPECT_EQ(generalCategory(0x10FFFD), GeneralCategory::Co);
-    EXPECT_EQ(generalCategory(0x0378), GeneralCategory::Cn);
-    EXPECT_EQ(generalCategory(0x110000), GeneralCategory::Cn);
+    using C = GeneralCategory;
+    // 0x280B is a braille spinner frame; 0x4E00 and 0x9FFF sit inside a First/Last range.
+    std::pair<char32_t, C> table[] = {
+        {U'A', C::Lu},    {U'a', C::Ll},    {U'5', C::Nd},     {U' ', C::Zs},     {0x0A, C::Cc},    {0x0301, C::Mn},
+        {0x200D, C::Cf},  {U'+', C::Sm},    {0x2211, C::Sm},   {0x2713, C::So},   {0x280B, C::So},  {0x1F600, C::So},
+        {0x4E00, C::Lo},  {0x9FFF, C::Lo},  {0xD900, C::Cs},   {0x10FFFD, C::Co}, {0x0378, C::Cn},  {0x110000, C::Cn}};
+    for (auto [c, category] : table) EXPECT_EQ(generalCategory(c), category) << std::hex << uint32_t(c);
 }
 
 TEST(Unicode, EmojiAndBreakProperties) {

@@ -96,6 +96,8 @@ TEST(PrefixReader, ActionsAreTakenOutOfTypedBytesAcrossReads) {
     EXPECT_EQ(reader.feed("n"), (Items{AttachAction::nextTab}));
     EXPECT_EQ(reader.feed("\x1c\x1c" "q"), (Items{std::string("\x1c" "q")})) << "twice sends it once";
     EXPECT_EQ(reader.feed("\x1c" "Z" "y"), (Items{std::string("y")})) << "an unbound key is dropped";
+    EXPECT_EQ(reader.feed("\x1c["), (Items{AttachAction::scrollback}));
+    EXPECT_NE(commandHelp("attach")->find("  [   scrollback view"), std::string::npos);
 
     EXPECT_EQ(parsePrefixKey("C-a"), '\x01');
     EXPECT_EQ(parsePrefixKey("C-\\"), '\x1c');
@@ -133,14 +135,11 @@ TEST(ScrollbackView, OpensAtTheBottomAndMovesWithinTheHistory) {
     EXPECT_EQ(rowText(view.frame(20, 5), 3), "line 99");
     EXPECT_NE(view.status().find("[scrollback 100/100]"), std::string::npos);
 
-    EXPECT_TRUE(view.feed("k\x1b[A"));
-    EXPECT_EQ(view.top(), 94) << "k and Up each go one row back";
-    EXPECT_TRUE(view.feed("\x1b[5~\x1bOB"));
-    EXPECT_EQ(view.top(), 91);
-    EXPECT_TRUE(view.feed("\x1b[6~\x1b[6~j"));
-    EXPECT_EQ(view.top(), 96) << "never past the live screen";
-    EXPECT_TRUE(view.feed("\x1b[H\x1b[A"));
-    EXPECT_EQ(view.top(), 0) << "nor above the oldest row";
+    // k and Up each go one row back; paging never goes past the live screen nor above the oldest row.
+    for (auto [keys, top] : {std::pair{"k\x1b[A", 94}, {"\x1b[5~\x1bOB", 91}, {"\x1b[6~\x1b[6~j", 96}, {"\x1b[H\x1b[A", 0}}) {
+        EXPECT_TRUE(view.feed(keys));
+        EXPECT_EQ(view.top(), top) << keys;
+    }
     auto frame = view.frame(20, 5);
     EXPECT_EQ(rowText(frame, 0), "line 0");
     EXPECT_FALSE(frame.cursorVisible);
@@ -164,10 +163,10 @@ TEST(ScrollbackView, SearchGoesOlderRevealsAndHighlightsTheMatch) {
     EXPECT_TRUE(view.feed("\r"));
     // Matches in one row go right to left, columns counting a wide character twice.
     EXPECT_EQ(view.match(), (Match{100, 11, 2}));
-    EXPECT_TRUE(view.feed("n"));
-    EXPECT_EQ(view.match(), (Match{100, 4, 2}));
-    EXPECT_TRUE(view.feed("N"));
-    EXPECT_EQ(view.match(), (Match{100, 11, 2}));
+    for (auto [keys, match] : {std::pair{"n", Match{100, 4, 2}}, {"N", Match{100, 11, 2}}}) {
+        EXPECT_TRUE(view.feed(keys));
+        EXPECT_EQ(view.match(), match) << keys;
+    }
 
     EXPECT_TRUE(view.feed("/lix\x7fne 4\r"));
     EXPECT_EQ(view.match(), (Match{49, 0, 6})) << "the newest older match, after a backspace fixed the text";
@@ -178,10 +177,10 @@ TEST(ScrollbackView, SearchGoesOlderRevealsAndHighlightsTheMatch) {
     EXPECT_EQ(rowText(frame, shownRow), "line 49");
     EXPECT_TRUE(frame.at(5, shownRow).attribute.style.contains(vellum::CharacterStyle::inverse));
     EXPECT_FALSE(frame.at(6, shownRow).attribute.style.contains(vellum::CharacterStyle::inverse));
-    EXPECT_TRUE(view.feed("nn"));
-    EXPECT_EQ(view.match(), (Match{47, 0, 6}));
-    EXPECT_TRUE(view.feed("N"));
-    EXPECT_EQ(view.match(), (Match{48, 0, 6}));
+    for (auto [keys, match] : {std::pair{"nn", Match{47, 0, 6}}, {"N", Match{48, 0, 6}}}) {
+        EXPECT_TRUE(view.feed(keys));
+        EXPECT_EQ(view.match(), match) << keys;
+    }
 
     EXPECT_TRUE(view.feed("/zzz\r"));
     EXPECT_EQ(view.match(), (Match{48, 0, 6})) << "a search that finds nothing keeps the match";
@@ -189,12 +188,6 @@ TEST(ScrollbackView, SearchGoesOlderRevealsAndHighlightsTheMatch) {
     EXPECT_TRUE(view.feed("/abc\x1b"));
     EXPECT_EQ(view.status().find("search:"), std::string::npos) << "Esc drops the prompt, not the view";
     EXPECT_FALSE(view.feed("\x1b"));
-}
-
-TEST(PrefixReader, BracketOpensTheScrollbackView) {
-    PrefixReader reader('\x1c');
-    EXPECT_EQ(reader.feed("\x1c["), (std::vector<PrefixReader::Item>{AttachAction::scrollback}));
-    EXPECT_NE(commandHelp("attach")->find("  [   scrollback view"), std::string::npos);
 }
 
 namespace {
@@ -227,12 +220,10 @@ TEST(TiledPanes, SideBySidePanesShareTheScreenWithALineBetweenAndTheFocusedCurso
     for (int row = 0; row < 5; ++row) EXPECT_EQ(frame.at(10, row).text, "\u2502") << "row " << row;
     EXPECT_EQ(rowText(frame, 5), "status") << "the status line stays below every pane";
     EXPECT_TRUE(frame.cursorVisible);
-    EXPECT_EQ(frame.cursorCol, 15) << "the right pane's cursor, moved by its place on screen";
-    EXPECT_EQ(frame.cursorRow, 1);
+    EXPECT_EQ(std::pair(frame.cursorCol, frame.cursorRow), std::pair(15, 1)) << "the right pane's cursor, moved by its place on screen";
 
     auto leftFocused = composeTiles(tiles, layout, 0, 21, 6, "status");
-    EXPECT_EQ(leftFocused.cursorCol, 2);
-    EXPECT_EQ(leftFocused.cursorRow, 1);
+    EXPECT_EQ(std::pair(leftFocused.cursorCol, leftFocused.cursorRow), std::pair(2, 1));
 
     // What the painter sends leaves the user's terminal showing both panes.
     vellum::HeadlessTerminal user(sized(21, 6));
@@ -262,8 +253,7 @@ TEST(TiledPanes, StackedPanesAreCutOrFilledToTheirRectanglesAndHideACursorOutsid
 
     auto topFocused = composeTiles(tiles, layout, 0, 10, 7, "");
     EXPECT_TRUE(topFocused.cursorVisible);
-    EXPECT_EQ(topFocused.cursorCol, 3);
-    EXPECT_EQ(topFocused.cursorRow, 0);
+    EXPECT_EQ(std::pair(topFocused.cursorCol, topFocused.cursorRow), std::pair(3, 0));
 }
 
 TEST(TiledPanes, NestedSplitsKeepTheirLinesInsideTheirOwnSideAndCutWideCharactersAtAnEdge) {
@@ -282,8 +272,7 @@ TEST(TiledPanes, NestedSplitsKeepTheirLinesInsideTheirOwnSideAndCutWideCharacter
     EXPECT_EQ(frame.at(5, 2).text, "\u2500");
     EXPECT_EQ(frame.at(3, 0), (ScreenCell{" ", 1, {}})) << "half a wide character is not drawn";
     EXPECT_EQ(frame.at(5, 3).text, "x");
-    EXPECT_EQ(frame.cursorCol, 6);
-    EXPECT_EQ(frame.cursorRow, 3);
+    EXPECT_EQ(std::pair(frame.cursorCol, frame.cursorRow), std::pair(6, 3));
 
     // A screen too small for its panes still composes, without drawing outside itself.
     auto tiny = composeTiles(tiles, tileLayout(tree, 1, 1), 0, 1, 2, "s");

@@ -319,8 +319,7 @@ TEST_F(Attach, ADeliberateShutdownEndsTheClientAndNothingStartsAnotherDaemon) {
 }
 
 TEST_F(Attach, CommandsValidateBeforeActingAndStartWhereTheUserIs) {
-    // keys with a bad name types nothing; send to a missing pane fails.
-    EXPECT_EQ(daemon.corvex({"keys", std::to_string(made.pane), "--text", "XYZ", "Upp"}).status, 2);
+    // send to a missing pane fails.
     Ran missing = daemon.corvex({"send", "999", "hi"});
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(missing.err, "corvex: not_found: no pane 999\n");
@@ -331,8 +330,6 @@ TEST_F(Attach, CommandsValidateBeforeActingAndStartWhereTheUserIs) {
     EXPECT_EQ(absent.status, 1);
     EXPECT_EQ(absent.err, "corvex: not_found: no-such-program-xyz: no such program\n");
     EXPECT_EQ(backend->getState().workspaces, before);
-    Ran nowhere = daemon.corvex({"new-tab", std::to_string(made.workspace), "--cwd", "/no/such/folder"});
-    EXPECT_EQ(nowhere.err, "corvex: not_found: no folder /no/such/folder\n");
 
     // New workspaces start in the client's folder.
     std::string folder = daemon.scratch().file("here");
