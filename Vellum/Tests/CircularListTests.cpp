@@ -88,7 +88,7 @@ TEST(CircularBufferLineList, PushWrapsAtTheLimitAndCountsImages) {
     ring.push(pictured);
     ring.reset(3);
     EXPECT_EQ(owner._linesWithImagesCount, 0);
-    EXPECT_EQ(ring.startIndex, 0);
+    EXPECT_EQ(ring.count(), 0);
 }
 
 TEST(CircularBufferLineList, RecyclingAFullRingReusesRowObjects) {
