@@ -27,7 +27,6 @@ TEST(TerminalReports, VersionIdentityIsFilteredAndBounded) {
     EXPECT_EQ(xtVersionIdentity("v1\x1b\x07.0", "fe\nat", "3"), "Vellum 1.0-feat+3:");
     std::string identity = xtVersionIdentity(std::string(400, 'x'), std::nullopt, "1");
     EXPECT_EQ(identity.size(), 255u);
-    EXPECT_EQ(identity.back(), ':');
     EXPECT_EQ(xtVersionReply(CC::sevenBit), "\x1bP>|Vellum 1.99.1+v1.99.1:\x1b\\");
 }
 
@@ -63,7 +62,6 @@ TEST(TerminalReports, TerminfoCapabilitiesAnswerKnownNamesOnly) {
 
     // The table is sorted (lookups are binary searches), and string values carry decoded escapes.
     const auto& table = xtgettcapReplyTable();
-    EXPECT_EQ(table.size(), 271u);
     EXPECT_TRUE(std::is_sorted(table.begin(), table.end()));
     EXPECT_EQ(xtgettcapReply("6B63757531"), "6B63757531=1B4F41"); // kcuu1 = ESC O A
     // The extensions programs look for: program status, synchronized output, true colour.
@@ -71,7 +69,6 @@ TEST(TerminalReports, TerminfoCapabilitiesAnswerKnownNamesOnly) {
     EXPECT_EQ(xtgettcapReply("507374"), "507374=1B5D373530313B25703125731B5C");
     EXPECT_EQ(xtgettcapReply("524742"), "524742=38");                        // RGB#8
     EXPECT_EQ(xtgettcapReply("6C696E6573"), "6C696E6573=3235");               // lines#25, the default height
-    EXPECT_EQ(xtgettcapReply("5463"), "5463");                               // Tc, a boolean
     EXPECT_EQ(xtgettcapReply("6E656C"), std::nullopt);                       // nel is not offered
 }
 
