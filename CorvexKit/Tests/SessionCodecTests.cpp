@@ -102,17 +102,13 @@ TEST(SessionCodec, RequiredFieldsAndTypesFailTheWholeDocument) {
     withoutSeq.erase("seq");
     EXPECT_EQ(decodeFailure("pane", withoutSeq), "missing key \"seq\"");
 
-    auto stringCols = minimalPane();
-    stringCols["cols"] = "80";
-    EXPECT_NE(decodeFailure("pane", stringCols), "");
-
-    auto negativeID = minimalPane();
-    negativeID["id"] = -4;
-    EXPECT_NE(decodeFailure("pane", negativeID), "");
-
-    auto badOptional = minimalPane();
-    badOptional["title"] = 3; // optional, but present with the wrong type
-    EXPECT_NE(decodeFailure("pane", badOptional), "");
+    // The title is optional, but present with the wrong type it still fails.
+    const std::pair<const char*, json> wrongTypes[] = {{"cols", "80"}, {"id", -4}, {"title", 3}};
+    for (const auto& [key, value] : wrongTypes) {
+        auto pane = minimalPane();
+        pane[key] = value;
+        EXPECT_NE(decodeFailure("pane", pane), "") << key;
+    }
 
     auto nullOptional = minimalPane();
     nullOptional["cwd"] = nullptr;
