@@ -72,9 +72,7 @@ TEST(FileCodec, MissingRequiredKeysFailButMissingOptionalsDont) {
         if (copy[copy.size() - 2] == ',') copy.erase(copy.size() - 2, 1);
         return copy;
     };
-    EXPECT_THROW(decodeText<FileEntry>(without("link")), DecodingError);
-    EXPECT_THROW(decodeText<FileEntry>(without("hidden")), DecodingError);
-    EXPECT_THROW(decodeText<FileEntry>(without("mtime_ns")), DecodingError);
+    for (const char* key : {"link", "hidden", "mtime_ns"}) EXPECT_THROW(decodeText<FileEntry>(without(key)), DecodingError) << key;
     EXPECT_EQ(decodeText<FileEntry>(text).target, std::nullopt);
     EXPECT_THROW(decodeText<FileEntry>(R"({"name":1})"), DecodingError);
     EXPECT_THROW(decodeText<FileSpace>("not json"), DecodingError);
@@ -100,24 +98,18 @@ TEST(FileModel, WireStringsOfErrorCodesAndTypes) {
         EXPECT_EQ(fileErrorCode(BackendError(wire[index], "m")), code);
     }
     EXPECT_EQ(fileErrorCode(BackendError("stalled", "Nothing moved")), std::nullopt);
-    EXPECT_EQ(fileErrorCode(BackendError("disconnected", "gone")), std::nullopt);
     EXPECT_EQ(fileErrorCode(std::runtime_error("exists")), std::nullopt);
-    EXPECT_EQ(parseFileType("dir"), FileType::dir);
-    EXPECT_EQ(wireName(FileType::other), "other");
 }
 
 TEST(FileModel, FilePathJoinsWithOneSlash) {
     EXPECT_EQ(filePath("/", "a"), "/a");
-    EXPECT_EQ(filePath("/x", "a"), "/x/a");
     EXPECT_EQ(filePath("/x/", "a"), "/x/a");
 }
 
 TEST(FileModel, ListAllFollowsPagesToTheEnd) {
     corvex::testing::ScratchDirectory scratch;
     LocalFileBackend backend;
-    auto [dir, none] = listAll(backend, scratch.path(), true);
-    EXPECT_TRUE(dir.isDirectory());
-    EXPECT_TRUE(none.empty());
+    EXPECT_TRUE(listAll(backend, scratch.path(), true).second.empty());
 
     for (int index = 0; index < 2500; ++index) std::ofstream(scratch.file("f" + std::to_string(10000 + index)));
     auto [again, entries] = listAll(backend, scratch.path(), false);
