@@ -17,6 +17,7 @@
 #include "EndToEndDaemon.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "Support/DaemonHarness.h"
+#include "corvexd/FileStreams.h"
 
 using namespace corvex;
 using namespace corvex::endtoend;
@@ -396,10 +397,11 @@ TEST_F(DaemonFiles, HelloAnnouncesFilesOnlyWithEveryMethodServed) {
 }
 
 TEST_F(DaemonFiles, AClientHasAFewStreamsAndLosesThemWhenItGoes) {
+    const int streams = corvexd::FileStreams::Limits{}.streamsPerClient;
     {
         corvexd::testing::RawClient client(daemon.socketPath());
         hello(client);
-        for (int index = 0; index < 8; ++index) {
+        for (int index = 0; index < streams; ++index) {
             auto reply = client.request("fs.write", writeParams(at("f" + std::to_string(index))));
             ASSERT_TRUE(reply && reply->contains("result")) << reply->dump();
         }
@@ -420,7 +422,7 @@ TEST_F(DaemonFiles, AClientHasAFewStreamsAndLosesThemWhenItGoes) {
     ASSERT_TRUE(eventually([&] { return stagingFiles(scratch.path()).size() == 2; })) << stagingFiles(scratch.path()).size();
     corvexd::testing::RawClient next(daemon.socketPath());
     hello(next);
-    for (int index = 0; index < 8; ++index)
+    for (int index = 0; index < streams; ++index)
         EXPECT_TRUE(next.request("fs.write", writeParams(at("g" + std::to_string(index))))->contains("result"));
 }
 
