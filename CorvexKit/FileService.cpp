@@ -198,11 +198,11 @@ void StagedWrite::abandon() {
 
 FileEntry StagedWrite::finish() {
     if (done_) throw fileError(FileErrorCode::ioError, target_ + ": the write has ended");
-    // A big file's data reaches the disk before its name does; the sync costs little beside
-    // writing it, and the write-behind above has done most of it. A small file is left to the
-    // file system's own commit: a sync each costs milliseconds, which would make a tree of
-    // small files many times slower than cp, which syncs nothing.
-    if (total_ >= syncedSize && ::fdatasync(fd_) != 0) {
+    // Every file's data reaches the disk before its name does, or a crash could leave a whole
+    // name over an empty file. For a big file the write-behind above has done most of it. Small
+    // files are copied many at once, each finishing on its own thread, so their syncs wait on
+    // the same journal commit rather than one commit each.
+    if (::fdatasync(fd_) != 0) {
         int error = errno;
         abandon();
         throw FileService::posixError(target_, error);

@@ -137,6 +137,7 @@ CommandRun parseLs(Arguments& args) {
     }
     Place where = place(*path);
     args.finish();
+    if (!where.remote) args.runHereAlone();
     return [=](CorvexdBackend& daemon, Streams& io) {
         auto files = backendFor(where.remote, daemon);
         std::string path = resolvedPath(where);
@@ -154,6 +155,7 @@ CommandRun parseLs(Arguments& args) {
 CommandRun parseStat(Arguments& args) {
     Place where = place(args.positional("PATH"));
     args.finish();
+    if (!where.remote) args.runHereAlone();
     return [=](CorvexdBackend& daemon, Streams& io) {
         auto files = backendFor(where.remote, daemon);
         io.out << encodeText(files->stat(resolvedPath(where))) << "\n";
@@ -180,6 +182,7 @@ CommandRun parseCp(Arguments& args) {
         if (source.remote != sources.front().remote)
             throw UsageError("the sources of one cp must all be here or all be on the daemon's machine");
     }
+    if (!destination.remote && !sources.front().remote) args.runHereAlone();
     auto conflict = skip ? FileTransfer::Conflict::skip
                          : overwrite ? FileTransfer::Conflict::replace : FileTransfer::Conflict::fail;
     return [=](CorvexdBackend& daemon, Streams& io) {

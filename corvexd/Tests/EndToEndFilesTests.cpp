@@ -634,3 +634,37 @@ TEST_F(DaemonFiles, CorvexCpRerunContinuesWhatAnInterruptedRunLeft) {
     EXPECT_EQ(readBytes(target), half + bytes.substr(half.size())) << "the staged half is kept, the rest appended";
     EXPECT_TRUE(stagingFiles(at("remote")).empty());
 }
+
+TEST_F(DaemonFiles, NamesThatAreNotUTF8AreListedAndCopiedBothWays) {
+    const std::string odd = "caf\xE9 100%";
+    fsys::create_directories(at("here"));
+    writeBytes(at("here/" + odd), "bytes of an odd name");
+
+    Ran listed = daemon.corvex({"ls", ":" + at("here")});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    EXPECT_EQ(listed.out, odd + "\n");
+    Ran down = daemon.corvex({"cp", ":" + at("here/" + odd), at("down")});
+    ASSERT_EQ(down.status, 0) << down.err;
+    EXPECT_EQ(readBytes(at("down")), "bytes of an odd name");
+    fsys::create_directories(at("there"));
+    Ran up = daemon.corvex({"cp", at("here"), ":" + at("there")});
+    ASSERT_EQ(up.status, 0) << up.err;
+    EXPECT_EQ(readBytes(at("there/here/" + odd)), "bytes of an odd name");
+}
+
+TEST_F(DaemonFiles, LocalPathsNeedNoDaemon) {
+    writeBytes(at("a"), "local");
+    auto alone = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {builtProgram("corvex"), "--socket", at("nobody.sock")});
+        return runProgram(arguments);
+    };
+    Ran listed = alone({"ls", scratch.path()});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    EXPECT_EQ(listed.out, "a\n");
+    EXPECT_EQ(alone({"stat", at("a")}).status, 0);
+    Ran copied = alone({"cp", at("a"), at("b")});
+    ASSERT_EQ(copied.status, 0) << copied.err;
+    EXPECT_EQ(readBytes(at("b")), "local");
+    // A path on the daemon's machine still needs one.
+    EXPECT_EQ(alone({"ls", ":" + scratch.path()}).status, 1);
+}
