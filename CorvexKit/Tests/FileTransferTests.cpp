@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "CorvexKit/FileTransfer.h"
 #include "CorvexKit/LocalFileBackend.h"
 #include "Support/FileTestSupport.h"
+#include "Support/ForwardingFileBackend.h"
 #include "Support/ScratchDirectory.h"
 
 using namespace corvex;
@@ -21,29 +24,8 @@ namespace {
 
 // The local disk with a connection that breaks on purpose: the first `breaks` reads end with
 // "disconnected" after `breakAfter` bytes of their stream.
-class BreakingBackend final : public FileBackend {
+class BreakingBackend final : public corvex::testing::ForwardingFileBackend {
 public:
-    bool supportsFiles() const override { return true; }
-    std::optional<std::string> homeDirectory() const override { return disk.homeDirectory(); }
-    FileEntry stat(const std::string& path) override { return disk.stat(path); }
-    FileListing list(const std::string& path, bool hidden, std::optional<int> limit,
-                     std::optional<std::string> cursor) override {
-        return disk.list(path, hidden, limit, cursor);
-    }
-    FileEntry mkdir(const std::string& path, bool parents) override { return disk.mkdir(path, parents); }
-    FileEntry setattr(const std::string& path, std::optional<std::string> mtimeNs, std::optional<int> mode) override {
-        return disk.setattr(path, mtimeNs, mode);
-    }
-    FileEntry rename(const std::string& from, const std::string& to, bool overwrite) override {
-        return disk.rename(from, to, overwrite);
-    }
-    void remove(const std::string& path, bool recursive) override { disk.remove(path, recursive); }
-    FileSpace statfs(const std::string& path) override { return disk.statfs(path); }
-    FileEntry write(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
-                    FileProgress progress, const platform::CancellationToken& cancel) override {
-        return disk.write(path, options, source, std::move(progress), cancel);
-    }
-
     FileReadStream read(const std::string& path, const FileReadOptions& options) override {
         readOffsets.push_back(options.offset);
         FileReadStream stream = disk.read(path, options);
@@ -58,10 +40,45 @@ public:
         return stream;
     }
 
-    LocalFileBackend disk;
     std::atomic<int> breaks{0};
     uint64_t breakAfter = 0;
     std::vector<uint64_t> readOffsets; // only for single-file copies
+};
+
+// Counts the reads open at once, apart for big and small files. The first small reads wait,
+// for a while, until `smallTogether` of them are open, which only a copy keeping that many in
+// flight achieves.
+class CountingBackend final : public corvex::testing::ForwardingFileBackend {
+public:
+    FileReadStream read(const std::string& path, const FileReadOptions& options) override {
+        const bool big = disk.stat(path).size > bigSize;
+        {
+            std::unique_lock guard(lock);
+            int& open = big ? bigOpen : smallOpen;
+            ++open;
+            (big ? mostBig : mostSmall) = std::max(big ? mostBig : mostSmall, open);
+            changed.notify_all();
+            if (smallOpen >= smallTogether) together = true;
+            if (!big) changed.wait_for(guard, std::chrono::seconds(5), [&] { return together; });
+        }
+        FileReadStream stream = disk.read(path, options);
+        stream.data = [this, big, inner = stream.data]() -> std::optional<Bytes> {
+            std::optional<Bytes> block = inner();
+            if (!block) {
+                std::lock_guard guard(lock);
+                --(big ? bigOpen : smallOpen);
+            }
+            return block;
+        };
+        return stream;
+    }
+
+    static constexpr uint64_t bigSize = 100000;
+    int smallTogether = 1;
+    std::mutex lock;
+    std::condition_variable changed;
+    int bigOpen = 0, smallOpen = 0, mostBig = 0, mostSmall = 0;
+    bool together = false; // once, and the small reads no longer wait
 };
 
 class Transfers : public ::testing::Test {
@@ -279,6 +296,25 @@ TEST_F(Transfers, ACancelledCopyStopsAndKeepsItsStagingFiles) {
     EXPECT_TRUE(isCancellation(error));
     EXPECT_EQ(failureOf([&] { local->stat(to("file")); }).code(), "not_found");
     EXPECT_EQ(stagingFiles(to()).size(), 2u);
+}
+
+TEST_F(Transfers, SmallFilesGoManyAtOnceWhileBigOnesKeepToMaxStreams) {
+    ::mkdir(from("tree").c_str(), 0755);
+    for (int index = 0; index < 3; ++index) writeBytes(from("tree/big" + std::to_string(index)), patternBytes(200000, 1));
+    for (int index = 0; index < 12; ++index) writeBytes(from("tree/small" + std::to_string(index)), patternBytes(5000, 2));
+    auto counting = std::make_shared<CountingBackend>();
+    counting->smallTogether = 4;
+    FileTransfer transfer(counting, local);
+    transfer.maxStreams = 1;
+    transfer.smallFileStreams = 6;
+    transfer.smallFileSize = CountingBackend::bigSize;
+    transfer.copy({from("tree")}, to(), FileTransfer::Conflict::fail);
+
+    EXPECT_EQ(counting->mostBig, 1);
+    EXPECT_GE(counting->mostSmall, 4);
+    EXPECT_LE(counting->mostSmall, 6);
+    EXPECT_EQ(readBytes(to("tree/big2")), patternBytes(200000, 1));
+    EXPECT_EQ(readBytes(to("tree/small11")), patternBytes(5000, 2));
 }
 
 TEST(FileTransferIdentity, UploadIDHashesTargetAndSourceVersion) {

@@ -14,6 +14,7 @@
 #include "CorvexKit/FileTransfer.h"
 #include "CorvexKit/LocalFileBackend.h"
 #include "CorvexKit/Tests/Support/FileTestSupport.h"
+#include "CorvexKit/Tests/Support/ForwardingFileBackend.h"
 #include "EndToEndDaemon.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "Support/DaemonHarness.h"
@@ -293,30 +294,10 @@ namespace {
 
 // This computer's files, with reads that can be held at a byte count until let go, and the
 // offsets every read began at.
-class HeldFiles final : public FileBackend {
+class HeldFiles final : public corvex::testing::ForwardingFileBackend {
 public:
-    bool supportsFiles() const override { return true; }
-    std::optional<std::string> homeDirectory() const override { return local.homeDirectory(); }
-    FileEntry stat(const std::string& path) override { return local.stat(path); }
-    FileListing list(const std::string& path, bool hidden, std::optional<int> limit,
-                     std::optional<std::string> cursor) override {
-        return local.list(path, hidden, limit, std::move(cursor));
-    }
-    FileEntry mkdir(const std::string& path, bool parents) override { return local.mkdir(path, parents); }
-    FileEntry setattr(const std::string& path, std::optional<std::string> mtimeNs, std::optional<int> mode) override {
-        return local.setattr(path, std::move(mtimeNs), mode);
-    }
-    FileEntry rename(const std::string& from, const std::string& to, bool overwrite) override {
-        return local.rename(from, to, overwrite);
-    }
-    void remove(const std::string& path, bool recursive) override { local.remove(path, recursive); }
-    FileSpace statfs(const std::string& path) override { return local.statfs(path); }
-    FileEntry write(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
-                    FileProgress progress, const platform::CancellationToken& cancel) override {
-        return local.write(path, options, source, std::move(progress), cancel);
-    }
     FileReadStream read(const std::string& path, const FileReadOptions& options) override {
-        FileReadStream stream = local.read(path, options);
+        FileReadStream stream = disk.read(path, options);
         {
             std::lock_guard guard(lock);
             offsets.push_back(options.offset);
@@ -344,7 +325,6 @@ public:
         return offsets;
     }
 
-    LocalFileBackend local;
     std::mutex lock;
     std::condition_variable released;
     std::optional<uint64_t> holdAt;
