@@ -53,8 +53,10 @@ protected:
         }
         return daemon.setHandler([this, method, result](FakePeer& peer, const ReceivedRequest& request) {
             if (request.method != method) return false;
-            peer.reply(request.id, result);
+            // Known once the reply is out, and never before it: a test acts on the stream as
+            // soon as the client has its reply, and an event must not overtake the reply.
             std::lock_guard guard(peerLock);
+            peer.reply(request.id, result);
             streamPeer = &peer;
             return true;
         });
