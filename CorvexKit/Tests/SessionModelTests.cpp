@@ -56,7 +56,7 @@ TEST(ModelState, LookupsFindByIdentifierAndTreatAbsentAsAbsent) {
     EXPECT_EQ(state.workspaceContaining(3), nullptr); // a pane identifier is no tab
 }
 
-TEST(ModelState, FocusingAPaneActivatesItsTabAndWorkspaceButKeepsRevAndPanes) {
+TEST(ModelState, FocusingAPaneOrTabActivatesItsTabAndWorkspaceButKeepsRevAndPanes) {
     auto state = sample();
     auto next = state.focusing(FocusTarget::pane(6));
     ASSERT_TRUE(next);
@@ -67,13 +67,11 @@ TEST(ModelState, FocusingAPaneActivatesItsTabAndWorkspaceButKeepsRevAndPanes) {
 
     EXPECT_FALSE(state.focusing(FocusTarget::pane(99)));
     EXPECT_FALSE(state.focusing(FocusTarget::tab(3))); // a pane's identifier names no tab
-}
 
-TEST(ModelState, FocusingATabUsesItsActivePane) {
-    auto next = sample().focusing(FocusTarget::tab(4));
+    // A tab brings its own active pane.
+    next = state.focusing(FocusTarget::tab(4));
     ASSERT_TRUE(next);
     EXPECT_EQ(next->focus, (Focus{1, 4, 5}));
-    EXPECT_EQ(next->workspace(1)->activeTab, 4u);
 }
 
 TEST(ModelState, FocusingAWorkspaceChoosesItsTabWithoutTouchingActiveTab) {
