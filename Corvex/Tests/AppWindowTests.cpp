@@ -57,11 +57,9 @@ TEST(AppWindowTest, FirstLaunchOpensWorkspaceOneWithALiveShellThatTakesTyping) {
     ASSERT_TRUE(harness.waitForShell()) << harness.describe();
     ASSERT_EQ(harness.store().state().workspaces.size(), 1u);
     EXPECT_EQ(harness.store().state().workspaces[0].name, "Workspace 1");
-    EXPECT_NE(harness.app().window()->windowTitle().toStdString().find("Workspace 1"), std::string::npos);
     EXPECT_NE(harness.app().sidebar()->item(SidebarTree::workspaceRow, "local",
                                             harness.store().state().workspaces[0].id),
               nullptr);
-    EXPECT_EQ(harness.app().tabBar()->bar()->count(), 1);
 
     uint64_t pane = harness.focusedPane();
     harness.type("echo typed-$((6*7))");
@@ -199,15 +197,7 @@ TEST(AppWindowTest, AFullScreenProgramFillsThePaneAndFollowsTheWindowSize) {
         return model && asked && asked->cols < 100 && model->cols == asked->cols && model->rows == asked->rows &&
                view->terminal()->cols() == asked->cols && view->terminal()->rows() == asked->rows;
     })) << harness.describe();
-    int cols = view->terminal()->cols();
     int rows = view->terminal()->rows();
-    harness.type("clear; stty size; less /etc/services");
-    harness.pressReturn();
-    ASSERT_TRUE(harness.screenShows(pane, "/etc/services")) << harness.screenText(pane);
-    EXPECT_TRUE(harness.daemonShows(pane, "/etc/services"));
-    EXPECT_EQ(harness.store().state().pane(pane)->rows, rows);
-    EXPECT_EQ(harness.store().state().pane(pane)->cols, cols);
-    harness.type("q");
     harness.type("vi");
     harness.pressReturn();
     // An empty buffer in vi: every row below the first starts with a tilde.

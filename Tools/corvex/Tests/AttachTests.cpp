@@ -58,13 +58,6 @@ public:
     void type(const std::string& bytes) {
         if (master_ >= 0) [[maybe_unused]] auto written = ::write(master_, bytes.data(), bytes.size());
     }
-    void resize(int cols, int rows) {
-        screen_.terminal->resize(cols, rows);
-        winsize size{};
-        size.ws_col = static_cast<unsigned short>(cols);
-        size.ws_row = static_cast<unsigned short>(rows);
-        ::ioctl(master_, TIOCSWINSZ, &size);
-    }
 
     // Reads what attach wrote until the condition holds; false at the deadline.
     bool until(const std::function<bool()>& done, std::chrono::milliseconds timeout = 15s) {
