@@ -1,5 +1,6 @@
 #include "CorvexKit/RemoteSetup.h"
 #include "CorvexKit/ProcessRun.h"
+#include "Support/ScratchDirectory.h"
 
 #include <gtest/gtest.h>
 
@@ -13,14 +14,11 @@
 
 namespace fs = std::filesystem;
 using namespace corvex;
+using corvex::testing::readFile;
+using corvex::testing::ScratchDirectory;
 namespace rs = corvex::RemoteSetup;
 
 namespace {
-
-std::string readFile(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-}
 
 void writeFile(const fs::path& path, std::string_view text, fs::perms perms = fs::perms(0644)) {
     fs::create_directories(path.parent_path());
@@ -41,15 +39,9 @@ std::string fakeDaemon(std::string_view id) {
 class ScriptTest : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "remote-setup-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        root = pattern;
-        home = root / "home";
-        tmp = root / "tmp";
         fs::create_directories(home);
         fs::create_directories(tmp);
     }
-    void TearDown() override { fs::remove_all(root); }
 
     // Runs argv with a clean environment and `input` on standard input.
     ProcessResult run(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {},
@@ -68,7 +60,8 @@ protected:
         return run({GetParam(), "-c", rs::installCommand(id, quotedBase, "")}, {}, binary);
     }
 
-    fs::path root, home, tmp;
+    ScratchDirectory scratch;
+    fs::path root = scratch.path(), home = root / "home", tmp = root / "tmp";
 };
 
 std::string expectedArch() {
@@ -165,12 +158,10 @@ TEST(RemoteSetup, Manifest) {
                  std::runtime_error);
     EXPECT_THROW(rs::Manifest::decode("not json"), std::runtime_error);
 
-    std::string pattern = (fs::temp_directory_path() / "manifest-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    EXPECT_THROW(rs::Manifest::load(pattern), std::runtime_error);
-    writeFile(fs::path(pattern) / "manifest.json", text);
-    EXPECT_EQ(rs::Manifest::load(pattern), manifest);
-    fs::remove_all(pattern);
+    ScratchDirectory folder;
+    EXPECT_THROW(rs::Manifest::load(folder.path()), std::runtime_error);
+    writeFile(fs::path(folder.path()) / "manifest.json", text);
+    EXPECT_EQ(rs::Manifest::load(folder.path()), manifest);
 }
 
 TEST(RemoteSetup, BuildIDsAndOutdatedDaemons) {
