@@ -59,6 +59,9 @@ TEST(TerminalRectangles, ChecksumReply) {
     // Blank cells count as spaces: the erased corner reads as four blanks (128 -> FF80).
     h.terminal.feed("\x1b[1;1;2;2$z");
     EXPECT_EQ(h.reply("\x1b[9;1;1;1;2;2*y"), "\x1bP9!~FF80\x1b\\");
+    // A reversed area sums nothing and still answers.
+    EXPECT_EQ(h.reply("\x1b[1;1;3;3;1;1*y"), "\x1bP1!~0000\x1b\\");
+    EXPECT_EQ(h.reply("\x1b G\x1b[2;1;1;1;1;1*y"), "\x90" "2!~FFE0\x9c");
 }
 
 TEST(TerminalRectangles, ColumnsInsertAndDeleteInsideTheRegion) {

@@ -52,6 +52,7 @@ TEST(TerminalSgr, ColourFormsAgree) {
 // pinned with the report builders.
 TEST(TerminalReports, AnswersThatDependOnTerminalState) {
     TerminalHarness h(10, 5);
+    EXPECT_EQ(h.reply("\x1b[3;4H\x1b[6n"), "\x1b[3;4R");
     EXPECT_EQ(h.reply("\x1b[2;5r\x1b[?6h\x1b[2;2H\x1b[?6n"), "\x1b[?2;2;1R");
     EXPECT_EQ(h.reply("\x1b[>q"), "\x1bP>|Vellum 1.99.1+v1.99.1:\x1b\\");
     EXPECT_EQ(h.reply("\x1b[>1q"), "");
