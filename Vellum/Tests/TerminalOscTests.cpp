@@ -52,24 +52,12 @@ public:
     std::vector<Image> images;
 };
 
-struct OscHarness {
-    explicit OscHarness(TerminalOptions options = small()) : terminal(&delegate, std::move(options)) {
+// Logs what it doesn't know, so the tests can see which codes are taken.
+struct OscHarness : vellum::testing::BasicTerminalHarness<OscDelegate> {
+    explicit OscHarness(TerminalOptions options = small(4)) : BasicTerminalHarness(std::move(options)) {
         terminal.silentLogging = false;
     }
-    static TerminalOptions small() {
-        TerminalOptions options;
-        options.cols = 20;
-        options.rows = 4;
-        return options;
-    }
-    std::string reply(std::string_view bytes) {
-        delegate.replies.clear();
-        terminal.feed(bytes);
-        return std::exchange(delegate.replies, {});
-    }
-
-    OscDelegate delegate;
-    Terminal terminal;
+    static TerminalOptions small(int rows = 4) { return makeOptions(20, rows, 100); }
 };
 
 } // namespace
@@ -204,9 +192,7 @@ TEST(TerminalOsc, NotificationsAndITermSequences) {
 }
 
 TEST(TerminalOsc, SemanticPromptsMarkRowsAndContent) {
-    TerminalOptions options = OscHarness::small();
-    options.rows = 10;
-    OscHarness h(options);
+    OscHarness h(OscHarness::small(10));
     h.terminal.feed("old\x1b]133;A\x07$ ");
     // The prompt started on a fresh line, marked with its group.
     EXPECT_EQ(h.terminal.buffer().y, 1);
@@ -358,9 +344,7 @@ TEST(TerminalOsc, ClickingInAPromptMovesTheShellCursor) {
 }
 
 TEST(TerminalOsc, PrintedCellsCarryTheLinkAndThePromptState) {
-    TerminalOptions options = OscHarness::small();
-    options.rows = 6;
-    OscHarness h(options);
+    OscHarness h(OscHarness::small(6));
     h.terminal.feed("a\x1b]8;;https://example.com\x07link\x1b]8;;\x07z");
     auto payloadAt = [&](int col, int row) { return h.terminal.buffer().row(row).packedCell(col).payloadCode(); };
     uint16_t code = payloadAt(1, 0);
