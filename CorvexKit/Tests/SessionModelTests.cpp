@@ -173,6 +173,7 @@ TEST(PaneRestore, NoteNamesTheResumedAgent) {
 TEST(AgentInfo, KindNames) {
     EXPECT_EQ(AgentInfo::kindName("claude"), "Claude Code");
     EXPECT_EQ(AgentInfo::kindName("CODEX"), "Codex");
+    EXPECT_EQ(AgentInfo::kindName("aider"), "Aider");
     EXPECT_EQ(AgentInfo::kindName(""), "Agent");
     EXPECT_EQ(AgentInfo::shortName(""), "Agent");
 }
