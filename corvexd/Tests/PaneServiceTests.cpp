@@ -277,22 +277,3 @@ TEST(PaneService, TheTreeComesBackAfterAStopButNotAfterAShutdown) {
     RawClient client(daemon.socketPath());
     EXPECT_EQ(result(client.request("state.get"))["workspaces"], json::array()) << "a shutdown ends the shells for good";
 }
-
-TEST(PaneService, WhatAProgramCopiesReachesTheClientsWatchingIt) {
-    DaemonHarness daemon;
-    ASSERT_EQ(daemon.run({"start"}).status, 0);
-    RawClient client(daemon.socketPath());
-    ASSERT_TRUE(client.request("events.subscribe"));
-    uint64_t pane = createPane(client, shell());
-    ASSERT_TRUE(client.request("pane.subscribe", {{"pane", pane}}));
-    runAndWait(client, pane, "printf '\\033]52;c;aGVsbG8=\\007'", "copied");
-    bool copied = false;
-    while (auto event = client.nextEvent(5s)) {
-        if ((*event)["event"] != "pane.clipboard") continue;
-        EXPECT_EQ((*event)["data"]["pane"], pane);
-        EXPECT_EQ((*event)["data"]["text"], "hello");
-        copied = true;
-        break;
-    }
-    EXPECT_TRUE(copied);
-}
