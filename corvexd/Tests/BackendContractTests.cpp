@@ -315,9 +315,9 @@ TYPED_TEST(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
     EXPECT_TRUE(eventually([&] { return !git(); }, std::chrono::seconds(20))) << "outside a repository there are no facts";
 }
 
-// What a program copies reaches only those watching its pane; a folder it reports becomes the
-// pane's.
-TYPED_TEST(BackendContract, CopiedTextAndReportedFoldersReachTheSession) {
+// What a program reports through its terminal reaches the session: copied text only those
+// watching its pane, a folder, a title and a bell; and the folder the shell moves to.
+TYPED_TEST(BackendContract, WhatAProgramReportsReachesTheSession) {
     auto& backend = *this->backend;
     auto made = backend.createWorkspace("copy", plainShell);
     backend.sendKeys(made.pane, std::string("printf '\\033]52;c;bm9ib2R5\\007'; echo unseen-$((1+1))"), {"Enter"});
@@ -329,11 +329,19 @@ TYPED_TEST(BackendContract, CopiedTextAndReportedFoldersReachTheSession) {
     EXPECT_EQ(copied->pane, made.pane);
     EXPECT_EQ(copied->text, "hello") << "what was copied before the subscribe is not told";
 
+    auto paneBecomes = [&](const std::function<bool(const Pane&)>& match) {
+        return this->template nextOf<SessionEvent::PaneChanged>([&](const SessionEvent::PaneChanged& changed) {
+            return changed.pane.id == made.pane && match(changed.pane);
+        }).has_value();
+    };
     backend.sendKeys(made.pane, std::string("printf '\\033]7;file://somehost/var/a%%20b\\007'"), {"Enter"});
-    auto moved = this->template nextOf<SessionEvent::PaneChanged>([&](const SessionEvent::PaneChanged& changed) {
-        return changed.pane.id == made.pane && changed.pane.cwd == "/var/a b";
-    });
-    EXPECT_TRUE(moved) << "the reported URL's path, unescaped";
+    EXPECT_TRUE(paneBecomes([](const Pane& pane) { return pane.cwd == "/var/a b"; })) << "the URL's path, unescaped";
+    backend.sendKeys(made.pane, std::string("cd /"), {"Enter"});
+    EXPECT_TRUE(paneBecomes([](const Pane& pane) { return pane.cwd == "/"; })) << "the shell's own folder, polled";
+    backend.sendKeys(made.pane, std::string("printf '\\033]2;build\\007'"), {"Enter"});
+    EXPECT_TRUE(paneBecomes([](const Pane& pane) { return pane.title == "build"; }));
+    backend.sendKeys(made.pane, std::string("printf '\\007'"), {"Enter"});
+    EXPECT_TRUE(this->template nextOf<SessionEvent::Bell>());
 }
 
 } // namespace

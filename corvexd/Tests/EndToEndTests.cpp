@@ -225,34 +225,6 @@ TEST_F(EndToEnd, TwoClientsSeeTheSameTreeAndEachOthersChanges) {
     EXPECT_EQ(left->getState().workspaces, right->getState().workspaces);
 }
 
-// Each `corvex` run is a client that comes and goes; the shell it made stays with the daemon.
-TEST_F(EndToEnd, AShellOutlivesTheClientThatMadeIt) {
-    Ran made = daemon.corvex({"new-workspace", "--name", "lasting", "--", "/bin/sh"});
-    if (made.status == 1 && made.err.find("unknown_method") != std::string::npos) {
-        GTEST_SKIP() << "the daemon does not serve this yet: " << made.err;
-    }
-    ASSERT_EQ(made.status, 0) << made.err;
-    uint64_t pane = json::parse(made.out)["pane"].get<uint64_t>();
-
-    Ran set = daemon.corvex({"send", "-n", text(pane), "kept=still-here"});
-    ASSERT_EQ(set.status, 0) << set.err;
-    Ran echo = daemon.corvex({"send", "-n", text(pane), "echo \"[$kept]\""});
-    ASSERT_EQ(echo.status, 0) << echo.err;
-
-    // The shell keeps its variable between clients: it is one process throughout.
-    std::string shown;
-    for (int tries = 0; tries < 100 && shown.find("[still-here]") == std::string::npos; ++tries) {
-        shown = daemon.corvex({"text", text(pane)}).out;
-        std::this_thread::sleep_for(50ms);
-    }
-    EXPECT_THAT(shown, HasSubstr("[still-here]"));
-    Ran state = daemon.corvex({"state"});
-    auto tree = json::parse(state.out);
-    ASSERT_EQ(tree["panes"].size(), 1u);
-    EXPECT_EQ(tree["panes"][0]["id"], pane);
-    EXPECT_FALSE(tree["panes"][0].contains("exited"));
-}
-
 // `corvex run` in a terminal of its own, as `make run` starts it.
 class RunInTerminal {
 public:
