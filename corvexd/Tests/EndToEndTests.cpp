@@ -201,30 +201,6 @@ TEST_F(EndToEnd, ARestartedDaemonIsReachedAgainAndPaneViewsStartOver) {
     store.stop();
 }
 
-TEST_F(EndToEnd, TwoClientsSeeTheSameTreeAndEachOthersChanges) {
-    auto left = daemon.connect("left");
-    auto right = daemon.connect("right");
-    Watcher rightWatch(right);
-    CreatedWorkspace created;
-    CORVEX_OR_SKIP(created = left->createWorkspace("shared", plainShell()));
-    CreatedSplit split = left->split(created.pane, Direction::down, std::nullopt, plainShell());
-
-    EXPECT_TRUE(rightWatch.untilEvent<SessionEvent::State>(
-        [&](auto& event) { return event.state.pane(split.pane) != nullptr; }));
-    EXPECT_EQ(left->getState().workspaces, right->getState().workspaces);
-
-    // Output typed through one shows up at the other.
-    right->subscribe(split.pane);
-    left->sendInput(split.pane, asBytes("echo seen-by-$((2+3))\r"));
-    EXPECT_TRUE(rightWatch.untilOutput(split.pane, "seen-by-5"));
-
-    right->closePane(created.pane);
-    Watcher leftWatch(left);
-    EXPECT_TRUE(leftWatch.untilEvent<SessionEvent::State>(
-        [&](auto& event) { return event.state.pane(created.pane) == nullptr; }));
-    EXPECT_EQ(left->getState().workspaces, right->getState().workspaces);
-}
-
 // `corvex run` in a terminal of its own, as `make run` starts it.
 class RunInTerminal {
 public:
