@@ -19,6 +19,7 @@
 #include "CorvexKit/ProtocolJSON.h"
 #include "CorvexSession/SessionHello.h"
 #include "Platform/UnixSocket.h"
+#include "Platform/WorkerPool.h"
 #include "corvexd/RuntimeDirectory.h"
 
 namespace corvexd {
@@ -79,12 +80,17 @@ struct Server::Client {
     std::map<uint64_t, uint64_t> panes; // subscribed pane streams, to the next position owed
     std::set<uint64_t> lost;            // streams given up on, to be opened again once drained
     std::optional<std::chrono::steady_clock::time_point> backedUpSince; // over the high-water mark since
+    // A large request is being parsed aside: nothing more is read from the client, and the
+    // frames already read wait here, in order, until it has been served.
+    bool decoding = false;
+    std::deque<std::pair<uint8_t, std::string>> waiting;
 
     size_t pending() const { return out.size() - sent; }
 };
 
 Server::Server(ServerOptions options)
-    : options_(std::move(options)), instance_(options_.instance.empty() ? corvex::newInstanceID() : options_.instance) {
+    : options_(std::move(options)), instance_(options_.instance.empty() ? corvex::newInstanceID() : options_.instance),
+      decoders_(std::make_unique<platform::WorkerPool>(2)) {
     listenFd_ = listenOn(options_.socketPath);
     wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wakeFd_ < 0) {
@@ -97,6 +103,7 @@ Server::~Server() {
     // Methods may own workers that answer later; they finish while their replies can still
     // be posted.
     methods_.clear();
+    decoders_.reset();
     for (auto& [id, client] : clients_) ::close(client->fd);
     if (listenFd_ >= 0) {
         ::close(listenFd_);
@@ -202,7 +209,8 @@ void Server::run() {
         for (auto& [id, client] : clients_) {
             short events = POLLIN;
             if (client->pending() > 0) events |= POLLOUT;
-            fds.push_back({client->fd, events, 0});
+            // A client whose request is being parsed aside is left alone until it is served.
+            fds.push_back({client->decoding ? -1 : client->fd, events, 0});
             order.push_back(id);
         }
         int timeout = acceptPaused_ ? acceptRetryMilliseconds : -1;
@@ -215,7 +223,10 @@ void Server::run() {
             stopping_ = true;
             break;
         }
-        if (fds[1].revents & POLLIN) runPosted();
+        if (fds[1].revents & POLLIN) {
+            runPosted();
+            serveDecoded();
+        }
         for (size_t i = 0; i < order.size(); ++i) {
             auto found = clients_.find(order[i]);
             if (found == clients_.end()) continue;
@@ -419,7 +430,9 @@ void Server::readFrom(Client& client) {
     }
     bool framed = client.parser.append(std::string_view(buffer, static_cast<size_t>(count)),
         [&](uint8_t type, std::string_view payload) {
-            if (!client.closing) handleFrame(client, type, payload);
+            if (client.closing) return;
+            if (client.decoding) client.waiting.emplace_back(type, payload);
+            else handleFrame(client, type, payload);
         });
     if (!framed) client.closing = true;
 }
@@ -430,7 +443,8 @@ void Server::handleFrame(Client& client, uint8_t type, std::string_view payload)
     servedAnyone_ = true;
     switch (static_cast<corvex::FrameType>(type)) {
     case corvex::FrameType::json:
-        handleJSON(client, payload);
+        if (payload.size() >= options_.decodeAsideBytes) decodeAside(client, payload);
+        else handleJSON(client, payload);
         break;
     case corvex::FrameType::input:
         if (auto input = corvex::parseInputPayload(payload); input && inputHandler_) {
@@ -495,8 +509,43 @@ corvex::Hello Server::hello() const {
     return hello;
 }
 
-void Server::handleJSON(Client& client, std::string_view text) {
-    json message = json::parse(text, nullptr, false);
+void Server::handleJSON(Client& client, std::string_view text) { handleMessage(client, json::parse(text, nullptr, false)); }
+
+void Server::decodeAside(Client& client, std::string_view text) {
+    client.decoding = true;
+    decoders_->detach([this, id = client.id, text = std::string(text)] {
+        auto message = std::make_shared<json>(json::parse(text, nullptr, false));
+        {
+            std::lock_guard guard(decodedLock_);
+            decoded_.emplace_back(id, std::move(message));
+        }
+        wake();
+    });
+}
+
+// Serves each request parsed aside, then what its client sent after it, until another large
+// one goes aside in turn. Runs from the serving loop itself, never inside another request.
+void Server::serveDecoded() {
+    std::vector<std::pair<ClientID, std::shared_ptr<json>>> ready;
+    {
+        std::lock_guard guard(decodedLock_);
+        ready.swap(decoded_);
+    }
+    for (auto& [id, message] : ready) {
+        Client* found = client(id);
+        if (!found) continue;
+        found->decoding = false;
+        if (!found->closing) handleMessage(*found, *message);
+        message.reset();
+        while (!found->decoding && !found->closing && !found->waiting.empty()) {
+            auto [type, payload] = std::move(found->waiting.front());
+            found->waiting.pop_front();
+            handleFrame(*found, type, payload);
+        }
+    }
+}
+
+void Server::handleMessage(Client& client, const json& message) {
     auto id = message.is_object() ? requestID(message) : std::nullopt;
     auto method = message.is_object() ? message.find("method") : message.end();
     auto params = message.is_object() ? message.find("params") : message.end();

@@ -20,6 +20,10 @@
 
 #include "CorvexKit/SessionBackend.h"
 
+namespace platform {
+class WorkerPool;
+}
+
 namespace corvexd {
 
 struct ServerOptions {
@@ -47,6 +51,8 @@ struct ServerOptions {
     size_t outputHighWater = 1u << 20;
     // How long a subscriber may stay over the high-water mark before its streams are given up.
     std::chrono::milliseconds stallTimeout{2000};
+    // JSON frames at least this large are parsed off the serving thread.
+    size_t decodeAsideBytes = 64u << 10;
 };
 
 using ClientID = uint64_t;
@@ -145,6 +151,11 @@ private:
     void readFrom(Client& client);
     void handleFrame(Client& client, uint8_t type, std::string_view payload);
     void handleJSON(Client& client, std::string_view text);
+    void handleMessage(Client& client, const nlohmann::json& message);
+    // A large request is parsed on a worker; the client's later frames wait behind it, and
+    // everyone else is served meanwhile.
+    void decodeAside(Client& client, std::string_view text);
+    void serveDecoded();
     nlohmann::json builtInMethod(Client& client, const std::string& name, MethodCall& call);
     corvex::Hello hello() const;
     void flush(Client& client);
@@ -189,6 +200,9 @@ private:
     std::vector<std::string> features_{"ping"};
 
     std::function<void(size_t)> outputReleased_;
+    std::mutex decodedLock_;
+    std::vector<std::pair<ClientID, std::shared_ptr<nlohmann::json>>> decoded_; // under decodedLock_
+    std::unique_ptr<platform::WorkerPool> decoders_; // after what its work touches, so it ends first
 
     struct Posted {
         std::function<void()> work;
