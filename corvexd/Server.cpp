@@ -84,6 +84,15 @@ struct Server::Client {
     // frames already read wait here, in order, until it has been served.
     bool decoding = false;
     std::deque<std::pair<uint8_t, std::string>> waiting;
+    // Streams being opened elsewhere, with what was published for them meanwhile: output as
+    // its position and bytes, events as whole frames (no position).
+    struct Opening {
+        uint64_t token = 0;
+        std::vector<std::pair<std::optional<uint64_t>, std::string>> held;
+        size_t heldBytes = 0;
+        bool overflowed = false;
+    };
+    std::map<uint64_t, Opening> opening;
 
     size_t pending() const { return out.size() - sent; }
 };
@@ -103,6 +112,7 @@ Server::~Server() {
     // Methods may own workers that answer later; they finish while their replies can still
     // be posted.
     methods_.clear();
+    reopener_ = nullptr;
     decoders_.reset();
     for (auto& [id, client] : clients_) ::close(client->fd);
     if (listenFd_ >= 0) {
@@ -330,10 +340,48 @@ void Server::unsubscribePane(ClientID id, uint64_t pane) {
     if (auto* found = client(id)) {
         found->panes.erase(pane);
         found->lost.erase(pane);
+        found->opening.erase(pane);
     }
 }
 
-void Server::setStreamReopener(std::function<std::optional<ReopenedStream>(ClientID, uint64_t)> reopener) {
+uint64_t Server::holdPane(ClientID id, uint64_t pane) {
+    uint64_t token = nextOpening_++;
+    if (auto* found = client(id)) {
+        found->panes.erase(pane);
+        found->lost.erase(pane);
+        found->opening[pane] = Client::Opening{token, {}, 0, false};
+    }
+    return token;
+}
+
+void Server::releasePane(ClientID id, uint64_t pane, uint64_t token, std::vector<std::string> frames,
+                         std::optional<uint64_t> from) {
+    deliver([this, id, pane, token, frames = std::move(frames), from]() mutable {
+        auto* found = client(id);
+        if (!found) return;
+        for (auto& frame : frames) enqueue(*found, std::move(frame));
+        auto opened = found->opening.find(pane);
+        if (opened == found->opening.end() || opened->second.token != token) return;
+        auto opening = std::move(opened->second);
+        found->opening.erase(opened);
+        if (!from) return;
+        if (opening.overflowed) {
+            resync(*found, pane);
+            return;
+        }
+        uint64_t next = *from;
+        for (const auto& [seq, bytes] : opening.held) {
+            if (!seq) {
+                enqueue(*found, bytes);
+            } else if (!deliverToClient(*found, pane, next, *seq, bytes, nullptr)) {
+                return; // given up on: the rest of the held output can't follow a gap
+            }
+        }
+        found->panes[pane] = next;
+    });
+}
+
+void Server::setStreamReopener(std::function<void(ClientID, uint64_t, uint64_t)> reopener) {
     reopener_ = std::move(reopener);
 }
 
@@ -342,17 +390,7 @@ void Server::reopenLostStreams() {
         if (client->closing || client->writeBroken || client->lost.empty() || client->pending() > 0) continue;
         auto lost = std::exchange(client->lost, {});
         if (!reopener_) continue;
-        for (uint64_t pane : lost) {
-            std::optional<ReopenedStream> reopened;
-            try {
-                reopened = reopener_(id, pane);
-            } catch (const std::exception&) {
-                continue; // the pane has gone meanwhile
-            }
-            if (!reopened) continue;
-            client->panes[pane] = reopened->from;
-            for (auto& frame : reopened->frames) enqueue(*client, std::move(frame));
-        }
+        for (uint64_t pane : lost) reopener_(id, pane, holdPane(id, pane));
     }
 }
 
@@ -386,6 +424,9 @@ void Server::publishPaneEvent(uint64_t pane, const std::string& name, json data)
     deliver([this, pane, frame] {
         for (auto& [id, client] : clients_) {
             if (client->panes.count(pane)) enqueue(*client, *frame);
+            else if (auto opening = client->opening.find(pane); opening != client->opening.end()) {
+                opening->second.held.emplace_back(std::nullopt, *frame);
+            }
         }
     });
 }
@@ -400,23 +441,44 @@ void Server::resync(Client& client, uint64_t pane) {
 void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes) {
     std::string whole;
     for (auto& [id, client] : clients_) {
-        auto found = client->panes.find(pane);
-        if (found == client->panes.end()) continue;
-        uint64_t& next = found->second;
-        uint64_t end = seq + bytes.size();
-        if (end <= next && !bytes.empty()) continue; // already sent by the subscribe
-        if (seq > next || client->pending() + bytes.size() > options_.paneQueueLimit) {
-            resync(*client, pane);
+        if (auto opening = client->opening.find(pane); opening != client->opening.end()) {
+            auto& held = opening->second;
+            if (held.overflowed) continue;
+            held.heldBytes += bytes.size();
+            if (held.heldBytes > options_.paneQueueLimit) {
+                held.overflowed = true;
+                held.held.clear();
+            } else {
+                held.held.emplace_back(seq, bytes);
+            }
             continue;
         }
-        if (seq < next) {
-            enqueue(*client, corvex::makeOutputFrame(pane, next, std::string_view(bytes).substr(next - seq)));
-        } else {
-            if (whole.empty()) whole = corvex::makeOutputFrame(pane, seq, bytes);
-            enqueue(*client, whole);
-        }
-        next = end;
+        auto found = client->panes.find(pane);
+        if (found == client->panes.end()) continue;
+        deliverToClient(*client, pane, found->second, seq, bytes, &whole);
     }
+}
+
+// One piece of a pane's output to one client whose stream goes on from `next`: what it
+// already has is skipped, a gap or too much queued gives the stream up. False when given up.
+bool Server::deliverToClient(Client& client, uint64_t pane, uint64_t& next, uint64_t seq, const std::string& bytes,
+                             std::string* whole) {
+    uint64_t end = seq + bytes.size();
+    if (end <= next && !bytes.empty()) return true; // already sent by the subscribe
+    if (seq > next || client.pending() + bytes.size() > options_.paneQueueLimit) {
+        resync(client, pane);
+        return false;
+    }
+    if (seq < next) {
+        enqueue(client, corvex::makeOutputFrame(pane, next, std::string_view(bytes).substr(next - seq)));
+    } else if (whole) {
+        if (whole->empty()) *whole = corvex::makeOutputFrame(pane, seq, bytes);
+        enqueue(client, *whole);
+    } else {
+        enqueue(client, corvex::makeOutputFrame(pane, seq, bytes));
+    }
+    next = end;
+    return true;
 }
 
 void Server::readFrom(Client& client) {

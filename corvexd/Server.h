@@ -123,15 +123,22 @@ public:
     void subscribePane(ClientID client, uint64_t pane, uint64_t from);
     void unsubscribePane(ClientID client, uint64_t pane);
 
+    // Serving thread only: `client`'s stream of `pane` begins, while what opens it (a
+    // snapshot, a replay) is made on another thread. Output and events published for the pane
+    // meanwhile are held for the client. Returns the opening's token for releasePane.
+    uint64_t holdPane(ClientID client, uint64_t pane);
+    // From any thread: the opening is made. `frames` go out (a subscribe's reply first), then
+    // what was held from position `from` on, and the stream is live. Without `from` (the pane
+    // has gone) the stream closes and only the frames go; so too when an unsubscribe or a
+    // newer opening has taken the token's place.
+    void releasePane(ClientID client, uint64_t pane, uint64_t token, std::vector<std::string> frames,
+                     std::optional<uint64_t> from);
+
     // A pane stream given up with "pane.resync" comes back by itself once the client has
-    // read everything queued for it: the frames that open it again (a snapshot first) and
-    // the position its live stream goes on from. Runs on the serving thread; absent, or a
-    // raised error, leaves the pane closed for that client.
-    struct ReopenedStream {
-        std::vector<std::string> frames;
-        uint64_t from = 0;
-    };
-    void setStreamReopener(std::function<std::optional<ReopenedStream>(ClientID, uint64_t pane)> reopener);
+    // read everything queued for it: the server holds the stream and calls the reopener on
+    // the serving thread, which later releases it with the frames that open it again (a
+    // snapshot first) and the position its live stream goes on from.
+    void setStreamReopener(std::function<void(ClientID, uint64_t pane, uint64_t token)> reopener);
 
     // From any thread. An event goes to every client that asked for events; pane output to
     // the pane's subscribers, in the order published. A client whose queue passes the pane
@@ -176,6 +183,8 @@ private:
     void releaseStalledClients();
     void wake();
     void deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes);
+    bool deliverToClient(Client& client, uint64_t pane, uint64_t& next, uint64_t seq, const std::string& bytes,
+                         std::string* whole);
     void resync(Client& client, uint64_t pane);
     void reopenLostStreams();
     Client* client(ClientID id);
@@ -196,7 +205,8 @@ private:
     std::vector<std::function<void(ClientID)>> goneHandlers_;
     std::map<std::string, std::function<void(ClientID, const nlohmann::json&)>> notifications_;
     std::map<uint8_t, std::function<void(ClientID, std::string_view)>> frameHandlers_;
-    std::function<std::optional<ReopenedStream>(ClientID, uint64_t)> reopener_;
+    std::function<void(ClientID, uint64_t, uint64_t)> reopener_;
+    uint64_t nextOpening_ = 1;
     std::vector<std::string> features_{"ping"};
 
     std::function<void(size_t)> outputReleased_;
