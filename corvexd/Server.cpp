@@ -354,17 +354,18 @@ uint64_t Server::holdPane(ClientID id, uint64_t pane) {
     return token;
 }
 
-void Server::releasePane(ClientID id, uint64_t pane, uint64_t token, std::vector<std::string> frames,
+void Server::releasePane(ClientID id, uint64_t pane, uint64_t token, std::string reply, std::vector<std::string> frames,
                          std::optional<uint64_t> from) {
-    deliver([this, id, pane, token, frames = std::move(frames), from]() mutable {
+    deliver([this, id, pane, token, reply = std::move(reply), frames = std::move(frames), from]() mutable {
         auto* found = client(id);
         if (!found) return;
-        for (auto& frame : frames) enqueue(*found, std::move(frame));
+        if (!reply.empty()) enqueue(*found, std::move(reply));
         auto opened = found->opening.find(pane);
         if (opened == found->opening.end() || opened->second.token != token) return;
         auto opening = std::move(opened->second);
         found->opening.erase(opened);
         if (!from) return;
+        for (auto& frame : frames) enqueue(*found, std::move(frame));
         if (opening.overflowed) {
             resync(*found, pane);
             return;

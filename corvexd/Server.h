@@ -127,11 +127,11 @@ public:
     // snapshot, a replay) is made on another thread. Output and events published for the pane
     // meanwhile are held for the client. Returns the opening's token for releasePane.
     uint64_t holdPane(ClientID client, uint64_t pane);
-    // From any thread: the opening is made. `frames` go out (a subscribe's reply first), then
-    // what was held from position `from` on, and the stream is live. Without `from` (the pane
-    // has gone) the stream closes and only the frames go; so too when an unsubscribe or a
-    // newer opening has taken the token's place.
-    void releasePane(ClientID client, uint64_t pane, uint64_t token, std::vector<std::string> frames,
+    // From any thread: the opening is made. The subscribe's `reply` goes out (none when
+    // empty), then the `opening` frames and what was held from position `from` on, and the
+    // stream is live. Without `from` (the pane has gone) the stream closes and only the reply
+    // goes; so too when an unsubscribe or a newer opening has taken the token's place.
+    void releasePane(ClientID client, uint64_t pane, uint64_t token, std::string reply, std::vector<std::string> opening,
                      std::optional<uint64_t> from);
 
     // A pane stream given up with "pane.resync" comes back by itself once the client has

@@ -1,7 +1,6 @@
 #include "corvexd/SessionService.h"
 
 #include <algorithm>
-#include <iterator>
 #include <chrono>
 #include <map>
 #include <optional>
@@ -142,13 +141,12 @@ void serveSubscriptions(Server& server, const Core& core) {
         call.deferred = true;
         openings->detach([core, &server, p, scrollback, token, client = call.client, id = call.requestID] {
             std::optional<StreamOpening> opening;
-            std::vector<std::string> frames{replyFrame<protocol::PaneSubscribe>(id, [&] {
+            auto reply = replyFrame<protocol::PaneSubscribe>(id, [&] {
                 opening = openStream(core, p.pane, p.haveSeq, scrollback);
                 return opening->subscription;
-            })};
-            if (!opening) return server.releasePane(client, p.pane, token, std::move(frames), std::nullopt);
-            std::move(opening->frames.begin(), opening->frames.end(), std::back_inserter(frames));
-            server.releasePane(client, p.pane, token, std::move(frames), opening->from);
+            });
+            if (!opening) return server.releasePane(client, p.pane, token, std::move(reply), {}, std::nullopt);
+            server.releasePane(client, p.pane, token, std::move(reply), std::move(opening->frames), opening->from);
         });
         return nlohmann::json();
     });
@@ -158,9 +156,9 @@ void serveSubscriptions(Server& server, const Core& core) {
         openings->detach([core, &server, client, pane, token, scrollback] {
             try {
                 auto opening = openStream(core, pane, std::nullopt, scrollback);
-                server.releasePane(client, pane, token, std::move(opening.frames), opening.from);
+                server.releasePane(client, pane, token, {}, std::move(opening.frames), opening.from);
             } catch (const std::exception&) {
-                server.releasePane(client, pane, token, {}, std::nullopt); // the pane has gone meanwhile
+                server.releasePane(client, pane, token, {}, {}, std::nullopt); // the pane has gone meanwhile
             }
         });
     });
