@@ -205,7 +205,18 @@ private:
     void printScalar(char32_t scalar);
     void printScalar(char32_t scalar, char32_t& previous);
     void printMapped(uint8_t byte, char32_t& previous);
-    void writeScalars(const char32_t* scalars, size_t count, int width);
+    // Characters decoded but not yet written, all of one width: the tag and value bits of each
+    // cell, so that a cluster formed in the batch is written like a single scalar.
+    struct PrintBatch {
+        static constexpr size_t capacity = 256;
+        uint32_t contents[capacity];
+        size_t count = 0;
+        int width = 0;
+    };
+    enum class BatchJoin : uint8_t { separate, joined, unsettled };
+    BatchJoin joinBatched(PrintBatch& batch, char32_t scalar);
+    void writeBatch(PrintBatch& batch);
+    void writeContents(const uint32_t* contents, size_t count, int width);
     bool joinWithPrevious(char32_t scalar);
     // What joining a scalar to a cell's character gives: the new content and width bits, and
     // what happens to the width.
