@@ -251,7 +251,8 @@ size_t Buffer::insertContentRun(const uint32_t* contents, size_t count, int widt
             continue;
         }
         if (!wraparound && width == 1 && x == rightBound() && count - done > 1) done = count - 1;
-        int n = static_cast<int>(std::min<size_t>(count - done, static_cast<size_t>((rightBound() - x + 1) / width)));
+        int columns = rightBound() - x + 1;
+        int n = static_cast<int>(std::min<size_t>(count - done, static_cast<size_t>(width == 2 ? columns / 2 : columns)));
         PackedCell* out = openStretch(row(y), x, n * width);
         const uint32_t* in = contents + done;
         if (width == 1) {

@@ -94,7 +94,9 @@ public:
     std::optional<PendingHyperlink> pendingHyperlink;
     uint16_t activeHyperlinkCode = 0;
     // The payload code for the next printed cell: a pending link gets its code here, once.
-    uint16_t hyperlinkPayloadCode();
+    // Called for every printed run, so the common case (no link waiting) is inline.
+    uint16_t hyperlinkPayloadCode() { return pendingHyperlink ? allocatePendingHyperlink() : activeHyperlinkCode; }
+    uint16_t allocatePendingHyperlink();
     // The URI of a stored link ("params;uri"); an empty URI is no link.
     static std::optional<std::string> parseHyperlinkPayload(std::string_view payload);
     const TerminalProgramStatusStore& programStatus() const { return programStatusStore; }

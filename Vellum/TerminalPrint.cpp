@@ -38,6 +38,21 @@ inline unicode::Utf8Step decodeStep(const uint8_t* p, size_t available) {
 
 GraphemeBreak breakClass(uint8_t properties) { return GraphemeBreak(properties & unicode::tables::breakClassMask); }
 
+// Stores the CJK ideographs at `p` (three bytes each, leads E4 to E9) into `out`, up to `room`
+// of them, and gives how many bytes they took.
+size_t takeIdeographs(const uint8_t* p, size_t available, uint32_t* out, size_t room, size_t& taken) {
+    size_t used = 0;
+    taken = 0;
+    while (taken < room && used + 3 <= available) {
+        uint32_t lead = p[used], second = p[used + 1], third = p[used + 2];
+        char32_t scalar = char32_t((lead & 0x0F) << 12 | (second & 0x3F) << 6 | (third & 0x3F));
+        if (lead - 0xE4 > 5 || (second & 0xC0) != 0x80 || (third & 0xC0) != 0x80 || scalar < cjkIdeographsStart) break;
+        out[taken++] = uint32_t(scalar) << PackedCell::valueShift;
+        used += 3;
+    }
+    return used;
+}
+
 bool isHangulJamoOrSyllable(GraphemeBreak c) {
     return c == GraphemeBreak::l || c == GraphemeBreak::v || c == GraphemeBreak::t || c == GraphemeBreak::lv ||
            c == GraphemeBreak::lvt;
@@ -115,6 +130,18 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
     PrintBatch batch;
     while (i < count) {
         uint8_t lead = bytes[i];
+        // An ideograph joins nothing but a prepend character, so in a run of wide text the
+        // ones that follow go to the batch directly.
+        if (lead - 0xE4u <= 5 && batch.count > 0 && batch.width == 2 && breakClass(previousProperties) != GraphemeBreak::prepend) {
+            size_t taken = 0;
+            i += takeIdeographs(bytes + i, count - i, batch.contents + batch.count, PrintBatch::capacity - batch.count, taken);
+            batch.count += taken;
+            if (taken > 0) {
+                previous = char32_t(batch.contents[batch.count - 1] >> PackedCell::valueShift);
+                previousProperties = 0;
+                continue;
+            }
+        }
         char32_t scalar;
         if (lead < 0x80) {
             ++i;
