@@ -132,6 +132,20 @@ void FileTransfer::makeDirectories(const std::vector<Item>& directories) {
     }
 }
 
+namespace {
+
+bool isTooManyStreams(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& failure) {
+        return fileErrorCode(failure) == FileErrorCode::tooManyStreams;
+    } catch (...) {
+        return false;
+    }
+}
+
+} // namespace
+
 void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
                              const platform::CancellationToken& cancel) {
     if (maxStreams < 1 || files.empty()) return;
@@ -144,6 +158,8 @@ void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
         std::mutex lock;
         std::condition_variable freed;
         int bigInFlight = 0;
+        int inFlight = 0;
+        uint64_t ended = 0; // files that have ended, counted to wake those waiting for a stream
         std::exception_ptr failure;
     };
     auto slots = std::make_shared<Slots>();
@@ -161,19 +177,39 @@ void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
                 if (group.isCancelled()) return;
                 ++slots->bigInFlight;
             }
-            try {
-                copyFile(files[index], conflict, group);
-            } catch (...) {
+            for (bool again = true; again;) {
+                again = false;
                 {
                     std::lock_guard guard(slots->lock);
-                    if (!slots->failure) slots->failure = std::current_exception();
+                    ++slots->inFlight;
                 }
-                group.cancel();
+                std::exception_ptr failed;
+                try {
+                    copyFile(files[index], conflict, group);
+                } catch (...) {
+                    failed = std::current_exception();
+                }
+                std::unique_lock guard(slots->lock);
+                --slots->inFlight;
+                // The far end has fewer streams than this copy keeps going: the file waits for
+                // another one to end and tries again, as long as another one is still going.
+                if (failed && slots->inFlight > 0 && isTooManyStreams(failed)) {
+                    uint64_t endedBefore = slots->ended;
+                    slots->freed.wait(guard, [&] { return slots->ended != endedBefore || group.isCancelled(); });
+                    again = !group.isCancelled();
+                    failed = nullptr;
+                    continue;
+                }
+                ++slots->ended;
+                if (failed && !slots->failure) slots->failure = failed;
+                slots->freed.notify_all();
+                guard.unlock();
+                if (failed) group.cancel();
             }
             if (big) {
                 std::lock_guard guard(slots->lock);
                 --slots->bigInFlight;
-                slots->freed.notify_one();
+                slots->freed.notify_all();
             }
         }
     };

@@ -54,6 +54,7 @@ public:
         const bool big = disk.stat(path).size > bigSize;
         {
             std::unique_lock guard(lock);
+            if (bigOpen + smallOpen >= refuseAbove) throw fileError(FileErrorCode::tooManyStreams, "too many");
             int& open = big ? bigOpen : smallOpen;
             ++open;
             (big ? mostBig : mostSmall) = std::max(big ? mostBig : mostSmall, open);
@@ -75,6 +76,7 @@ public:
 
     static constexpr uint64_t bigSize = 100000;
     int smallTogether = 1;
+    int refuseAbove = 1000; // reads open at once, as a daemon's stream limit
     std::mutex lock;
     std::condition_variable changed;
     int bigOpen = 0, smallOpen = 0, mostBig = 0, mostSmall = 0;
@@ -315,6 +317,15 @@ TEST_F(Transfers, SmallFilesGoManyAtOnceWhileBigOnesKeepToMaxStreams) {
     EXPECT_LE(counting->mostSmall, 6);
     EXPECT_EQ(readBytes(to("tree/big2")), patternBytes(200000, 1));
     EXPECT_EQ(readBytes(to("tree/small11")), patternBytes(5000, 2));
+
+    // A far end with fewer streams than that: files wait for a stream instead of failing.
+    auto strict = std::make_shared<CountingBackend>();
+    strict->refuseAbove = 2;
+    FileTransfer limited(strict, local);
+    limited.smallFileStreams = 8;
+    limited.copy({from("tree")}, to("again"), FileTransfer::Conflict::fail);
+    EXPECT_EQ(limited.progress().doneFiles, 15);
+    EXPECT_EQ(readBytes(to("again/tree/small11")), patternBytes(5000, 2));
 }
 
 TEST(FileTransferIdentity, UploadIDHashesTargetAndSourceVersion) {
