@@ -2,24 +2,18 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
+#include "CorvexKit/Tests/Support/ScratchDirectory.h"
 #include "Support/DaemonHarness.h"
 #include "corvexd/Hooks.h"
 
 using namespace corvexd::hooks;
 using namespace corvexd::testing;
+using corvex::testing::readFile;
 
 namespace {
 
 const std::string daemonPath = "/opt/corvex/bin/corvexd";
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 void put(const std::string& path, const std::string& text) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
@@ -126,12 +120,12 @@ TEST(HooksCommand, InstallsIntoTheHomeWithBackupsAndUndoes) {
     EXPECT_EQ(daemon.run({"hooks", "install", "claude"}, env).status, 0);
     EXPECT_EQ(daemon.run({"hooks", "install", "codex"}, env).status, 0);
     EXPECT_EQ(daemon.run({"hooks", "status"}, env).out, "claude installed\ncodex installed\n");
-    EXPECT_EQ(slurp(configPath + ".corvex-backup"), "notify = [\"say\"]\n");
-    EXPECT_NE(slurp(configPath).find("\"--\", \"say\"]"), std::string::npos) << slurp(configPath);
+    EXPECT_EQ(readFile(configPath + ".corvex-backup"), "notify = [\"say\"]\n");
+    EXPECT_NE(readFile(configPath).find("\"--\", \"say\"]"), std::string::npos) << readFile(configPath);
     EXPECT_EQ(daemon.run({"hooks", "print", "codex"}, env).out, "") << "nothing left to change";
 
     EXPECT_EQ(daemon.run({"hooks", "uninstall", "codex"}, env).status, 0);
-    EXPECT_EQ(slurp(configPath), "notify = [\"say\"]\n");
+    EXPECT_EQ(readFile(configPath), "notify = [\"say\"]\n");
     EXPECT_EQ(daemon.run({"hooks", "uninstall", "claude"}, env).status, 0);
     EXPECT_EQ(daemon.run({"hooks", "status"}, env).out, "claude missing\ncodex missing\n");
 
@@ -139,6 +133,6 @@ TEST(HooksCommand, InstallsIntoTheHomeWithBackupsAndUndoes) {
     auto refused = daemon.run({"hooks", "install", "claude"}, env);
     EXPECT_EQ(refused.status, 1);
     EXPECT_NE(refused.err.find("not valid JSON"), std::string::npos) << refused.err;
-    EXPECT_EQ(slurp(settingsPath), "{ not json");
+    EXPECT_EQ(readFile(settingsPath), "{ not json");
     EXPECT_EQ(daemon.run({"hooks", "install", "gemini"}, env).status, 1);
 }

@@ -1,4 +1,5 @@
 #include "Support/DaemonHarness.h"
+#include "CorvexKit/Tests/Support/ScratchDirectory.h"
 
 #include <cerrno>
 #include <csignal>
@@ -17,15 +18,6 @@
 extern char** environ;
 
 namespace corvexd::testing {
-
-namespace {
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-} // namespace
 
 std::string DaemonHarness::executable() {
     const char* bin = std::getenv("CORVEX_BUILD_BIN");
@@ -103,8 +95,8 @@ CommandResult DaemonHarness::run(const std::vector<std::string>& arguments, cons
         waitForExit(pid, 5s);
     }
     result.status = status.value_or(-1);
-    result.out = slurp(prefix + ".out");
-    result.err = slurp(prefix + ".err");
+    result.out = corvex::testing::readFile(prefix + ".out");
+    result.err = corvex::testing::readFile(prefix + ".err");
     return result;
 }
 
@@ -129,7 +121,7 @@ std::optional<int> DaemonHarness::waitForExit(pid_t pid, std::chrono::millisecon
 }
 
 pid_t DaemonHarness::daemonPid() const {
-    return static_cast<pid_t>(std::atol(slurp(runtimeDir_ + "/corvexd.pid").c_str()));
+    return static_cast<pid_t>(std::atol(corvex::testing::readFile(runtimeDir_ + "/corvexd.pid").c_str()));
 }
 
 RawClient::RawClient(const std::string& socketPath, std::chrono::milliseconds patience, Greeting greeting) {
