@@ -131,6 +131,10 @@ Subscription SessionCore::subscribeFromTerminal(uint64_t pane, int scrollback, c
         entry.subscribed = true;
         opening.push_back(SessionEvent::Subscribed{pane, subscription});
         opening.push_back(SessionEvent::Snapshot{pane, parsed, cols, rows, Bytes(bytes.begin(), bytes.end())});
+        // A resize between the snapshot and this point told no one, as the pane had no
+        // subscriber yet: without this the new subscriber would keep the snapshot's size.
+        if (entry.size != Size{cols, rows})
+            opening.push_back(SessionEvent::Resized{pane, entry.size.cols, entry.size.rows, parsed});
         // Output the core counted after the snapshot was taken, which a consumer that only
         // now subscribed hasn't seen.
         if (entry.output.seq() > parsed) opening.push_back(SessionEvent::Output{pane, parsed, entry.output.bytesFrom(parsed)});

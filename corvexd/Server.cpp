@@ -263,7 +263,7 @@ void Server::run() {
 // Clients are told that the daemon goes on purpose, so that none of them starts a new one
 // in its place; a client too far behind to take the notice in reconnects as after a crash.
 void Server::announceShutdown() {
-    auto frame = corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(corvex::protocol::event::shutdown, json::object())));
+    auto frame = eventFrame(corvex::protocol::event::shutdown, json::object());
     for (auto& [id, client] : clients_) {
         if (client->events && !client->closing) enqueue(*client, frame);
     }
@@ -395,8 +395,12 @@ void Server::reopenLostStreams() {
     }
 }
 
+std::string Server::eventFrame(std::string_view name, json data) {
+    return corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(name, std::move(data))));
+}
+
 void Server::broadcastEvent(const std::string& name, json data) {
-    auto frame = std::make_shared<std::string>(corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(name, std::move(data)))));
+    auto frame = std::make_shared<std::string>(eventFrame(name, std::move(data)));
     deliver([this, frame] {
         for (auto& [id, client] : clients_) {
             if (client->events) enqueue(*client, *frame);
@@ -421,7 +425,7 @@ bool Server::anyBackedUp() const {
 }
 
 void Server::publishPaneEvent(uint64_t pane, const std::string& name, json data) {
-    auto frame = std::make_shared<std::string>(corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(name, std::move(data)))));
+    auto frame = std::make_shared<std::string>(eventFrame(name, std::move(data)));
     deliver([this, pane, frame] {
         for (auto& [id, client] : clients_) {
             if (client->panes.count(pane)) enqueue(*client, *frame);
@@ -436,7 +440,7 @@ void Server::resync(Client& client, uint64_t pane) {
     client.panes.erase(pane);
     client.lost.insert(pane);
     auto wire = corvex::protocol::encodeEvent(corvex::SessionEvent::Resync{pane});
-    enqueue(client, corvex::makeJSONFrame(dump(corvex::protocol::eventEnvelope(wire->name, std::move(wire->data)))));
+    enqueue(client, eventFrame(wire->name, std::move(wire->data)));
 }
 
 void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes) {
@@ -531,8 +535,7 @@ json Server::builtInMethod(Client& client, const std::string& name, MethodCall& 
         auto state = methods_.count(std::string(protocol::StateGet::name))
                          ? methods_[std::string(protocol::StateGet::name)](call)
                          : protocol::encodeResult<protocol::StateGet>({});
-        call.framesAfterReply.push_back(
-            corvex::makeJSONFrame(dump(protocol::eventEnvelope(protocol::event::state, std::move(state)))));
+        call.framesAfterReply.push_back(eventFrame(protocol::event::state, std::move(state)));
         return protocol::encodeResult<protocol::EventsSubscribe>({});
     }
     throw RequestError{"unknown_method", "unknown method " + name};

@@ -150,6 +150,8 @@ public:
     void setOutputReleased(std::function<void(size_t)> released);
     // An event for the pane's subscribers, in order with its output.
     void publishPaneEvent(uint64_t pane, const std::string& name, nlohmann::json data);
+    // An event frame as clients read it.
+    static std::string eventFrame(std::string_view name, nlohmann::json data);
 
 private:
     struct Client;

@@ -111,6 +111,8 @@ StreamOpening openStream(const Core& core, uint64_t pane, std::optional<uint64_t
                                                                static_cast<uint16_t>(snapshot->cols),
                                                                static_cast<uint16_t>(snapshot->rows), text(snapshot->bytes)));
             next = snapshot->seq;
+        } else if (auto wire = protocol::encodeEvent(event); wire && event.as<SessionEvent::Resized>()) {
+            opening.frames.push_back(Server::eventFrame(wire->name, std::move(wire->data)));
         }
     });
     opening.from = next.value_or(opening.subscription.seq);
