@@ -130,6 +130,9 @@ public:
     // does: an interactive shell ignores SIGTERM, and its jobs should end with it.
     void hangUp();
     bool updateWindowSize(const winsize& size);
+    // While held, no output is handed on and a child that writes on soon waits at its
+    // terminal; nothing read is lost. Holds this session only.
+    void holdOutput(bool held);
     std::optional<std::set<unsigned char>> terminalControlBytesForPaste();
     void setHostLogging(const std::optional<std::string>& directory);
     void setDebugIO(bool on);

@@ -70,7 +70,7 @@ void forward(Server& server, const SessionEvent& event) {
             capture->liveBytes += output->bytes.size();
             return;
         }
-        server.publishOutput(output->pane, output->seq, std::string(text(output->bytes)));
+        server.publishOutput(output->pane, output->seq, text(output->bytes));
         return;
     }
     auto wire = protocol::encodeEvent(event);
@@ -140,7 +140,7 @@ uint64_t openStream(const Core& core, uint64_t pane, std::optional<uint64_t> hav
         throw;
     }
     capture = nullptr;
-    core->releaseOutput(caught.liveBytes);
+    core->releaseOutput(pane, caught.liveBytes);
     return caught.next == 0 ? subscription.seq : caught.next;
 }
 
@@ -277,8 +277,8 @@ void serveSession(Server& server, std::shared_ptr<SessionCore> core, const Sessi
     // Output the daemon holds for its clients is bounded in all; beyond it the panes'
     // programs wait at their terminals.
     core->boundOutput(queuedOutputBound);
-    server.setOutputReleased([weakCore](size_t bytes) {
-        if (auto live = weakCore.lock()) live->releaseOutput(bytes);
+    server.setOutputReleased([weakCore](uint64_t pane, size_t bytes) {
+        if (auto live = weakCore.lock()) live->releaseOutput(pane, bytes);
     });
     server.addFeatures(corvex::engineFeatureNames());
     server.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::settings))});
