@@ -123,7 +123,8 @@ public:
 
     // A failed write is logged, nothing more.
     void send(std::span<const unsigned char> data);
-    // The completion runs on the writer thread, or at once when the send can't be queued.
+    // The completion runs at once when the child had room for everything or the send can't be
+    // queued, else on the poller thread once the child has taken the rest.
     void send(std::span<const unsigned char> data, std::function<void(LocalProcessSendResult)> completion);
     void terminate();
     // Like terminate, with SIGHUP to the child's whole process group, as a closed terminal
