@@ -124,14 +124,18 @@ void BM_FloodingPanesOneReader(benchmark::State& state) {
         auto began = Clock::now();
         for (uint64_t pane : made) client.send(makeInputFrame(pane, "\r"));
         double peakMiB = 0;
+        size_t peakThreads = 0;
         uint64_t before = client.outputBytes;
+        std::string tasks = "/proc/" + std::to_string(daemon->pid()) + "/task";
         while (Clock::now() - began < 20s) {
             client.pump(200ms);
             peakMiB = std::max(peakMiB, statusKiB(daemon->pid(), "VmRSS") / 1024);
+            peakThreads = std::max(peakThreads, entries(tasks));
         }
         double seconds = std::chrono::duration<double>(Clock::now() - began).count();
         state.SetIterationTime(seconds);
         state.counters["peak_rss_MiB"] = peakMiB;
+        state.counters["peak_threads"] = double(peakThreads);
         state.counters["resyncs"] = client.resyncs;
         state.counters["MB/s"] = double(client.outputBytes - before) / 1e6 / seconds;
     }

@@ -109,6 +109,7 @@ public:
     uint64_t parsedBytes() const override { return parsedOffset_ + HeadlessTerminal::parsedBytes(); }
     // The program stays held for the next process; this one stops reading it.
     void settle() override { process()->release(); }
+    void holdOutput(bool held) override { process()->holdOutput(held); }
     bool hasTerminal() const override { return true; }
 
     winsize getWindowSize() override {

@@ -225,8 +225,9 @@ void SessionCore::stop() {
     {
         std::lock_guard guard(budgetLock_);
         budgetOpen_ = false;
+        for (auto& [pane, process] : outputHeldBack_) process->holdOutput(false);
+        outputHeldBack_.clear();
     }
-    budgetRoom_.notify_all();
     for (const auto& process : processes) {
         if (process) process->hangUp();
     }
@@ -770,35 +771,38 @@ void SessionCore::setGit(uint64_t pane, const std::optional<PaneGit>& git) {
     publishPane(batch, pane);
 }
 
-namespace {
-constexpr auto outputPatience = std::chrono::seconds(5);
-}
-
 void SessionCore::boundOutput(size_t bytes) {
     std::lock_guard guard(budgetLock_);
     outputBound_ = bytes;
 }
 
-void SessionCore::releaseOutput(size_t bytes) {
-    {
-        std::lock_guard guard(budgetLock_);
-        outputHeld_ -= std::min(bytes, outputHeld_);
-    }
-    budgetRoom_.notify_all();
+bool SessionCore::outputRoomLocked(uint64_t pane) const {
+    if (!budgetOpen_ || outputBound_ == 0 || outputHeld_ < outputBound_) return true;
+    auto own = paneOutputHeld_.find(pane);
+    return own == paneOutputHeld_.end() || own->second < paneOutputReserve;
 }
 
-// On a pane's reader, before its bytes are taken: while the consumer holds too much, the
-// reader waits, and so the program waits on its terminal. Not for ever: a pane that is being
-// closed may be waited on by the very thread that would give room back, so after a while the
-// reader goes on over the bound.
-void SessionCore::awaitOutputRoom() {
-    std::unique_lock guard(budgetLock_);
-    budgetRoom_.wait_for(guard, outputPatience,
-                         [this] { return !budgetOpen_ || outputBound_ == 0 || outputHeld_ < outputBound_; });
+// The hold is changed under the budget's lock, so that a hold and its end can't pass each
+// other; holding never blocks, so no reader waits on a consumer.
+void SessionCore::releaseOutput(uint64_t pane, size_t bytes) {
+    std::lock_guard guard(budgetLock_);
+    bytes = std::min(bytes, outputHeld_);
+    outputHeld_ -= bytes;
+    if (auto own = paneOutputHeld_.find(pane); own != paneOutputHeld_.end()) {
+        own->second -= std::min(bytes, own->second);
+        if (own->second == 0) paneOutputHeld_.erase(own);
+    }
+    for (auto held = outputHeldBack_.begin(); held != outputHeldBack_.end();) {
+        if (!outputRoomLocked(held->first)) {
+            ++held;
+            continue;
+        }
+        held->second->holdOutput(false);
+        held = outputHeldBack_.erase(held);
+    }
 }
 
 void SessionCore::paneOutput(uint64_t pane, ByteView bytes) {
-    awaitOutputRoom();
     Batch batch(*this);
     auto found = panes_.find(pane);
     if (found == panes_.end()) return;
@@ -807,7 +811,13 @@ void SessionCore::paneOutput(uint64_t pane, ByteView bytes) {
     if (entry.subscribed) {
         batch.push(SessionEvent::Output{pane, before, Bytes(bytes.begin(), bytes.end())});
         std::lock_guard guard(budgetLock_);
-        if (outputBound_ > 0) outputHeld_ += bytes.size();
+        if (outputBound_ > 0) {
+            outputHeld_ += bytes.size();
+            paneOutputHeld_[pane] += bytes.size();
+            if (entry.process && !outputRoomLocked(pane) && outputHeldBack_.emplace(pane, entry.process).second) {
+                entry.process->holdOutput(true);
+            }
+        }
     }
     // The position moves silently: a busy pane causes no state traffic.
     if (auto index = indexOfPane(state_, pane)) state_.panes[*index].seq = entry.output.seq();

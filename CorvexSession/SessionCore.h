@@ -99,6 +99,9 @@ public:
     virtual uint64_t parsedBytes() const { return 0; }
     // Whether withTerminal has a terminal to show.
     virtual bool hasTerminal() const { return false; }
+    // While held, the program's output waits (and soon the program with it); nothing is
+    // lost. Never blocks.
+    virtual void holdOutput(bool held) { (void)held; }
     // Stops taking the program's output once everything read has gone to the events, and
     // leaves the program running for whoever takes the pane over. Nothing more is reported.
     virtual void settle() {}
@@ -179,11 +182,14 @@ public:
     // Ends every pane; events stop.
     void stop();
     // Bounds the pane output handed to the listener and not yet released by whoever consumes
-    // it: past the bound, a pane's reader waits before handing on more, so a flooding program
-    // is held at its terminal rather than in memory. Unbounded until called.
+    // it: past the bound, a pane's output is held until the consumer releases some, so a
+    // flooding program waits at its terminal rather than in memory, however long that takes.
+    // Each pane has a small reserve of its own beyond the bound, so that a pane printing a
+    // line is never held behind others that flood. Unbounded until called.
     void boundOutput(size_t bytes);
-    // The consumer is done with `bytes` of output events it was handed.
-    void releaseOutput(size_t bytes);
+    // The consumer is done with `bytes` of the pane's output events it was handed.
+    void releaseOutput(uint64_t pane, size_t bytes);
+    static constexpr size_t paneOutputReserve = 64 * 1024;
 
     ModelState state() const;
     CreatedWorkspace createWorkspace(const std::optional<std::string>& name, const SpawnOptions& spawn);
@@ -294,7 +300,8 @@ private:
     // What a pane's program reports, routed back to this core.
     PaneProcessEvents eventsFor(uint64_t pane);
     void paneOutput(uint64_t pane, ByteView bytes);
-    void awaitOutputRoom();
+    // Whether the pane may hand on more output; under budgetLock_.
+    bool outputRoomLocked(uint64_t pane) const;
     void paneTerminated(uint64_t pane, std::optional<int32_t> exitCode);
 
     void publishState(Batch& batch);
@@ -335,11 +342,12 @@ private:
     PaneGitWatcher git_; // used by pollGit's thread alone
     GitRefreshSchedule gitSchedule_; // used by pollGit's thread alone
     std::map<uint64_t, GuessedAgentLook> guessed_; // used by pollAgents's thread alone
-    std::mutex budgetLock_; // a leaf, taken after lock_ when both are held
-    std::condition_variable budgetRoom_;
+    std::mutex budgetLock_; // taken after lock_ when both are held; only a pipeline's leaf lock after it
     size_t outputBound_ = 0; // 0: unbounded
     size_t outputHeld_ = 0;
-    bool budgetOpen_ = true; // false once stopped: nobody waits any more
+    std::map<uint64_t, size_t> paneOutputHeld_;
+    std::map<uint64_t, std::shared_ptr<PaneProcess>> outputHeldBack_; // panes whose output waits for room
+    bool budgetOpen_ = true; // false once stopped: nothing is held any more
 };
 
 } // namespace corvex

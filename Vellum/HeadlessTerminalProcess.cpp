@@ -39,7 +39,7 @@ void HeadlessTerminal::startProcess(const std::string& executable, const std::ve
     if (process_) process_->startProcess(executable, args, environment, execName, currentDirectory);
 }
 
-// A send only queues the bytes for the writer thread and never blocks, so a reply made
+// A send writes what the child has room for and queues the rest; it never blocks, so a reply made
 // while the child's output is being parsed goes straight out without deadlocking.
 bool HeadlessTerminal::sendToProcess(std::span<const uint8_t> data) {
     if (!process_) return false;

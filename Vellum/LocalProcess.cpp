@@ -436,6 +436,11 @@ bool LocalProcess::updateWindowSize(const winsize& size) {
     });
 }
 
+void LocalProcess::holdOutput(bool held) {
+    auto pipeline = session_.withLock([](SessionState& state) { return state.pipeline; });
+    if (pipeline) pipeline->hold(held);
+}
+
 std::optional<std::set<unsigned char>> LocalProcess::terminalControlBytesForPaste() {
     return session_.withLock([](SessionState& state) -> std::optional<std::set<unsigned char>> {
         if (!isLive(state.phase)) return std::nullopt;

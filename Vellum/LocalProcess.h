@@ -123,13 +123,17 @@ public:
 
     // A failed write is logged, nothing more.
     void send(std::span<const unsigned char> data);
-    // The completion runs on the writer thread, or at once when the send can't be queued.
+    // The completion runs at once when the child had room for everything or the send can't be
+    // queued, else on the poller thread once the child has taken the rest.
     void send(std::span<const unsigned char> data, std::function<void(LocalProcessSendResult)> completion);
     void terminate();
     // Like terminate, with SIGHUP to the child's whole process group, as a closed terminal
     // does: an interactive shell ignores SIGTERM, and its jobs should end with it.
     void hangUp();
     bool updateWindowSize(const winsize& size);
+    // While held, no output is handed on and a child that writes on soon waits at its
+    // terminal; nothing read is lost. Holds this session only.
+    void holdOutput(bool held);
     std::optional<std::set<unsigned char>> terminalControlBytesForPaste();
     void setHostLogging(const std::optional<std::string>& directory);
     void setDebugIO(bool on);

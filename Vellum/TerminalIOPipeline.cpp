@@ -63,6 +63,7 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
     bool watching = false;
     bool readPaused = false;
     bool endOfFile = false;
+    bool held = false;
     bool started = false, finished = false;
     RunPhase runPhase = RunPhase::streaming;
     Deadline deadline{};
@@ -94,9 +95,12 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
         if (delegate && pipeline) delegate->pipelineReachedEOF(*pipeline);
     }
 
+    bool heldLocked() const { return held && runPhase != RunPhase::settling; }
+
     // The descriptor is closed once nothing reads it and nothing is left to parse.
     void finishIfDoneLocked() {
         if (finished || watching || parseScheduled) return;
+        if (!filled.empty() && !stopsParsingLocked()) return; // held: the bytes wait for the hold's end
         finished = true;
         filled.clear();
         if (fd >= 0) ::close(fd);
@@ -120,7 +124,7 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
     }
 
     void scheduleParseLocked() {
-        if (parseScheduled || finished) return;
+        if (parseScheduled || finished || (heldLocked() && !filled.empty())) return;
         parseScheduled = true;
         parsePool().detach([self = shared_from_this()] { self->parseTurn(); });
     }
@@ -191,7 +195,8 @@ struct TerminalIOPipeline::Worker : std::enable_shared_from_this<Worker> {
             bool reportEOF = false;
             {
                 std::lock_guard guard(mutex);
-                if (stopsParsingLocked() || (filled.empty() && (!endOfFile || runPhase == RunPhase::settling))) {
+                if (stopsParsingLocked() || (filled.empty() && (!endOfFile || runPhase == RunPhase::settling)) ||
+                    (!filled.empty() && heldLocked())) {
                     parseScheduled = false;
                     finishIfDoneLocked();
                     break;
@@ -298,6 +303,7 @@ bool TerminalIOPipeline::requestSettle() {
     {
         std::lock_guard guard(worker_->mutex);
         if (worker_->runPhase != Worker::RunPhase::quitting) worker_->runPhase = Worker::RunPhase::settling;
+        if (!worker_->filled.empty()) worker_->scheduleParseLocked(); // what a hold kept back
         if (!worker_->started) {
             worker_->started = true;
             worker_->finishIfDoneLocked();
@@ -319,6 +325,12 @@ bool TerminalIOPipeline::waitUntilFinished(std::optional<Deadline> deadline) {
 
 void TerminalIOPipeline::detachSink() {
     worker_->sink.withLock([](SinkState& state) { state = {}; });
+}
+
+void TerminalIOPipeline::hold(bool held) {
+    std::lock_guard guard(worker_->mutex);
+    worker_->held = held;
+    if (!held && (!worker_->filled.empty() || worker_->endOfFile)) worker_->scheduleParseLocked();
 }
 
 TerminalIOPipelineCounters TerminalIOPipeline::counters() const {

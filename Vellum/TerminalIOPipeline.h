@@ -69,6 +69,11 @@ public:
     bool waitUntilFinished(std::optional<Deadline> deadline = std::nullopt);
     // Later data and end of file go nowhere.
     void detachSink();
+    // While held, nothing more is handed on (an end of file after the last byte still is);
+    // reading goes on until the ring is full, and then the child waits. A settle hands on
+    // what was read all the same. Never blocks: the consumer that holds a pipeline is told
+    // nothing until it lets go.
+    void hold(bool held);
 
     TerminalIOPipelineCounters counters() const;
     size_t filledSlots() const;

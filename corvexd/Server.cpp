@@ -4,12 +4,15 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <array>
 #include <fcntl.h>
+#include <limits>
 #include <poll.h>
 #include <set>
 #include <sys/eventfd.h>
 #include <utility>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -71,8 +74,10 @@ struct Server::Client {
     uint64_t id = 0;
     int fd = -1;
     corvex::FrameParser parser;
-    std::string out;
-    size_t sent = 0; // bytes of `out` already written
+    // Frames waiting to be sent; one frame of pane output is shared by all its subscribers.
+    std::deque<std::shared_ptr<const std::string>> out;
+    size_t sent = 0;   // bytes of the first frame already written
+    size_t queued = 0; // bytes of `out` not yet written
     bool events = false;
     bool greeted = false;    // a hello was accepted; nothing else is served before it
     bool closing = false;
@@ -94,7 +99,7 @@ struct Server::Client {
     };
     std::map<uint64_t, Opening> opening;
 
-    size_t pending() const { return out.size() - sent; }
+    size_t pending() const { return queued; }
 };
 
 Server::Server(ServerOptions options)
@@ -130,12 +135,20 @@ void Server::stop() {
     wake();
 }
 
-void Server::post(std::function<void()> work) { post(std::move(work), false); }
+void Server::post(std::function<void()> work) { post(std::move(work), std::nullopt); }
 
-void Server::post(std::function<void()> work, bool output) {
+void Server::post(std::function<void()> work, std::optional<uint64_t> outputOf) {
     {
         std::lock_guard guard(postedLock_);
-        posted_.push_back({std::move(work), output});
+        if (outputOf) {
+            uint64_t order = ++outputPosted_;
+            auto& queue = postedOutput_[*outputOf];
+            if (queue.empty()) outputTurns_.push_back(*outputOf);
+            queue.push_back({std::move(work), order});
+            outputWaiting_.insert(order);
+        } else {
+            posted_.push_back({std::move(work), outputPosted_});
+        }
     }
     wake();
 }
@@ -151,27 +164,59 @@ void Server::runPosted() {
     drainPosted();
 }
 
-void Server::deliver(std::function<void()> work, bool output) {
-    if (std::this_thread::get_id() != serveThread_) return post(std::move(work), output);
+void Server::deliver(std::function<void()> work, std::optional<uint64_t> outputOf) {
+    if (std::this_thread::get_id() != serveThread_) return post(std::move(work), outputOf);
     // Behind held output it waits its turn, so that the order of everything published holds.
-    if (!drainPosted()) return post(std::move(work), output);
+    if (!drainPosted()) return post(std::move(work), outputOf);
     work();
 }
 
-// Runs what was posted, in order, until output comes that a subscriber can't take yet; true
-// when nothing is left.
+// The next piece of posted work that may run now, if any. Other work runs in the order
+// posted, each after all the output posted before it; pane output, while the subscribers can
+// take it, goes one piece per pane in turn, so that a pane printing a line isn't queued
+// behind everything a flooding pane printed first.
+std::function<void()> Server::nextPostedLocked() {
+    if (!posted_.empty() && (outputWaiting_.empty() || *outputWaiting_.begin() > posted_.front().order)) {
+        auto work = std::move(posted_.front().work);
+        posted_.pop_front();
+        return work;
+    }
+    if (outputTurns_.empty() || outputHeld()) return nullptr;
+    // Output posted after the oldest waiting other work waits for it.
+    uint64_t limit = posted_.empty() ? std::numeric_limits<uint64_t>::max() : posted_.front().order;
+    for (size_t tries = outputTurns_.size(); tries > 0; --tries) {
+        uint64_t pane = outputTurns_.front();
+        outputTurns_.pop_front();
+        auto& queue = postedOutput_[pane];
+        if (queue.front().order > limit) {
+            outputTurns_.push_back(pane);
+            continue;
+        }
+        auto work = std::move(queue.front().work);
+        outputWaiting_.erase(queue.front().order);
+        queue.pop_front();
+        if (queue.empty()) {
+            postedOutput_.erase(pane);
+        } else {
+            outputTurns_.push_back(pane);
+        }
+        return work;
+    }
+    return nullptr;
+}
+
+// Runs what was posted until nothing more may run yet; true when nothing is left.
 bool Server::drainPosted() {
     while (true) {
-        Posted item;
+        std::function<void()> work;
         {
             std::lock_guard guard(postedLock_);
             if (stopRequested_) stopping_ = true;
-            if (posted_.empty()) return true;
-            if (posted_.front().output && outputHeld()) return false;
-            item = std::move(posted_.front());
-            posted_.pop_front();
+            if (posted_.empty() && outputTurns_.empty()) return true;
+            work = nextPostedLocked();
+            if (!work) return false;
         }
-        item.work();
+        work();
     }
 }
 
@@ -403,19 +448,21 @@ void Server::broadcastEvent(const std::string& name, json data) {
     auto frame = std::make_shared<std::string>(eventFrame(name, std::move(data)));
     deliver([this, frame] {
         for (auto& [id, client] : clients_) {
-            if (client->events) enqueue(*client, *frame);
+            if (client->events) enqueue(*client, frame);
         }
     });
 }
 
-void Server::publishOutput(uint64_t pane, uint64_t seq, std::string bytes) {
-    deliver([this, pane, seq, bytes = std::move(bytes)] {
-        deliverToPane(pane, seq, bytes);
-        if (outputReleased_) outputReleased_(bytes.size());
-    }, true);
+void Server::publishOutput(uint64_t pane, uint64_t seq, std::string_view bytes) {
+    // The frame is built once, off the serving thread, and shared by every subscriber's queue.
+    auto frame = std::make_shared<const std::string>(corvex::makeOutputFrame(pane, seq, bytes));
+    deliver([this, pane, seq, frame, size = bytes.size()] {
+        deliverToPane(pane, seq, frame, size);
+        if (outputReleased_) outputReleased_(pane, size);
+    }, pane);
 }
 
-void Server::setOutputReleased(std::function<void(size_t)> released) { outputReleased_ = std::move(released); }
+void Server::setOutputReleased(std::function<void(uint64_t, size_t)> released) { outputReleased_ = std::move(released); }
 
 bool Server::anyBackedUp() const {
     for (const auto& [id, client] : clients_) {
@@ -428,12 +475,12 @@ void Server::publishPaneEvent(uint64_t pane, const std::string& name, json data)
     auto frame = std::make_shared<std::string>(eventFrame(name, std::move(data)));
     deliver([this, pane, frame] {
         for (auto& [id, client] : clients_) {
-            if (client->panes.count(pane)) enqueue(*client, *frame);
+            if (client->panes.count(pane)) enqueue(*client, frame);
             else if (auto opening = client->opening.find(pane); opening != client->opening.end()) {
                 opening->second.held.emplace_back(std::nullopt, *frame);
             }
         }
-    });
+    }, pane);
 }
 
 void Server::resync(Client& client, uint64_t pane) {
@@ -443,8 +490,8 @@ void Server::resync(Client& client, uint64_t pane) {
     enqueue(client, eventFrame(wire->name, std::move(wire->data)));
 }
 
-void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes) {
-    std::string whole;
+void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::shared_ptr<const std::string>& frame, size_t size) {
+    std::string_view bytes = std::string_view(*frame).substr(frame->size() - size);
     for (auto& [id, client] : clients_) {
         if (auto opening = client->opening.find(pane); opening != client->opening.end()) {
             auto& held = opening->second;
@@ -454,20 +501,20 @@ void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes
                 held.overflowed = true;
                 held.held.clear();
             } else {
-                held.held.emplace_back(seq, bytes);
+                held.held.emplace_back(seq, std::string(bytes));
             }
             continue;
         }
         auto found = client->panes.find(pane);
         if (found == client->panes.end()) continue;
-        deliverToClient(*client, pane, found->second, seq, bytes, &whole);
+        deliverToClient(*client, pane, found->second, seq, bytes, &frame);
     }
 }
 
 // One piece of a pane's output to one client whose stream goes on from `next`: what it
 // already has is skipped, a gap or too much queued gives the stream up. False when given up.
-bool Server::deliverToClient(Client& client, uint64_t pane, uint64_t& next, uint64_t seq, const std::string& bytes,
-                             std::string* whole) {
+bool Server::deliverToClient(Client& client, uint64_t pane, uint64_t& next, uint64_t seq, std::string_view bytes,
+                             const std::shared_ptr<const std::string>* frame) {
     uint64_t end = seq + bytes.size();
     if (end <= next && !bytes.empty()) return true; // already sent by the subscribe
     if (seq > next || client.pending() + bytes.size() > options_.paneQueueLimit) {
@@ -475,10 +522,9 @@ bool Server::deliverToClient(Client& client, uint64_t pane, uint64_t& next, uint
         return false;
     }
     if (seq < next) {
-        enqueue(client, corvex::makeOutputFrame(pane, next, std::string_view(bytes).substr(next - seq)));
-    } else if (whole) {
-        if (whole->empty()) *whole = corvex::makeOutputFrame(pane, seq, bytes);
-        enqueue(client, *whole);
+        enqueue(client, corvex::makeOutputFrame(pane, next, bytes.substr(next - seq)));
+    } else if (frame) {
+        enqueue(client, *frame);
     } else {
         enqueue(client, corvex::makeOutputFrame(pane, seq, bytes));
     }
@@ -671,34 +717,55 @@ void Server::dropOutput(Client& client) {
     client.writeBroken = true;
     client.out.clear();
     client.sent = 0;
+    client.queued = 0;
 }
 
 void Server::enqueue(Client& client, std::string frame) {
+    enqueue(client, std::make_shared<const std::string>(std::move(frame)));
+}
+
+void Server::enqueue(Client& client, std::shared_ptr<const std::string> frame) {
     if (client.closing || client.writeBroken) return;
-    if (client.pending() + frame.size() > options_.clientQueueLimit) {
+    if (client.pending() + frame->size() > options_.clientQueueLimit) {
         client.closing = true;
         return;
     }
-    if (client.sent > 0 && client.sent * 2 >= client.out.size()) {
-        client.out.erase(0, client.sent);
-        client.sent = 0;
-    }
-    client.out += frame;
+    client.queued += frame->size();
+    client.out.push_back(std::move(frame));
     flush(client);
 }
 
 void Server::flush(Client& client) {
-    while (client.pending() > 0) {
-        ssize_t count = ::send(client.fd, client.out.data() + client.sent, client.pending(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (count < 0) {
+    constexpr size_t framesPerSend = 64;
+    while (client.queued > 0) {
+        std::array<iovec, framesPerSend> pieces{};
+        size_t count = 0;
+        for (auto frame = client.out.begin(); frame != client.out.end() && count < framesPerSend; ++frame, ++count) {
+            size_t skip = count == 0 ? client.sent : 0;
+            pieces[count] = {const_cast<char*>((*frame)->data()) + skip, (*frame)->size() - skip};
+        }
+        msghdr message{};
+        message.msg_iov = pieces.data();
+        message.msg_iovlen = count;
+        ssize_t written = ::sendmsg(client.fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (written < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN) dropOutput(client);
             return;
         }
-        client.sent += static_cast<size_t>(count);
+        auto left = static_cast<size_t>(written);
+        client.queued -= left;
+        while (left > 0) {
+            size_t rest = client.out.front()->size() - client.sent;
+            if (left < rest) {
+                client.sent += left;
+                break;
+            }
+            left -= rest;
+            client.out.pop_front();
+            client.sent = 0;
+        }
     }
-    client.out.clear();
-    client.sent = 0;
 }
 
 } // namespace corvexd

@@ -144,10 +144,10 @@ public:
     // the pane's subscribers, in the order published. A client whose queue passes the pane
     // bound loses that pane's stream with "pane.resync" instead of holding up anyone.
     void broadcastEvent(const std::string& name, nlohmann::json data);
-    void publishOutput(uint64_t pane, uint64_t seq, std::string bytes);
-    // Told, on the serving thread, the size of each published output once it has gone to the
-    // subscribers' queues: the session's output budget is given back.
-    void setOutputReleased(std::function<void(size_t)> released);
+    void publishOutput(uint64_t pane, uint64_t seq, std::string_view bytes);
+    // Told, on the serving thread, the pane and size of each published output once it has gone
+    // to the subscribers' queues: the session's output budget is given back.
+    void setOutputReleased(std::function<void(uint64_t pane, size_t bytes)> released);
     // An event for the pane's subscribers, in order with its output.
     void publishPaneEvent(uint64_t pane, const std::string& name, nlohmann::json data);
     // An event frame as clients read it.
@@ -169,6 +169,7 @@ private:
     corvex::Hello hello() const;
     void flush(Client& client);
     void enqueue(Client& client, std::string frame);
+    void enqueue(Client& client, std::shared_ptr<const std::string> frame);
     void dropOutput(Client& client);
     // Checks the protocol a hello asks for; raises MethodError when it isn't served.
     void greet(Client& client, const nlohmann::json& params);
@@ -176,17 +177,20 @@ private:
     void announceShutdown();
     void runPosted();
     bool drainPosted();
-    void post(std::function<void()> work, bool output);
+    std::function<void()> nextPostedLocked();
+    // Work with a pane is that pane's output stream, which waits while a subscriber is backed up.
+    void post(std::function<void()> work, std::optional<uint64_t> outputOf);
     // Runs at once when called on the serving thread (after what others posted before it,
     // so the order of events holds), else posts.
-    void deliver(std::function<void()> work, bool output = false);
+    void deliver(std::function<void()> work, std::optional<uint64_t> outputOf = std::nullopt);
     bool outputHeld() const;
     bool anyBackedUp() const;
     void releaseStalledClients();
     void wake();
-    void deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes);
-    bool deliverToClient(Client& client, uint64_t pane, uint64_t& next, uint64_t seq, const std::string& bytes,
-                         std::string* whole);
+    void deliverToPane(uint64_t pane, uint64_t seq, const std::shared_ptr<const std::string>& frame, size_t size);
+    // `frame`, when given, is the whole output frame of `bytes`, to be shared rather than built again.
+    bool deliverToClient(Client& client, uint64_t pane, uint64_t& next, uint64_t seq, std::string_view bytes,
+                         const std::shared_ptr<const std::string>* frame);
     void resync(Client& client, uint64_t pane);
     void reopenLostStreams();
     Client* client(ClientID id);
@@ -211,17 +215,22 @@ private:
     uint64_t nextOpening_ = 1;
     std::vector<std::string> features_{"ping"};
 
-    std::function<void(size_t)> outputReleased_;
+    std::function<void(uint64_t, size_t)> outputReleased_;
     std::mutex decodedLock_;
     std::vector<std::pair<ClientID, std::shared_ptr<nlohmann::json>>> decoded_; // under decodedLock_
     std::unique_ptr<platform::WorkerPool> decoders_; // after what its work touches, so it ends first
 
     struct Posted {
         std::function<void()> work;
-        bool output = false; // pane output, which waits while a subscriber is backed up
+        // Output: its place among all output posted. Other work: the output posted before it.
+        uint64_t order = 0;
     };
     std::mutex postedLock_;
-    std::deque<Posted> posted_;
+    std::deque<Posted> posted_; // other than pane output, in order
+    std::map<uint64_t, std::deque<Posted>> postedOutput_; // each pane's output stream, in order
+    std::deque<uint64_t> outputTurns_;                    // panes with output waiting, next first
+    std::set<uint64_t> outputWaiting_;                    // the order of each output not yet run
+    uint64_t outputPosted_ = 0;
     bool stopRequested_ = false; // under postedLock_
 };
 

@@ -33,7 +33,7 @@ std::string_view text(const corvex::Bytes& bytes) {
 
 void forward(Server& server, const SessionEvent& event) {
     if (auto* output = event.as<SessionEvent::Output>()) {
-        server.publishOutput(output->pane, output->seq, std::string(text(output->bytes)));
+        server.publishOutput(output->pane, output->seq, text(output->bytes));
         return;
     }
     auto wire = protocol::encodeEvent(event);
@@ -266,8 +266,8 @@ void serveSession(Server& server, std::shared_ptr<SessionCore> core, const Sessi
     // Output the daemon holds for its clients is bounded in all; beyond it the panes'
     // programs wait at their terminals.
     core->boundOutput(queuedOutputBound);
-    server.setOutputReleased([weakCore](size_t bytes) {
-        if (auto live = weakCore.lock()) live->releaseOutput(bytes);
+    server.setOutputReleased([weakCore](uint64_t pane, size_t bytes) {
+        if (auto live = weakCore.lock()) live->releaseOutput(pane, bytes);
     });
     server.addFeatures(corvex::engineFeatureNames());
     server.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::settings))});

@@ -381,31 +381,6 @@ TEST_F(LocalProcessTest, TheReaperNeverSignalsAReapedChild) {
     EXPECT_EQ(reaper->whileAlive([](pid_t) { return 1; }), std::nullopt);
 }
 
-TEST_F(LocalProcessTest, HelpersForkAndExecWithArgumentsAsGiven) {
-    auto child = PseudoTerminalHelpers::forkAndExec("/bin/sh", {"my-name", "-c", "printf 'argv0=%s\\n' \"$0\"; read x"}, {},
-                                                    std::nullopt, winsize{10, 20, 0, 0});
-    ASSERT_TRUE(child);
-    std::string out;
-    char buffer[256];
-    while (out.find('\n') == std::string::npos) {
-        ssize_t n = read(child->master, buffer, sizeof(buffer));
-        if (n <= 0) break;
-        out.append(buffer, static_cast<size_t>(n));
-    }
-    EXPECT_EQ(out, "argv0=my-name\r\n") << "no name is put in front";
-    EXPECT_EQ(fcntl(child->master, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    EXPECT_EQ(PseudoTerminalHelpers::setWinSize(child->master, {11, 22, 0, 0}), 0);
-    auto [status, size] = PseudoTerminalHelpers::availableBytes(child->master);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(size, 0);
-    EXPECT_EQ(PseudoTerminalHelpers::workingDirectory(child->pid), fs::current_path().string());
-    EXPECT_EQ(write(child->master, "\n", 1), 1);
-    int waitStatus = 0;
-    EXPECT_EQ(waitpid(child->pid, &waitStatus, 0), child->pid);
-    close(child->master);
-    EXPECT_EQ(PseudoTerminalHelpers::availableBytes(-1).first, -1);
-}
-
 TEST_F(LocalProcessTest, HostLoggingKeepsEachReadAndDebugReportsCount) {
     std::string pattern = (fs::temp_directory_path() / "host-log-XXXXXX").string();
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);

@@ -197,6 +197,24 @@ TEST_F(TerminalIOPipelineTest, AFloodFillsTheFourSlotsThenBlocksTheChildUntilThe
     fs::remove(path);
 }
 
+TEST_F(TerminalIOPipelineTest, AHeldPipelineHandsOnNothingUntilLetGoAndLosesNoByte) {
+    std::string content;
+    for (size_t i = 0; content.size() < 1024 * 1024; ++i) content += "held " + std::to_string(i) + "; ";
+    auto path = fs::temp_directory_path() / ("vellum-held-" + std::to_string(getpid()));
+    std::ofstream(path, std::ios::binary) << content;
+    auto pipeline = launch({"/bin/sh", "-c", "read go; exec cat " + path.string()});
+    ASSERT_TRUE(pipeline);
+    pipeline->hold(true);
+    ASSERT_EQ(write(master, "\n", 1), 1);
+    ASSERT_TRUE(eventually([&] { return pipeline->filledSlots() == TerminalIOPipeline::slotCount; }));
+    EXPECT_EQ(collector->text(), "") << "nothing, not even the echo, while held";
+    pipeline->hold(false);
+    ASSERT_TRUE(collector->waitForEOF());
+    EXPECT_EQ(collector->text(), "\r\n" + content);
+    EXPECT_TRUE(pipeline->waitUntilFinished());
+    fs::remove(path);
+}
+
 TEST_F(TerminalIOPipelineTest, TheLastOutputIsParsedBeforeTheEndIsReportedOnce) {
     auto pipeline = launch({"/bin/sh", "-c", "printf 'first\\n'; printf 'last words'"});
     ASSERT_TRUE(pipeline);
