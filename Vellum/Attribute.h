@@ -67,6 +67,13 @@ struct Attribute {
         constexpr uint8_t green() const { return payload_[1]; }
         constexpr uint8_t blue() const { return payload_[2]; }
 
+        // The interning code of the colour (see InternedAttributeKey), without a branch on the
+        // kind: SGR streams switch kinds at random.
+        constexpr uint32_t internCode() const {
+            uint32_t rgb = uint32_t(payload_[0]) << 16 | uint32_t(payload_[1]) << 8 | payload_[2];
+            uint32_t palette = 0x2000000 | payload_[0], trueColor = 0x3000000 | rgb, defaults = rgb << 8;
+            return tag_ == 1 ? trueColor : tag_ == 0 ? palette : defaults;
+        }
         // Image bytes in order payload0, payload1, payload2, tag.
         void writeImage(uint8_t* out) const { out[0] = payload_[0], out[1] = payload_[1], out[2] = payload_[2], out[3] = tag_; }
         static std::optional<Color> fromImage(const uint8_t* bytes);

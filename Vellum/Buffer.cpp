@@ -241,7 +241,7 @@ size_t Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell bas
     return count;
 }
 
-size_t Buffer::insertScalarRun(const char32_t* scalars, size_t count, int width, PackedCell base, PackedCell blank) {
+size_t Buffer::insertContentRun(const uint32_t* contents, size_t count, int width, PackedCell base, PackedCell blank) {
     if (insertMode) return 0;
     const uint64_t word = base.raw & ~PackedCell::contentAndWidthBits;
     size_t done = 0;
@@ -251,16 +251,17 @@ size_t Buffer::insertScalarRun(const char32_t* scalars, size_t count, int width,
             continue;
         }
         if (!wraparound && width == 1 && x == rightBound() && count - done > 1) done = count - 1;
-        int n = static_cast<int>(std::min<size_t>(count - done, static_cast<size_t>((rightBound() - x + 1) / width)));
+        int columns = rightBound() - x + 1;
+        int n = static_cast<int>(std::min<size_t>(count - done, static_cast<size_t>(width == 2 ? columns / 2 : columns)));
         PackedCell* out = openStretch(row(y), x, n * width);
-        const char32_t* in = scalars + done;
+        const uint32_t* in = contents + done;
         if (width == 1) {
-            for (int i = 0; i < n; ++i) out[i].raw = word | uint64_t(in[i]) << PackedCell::valueShift;
+            for (int i = 0; i < n; ++i) out[i].raw = word | in[i];
         } else {
             const uint64_t head = word | uint64_t(CellWidthState::wide) << PackedCell::widthStateShift;
             const uint64_t tail = word | uint64_t(CellWidthState::spacerTail) << PackedCell::widthStateShift;
             for (int i = 0; i < n; ++i) {
-                out[2 * i].raw = head | uint64_t(in[i]) << PackedCell::valueShift;
+                out[2 * i].raw = head | in[i];
                 out[2 * i + 1].raw = tail;
             }
         }

@@ -38,7 +38,7 @@ public:
     // every cell shares (style, payload, semantic code) with an empty content value. Both give
     // the number of characters consumed, which is 0 in insert mode: the caller then goes one by one.
     size_t insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell base, PackedCell blank);
-    size_t insertScalarRun(const char32_t* scalars, size_t count, int width, PackedCell base, PackedCell blank);
+    size_t insertContentRun(const uint32_t* contents, size_t count, int width, PackedCell base, PackedCell blank);
     // Moves the cursor to where a character of `width` goes, wrapping to the next row (and
     // scrolling) when autowrap is on. False when the character is to be dropped.
     bool placeCharacter(int width, PackedCell blank) { return x + width - 1 <= rightBound() || wrapForCharacter(width, blank); }

@@ -15,17 +15,6 @@ using Color = Attribute::Color;
 
 namespace {
 
-uint64_t colorCode(const Color& color) {
-    switch (color.kind()) {
-    case Color::Kind::defaultColor: return 0;
-    case Color::Kind::defaultInvertedColor: return 0x1000000;
-    case Color::Kind::ansi256: return 0x2000000 + color.code();
-    case Color::Kind::trueColor:
-        return 0x3000000 + (uint64_t(color.red()) << 16 | uint64_t(color.green()) << 8 | color.blue());
-    }
-    return 0;
-}
-
 CellArena::Identity nextIdentity() {
     static std::atomic<CellArena::Identity> counter{0};
     return ++counter;
@@ -55,9 +44,9 @@ std::optional<PackedCell> validated(PackedCell cell) {
 } // namespace
 
 InternedAttributeKey::InternedAttributeKey(const Attribute& attribute)
-    : word0(colorCode(attribute.fg) | colorCode(attribute.bg) << 26 | uint64_t(attribute.style.rawValue) << 52 |
+    : word0(attribute.fg.internCode() | uint64_t(attribute.bg.internCode()) << 26 | uint64_t(attribute.style.rawValue) << 52 |
             uint64_t(attribute.underlineStyle) << 60),
-      word1(attribute.underlineColor ? colorCode(*attribute.underlineColor) + 0x4000000 : 0) {}
+      word1(attribute.underlineColor ? uint64_t(attribute.underlineColor->internCode()) + 0x4000000 : 0) {}
 
 PackedAttributeRecord PackedAttributeRecord::from(const Attribute& attribute) {
     PackedAttributeRecord record;
@@ -153,20 +142,25 @@ std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
     if (key.isZero()) return 0;
     uint64_t hash = cacheHash(key);
     CacheEntry& cached = attributeCache[size_t(hash >> (64 - cacheBits))];
-    if (cached.identifierPlusOne != 0 && cached.key == key) return uint16_t(cached.identifierPlusOne - 1);
+    // A new rendition misses the cache and is then answered by its presence bits: the second
+    // load starts now, so that the two misses overlap rather than follow each other.
+    uint64_t mixed = remix(hash);
+    __builtin_prefetch(&attributePresence[presenceWord(mixed)]);
+    if (cached.identifierPlusOne != 0 && cached.word0 == key.word0 && cached.word1 == key.word1)
+        return uint16_t(cached.identifierPlusOne - 1);
     size_t free = 0;
     bool full = isSnapshotCopy || attributeCountValue > attributeCapacity;
     if (!mayBePresent(hash)) {
         if (full) return std::nullopt;
     } else if (auto found = findAttribute(key, hash, free)) {
-        cached = {key, uint32_t(*found) + 1};
+        cached = {key.word0, uint32_t(key.word1), uint32_t(*found) + 1};
         return found;
     }
     if (full) return std::nullopt;
     uint16_t identifier = uint16_t(attributeCountValue++);
     this->attributes[identifier] = PackedAttributeRecord::from(attributes);
     storeAttribute(key, identifier);
-    cached = {key, uint32_t(identifier) + 1};
+    cached = {key.word0, uint32_t(key.word1), uint32_t(identifier) + 1};
     return identifier;
 }
 

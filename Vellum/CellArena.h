@@ -168,8 +168,9 @@ private:
     // met last, direct-mapped, and one bit per hash value telling that no key with that hash
     // was ever stored. Programs that paint with many true colours mostly ask for renditions
     // never seen, and most of those are answered by the bit without touching the slots.
-    struct CacheEntry {
-        InternedAttributeKey key;
+    struct CacheEntry { // the key's word1 fits 32 bits, so an entry is 16 bytes, four to a line
+        uint64_t word0 = 0;
+        uint32_t word1 = 0;
         uint32_t identifierPlusOne = 0;
     };
     static constexpr int cacheBits = 13, presenceBits = 20;

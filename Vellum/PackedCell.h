@@ -24,6 +24,8 @@ struct PackedCell {
     // Tag, value and width state: what a blanked cell loses.
     static constexpr uint64_t contentAndWidthBits =
         (tagMask << tagShift) | (valueMask << valueShift) | (widthStateMask << widthStateShift);
+    // Tag and value alone: a cell's content, which fits 32 bits.
+    static constexpr uint64_t contentBits = (tagMask << tagShift) | (valueMask << valueShift);
     // Protected, payload and semantic code: what replacing a cell's content keeps.
     static constexpr uint64_t highBits = ~uint64_t(0) << protectedShift;
 

@@ -266,7 +266,10 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t code) {
         case '=': applicationKeypad = true; break;
         case '>': applicationKeypad = false; break;
         case 'D': index(); break;
-        case 'E': b.x = originMode && b.marginMode ? b.marginLeft : 0; index(); break;
+        case 'E': // NEL: an index then a carriage return, each keeping to the margins as alone
+            index();
+            carriageReturn();
+            break;
         case 'H': b.tabStops.set(b.x); break;
         case 'M': reverseIndex(); break;
         case 'c': parser.reset(*this); setup(true); break;

@@ -94,7 +94,9 @@ public:
     std::optional<PendingHyperlink> pendingHyperlink;
     uint16_t activeHyperlinkCode = 0;
     // The payload code for the next printed cell: a pending link gets its code here, once.
-    uint16_t hyperlinkPayloadCode();
+    // Called for every printed run, so the common case (no link waiting) is inline.
+    uint16_t hyperlinkPayloadCode() { return pendingHyperlink ? allocatePendingHyperlink() : activeHyperlinkCode; }
+    uint16_t allocatePendingHyperlink();
     // The URI of a stored link ("params;uri"); an empty URI is no link.
     static std::optional<std::string> parseHyperlinkPayload(std::string_view payload);
     const TerminalProgramStatusStore& programStatus() const { return programStatusStore; }
@@ -205,7 +207,18 @@ private:
     void printScalar(char32_t scalar);
     void printScalar(char32_t scalar, char32_t& previous);
     void printMapped(uint8_t byte, char32_t& previous);
-    void writeScalars(const char32_t* scalars, size_t count, int width);
+    // Characters decoded but not yet written, all of one width: the tag and value bits of each
+    // cell, so that a cluster formed in the batch is written like a single scalar.
+    struct PrintBatch {
+        static constexpr size_t capacity = 256;
+        uint32_t contents[capacity];
+        size_t count = 0;
+        int width = 0;
+    };
+    enum class BatchJoin : uint8_t { separate, joined, unsettled };
+    BatchJoin joinBatched(PrintBatch& batch, char32_t scalar);
+    void writeBatch(PrintBatch& batch);
+    void writeContents(const uint32_t* contents, size_t count, int width);
     bool joinWithPrevious(char32_t scalar);
     // What joining a scalar to a cell's character gives: the new content and width bits, and
     // what happens to the width.

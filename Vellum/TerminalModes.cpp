@@ -231,7 +231,8 @@ void Terminal::changeColumnMode(int columns) {
 
 namespace {
 
-// Modes that are fixed here whatever a program asks, in both the DEC and the ANSI set.
+// Modes that are fixed here whatever a program asks, in both the DEC and the ANSI set (the
+// ANSI answers that differ are in ansiModeReport).
 std::optional<ModeReportValue> fixedMode(int mode) {
     switch (mode) {
     case 2: case 8: case 18: case 19: return ModeReportValue::set;
@@ -267,6 +268,7 @@ ModeReportValue Terminal::privateModeReport(int mode) {
 ModeReportValue Terminal::ansiModeReport(int mode) const {
     auto fromBool = [](bool on) { return on ? ModeReportValue::set : ModeReportValue::reset; };
     switch (mode) {
+    case 2: return ModeReportValue::permanentlyReset; // KAM: nothing here can lock the keyboard
     case 4: return fromBool(buffer_->insertMode);
     case 8: return fromBool(bidiState.supportMode == BidiSupportMode::implicit);
     case 20: return fromBool(lineFeedMode);

@@ -308,8 +308,7 @@ std::optional<std::string> Terminal::parseHyperlinkPayload(std::string_view payl
     return std::string(uri);
 }
 
-uint16_t Terminal::hyperlinkPayloadCode() {
-    if (!pendingHyperlink) return activeHyperlinkCode;
+uint16_t Terminal::allocatePendingHyperlink() {
     std::string target = std::move(pendingHyperlink->target);
     pendingHyperlink.reset();
     if (!parseHyperlinkPayload(target)) return activeHyperlinkCode = 0;

@@ -38,6 +38,21 @@ inline unicode::Utf8Step decodeStep(const uint8_t* p, size_t available) {
 
 GraphemeBreak breakClass(uint8_t properties) { return GraphemeBreak(properties & unicode::tables::breakClassMask); }
 
+// Stores the CJK ideographs at `p` (three bytes each, leads E4 to E9) into `out`, up to `room`
+// of them, and gives how many bytes they took.
+size_t takeIdeographs(const uint8_t* p, size_t available, uint32_t* out, size_t room, size_t& taken) {
+    size_t used = 0;
+    taken = 0;
+    while (taken < room && used + 3 <= available) {
+        uint32_t lead = p[used], second = p[used + 1], third = p[used + 2];
+        char32_t scalar = char32_t((lead & 0x0F) << 12 | (second & 0x3F) << 6 | (third & 0x3F));
+        if (lead - 0xE4 > 5 || (second & 0xC0) != 0x80 || (third & 0xC0) != 0x80 || scalar < cjkIdeographsStart) break;
+        out[taken++] = uint32_t(scalar) << PackedCell::valueShift;
+        used += 3;
+    }
+    return used;
+}
+
 bool isHangulJamoOrSyllable(GraphemeBreak c) {
     return c == GraphemeBreak::l || c == GraphemeBreak::v || c == GraphemeBreak::t || c == GraphemeBreak::lv ||
            c == GraphemeBreak::lvt;
@@ -112,21 +127,26 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
     }
 
     uint8_t previousProperties = previous == unknownScalar ? 0 : unicode::propertyByte(previous);
-    constexpr size_t batchCapacity = 256;
-    char32_t batch[batchCapacity];
-    size_t batched = 0;
-    int batchWidth = 0;
-    auto flush = [&] {
-        if (batched > 0) writeScalars(batch, batched, batchWidth);
-        batched = 0;
-    };
+    PrintBatch batch;
     while (i < count) {
         uint8_t lead = bytes[i];
+        // An ideograph joins nothing but a prepend character, so in a run of wide text the
+        // ones that follow go to the batch directly.
+        if (lead - 0xE4u <= 5 && batch.count > 0 && batch.width == 2 && breakClass(previousProperties) != GraphemeBreak::prepend) {
+            size_t taken = 0;
+            i += takeIdeographs(bytes + i, count - i, batch.contents + batch.count, PrintBatch::capacity - batch.count, taken);
+            batch.count += taken;
+            if (taken > 0) {
+                previous = char32_t(batch.contents[batch.count - 1] >> PackedCell::valueShift);
+                previousProperties = 0;
+                continue;
+            }
+        }
         char32_t scalar;
         if (lead < 0x80) {
             ++i;
             if (charset) {
-                flush();
+                writeBatch(batch);
                 printMapped(lead, previous);
                 continue;
             }
@@ -149,8 +169,12 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
         bool ideograph = scalar - cjkIdeographsStart < cjkIdeographsCount;
         uint8_t properties = ideograph ? 0 : unicode::propertyByte(scalar);
         if (mayJoin(previousProperties, properties)) {
-            flush();
-            if (joinWithPrevious(scalar)) {
+            BatchJoin joined = batch.count > 0 ? joinBatched(batch, scalar) : BatchJoin::unsettled;
+            if (joined == BatchJoin::unsettled) {
+                writeBatch(batch);
+                joined = joinWithPrevious(scalar) ? BatchJoin::joined : BatchJoin::separate;
+            }
+            if (joined == BatchJoin::joined) {
                 previous = scalar;
                 previousProperties = properties;
                 continue;
@@ -158,23 +182,57 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
         }
         int width = ideograph ? 2 : printWidth(scalar);
         if (width <= 0) continue; // unprintable, or a mark with nothing to join
-        if (batched == batchCapacity || (batched > 0 && width != batchWidth)) flush();
-        batch[batched++] = scalar;
-        batchWidth = width;
+        if (batch.count == PrintBatch::capacity || (batch.count > 0 && width != batch.width)) writeBatch(batch);
+        batch.contents[batch.count++] = uint32_t(scalar) << PackedCell::valueShift;
+        batch.width = width;
         previous = scalar;
         previousProperties = properties;
     }
-    flush();
+    writeBatch(batch);
     if (previous != unknownScalar) previousScalar = previous;
 }
 
-void Terminal::writeScalars(const char32_t* scalars, size_t count, int width) {
-    PackedCell base = printBase();
-    size_t written = buffer_->insertScalarRun(scalars, count, width, base, currentEraseBlankCell);
-    for (; written < count; ++written) {
-        PackedCell cell{base.raw | uint64_t(scalars[written]) << PackedCell::valueShift};
-        buffer_->insertCharacter(cell, width, currentEraseBlankCell);
+// Joins a scalar to the last character of the batch before it is written, which saves a write
+// and a read back of the cell for every emoji sequence. A character that widens is taken here
+// only where the row has room for both columns at the cursor; at the edge the general road
+// decides where it goes.
+Terminal::BatchJoin Terminal::joinBatched(PrintBatch& batch, char32_t scalar) {
+    uint32_t& last = batch.contents[batch.count - 1];
+    CellWidthState state = batch.width == 2 ? CellWidthState::wide : CellWidthState::narrow;
+    PackedCell cell{uint64_t(last) | uint64_t(state) << PackedCell::widthStateShift};
+    JoinMemo outcome = joinOutcome(cell, scalar);
+    uint32_t joined = uint32_t(outcome.joinedContent & PackedCell::contentBits);
+    switch (outcome.kind) {
+    case JoinMemo::Kind::separate: return BatchJoin::separate;
+    case JoinMemo::Kind::absorbed: return BatchJoin::joined;
+    case JoinMemo::Kind::extended: last = joined; return BatchJoin::joined;
+    case JoinMemo::Kind::narrowed: return BatchJoin::unsettled;
+    case JoinMemo::Kind::widened: {
+        uint32_t narrow = last;
+        --batch.count;
+        writeBatch(batch);
+        const Buffer& b = *buffer_;
+        bool roomForTwo = !b.insertMode && b.x + 1 <= b.rightBound();
+        batch.contents[0] = roomForTwo ? joined : narrow;
+        batch.count = 1;
+        batch.width = roomForTwo ? 2 : 1;
+        return roomForTwo ? BatchJoin::joined : BatchJoin::unsettled;
     }
+    }
+    return BatchJoin::unsettled;
+}
+
+void Terminal::writeBatch(PrintBatch& batch) {
+    if (batch.count == 0) return;
+    writeContents(batch.contents, batch.count, batch.width);
+    batch.count = 0;
+}
+
+void Terminal::writeContents(const uint32_t* contents, size_t count, int width) {
+    PackedCell base = printBase();
+    size_t written = buffer_->insertContentRun(contents, count, width, base, currentEraseBlankCell);
+    for (; written < count; ++written)
+        buffer_->insertCharacter(PackedCell{base.raw | contents[written]}, width, currentEraseBlankCell);
 }
 
 void Terminal::printScalar(char32_t scalar) {
@@ -190,7 +248,8 @@ void Terminal::printScalar(char32_t scalar, char32_t& previous) {
     }
     int width = printWidth(scalar);
     if (width <= 0) return;
-    writeScalars(&scalar, 1, width);
+    uint32_t content = uint32_t(scalar) << PackedCell::valueShift;
+    writeContents(&content, 1, width);
     previous = previousScalar = scalar;
 }
 

@@ -101,11 +101,30 @@ TEST(TerminalMargins, IndexAndReverseIndexScrollInsideTheMargins) {
     h.terminal.feed("\x1b[4;1H\x1b" "D\n\x1b[1;5H\x1bM");
     EXPECT_EQ(h.screen(), (Rows{"a   e", "fghij", "klmno", "pqrst"}));
     EXPECT_EQ(h.y(), 0);
-    // NEL returns to column 0 unless origin mode is on too.
-    h.terminal.feed("\x1b[2;4H\x1b" "E");
-    EXPECT_EQ(std::pair(h.x(), h.y()), std::pair(0, 2));
-    h.terminal.feed("\x1b[?6h\x1b[2;3H\x1b" "E");
-    EXPECT_EQ(std::pair(h.x(), h.y()), std::pair(1, 2));
+}
+
+TEST(TerminalMargins, NextLineReturnsToTheLeftMarginFromInsideIt) {
+    struct Case {
+        const char* setup;
+        int x, y;
+        const char* why;
+    };
+    for (Case c : std::initializer_list<Case>{
+             {"\x1b[2;4H", 1, 2, "inside the margins: the left margin"},
+             {"\x1b[2;5H", 1, 2, "right of the right margin: still the left margin"},
+             {"\x1b[2;1H", 0, 2, "left of the left margin: column 0"},
+             {"\x1b[?6h\x1b[2;3H", 1, 2, "origin mode changes nothing"},
+             {"\x1b[?69l\x1b[2;4H", 0, 2, "without margins: column 0"},
+         }) {
+        LetteredWithMargins h;
+        h.terminal.feed(std::string(c.setup) + "\x1b" "E");
+        EXPECT_EQ(std::pair(h.x(), h.y()), std::pair(c.x, c.y)) << c.why;
+    }
+    // At the bottom it scrolls like an index: only inside the margins.
+    LetteredWithMargins h;
+    h.terminal.feed("\x1b[4;3H\x1b" "E");
+    EXPECT_EQ(h.screen(), (Rows{"aghie", "flmnj", "kqrso", "p   t"}));
+    EXPECT_EQ(std::pair(h.x(), h.y()), std::pair(1, 3));
 }
 
 TEST(TerminalMargins, CharacterInsertDeleteAndEraseInsideTheMargins) {

@@ -29,6 +29,8 @@ TEST(TerminalStatusReports, ModeRequestsKnowEveryModeTheTerminalTakes) {
              {"\x1b[?1049$p", "\x1b[?1049;2$y"}, {"\x1b[?2026$p", "\x1b[?2026;2$y"},  {"\x1b[?2027$p", "\x1b[?2027;3$y"},
              {"\x1b[?9999$p", "\x1b[?9999;0$y"}, {"\x1b[4$p", "\x1b[4;2$y"},          {"\x1b[20$p", "\x1b[20;2$y"},
              {"\x1b[13$p", "\x1b[13;2$y"},       {"\x1b[10$p", "\x1b[10;4$y"},        {"\x1b[99$p", "\x1b[99;0$y"},
+             // KAM: the keyboard can never be locked, while DECANM is always on.
+             {"\x1b[2$p", "\x1b[2;4$y"},         {"\x1b[2h\x1b[2$p", "\x1b[2;4$y"},
          }) {
         EXPECT_EQ(h.reply(c.request), c.answer) << c.request + 1;
     }
