@@ -1,6 +1,6 @@
 // corvexd under load, through a real daemon: its whole memory while 50 panes flood and one
-// client reads them all; how long another client's ping waits while a search runs; and what
-// an idle pane costs in descriptors, threads and memory, over 500 of them.
+// client reads them all; how long another client's ping waits while a search or a snapshot
+// is made; and what an idle pane costs in descriptors, threads and memory, over 500 of them.
 #include <benchmark/benchmark.h>
 
 #include "Benchmarks/BenchmarkMain.h"
@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -135,39 +137,91 @@ void BM_FloodingPanesOneReader(benchmark::State& state) {
     }
 }
 
-// Another client's ping, sent again and again while one client searches a pane with a full
-// history; the longest wait.
+// Two greeted clients on one daemon, and a pane whose history holds `rows` numbered lines
+// (the scrollback set to keep them all).
+struct HeavyPane {
+    std::unique_ptr<endtoend::Daemon> daemon;
+    std::unique_ptr<CountingClient> heavy, pinger;
+    uint64_t pane = 0;
+};
+
+std::optional<HeavyPane> heavyPane(benchmark::State& state, int rows) {
+    HeavyPane made;
+    made.daemon = servedDaemon(state);
+    if (!made.daemon) return std::nullopt;
+    made.heavy = std::make_unique<CountingClient>(made.daemon->socketPath());
+    made.pinger = std::make_unique<CountingClient>(made.daemon->socketPath());
+    for (auto* client : {made.heavy.get(), made.pinger.get()}) {
+        client->request(1, "hello", {{"protocol", 1}, {"client", "bench"}});
+        client->pump(5s, 1);
+    }
+    made.heavy->request(2, "settings.set", {{"scrollback_lines", 100000}});
+    made.heavy->pump(5s, 2);
+    std::string fill = "seq -f '%g the quick brown fox jumps over the lazy dog' 1 " + std::to_string(rows) + "; echo fil''led; sleep 600";
+    made.heavy->request(3, "workspace.create", {{"command", {"/bin/sh", "-c", fill}}, {"cols", 120}, {"rows", 40}});
+    made.heavy->pump(10s, 3);
+    made.pane = made.heavy->lastReply["result"]["pane"].get<uint64_t>();
+    auto deadline = Clock::now() + 60s;
+    for (uint64_t id = 4; Clock::now() < deadline; ++id) {
+        made.heavy->request(id, "pane.text", {{"pane", made.pane}});
+        made.heavy->pump(10s, id);
+        if (made.heavy->lastReply.dump().find("filled") != std::string::npos) return made;
+        std::this_thread::sleep_for(100ms);
+    }
+    state.SkipWithError("the history never filled");
+    return std::nullopt;
+}
+
+// Another client's ping, sent again and again while `heavy` asks for something large (sent
+// by `ask(round)`, its reply's id returned); the longest and the median wait.
+template <typename Ask>
+void pingWhile(benchmark::State& state, HeavyPane& setup, Ask ask) {
+    std::vector<double> waits;
+    for (int round = 0; round < 5; ++round) {
+        uint64_t asked = ask(round);
+        for (int ping = 0; ping < 20; ++ping) {
+            auto sent = Clock::now();
+            uint64_t pingID = 100 + round * 100 + ping;
+            setup.pinger->request(pingID, "ping", nlohmann::json::object());
+            setup.pinger->pump(10s, pingID);
+            waits.push_back(std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
+        }
+        setup.heavy->pump(30s, asked);
+        setup.heavy->pump(200ms); // what follows the reply, such as a snapshot
+    }
+    std::sort(waits.begin(), waits.end());
+    state.SetIterationTime(1);
+    state.counters["ping_max_ms"] = waits.back();
+    state.counters["ping_median_ms"] = waits[waits.size() / 2];
+}
+
+// A search of a full history: a query of 1 MB (refused, but read and decoded whole first),
+// or one of a few bytes with 10,000 matches.
 void BM_PingDuringSearch(benchmark::State& state) {
     size_t queryBytes = static_cast<size_t>(state.range(0));
     for (auto _ : state) {
-        auto daemon = servedDaemon(state);
-        if (!daemon) return;
-        CountingClient searcher(daemon->socketPath()), pinger(daemon->socketPath());
-        searcher.request(1, "hello", {{"protocol", 1}, {"client", "bench"}});
-        pinger.request(1, "hello", {{"protocol", 1}, {"client", "bench"}});
-        searcher.pump(5s, 1);
-        pinger.pump(5s, 1);
-        searcher.request(2, "workspace.create", {{"command", {"/bin/sh", "-c", "seq 1 200000; sleep 600"}}});
-        searcher.pump(10s, 2);
-        uint64_t pane = searcher.lastReply["result"]["pane"].get<uint64_t>();
-        std::this_thread::sleep_for(3s); // the history fills
-        std::vector<double> waits;
-        for (int round = 0; round < 5; ++round) {
-            searcher.request(10 + round, "pane.search",
-                             {{"pane", pane}, {"query", std::string(queryBytes, '7')}, {"limit", 10000}});
-            for (int ping = 0; ping < 20; ++ping) {
-                auto sent = Clock::now();
-                uint64_t pingID = 100 + round * 100 + ping;
-                pinger.request(pingID, "ping", nlohmann::json::object());
-                pinger.pump(10s, pingID);
-                waits.push_back(std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
-            }
-            searcher.pump(30s, 10 + round);
-        }
-        std::sort(waits.begin(), waits.end());
-        state.SetIterationTime(1);
-        state.counters["ping_max_ms"] = waits.back();
-        state.counters["ping_median_ms"] = waits[waits.size() / 2];
+        auto setup = heavyPane(state, 200000);
+        if (!setup) return;
+        pingWhile(state, *setup, [&](int round) {
+            uint64_t id = 10000 + round;
+            setup->heavy->request(id, "pane.search",
+                                  {{"pane", setup->pane}, {"query", std::string(queryBytes, '7')}, {"limit", 10000}});
+            return id;
+        });
+    }
+}
+
+// A subscribe whose snapshot carries a history of 100,000 rows.
+void BM_PingDuringSnapshot(benchmark::State& state) {
+    for (auto _ : state) {
+        auto setup = heavyPane(state, 120000);
+        if (!setup) return;
+        pingWhile(state, *setup, [&](int round) {
+            uint64_t id = 10000 + 2 * round;
+            setup->heavy->request(id - 1, "pane.unsubscribe", {{"pane", setup->pane}});
+            setup->heavy->request(id, "pane.subscribe", {{"pane", setup->pane}, {"scrollback", 100000}});
+            return id;
+        });
     }
 }
 
@@ -209,6 +263,7 @@ void BM_IdlePanes(benchmark::State& state) {
 BENCHMARK(BM_FloodingPanesOneReader)->Arg(50)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 // A query of 1 MB (refused at once) and one of a few bytes with many matches.
 BENCHMARK(BM_PingDuringSearch)->Arg(1 << 20)->Arg(3)->Iterations(1)->UseManualTime();
+BENCHMARK(BM_PingDuringSnapshot)->Iterations(1)->UseManualTime();
 BENCHMARK(BM_IdlePanes)->Arg(500)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
 int main(int argc, char** argv) { return corvex::bench::runBesideBuild(argc, argv); }

@@ -86,7 +86,7 @@ private:
 };
 
 void BM_PipelineCatIntoCountingTarget(benchmark::State& state) {
-    size_t bytes = 0, deliveries = 0, naps = 0, coalesced = 0, bridges = 0;
+    size_t bytes = 0, deliveries = 0, reads = 0, pauses = 0;
     double cpuBefore = processCpuSeconds();
     for (auto _ : state) {
         auto child = spawnCat();
@@ -101,17 +101,15 @@ void BM_PipelineCatIntoCountingTarget(benchmark::State& state) {
         bytes += lock->withLock([&] { return target->bytes_; });
         deliveries += target->deliveries_;
         auto counters = pipeline->counters();
-        naps += counters.naps;
-        bridges += counters.bridgePolls;
-        coalesced += counters.coalescedPublishes + counters.fullSlotPublishes;
+        reads += counters.reads;
+        pauses += counters.pauses;
     }
     state.SetBytesProcessed(static_cast<int64_t>(bytes));
     double runs = static_cast<double>(state.iterations());
     state.counters["deliveries"] = static_cast<double>(deliveries) / runs;
     state.counters["bytesPerDelivery"] = deliveries ? static_cast<double>(bytes) / static_cast<double>(deliveries) : 0;
-    state.counters["naps"] = static_cast<double>(naps) / runs;
-    state.counters["bridgePolls"] = static_cast<double>(bridges) / runs;
-    state.counters["coalesced"] = static_cast<double>(coalesced) / runs;
+    state.counters["reads"] = static_cast<double>(reads) / runs;
+    state.counters["pauses"] = static_cast<double>(pauses) / runs;
     state.counters["cpuSeconds"] = (processCpuSeconds() - cpuBefore) / runs;
 }
 BENCHMARK(BM_PipelineCatIntoCountingTarget)->Unit(benchmark::kMillisecond)->UseRealTime();

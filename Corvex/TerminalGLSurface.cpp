@@ -6,6 +6,8 @@
 #include <QResizeEvent>
 #include <QSurfaceFormat>
 #include <QTimer>
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -112,6 +114,8 @@ void main() { fragment = vec4(color.rgb * color.a, color.a); }
 TerminalGLSurface::TerminalGLSurface(QWidget* view, std::function<TerminalSurfaceFrame()> source)
     : QOpenGLWidget(view), source_(std::move(source)) {
     setFormat(surfaceFormat());
+    // The framebuffer keeps the last frame, so that a frame need draw only the rows it changes.
+    setUpdateBehavior(QOpenGLWidget::PartialUpdate);
     setAttribute(Qt::WA_TransparentForMouseEvents);
     // Opaque, so that a frame here never asks the view beneath to paint.
     setAttribute(Qt::WA_OpaquePaintEvent);
@@ -278,6 +282,26 @@ void TerminalGLSurface::initializeGL() {
         glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
     }
     ready_ = true;
+    framebufferHoldsFrame_ = false;
+}
+
+// A new framebuffer holds nothing worth keeping.
+void TerminalGLSurface::resizeGL(int, int) { framebufferHoldsFrame_ = false; }
+
+bool TerminalGLSurface::clipToDamage(const vellum::FrameDamage& damage) {
+    glDisable(GL_SCISSOR_TEST);
+    if (!framebufferHoldsFrame_ || damage.full) return true;
+    if (damage.none()) return false;
+    // Records are in widget pixels; the scissor is in framebuffer pixels, counted from the bottom.
+    double scale = devicePixelRatioF();
+    int framebufferHeight = int(std::lround(height() * scale));
+    int top = std::clamp(int(std::floor(damage.top * scale)), 0, framebufferHeight);
+    int bottom = std::clamp(int(std::ceil(damage.bottom * scale)), 0, framebufferHeight);
+    if (bottom <= top) return false;
+    glEnable(GL_SCISSOR_TEST);
+    glScissor(0, framebufferHeight - bottom, int(std::lround(width() * scale)), bottom - top);
+    ++partialFrames_;
+    return true;
 }
 
 void TerminalGLSurface::uploadAtlas(vellum::GlyphAtlas& atlas, GLuint texture) {
@@ -352,8 +376,10 @@ void TerminalGLSurface::paintGL() {
     if (onPaintStarted) onPaintStarted();
     TerminalSurfaceFrame frame = source_ ? source_() : TerminalSurfaceFrame{};
     if (!frame.snapshot) {
+        glDisable(GL_SCISSOR_TEST);
         glClearColor(0, 0, 0, 1);
         glClear(GL_COLOR_BUFFER_BIT);
+        framebufferHoldsFrame_ = false;
         return;
     }
     try {
@@ -367,6 +393,10 @@ void TerminalGLSurface::paintGL() {
     uploadAtlas(builder_->atlas(vellum::GlyphAtlasKind::grayscale), grayAtlas_);
     uploadAtlas(builder_->atlas(vellum::GlyphAtlasKind::color), colorAtlas_);
 
+    if (!clipToDamage(draw.damage)) {
+        ++framesDrawn_;
+        return;
+    }
     glClearColor(draw.clearColor.r, draw.clearColor.g, draw.clearColor.b, 1);
     glClear(GL_COLOR_BUFFER_BIT);
     glEnable(GL_BLEND);
@@ -382,6 +412,8 @@ void TerminalGLSurface::paintGL() {
     drawVertices(textGrayProgram_, draw.cursorGlyphVerticesGray, grayAtlas_, true);
     drawVertices(textProgram_, draw.cursorGlyphVerticesColor, colorAtlas_, true);
     glBindVertexArray(0);
+    glDisable(GL_SCISSOR_TEST);
+    framebufferHoldsFrame_ = true;
     ++framesDrawn_;
 }
 

@@ -42,10 +42,13 @@ public:
     std::function<void()> onPaintStarted;
 
     uint64_t framesDrawn() const { return framesDrawn_; }
+    // Frames that drew only a band of changed rows over the last frame's pixels.
+    uint64_t partialFrames() const { return partialFrames_; }
     const vellum::FrameBuildCounters* buildCounters() const;
 
 protected:
     void initializeGL() override;
+    void resizeGL(int width, int height) override;
     void paintGL() override;
     bool eventFilter(QObject* watched, QEvent* event) override;
 
@@ -55,6 +58,9 @@ private:
         GLsizeiptr capacity = 0;
     };
     void fail(const QString& reason);
+    // Limits drawing to the damaged band when the framebuffer still holds the last frame; false
+    // when nothing needs drawing at all.
+    bool clipToDamage(const vellum::FrameDamage& damage);
     bool buildPrograms(QString* error);
     void uploadAtlas(vellum::GlyphAtlas& atlas, GLuint texture);
     template <typename Record>
@@ -72,7 +78,8 @@ private:
     GLsizeiptr vertexCapacity_ = 0;
     GLuint grayAtlas_ = 0, colorAtlas_ = 0;
     std::array<Layer, 5> layers_{};
-    uint64_t framesDrawn_ = 0;
+    uint64_t framesDrawn_ = 0, partialFrames_ = 0;
+    bool framebufferHoldsFrame_ = false;
 };
 
 } // namespace corvex

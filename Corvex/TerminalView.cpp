@@ -335,6 +335,20 @@ std::string TerminalView::screenText() const {
     return out;
 }
 
+std::string TerminalView::shownText() const {
+    std::string out;
+    const auto& rows = snapshot_.rows();
+    for (size_t y = 0; y < rows.size(); ++y) {
+        if (y) out += '\n';
+        if (!rows[y].row.cells) continue;
+        for (const auto& cell : *rows[y].row.cells) {
+            if (cell.widthState == vellum::RenderSnapshotWidthState::narrow && cell.text.empty()) out += ' ';
+            else out += cell.text;
+        }
+    }
+    return out;
+}
+
 int TerminalView::cols() const { return terminal_->cols(); }
 int TerminalView::rows() const { return terminal_->rows(); }
 

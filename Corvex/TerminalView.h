@@ -58,6 +58,8 @@ public:
     TerminalColors colors() const;
     // The rows shown, as text, for tests.
     std::string screenText() const;
+    // The rows as the last frame took them, which may lag the terminal by a frame.
+    std::string shownText() const;
     int cols() const;
     int rows() const;
 

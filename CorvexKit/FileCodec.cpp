@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "CorvexKit/FilePathText.h"
+
 namespace corvex {
 
 using nlohmann::json;
@@ -66,9 +68,10 @@ json parseText(std::string_view text) {
 } // namespace
 
 json toJSON(const FileEntry& value) {
+    // Bytes that aren't text are shown readable, and the path travels exact beside them.
     json object{
-        {"name", value.name},
-        {"path", value.path},
+        {"name", readablePath(value.name)},
+        {"path", readablePath(value.path)},
         {"type", wireName(value.type)},
         {"link", value.link},
         {"size", value.size},
@@ -77,8 +80,9 @@ json toJSON(const FileEntry& value) {
         {"mode", value.mode},
         {"hidden", value.hidden},
     };
-    if (value.target) object["target"] = *value.target;
-    if (value.pathRaw) object["path_raw"] = *value.pathRaw;
+    if (value.target) object["target"] = readablePath(*value.target);
+    if (std::optional<std::string> raw = value.pathRaw ? value.pathRaw : rawPathText(value.path))
+        object["path_raw"] = *raw;
     if (value.text) object["text"] = *value.text;
     return object;
 }
@@ -87,7 +91,8 @@ json toJSON(const FileListing& value) {
     json entries = json::array();
     for (const FileEntry& entry : value.entries) entries.push_back(toJSON(entry));
     json object{{"dir", toJSON(value.dir)}, {"entries", std::move(entries)}};
-    if (value.next) object["next"] = *value.next;
+    if (value.next) object["next"] = readablePath(*value.next);
+    if (std::optional<std::string> raw = value.next ? rawPathText(*value.next) : std::nullopt) object["next_raw"] = *raw;
     return object;
 }
 
@@ -109,6 +114,11 @@ FileEntry decodeJSON<FileEntry>(const json& object) {
     entry.mode = requiredInt(object, "mode");
     entry.hidden = requiredBool(object, "hidden");
     entry.pathRaw = optionalValue<std::string>(object, "path_raw", &json::is_string);
+    // Such an entry is reached by its exact bytes, and named by them.
+    if (std::optional<std::string> bytes = entry.pathRaw ? pathFromRawText(*entry.pathRaw) : std::nullopt) {
+        entry.path = *bytes;
+        if (entry.name != "/") entry.name = bytes->substr(bytes->find_last_of('/') + 1);
+    }
     entry.text = optionalValue<bool>(object, "text", &json::is_boolean);
     return entry;
 }
@@ -122,6 +132,8 @@ FileListing decodeJSON<FileListing>(const json& object) {
     listing.entries.reserve(entries.size());
     for (const json& entry : entries) listing.entries.push_back(decodeJSON<FileEntry>(entry));
     listing.next = optionalValue<std::string>(object, "next", &json::is_string);
+    if (auto raw = optionalValue<std::string>(object, "next_raw", &json::is_string))
+        if (std::optional<std::string> bytes = pathFromRawText(*raw)) listing.next = *bytes;
     return listing;
 }
 

@@ -120,6 +120,22 @@ bool isRegularFile(const std::string& path, uint64_t& size) {
     return true;
 }
 
+// Nanoseconds since 1970 in decimal, as a file time; anything else is a bad request.
+struct timespec modificationTime(const std::string& value) {
+    std::optional<int64_t> nanoseconds = parseSignedDecimal(value);
+    if (!nanoseconds) throw fileError(FileErrorCode::badRequest, "bad mtime_ns " + value);
+    int64_t seconds = *nanoseconds / nanosecondsPerSecond;
+    int64_t remainder = *nanoseconds % nanosecondsPerSecond;
+    if (remainder < 0) {
+        seconds -= 1;
+        remainder += nanosecondsPerSecond;
+    }
+    return {static_cast<time_t>(seconds), static_cast<long>(remainder)};
+}
+
+// Too small to be worth resuming: it travels in one piece or a few.
+bool isSmall(const FileWriteOptions& options) { return options.size && *options.size < (1u << 20); }
+
 std::optional<FileEntry> entryIfAny(const std::string& path) {
     try {
         return FileService::entry(path);
@@ -177,20 +193,20 @@ void StagedWrite::abandon() {
     done_ = true;
     closeFile();
     if (!options_.uploadID) ::unlink(stagingPath_.c_str());
+    else if (sideFileDeferred_) writeSideFileAtomically(FileService::sideFileName(stagingPath_), *options_.source);
 }
 
 FileEntry StagedWrite::finish() {
     if (done_) throw fileError(FileErrorCode::ioError, target_ + ": the write has ended");
-    // A big file's data reaches the disk before its name does; the sync costs little beside
-    // writing it, and the write-behind above has done most of it. A small file is left to the
-    // file system's own commit: a sync each costs milliseconds, which would make a tree of
-    // small files many times slower than cp, which syncs nothing.
-    if (total_ >= syncedSize && ::fdatasync(fd_) != 0) {
+    // Every file's data reaches the disk before its name does, or a crash could leave a whole
+    // name over an empty file. For a big file the write-behind above has done most of it. Small
+    // files are copied many at once, each finishing on its own thread, so their syncs wait on
+    // the same journal commit rather than one commit each.
+    if (::fdatasync(fd_) != 0) {
         int error = errno;
         abandon();
         throw FileService::posixError(target_, error);
     }
-    closeFile();
     // From here on the staging file is whole and stays on failure, for a later look.
     done_ = true;
     if (options_.size && *options_.size != total_)
@@ -202,13 +218,18 @@ FileEntry StagedWrite::finish() {
             throw fileError(FileErrorCode::conflict, target_ + " changed while it was being written");
     }
     std::optional<int> mode = options_.mode ? options_.mode : existing_ ? std::optional(existing_->mode) : std::nullopt;
-    if (mode) (void)::chmod(stagingPath_.c_str(), static_cast<mode_t>(*mode));
-    if (options_.mtimeNs) FileService::setMtime(stagingPath_, *options_.mtimeNs);
+    // Through the open descriptor: no path to look up again for each small file.
+    if (mode) (void)::fchmod(fd_, static_cast<mode_t>(*mode));
+    if (options_.mtimeNs) {
+        struct timespec times[2] = {{0, UTIME_OMIT}, modificationTime(*options_.mtimeNs)};
+        if (::futimens(fd_, times) != 0) throw FileService::posixError(stagingPath_, errno);
+    }
+    closeFile();
     int placed = options_.overwrite
                      ? ::rename(stagingPath_.c_str(), target_.c_str())
                      : ::renameat2(AT_FDCWD, stagingPath_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE);
     if (placed != 0) throw FileService::posixError(target_, errno);
-    ::unlink(FileService::sideFileName(stagingPath_).c_str());
+    if (options_.uploadID && !sideFileDeferred_) ::unlink(FileService::sideFileName(stagingPath_).c_str());
     return FileService::entry(target_);
 }
 
@@ -259,15 +280,7 @@ BackendError FileService::translate(const std::exception_ptr& error, const std::
 }
 
 void FileService::setMtime(const std::string& path, const std::string& value) {
-    std::optional<int64_t> nanoseconds = parseSignedDecimal(value);
-    if (!nanoseconds) throw fileError(FileErrorCode::badRequest, "bad mtime_ns " + value);
-    int64_t seconds = *nanoseconds / nanosecondsPerSecond;
-    int64_t remainder = *nanoseconds % nanosecondsPerSecond;
-    if (remainder < 0) {
-        seconds -= 1;
-        remainder += nanosecondsPerSecond;
-    }
-    struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(seconds), static_cast<long>(remainder)}};
+    struct timespec times[2] = {{0, UTIME_OMIT}, modificationTime(value)};
     if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) throw posixError(path, errno);
 }
 
@@ -436,14 +449,16 @@ std::string FileService::sideFileName(const std::string& stagingName) { return s
 
 std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, const FileWriteOptions& options) {
     std::string target = resolve(path);
-    if (std::optional<FileEntry> found = entryIfAny(target); found && found->link) {
+    std::optional<FileEntry> existing = entryIfAny(target);
+    if (existing && existing->link) {
         struct stat resolved {};
-        if (!found->target || ::stat(target.c_str(), &resolved) != 0)
+        if (!existing->target || ::stat(target.c_str(), &resolved) != 0)
             throw fileError(FileErrorCode::notFound, target + " is a dangling link");
         // The file behind the link is replaced; the link itself stays a link.
-        target = found->target->starts_with("/") ? *found->target : filePath(parentDirectory(target), *found->target);
+        target = existing->target->starts_with("/") ? *existing->target
+                                                    : filePath(parentDirectory(target), *existing->target);
+        existing = entryIfAny(target);
     }
-    std::optional<FileEntry> existing = entryIfAny(target);
     if (existing && existing->isDirectory()) throw fileError(FileErrorCode::isADirectory, target + " is a directory");
     if (existing && !options.overwrite) throw fileError(FileErrorCode::exists, target + " already exists");
 
@@ -463,7 +478,11 @@ std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, co
         }
         if (!resumeAt) {
             ::unlink(staging.c_str());
-            if (options.source) writeSideFileAtomically(sideFile, *options.source);
+            // A small file's fingerprint is only written should the write break: a tree of
+            // small files then costs no extra file per file. A crash before that leaves a
+            // staging file without one, which the next attempt starts again, as it must.
+            if (options.source && isSmall(options)) ::unlink(sideFile.c_str());
+            else if (options.source) writeSideFileAtomically(sideFile, *options.source);
         }
     } else {
         ::unlink(staging.c_str());
@@ -476,8 +495,10 @@ std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, co
         if (!options.uploadID) ::unlink(staging.c_str());
         throw posixError(staging, error);
     }
-    return std::unique_ptr<StagedWrite>(
+    auto staged = std::unique_ptr<StagedWrite>(
         new StagedWrite(target, staging, options, std::move(existing), fd, resumeAt.value_or(0)));
+    staged->sideFileDeferred_ = options.uploadID && options.source && !resumeAt && isSmall(options);
+    return staged;
 }
 
 } // namespace corvex

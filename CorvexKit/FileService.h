@@ -49,8 +49,8 @@ private:
     uint64_t total_ = 0;
     uint64_t flushed_ = 0; // handed to the disk so far
     bool done_ = false;
+    bool sideFileDeferred_ = false; // the source's fingerprint is written only if the write breaks
     static constexpr uint64_t writeBehind = 8u << 20;
-    static constexpr uint64_t syncedSize = 1u << 20;
 };
 
 // A read, opened and checked: the entry as found and a reader positioned at the offset.

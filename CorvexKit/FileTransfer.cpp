@@ -3,6 +3,7 @@
 #include <atomic>
 #include <charconv>
 #include <chrono>
+#include <condition_variable>
 #include <thread>
 
 namespace corvex {
@@ -138,29 +139,53 @@ void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
     platform::CancellationToken group;
     cancel.onCancel([group] { group.cancel(); });
     std::atomic<size_t> next{0};
-    std::mutex failureLock;
-    std::exception_ptr failure;
+    // Shared with the cancel handler, which may run after this call has returned.
+    struct Slots {
+        std::mutex lock;
+        std::condition_variable freed;
+        int bigInFlight = 0;
+        std::exception_ptr failure;
+    };
+    auto slots = std::make_shared<Slots>();
+    group.onCancel([slots] {
+        std::lock_guard guard(slots->lock);
+        slots->freed.notify_all();
+    });
 
     auto work = [&] {
         for (size_t index = next++; index < files.size() && !group.isCancelled(); index = next++) {
+            const bool big = files[index].entry.size > smallFileSize;
+            if (big) {
+                std::unique_lock guard(slots->lock);
+                slots->freed.wait(guard, [&] { return slots->bigInFlight < maxStreams || group.isCancelled(); });
+                if (group.isCancelled()) return;
+                ++slots->bigInFlight;
+            }
             try {
                 copyFile(files[index], conflict, group);
             } catch (...) {
                 {
-                    std::lock_guard guard(failureLock);
-                    if (!failure) failure = std::current_exception();
+                    std::lock_guard guard(slots->lock);
+                    if (!slots->failure) slots->failure = std::current_exception();
                 }
                 group.cancel();
             }
+            if (big) {
+                std::lock_guard guard(slots->lock);
+                --slots->bigInFlight;
+                slots->freed.notify_one();
+            }
         }
     };
-    size_t workers = std::min(files.size(), static_cast<size_t>(maxStreams));
+    // Small files wait on round trips more than on bytes, so more of them go at once; big
+    // ones keep to maxStreams, which is what bounds the memory of a copy.
+    size_t workers = std::min(files.size(), static_cast<size_t>(std::max(maxStreams, smallFileStreams)));
     std::vector<std::thread> threads;
     threads.reserve(workers - 1);
     for (size_t count = 1; count < workers; ++count) threads.emplace_back(work);
     work();
     for (std::thread& thread : threads) thread.join();
-    if (failure) std::rethrow_exception(failure);
+    if (slots->failure) std::rethrow_exception(slots->failure);
 }
 
 void FileTransfer::copyFile(const Item& item, Conflict conflict, const platform::CancellationToken& cancel) {

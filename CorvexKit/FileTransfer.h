@@ -39,6 +39,10 @@ public:
     FileTransfer(std::shared_ptr<FileBackend> source, std::shared_ptr<FileBackend> destination);
 
     int maxStreams = 4; // files in flight at once
+    // Files of at most smallFileSize bytes in flight at once, when more than maxStreams: a
+    // tree of small files is bound by round trips, not by bytes or memory.
+    int smallFileStreams = 0;
+    uint64_t smallFileSize = 1u << 20;
     std::optional<int> chunk;
     std::optional<int> window;
     std::vector<double> retryDelays{2, 5, 10, 20, 30}; // seconds before each further attempt

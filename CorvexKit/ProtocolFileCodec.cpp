@@ -2,6 +2,8 @@
 
 #include "CorvexKit/ProtocolJSON.h"
 
+#include "CorvexKit/FilePathText.h"
+
 #include <limits>
 
 namespace corvex::protocol {
@@ -59,8 +61,28 @@ T required(std::optional<T> value, const char* key) {
     return *value;
 }
 
+// A path that isn't valid text comes exact under "KEY_raw", beside its readable form.
 std::string requiredPath(const json& params, const char* key = "path") {
+    std::string rawKey = std::string(key) + "_raw";
+    if (std::optional<std::string> raw = optionalString(params, rawKey.c_str())) {
+        if (std::optional<std::string> bytes = pathFromRawText(*raw)) return *bytes;
+        wrong(rawKey.c_str(), "a path with %XX escapes");
+    }
     return required(optionalString(params, key), key);
+}
+
+// Adds the exact form of each path param that isn't valid text.
+json withRawPaths(json out) {
+    for (const char* key : {"path", "from", "to", "cursor"}) {
+        auto found = out.find(key);
+        if (found == out.end() || !found->is_string()) continue;
+        const std::string bytes = found->get<std::string>();
+        if (std::optional<std::string> raw = rawPathText(bytes)) {
+            *found = readablePath(bytes);
+            out[std::string(key) + "_raw"] = *raw;
+        }
+    }
+    return out;
 }
 
 template <typename T>
@@ -70,23 +92,23 @@ void putOptional(json& out, const char* key, const std::optional<T>& value) {
 
 } // namespace
 
-json encodeParams(const FsStat& c) { return json{{"path", c.path}}; }
+json encodeParams(const FsStat& c) { return withRawPaths(json{{"path", c.path}}); }
 void decodeParams(const json& j, FsStat& c) { c.path = requiredPath(j); }
 
 json encodeParams(const FsList& c) {
     json out{{"path", c.path}, {"hidden", c.hidden}};
     putOptional(out, "limit", c.limit);
     putOptional(out, "cursor", c.cursor);
-    return out;
+    return withRawPaths(std::move(out));
 }
 void decodeParams(const json& j, FsList& c) {
     c.path = requiredPath(j);
     c.hidden = optionalBool(j, "hidden").value_or(false);
     c.limit = optionalInt(j, "limit");
-    c.cursor = optionalString(j, "cursor");
+    if (find(j, "cursor") || find(j, "cursor_raw")) c.cursor = requiredPath(j, "cursor");
 }
 
-json encodeParams(const FsMkdir& c) { return json{{"path", c.path}, {"parents", c.parents}}; }
+json encodeParams(const FsMkdir& c) { return withRawPaths(json{{"path", c.path}, {"parents", c.parents}}); }
 void decodeParams(const json& j, FsMkdir& c) {
     c.path = requiredPath(j);
     c.parents = optionalBool(j, "parents").value_or(false);
@@ -96,7 +118,7 @@ json encodeParams(const FsSetattr& c) {
     json out{{"path", c.path}};
     putOptional(out, "mtime_ns", c.mtimeNs);
     putOptional(out, "mode", c.mode);
-    return out;
+    return withRawPaths(std::move(out));
 }
 void decodeParams(const json& j, FsSetattr& c) {
     c.path = requiredPath(j);
@@ -104,20 +126,22 @@ void decodeParams(const json& j, FsSetattr& c) {
     c.mode = optionalInt(j, "mode");
 }
 
-json encodeParams(const FsRename& c) { return json{{"from", c.from}, {"to", c.to}, {"overwrite", c.overwrite}}; }
+json encodeParams(const FsRename& c) {
+    return withRawPaths(json{{"from", c.from}, {"to", c.to}, {"overwrite", c.overwrite}});
+}
 void decodeParams(const json& j, FsRename& c) {
     c.from = requiredPath(j, "from");
     c.to = requiredPath(j, "to");
     c.overwrite = optionalBool(j, "overwrite").value_or(false);
 }
 
-json encodeParams(const FsRemove& c) { return json{{"path", c.path}, {"recursive", c.recursive}}; }
+json encodeParams(const FsRemove& c) { return withRawPaths(json{{"path", c.path}, {"recursive", c.recursive}}); }
 void decodeParams(const json& j, FsRemove& c) {
     c.path = requiredPath(j);
     c.recursive = optionalBool(j, "recursive").value_or(false);
 }
 
-json encodeParams(const FsStatfs& c) { return json{{"path", c.path}}; }
+json encodeParams(const FsStatfs& c) { return withRawPaths(json{{"path", c.path}}); }
 void decodeParams(const json& j, FsStatfs& c) { c.path = requiredPath(j); }
 
 json encodeParams(const FsRead& c) {
@@ -126,7 +150,7 @@ json encodeParams(const FsRead& c) {
     putOptional(out, "length", o.length);
     putOptional(out, "expect_size", o.expectSize);
     putOptional(out, "expect_mtime_ns", o.expectMtimeNs);
-    return out;
+    return withRawPaths(std::move(out));
 }
 void decodeParams(const json& j, FsRead& c) {
     FileReadOptions& o = c.options;
@@ -148,7 +172,7 @@ json encodeParams(const FsWrite& c) {
     putOptional(out, "mtime_ns", o.mtimeNs);
     putOptional(out, "upload_id", o.uploadID);
     putOptional(out, "source", o.source);
-    return out;
+    return withRawPaths(std::move(out));
 }
 void decodeParams(const json& j, FsWrite& c) {
     FileWriteOptions& o = c.options;

@@ -51,13 +51,13 @@ std::optional<std::string> reportedDirectory(std::string_view report) {
 
 // The pane's program on a headless terminal, which watches the output for a title, a directory,
 // bells and clipboard texts.
-// The output is parsed on the process's parse thread, then handed to the core.
+// The output is parsed on the shared parse threads, then handed to the core.
 class LocalPane : public vellum::HeadlessTerminal, public PaneProcess {
 public:
     LocalPane(PaneProcessEvents events, Size size, int scrollbackLines)
         : HeadlessTerminal(terminalOptions(size, scrollbackLines)), events_(std::move(events)) {}
 
-    bool start(const PaneLaunch& launch, PaneProgramSource* source) {
+    bool start(const PaneLaunch& launch, PaneProgramSource* source, std::shared_ptr<platform::SerialQueue> reports) {
         auto terminated = events_.terminated;
         if (source) {
             auto held = launch.resume ? source->take(launch.pane) : source->start(launch);
@@ -68,7 +68,7 @@ public:
                 if (terminated) terminated(code);
             };
         }
-        attachProcess({.queue = std::make_shared<platform::SerialQueue>("corvex.pane." + std::to_string(launch.pane)),
+        attachProcess({.queue = std::move(reports),
                        .directDelivery = true,
                        .onLaunchFailure = nullptr,
                        .onEnd = [terminated](std::optional<int32_t> code) {
@@ -170,9 +170,12 @@ private:
 
 } // namespace
 
+LocalPaneHost::LocalPaneHost(std::shared_ptr<PaneProgramSource> source)
+    : source_(std::move(source)), reports_(std::make_shared<platform::SerialQueue>("corvex.pane-reports")) {}
+
 std::shared_ptr<PaneProcess> LocalPaneHost::spawn(const PaneLaunch& launch, PaneProcessEvents events) {
     auto pane = std::make_shared<LocalPane>(std::move(events), launch.size, launch.scrollbackLines);
-    if (!pane->start(launch, source_.get())) return nullptr;
+    if (!pane->start(launch, source_.get(), reports_)) return nullptr;
     return pane;
 }
 

@@ -6,6 +6,10 @@
 
 #include "CorvexSession/SessionCore.h"
 
+namespace platform {
+class SerialQueue;
+}
+
 namespace corvex {
 
 // A program running on a pseudo-terminal that another process started and is parent of: its
@@ -33,11 +37,13 @@ public:
 // process starts them and they end with it; with one, the source holds them.
 class LocalPaneHost : public PaneHost {
 public:
-    explicit LocalPaneHost(std::shared_ptr<PaneProgramSource> source = nullptr) : source_(std::move(source)) {}
+    explicit LocalPaneHost(std::shared_ptr<PaneProgramSource> source = nullptr);
     std::shared_ptr<PaneProcess> spawn(const PaneLaunch& launch, PaneProcessEvents events) override;
 
 private:
     std::shared_ptr<PaneProgramSource> source_;
+    // Where every pane's end is told: one thread for all panes, not one each.
+    std::shared_ptr<platform::SerialQueue> reports_;
 };
 
 } // namespace corvex

@@ -236,42 +236,121 @@ private:
 
 bool before(const CellPosition& a, const CellPosition& b) { return a.line < b.line || (a.line == b.line && a.col < b.col); }
 
+// Rows are read under the terminal's lock a slice at a time, so the pane's output goes on
+// between slices; the lock is held for about this many rows.
+constexpr int sliceRows = 512;
+
+// Logical lines read under the lock, newest first, each row's text with them.
+struct Slice {
+    struct Line {
+        LogicalLine line;
+        int firstRow = 0;
+        std::vector<std::string> rowTexts; // from firstRow down
+    };
+    std::vector<Line> lines;
+};
+
+// Follows the rows already searched while the terminal moves on between slices: the oldest
+// of them, found again by its identity, says how far the history has scrolled meanwhile.
+class RowAnchor {
+public:
+    void set(vellum::Buffer& buffer, int row) {
+        vellum::BufferLine& line = buffer.lines[row];
+        identity_ = line.renderIdentity;
+        generation_ = line.recycleGeneration;
+        row_ = row;
+    }
+    // Where the anchor row is now, or absent when it has gone (cleared, recycled, another
+    // screen shown): nothing older than it is left to search then.
+    std::optional<int> find(vellum::Buffer& buffer) const {
+        for (int row = std::min(row_, buffer.lines.count() - 1); row >= 0; --row) {
+            vellum::BufferLine& line = buffer.lines[row];
+            if (line.renderIdentity == identity_ && line.recycleGeneration == generation_) return row;
+        }
+        return std::nullopt;
+    }
+    int row() const { return row_; }
+
+private:
+    vellum::BufferLine::RenderIdentity identity_;
+    uint64_t generation_ = 0;
+    int row_ = 0;
+};
+
+// Reads logical lines upwards from `end` until about a slice of rows is taken.
+Slice readSlice(vellum::Buffer& buffer, int end) {
+    Slice slice;
+    int taken = 0;
+    while (end > 0 && taken < sliceRows) {
+        int first = end - 1;
+        while (first > 0 && buffer.lines[first].isWrapped()) --first;
+        Slice::Line line{logicalLine(buffer, first, end), first, {}};
+        for (int row = first; row < end; ++row) line.rowTexts.push_back(buffer.lines[row].translateToString(true, 0, -1, true));
+        slice.lines.push_back(std::move(line));
+        taken += end - first;
+        end = first;
+    }
+    return slice;
+}
+
 } // namespace
 
-corvex::PaneSearchResult searchTerminal(vellum::Terminal& terminal, const std::string& query,
+corvex::PaneSearchResult searchTerminal(const TerminalAccess& access, const std::string& query,
                                         const corvex::PaneSearchOptions& options) {
     Matcher matcher(query, options);
     int limit = std::clamp(options.limit.value_or(defaultSearchLimit), 1, maximumSearchLimit);
-    vellum::Buffer& buffer = terminal.buffer();
     corvex::PaneSearchResult result;
-    result.cols = terminal.cols();
-    result.rows = terminal.rows();
-    result.history = buffer.yBase;
-
-    // Newest first: lines from the bottom up, and each line's matches from its end.
-    int end = buffer.lines.count();
-    while (end > 0) {
-        int first = end - 1;
-        while (first > 0 && buffer.lines[first].isWrapped()) --first;
-        LogicalLine line = logicalLine(buffer, first, end);
-        auto found = matcher.find(line.text);
-        for (auto match = found.rbegin(); match != found.rend(); ++match) {
-            const CellAt& start = cellHolding(line, match->first);
-            const CellAt& last = cellHolding(line, match->second - 1);
-            CellPosition startAt{start.row, start.col};
-            if (options.before && !before(startAt, *options.before)) continue;
-            if (int(result.matches.size()) == limit) {
-                result.next = result.matches.back().start;
-                return result;
+    // Positions are those of the first slice's moment: rows the history has scrolled up by
+    // since then are counted back down by `shift`.
+    int end = 0, shift = 0;
+    bool first = true, finished = false;
+    RowAnchor anchor;
+    while (!finished) {
+        Slice slice;
+        access([&](vellum::Terminal& terminal) {
+            vellum::Buffer& buffer = terminal.buffer();
+            if (first) {
+                result.cols = terminal.cols();
+                result.rows = terminal.rows();
+                result.history = buffer.yBase;
+                end = buffer.lines.count();
+                first = false;
+            } else {
+                auto found = anchor.find(buffer);
+                if (!found) {
+                    finished = true;
+                    return;
+                }
+                shift += anchor.row() - *found;
+                end = *found;
             }
-            PaneSearchMatch out;
-            out.start = startAt;
-            out.end = CellPosition{last.row, last.col + last.width};
-            out.text = line.text.substr(match->first, match->second - match->first);
-            out.lineText = buffer.lines[start.row].translateToString(true, 0, -1, true);
-            result.matches.push_back(std::move(out));
+            slice = readSlice(buffer, end);
+            if (!slice.lines.empty()) {
+                end = slice.lines.back().firstRow;
+                anchor.set(buffer, end);
+            }
+            finished = end == 0;
+        });
+        // Newest first: lines from the bottom up, and each line's matches from its end.
+        for (const auto& [line, firstRow, rowTexts] : slice.lines) {
+            auto found = matcher.find(line.text);
+            for (auto match = found.rbegin(); match != found.rend(); ++match) {
+                const CellAt& start = cellHolding(line, match->first);
+                const CellAt& last = cellHolding(line, match->second - 1);
+                CellPosition startAt{start.row + shift, start.col};
+                if (options.before && !before(startAt, *options.before)) continue;
+                if (int(result.matches.size()) == limit) {
+                    result.next = result.matches.back().start;
+                    return result;
+                }
+                PaneSearchMatch out;
+                out.start = startAt;
+                out.end = CellPosition{last.row + shift, last.col + last.width};
+                out.text = line.text.substr(match->first, match->second - match->first);
+                out.lineText = rowTexts[size_t(start.row - firstRow)];
+                result.matches.push_back(std::move(out));
+            }
         }
-        end = first;
     }
     return result;
 }

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "CorvexKit/SessionBackend.h"
@@ -29,8 +30,13 @@ inline constexpr uint64_t maximumPatternCost = 16384;
 // older page starts (pass it as `before`). A regular expression is POSIX extended, read as
 // UTF-8, and ignoring case folds every letter. A pattern that doesn't compile, one with
 // back-references (whose matching is exponential) or too costly, a query that is empty or too
-// long, raise "bad_request". Call it while nothing feeds the terminal.
-corvex::PaneSearchResult searchTerminal(vellum::Terminal& terminal, const std::string& query,
+// long, raise "bad_request".
+// The terminal is read through `access`, which runs a visit with the terminal's lock held; it
+// is called once for each slice of rows, so output goes on being parsed during a long search.
+// Positions are those of the terminal as the first slice found it, rows that have scrolled
+// further up since counted back; what has left the history meanwhile is not searched.
+using TerminalAccess = std::function<void(const std::function<void(vellum::Terminal&)>& visit)>;
+corvex::PaneSearchResult searchTerminal(const TerminalAccess& access, const std::string& query,
                                         const corvex::PaneSearchOptions& options);
 
 } // namespace corvex

@@ -61,11 +61,15 @@ PaneText SessionCore::paneText(uint64_t pane) {
 }
 
 PaneSearchResult SessionCore::searchPane(uint64_t pane, const std::string& query, const PaneSearchOptions& options) {
-    PaneSearchResult result;
-    withPaneTerminal(pane, [&](vellum::Terminal& terminal, uint64_t parsed) {
-        result = searchTerminal(terminal, query, options);
-        result.seq = parsed;
-    });
+    std::optional<uint64_t> begun; // the position of the first slice's screen
+    auto access = [&](const std::function<void(vellum::Terminal&)>& visit) {
+        withPaneTerminal(pane, [&](vellum::Terminal& terminal, uint64_t parsed) {
+            if (!begun) begun = parsed;
+            visit(terminal);
+        });
+    };
+    PaneSearchResult result = searchTerminal(access, query, options);
+    result.seq = begun.value_or(0);
     return result;
 }
 

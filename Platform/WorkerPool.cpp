@@ -4,7 +4,8 @@
 
 namespace platform {
 
-WorkerPool::WorkerPool(size_t maxThreads) : maxThreads_(maxThreads == 0 ? 1 : maxThreads) {}
+WorkerPool::WorkerPool(size_t maxThreads, std::string label)
+    : maxThreads_(maxThreads == 0 ? 1 : maxThreads), label_(std::move(label)) {}
 
 WorkerPool::~WorkerPool() {
     {
@@ -38,7 +39,7 @@ void WorkerPool::waitIdle() {
 }
 
 void WorkerPool::run() {
-    setCurrentThreadName("corvex.worker");
+    setCurrentThreadName(label_);
     std::unique_lock guard(mutex_);
     for (;;) {
         ready_.wait(guard, [&] { return stopping_ || !work_.empty(); });

@@ -4,6 +4,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -13,7 +14,7 @@ namespace platform {
 // Work may block; the pool grows up to its limit when every thread is busy.
 class WorkerPool {
 public:
-    explicit WorkerPool(size_t maxThreads = 16);
+    explicit WorkerPool(size_t maxThreads = 16, std::string label = "corvex.worker");
     ~WorkerPool();
 
     WorkerPool(const WorkerPool&) = delete;
@@ -30,6 +31,7 @@ private:
     void run();
 
     size_t maxThreads_;
+    std::string label_;
     std::mutex mutex_;
     std::condition_variable ready_;
     std::condition_variable idle_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -23,11 +24,13 @@ struct alignas(16) Float4 {
 struct GlyphVertex {
     Float2 position, texCoord;
     Float4 color;
+    bool operator==(const GlyphVertex&) const = default;
 };
 struct ColorVertex {
     Float2 position;
     Float2 padding;
     Float4 color;
+    bool operator==(const ColorVertex&) const = default;
 };
 
 // One glyph quad: top-left in pixels, size in pixels, the atlas rectangle normalised.
@@ -88,8 +91,22 @@ private:
     }
 };
 
+// The horizontal band of the view, in pixels, whose pixels this frame changes from the one built
+// before it: everything, a band, or nothing at all.
+struct FrameDamage {
+    bool full = true;
+    float top = 0, bottom = 0;
+    bool none() const { return !full && bottom <= top; }
+    void include(float from, float to) {
+        if (full || to <= from) return;
+        if (bottom <= top) top = from, bottom = to;
+        else top = std::min(top, from), bottom = std::max(bottom, to);
+    }
+};
+
 struct DrawData {
     FrameDrawData frame;
+    FrameDamage damage;
     std::vector<ColorVertex> cursorColorVertices;
     std::vector<GlyphVertex> cursorGlyphVerticesGray, cursorGlyphVerticesColor;
     Float4 clearColor;

@@ -10,9 +10,9 @@ class SerialQueue;
 
 namespace vellum {
 
-// Tells a queue once that a child has ended, without reaping it: a thread polls the
-// child's process descriptor (or, where there is none, peeks with waitid). Cancelling
-// before the exit means the handler never runs.
+// Tells a queue once that a child has ended, without reaping it: the shared poller watches
+// the child's process descriptor (or, where there is none, a thread peeks with waitid).
+// Cancelling before the exit means the handler never runs.
 class LocalProcessExitMonitor {
 public:
     static std::shared_ptr<LocalProcessExitMonitor> watch(pid_t pid, std::shared_ptr<platform::SerialQueue> queue,

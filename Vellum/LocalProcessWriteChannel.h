@@ -7,16 +7,18 @@
 
 namespace vellum {
 
-// The write side of one process session: writes go out in order on a thread of their own
-// ("vellum-writer"), each with exactly one completion, and the descriptor is closed once
-// the channel has stopped. Dropping the last handle closes it with the stop flag.
+// The write side of one process session: writes go out in order, each with exactly one
+// completion, and the descriptor is closed once the channel has stopped. A write goes out at
+// once on the caller's thread when the child has room, else waits for room on the shared
+// poller, whose thread then completes it. Dropping the last handle of an open channel closes
+// it with the stop flag.
 class LocalProcessWriteChannel {
 public:
     // error is 0 on success, else the errno that ended the write after `written` bytes
     // (ECANCELED when the channel was stopped first).
     using Completion = std::function<void(int error, size_t written)>;
 
-    // Takes ownership of fd. Nothing when the writer thread can't be made (fd is closed then).
+    // Takes ownership of fd. Nothing when it can't be watched (fd is closed then).
     static std::shared_ptr<LocalProcessWriteChannel> open(int fd);
     ~LocalProcessWriteChannel();
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <type_traits>
 
 #include "Platform/Unicode.h"
@@ -90,6 +91,7 @@ void TerminalFrameBuilder::setAtlasMaximum(int maxSize) {
 
 void TerminalFrameBuilder::invalidateRows() {
     for (auto& row : rowCache_) row.valid = false;
+    drawnRows_.clear();
 }
 
 void TerminalFrameBuilder::forgetGlyphs() {
@@ -148,7 +150,65 @@ const DrawData& TerminalFrameBuilder::build(const TerminalSnapshot& snapshot, co
                       std::to_string(maximumPasses));
     }
     buildCursor(snapshot, overlay);
+    computeDamage(snapshot);
     return draw_;
+}
+
+// Glyphs may reach past their row (accents, descenders, fallback fonts), so a row's band is
+// where any of its records lands, and never less than the row itself.
+void TerminalFrameBuilder::measureReach(RowCacheEntry& entry, float top, float height) {
+    float low = top, high = top + height;
+    auto reach = [&](const auto& records) {
+        for (const auto& r : records) low = std::min(low, r.position.y), high = std::max(high, r.position.y + r.size.y);
+    };
+    reach(entry.buffers.backgroundCells);
+    reach(entry.buffers.powerlineJoinCells);
+    reach(entry.buffers.glyphCellsGray);
+    reach(entry.buffers.glyphCellsColor);
+    reach(entry.buffers.decorationCells);
+    entry.reachTop = low;
+    entry.reachBottom = high;
+}
+
+void TerminalFrameBuilder::computeDamage(const TerminalSnapshot& snapshot) {
+    const auto& rows = snapshot.rows();
+    int cols = snapshot.state().cols;
+    FrameDamage& damage = draw_.damage;
+    damage = FrameDamage{};
+    damage.full = drawnRows_.size() != rows.size() || drawnCols_ != cols || drawnSignature_ != frameSignature_;
+    drawnSignature_ = frameSignature_;
+    drawnCols_ = cols;
+    drawnRows_.resize(rows.size());
+    for (size_t y = 0; y < rows.size(); ++y) {
+        const RowCacheEntry& entry = rowCache_[y];
+        float dy = float(int(y) * cell().height) - entry.builtTop;
+        DrawnRow now{entry.serial, entry.reachTop + dy, entry.reachBottom + dy};
+        // A row built again, or one that scrolled here, differs; one left alone does not.
+        if (drawnRows_[y].serial != now.serial || drawnRows_[y].top != now.top) {
+            damage.include(drawnRows_[y].top, drawnRows_[y].bottom);
+            damage.include(now.top, now.bottom);
+        }
+        drawnRows_[y] = now;
+    }
+    // A cursor drawn differently changes the band where it was and the one where it is now.
+    DrawnCursor& was = drawnCursor_;
+    if (draw_.cursorColorVertices == was.color && draw_.cursorGlyphVerticesGray == was.glyphsGray &&
+        draw_.cursorGlyphVerticesColor == was.glyphsColor)
+        return;
+    damage.include(was.top, was.bottom);
+    was.color = draw_.cursorColorVertices;
+    was.glyphsGray = draw_.cursorGlyphVerticesGray;
+    was.glyphsColor = draw_.cursorGlyphVerticesColor;
+    float low = std::numeric_limits<float>::max(), high = std::numeric_limits<float>::lowest();
+    auto reach = [&](const auto& vertices) {
+        for (const auto& v : vertices) low = std::min(low, v.position.y), high = std::max(high, v.position.y);
+    };
+    reach(was.color);
+    reach(was.glyphsGray);
+    reach(was.glyphsColor);
+    was.top = low < high ? low : 0;
+    was.bottom = low < high ? high : 0;
+    damage.include(was.top, was.bottom);
 }
 
 // One attempt at the whole frame; false when the atlases moved under it and every region
@@ -160,6 +220,7 @@ bool TerminalFrameBuilder::buildPass(const TerminalSnapshot& snapshot, const Fra
     uint64_t skippedBefore = counters_.glyphsSkipped;
     const TerminalRenderSnapshot& state = snapshot.state();
     uint64_t signature = signatureOf(state, overlay);
+    frameSignature_ = signature;
     const auto& rows = snapshot.rows();
     draw_.frame.clear();
     draw_.clearColor = toFloat4(state.reverseVideo ? state.foregroundColor : state.backgroundColor);
@@ -191,6 +252,8 @@ bool TerminalFrameBuilder::buildPass(const TerminalSnapshot& snapshot, const Fra
             entry.selectionFrom = from;
             entry.selectionTo = to;
             entry.builtTop = top;
+            entry.serial = nextSerial_++;
+            measureReach(entry, top, float(cell().height));
             ++counters_.rowsBuilt;
         }
         draw_.frame.append(entry.buffers, top - entry.builtTop);

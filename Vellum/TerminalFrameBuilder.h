@@ -80,6 +80,9 @@ private:
         uint64_t identity = 0, recycleGeneration = 0, generation = 0, signature = 0;
         int selectionFrom = 0, selectionTo = 0;
         float builtTop = 0;
+        // Which build this is, and how far its records reach above and below, as built.
+        uint64_t serial = 0;
+        float reachTop = 0, reachBottom = 0;
         RowDrawBuffers buffers;
         bool matches(const RenderSnapshotRow& row) const {
             return valid && row.identity != 0 && identity == row.identity && recycleGeneration == row.recycleGeneration &&
@@ -107,6 +110,9 @@ private:
     void appendGlyph(const GlyphEntry& entry, float x, float y, Float4 color, RowDrawBuffers& out) const;
     void appendDecorations(const Attribute& attribute, Float4 color, float x, float y, float width, RowDrawBuffers& out) const;
     uint64_t signatureOf(const TerminalRenderSnapshot& state, const FrameOverlay& overlay) const;
+    static void measureReach(RowCacheEntry& entry, float top, float height);
+    // What this frame changes against the one built before it, which the view still shows.
+    void computeDamage(const TerminalSnapshot& snapshot);
     void forgetGlyphs();
 
     void measureCell();
@@ -125,6 +131,21 @@ private:
     std::vector<uint8_t> rowTaken_;
     uint64_t fontGeneration_ = 1;
     bool atlasInvalidatedDuringBuild_ = false;
+    uint64_t nextSerial_ = 1;
+    // The frame built last, screen row by screen row: the build drawn there and its reach.
+    struct DrawnRow {
+        uint64_t serial = 0;
+        float top = 0, bottom = 0;
+    };
+    std::vector<DrawnRow> drawnRows_;
+    uint64_t frameSignature_ = 0, drawnSignature_ = 0;
+    int drawnCols_ = -1;
+    struct DrawnCursor {
+        std::vector<ColorVertex> color;
+        std::vector<GlyphVertex> glyphsGray, glyphsColor;
+        float top = 0, bottom = 0;
+    };
+    DrawnCursor drawnCursor_;
     DrawData draw_;
     FrameBuildCounters counters_;
 };

@@ -1,15 +1,10 @@
 #pragma once
 
-#include <array>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
-
-#include "Platform/Locked.h"
 
 namespace vellum {
 
@@ -24,24 +19,27 @@ public:
     virtual void pipelineReachedEOF(TerminalIOPipeline& pipeline) = 0;
 };
 
-// Why the gather thread handed a slot on; counted so that the coalescing can be checked.
+// What the pipeline has done so far, so that its batching and back-pressure can be checked.
 struct TerminalIOPipelineCounters {
-    uint64_t immediatePublishes = 0; // a short read with nothing to wait for: echo
-    uint64_t coalescedPublishes = 0; // after a nap or a wait for the parser
-    uint64_t fullSlotPublishes = 0;
-    uint64_t naps = 0;
-    uint64_t bridgePolls = 0;
     uint64_t bytesRead = 0;
+    uint64_t reads = 0;
+    uint64_t deliveries = 0;
+    uint64_t pauses = 0; // times the ring was full and reading stopped until the parser caught up
 };
 
-// Reads a pseudo-terminal master on two threads. The gather thread ("vellum-io-gather")
-// reads as fast as the child writes into a ring of four 64 KiB slots; the parse thread
-// ("vellum-parse") hands each filled slot to the delegate. A lone keystroke's echo goes on
-// at once, a flood is gathered into large slots. When all four slots are full the gather
-// thread stops reading and the kernel's buffer blocks the child: that is the backpressure.
+// Reads a pseudo-terminal master without a thread of its own. The process-wide poller
+// ("vellum-io-poller") reads whatever the child wrote into a ring of up to four 64 KiB slots,
+// adding to the newest slot while the parser hasn't taken it, so a flood is gathered into
+// large slots while a lone keystroke's echo goes on at once. A small shared pool of parse
+// threads ("vellum-parse") hands the slots to the delegate, one turn at a time per pipeline,
+// so each pipeline's bytes stay in order and a busy one can't keep the others waiting. When
+// all four slots are full the pipeline stops reading and the kernel's buffer blocks the
+// child: that is the back-pressure. Slots are allocated as they fill and freed once parsed,
+// so an idle pipeline holds no buffer.
 //
-// The pipeline owns the descriptor and closes it once both threads have ended. Its threads
-// hold only the worker, so a worker outliving its owner reads on into a cleared sink.
+// The pipeline owns the descriptor and closes it once it has finished. The poller and the
+// parse work hold only the worker, so a worker outliving its owner reads on into a cleared
+// sink until it is shut down.
 class TerminalIOPipeline : public std::enable_shared_from_this<TerminalIOPipeline> {
 public:
     using Deadline = std::chrono::steady_clock::time_point;
@@ -49,25 +47,25 @@ public:
     static constexpr size_t slotSize = 65536;
 
     static std::shared_ptr<TerminalIOPipeline> create(int fd, std::weak_ptr<TerminalIOPipelineDelegate> delegate);
-    // Requests shutdown; the threads end on their own.
+    // Requests shutdown; reading and parsing end on their own.
     ~TerminalIOPipeline();
 
     TerminalIOPipeline(const TerminalIOPipeline&) = delete;
     TerminalIOPipeline& operator=(const TerminalIOPipeline&) = delete;
 
-    // Once only. When the threads can't run, the descriptor is closed and EOF reported.
+    // Once only. When the descriptor can't be watched, it is closed and EOF reported.
     void start();
     // Parse what is buffered and read on until end of file or the deadline, then stop.
-    // False when called from one of the pipeline's own threads.
+    // False when called from the pipeline's own parse work, which then must not wait.
     bool requestDrain(Deadline deadline);
-    // Stop soon, leaving unparsed bytes. False when called from the pipeline's own threads.
+    // Stop soon, leaving unparsed bytes. False when called from the pipeline's own parse work.
     bool requestShutdown();
     // Stop reading, hand on every byte already read, then stop without reporting end of
     // file: what the child writes later stays in the kernel for whoever reads the master
-    // next. False when called from the pipeline's own threads.
+    // next. False when called from the pipeline's own parse work.
     bool requestSettle();
-    // Waits until both threads have ended and the descriptors are closed, or the deadline
-    // passed; true when they have.
+    // Waits until reading and parsing have ended and the descriptor is closed, or the
+    // deadline passed; true when they have.
     bool waitUntilFinished(std::optional<Deadline> deadline = std::nullopt);
     // Later data and end of file go nowhere.
     void detachSink();

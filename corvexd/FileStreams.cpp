@@ -20,6 +20,8 @@ namespace protocol = corvex::protocol;
 namespace {
 
 constexpr int largestChunk = 4 << 20;
+// What the smallest stream is charged against its client's windows, and granted as credit.
+constexpr uint64_t smallestCharge = 64u << 10;
 
 std::string jsonFrame(const json& value) {
     // Names that aren't valid UTF-8 go out with replacement characters, never as a failure.
@@ -48,6 +50,7 @@ struct FileStreams::Stream {
     bool write = false;
     std::string path;
     uint64_t window = 0;
+    uint64_t charged = 0; // against the client's windows
     Stop stop = Stop::none;
     std::optional<BackendError> failure;
     std::condition_variable wake;
@@ -123,19 +126,36 @@ void FileStreams::serveOffThread(Work work) {
     });
 }
 
-void FileStreams::reserve(ClientID client, uint64_t readWindow) {
+void FileStreams::reserve(ClientID client) {
     std::lock_guard guard(lock_);
-    if (openStreams_[client] >= limits_.streamsPerClient || readWindows_[client] + readWindow > limits_.readWindowsPerClient) {
+    if (openStreams_[client] >= limits_.streamsPerClient) {
         throw corvex::fileError(FileErrorCode::tooManyStreams,
                                 "too many file streams open at once (" + std::to_string(openStreams_[client]) + ")");
     }
     ++openStreams_[client];
-    readWindows_[client] += readWindow;
 }
 
-void FileStreams::release(ClientID client, uint64_t readWindow) {
-    if (--openStreams_[client] <= 0) openStreams_.erase(client);
-    if ((readWindows_[client] -= readWindow) == 0) readWindows_.erase(client);
+// A stream is charged the memory it may hold: its window, or the bytes left to move when they
+// are fewer, so many small files cost little and a few big ones use up the client's share.
+void FileStreams::charge(Stream& stream, uint64_t bytes) {
+    std::lock_guard guard(lock_);
+    Windows& used = windows_[stream.client];
+    uint64_t& total = stream.write ? used.write : used.read;
+    uint64_t limit = stream.write ? limits_.writeWindowsPerClient : limits_.readWindowsPerClient;
+    if (total + bytes > limit) {
+        throw corvex::fileError(FileErrorCode::tooManyStreams, "too many file streams open at once (" +
+                                                                   std::to_string(openStreams_[stream.client]) + ")");
+    }
+    total += bytes;
+    stream.charged = bytes;
+}
+
+void FileStreams::release(Stream& stream) {
+    if (--openStreams_[stream.client] <= 0) openStreams_.erase(stream.client);
+    Windows& used = windows_[stream.client];
+    (stream.write ? used.write : used.read) -= stream.charged;
+    stream.charged = 0;
+    if (used.read == 0 && used.write == 0) windows_.erase(stream.client);
 }
 
 // On the serving thread: the stream is known before its reply goes out, so nothing the client
@@ -144,7 +164,7 @@ void FileStreams::open(const std::shared_ptr<Stream>& stream, std::string reply)
     {
         std::lock_guard guard(lock_);
         if (gone_.count(stream->client) || shuttingDown_) {
-            release(stream->client, stream->write ? 0 : stream->window);
+            release(*stream);
             releaseUpload(*stream);
             return; // the staged write, if any, is dropped with the stream
         }
@@ -152,20 +172,20 @@ void FileStreams::open(const std::shared_ptr<Stream>& stream, std::string reply)
         ++workers_;
     }
     server_.sendFrames(stream->client, {std::move(reply)});
-    std::thread([this, stream] {
+    streamThreads_.detach([this, stream] {
         platform::setCurrentThreadName(stream->write ? "corvexd.fs.write" : "corvexd.fs.read");
         if (stream->write) runWrite(stream);
         else runRead(stream);
         std::lock_guard guard(lock_);
         if (--workers_ == 0) workersDone_.notify_all();
-    }).detach();
+    });
 }
 
 void FileStreams::serveRead() {
     server_.addMethod(std::string(protocol::FsRead::name), [this](MethodCall& call) -> json {
         auto params = protocol::decodeParams<protocol::FsRead>(call.params);
         uint64_t window = static_cast<uint64_t>(std::max(params.options.window, 0));
-        reserve(call.client, window);
+        reserve(call.client);
         call.deferred = true;
         pool_.detach([this, params, window, client = call.client, id = call.requestID] {
             auto stream = std::make_shared<Stream>();
@@ -182,6 +202,7 @@ void FileStreams::serveRead() {
                 stream->end = o.length ? std::min(o.offset + *o.length, opened.entry.size) : opened.entry.size;
                 stream->end = std::max(stream->end, stream->sent);
                 stream->chunk = static_cast<uint64_t>(o.chunk);
+                charge(*stream, std::min(window, std::max(stream->end - stream->sent, smallestCharge)));
                 server_.post([this, stream, id, opened = std::move(opened)]() mutable {
                     {
                         std::lock_guard guard(lock_);
@@ -194,7 +215,7 @@ void FileStreams::serveRead() {
                 BackendError error = asFileError(std::current_exception(), params.path);
                 {
                     std::lock_guard guard(lock_);
-                    release(client, window);
+                    release(*stream);
                 }
                 server_.sendFrames(client, {errorReply(id, error.code(), error.message())});
             }
@@ -206,16 +227,22 @@ void FileStreams::serveRead() {
 void FileStreams::serveWrite() {
     server_.addMethod(std::string(protocol::FsWrite::name), [this](MethodCall& call) -> json {
         auto params = protocol::decodeParams<protocol::FsWrite>(call.params);
-        reserve(call.client, 0);
+        reserve(call.client);
         call.deferred = true;
         pool_.detach([this, params, client = call.client, id = call.requestID] {
             auto stream = std::make_shared<Stream>();
             stream->client = client;
             stream->write = true;
             stream->path = params.path;
-            stream->window = std::min<uint64_t>(static_cast<uint64_t>(std::max(params.options.window, 0)),
-                                                limits_.largestWriteWindow);
+            // No more credit than the promised bytes need, as the window is what the stream may
+            // hold; but room for a whole piece, or a source longer than promised would wait
+            // for credit forever instead of failing its size check.
+            uint64_t piece = static_cast<uint64_t>(std::clamp(params.options.chunk, 1, largestChunk));
+            uint64_t needed = std::max({params.options.size.value_or(UINT64_MAX), piece, smallestCharge});
+            stream->window = std::min({static_cast<uint64_t>(std::max(params.options.window, 0)),
+                                       limits_.largestWriteWindow, needed});
             try {
+                charge(*stream, stream->window);
                 claimUpload(stream, params);
                 stream->staged = FileService::beginWrite(params.path, params.options);
                 stream->received = stream->taken = stream->staged->offset();
@@ -231,7 +258,7 @@ void FileStreams::serveWrite() {
                 BackendError error = asFileError(std::current_exception(), params.path);
                 {
                     std::lock_guard guard(lock_);
-                    release(client, 0);
+                    release(*stream);
                     releaseUpload(*stream);
                 }
                 server_.sendFrames(client, {errorReply(id, error.code(), error.message())});
@@ -282,7 +309,7 @@ void FileStreams::finish(const std::shared_ptr<Stream>& stream, std::vector<std:
     {
         std::lock_guard guard(lock_);
         streams_.erase(stream->id);
-        release(stream->client, stream->write ? 0 : stream->window);
+        release(*stream);
         releaseUpload(*stream);
         if (stream->stop == Stop::quiet) frames.clear();
     }

@@ -21,10 +21,12 @@ namespace corvexd {
 class FileStreams {
 public:
     struct Limits {
-        int streamsPerClient = 8;
+        int streamsPerClient = 32;
         // What all of one client's read windows may add up to: their frames wait in that
         // client's send queue, which has a bound of its own.
         uint64_t readWindowsPerClient = 24u << 20;
+        // What all of one client's write windows may add up to: data waiting for the disk.
+        uint64_t writeWindowsPerClient = 64u << 20;
         // The largest write window granted; a client asking more gets this.
         uint64_t largestWriteWindow = 16u << 20;
     };
@@ -46,8 +48,13 @@ private:
     void serveRead();
     void serveWrite();
     void serveCancel();
-    void reserve(ClientID client, uint64_t readWindow);
-    void release(ClientID client, uint64_t readWindow); // lock_ held
+    struct Windows {
+        uint64_t read = 0;
+        uint64_t write = 0;
+    };
+    void reserve(ClientID client);
+    void charge(Stream& stream, uint64_t bytes);
+    void release(Stream& stream); // lock_ held
     void claimUpload(const std::shared_ptr<Stream>& stream, const corvex::protocol::FsWrite& params);
     void releaseUpload(Stream& stream); // lock_ held
     void open(const std::shared_ptr<Stream>& stream, std::string reply);
@@ -68,10 +75,14 @@ private:
     uint64_t nextStream_ = 1;
     std::map<uint64_t, std::shared_ptr<Stream>> streams_;
     std::map<ClientID, int> openStreams_;
-    std::map<ClientID, uint64_t> readWindows_;
+    std::map<ClientID, Windows> windows_;
     std::set<ClientID> gone_;
     std::map<std::string, std::shared_ptr<Stream>> uploads_; // by target and upload id
     std::condition_variable uploadsChanged_;
+    // A stream holds its thread while it waits for its peer, so this has room for far more
+    // streams than clients open; its threads are kept for the next streams, since a tree of
+    // small files opens thousands.
+    platform::WorkerPool streamThreads_{256};
     // Last, so it ends first: its work refers to everything above.
     platform::WorkerPool pool_{8};
 };

@@ -31,6 +31,21 @@ void serve(Server& server, Handler handler) {
     });
 }
 
+// The reply frame to request `id` of method M, answered later and elsewhere: the encoded
+// result of `work`, or the error it raised.
+template <typename M, typename Work>
+std::string replyFrame(uint64_t id, Work&& work) {
+    nlohmann::json reply;
+    try {
+        reply = corvex::protocol::resultEnvelope(id, corvex::protocol::encodeResult<M>(work()));
+    } catch (const corvex::BackendError& error) {
+        reply = corvex::protocol::errorEnvelope(id, error.code(), error.message());
+    } catch (const std::exception& error) {
+        reply = corvex::protocol::errorEnvelope(id, "internal", error.what());
+    }
+    return corvex::makeJSONFrame(reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
 // Serves a method whose work may take long, such as a search through a whole history, on
 // `pool` rather than the serving thread, so other clients' requests are answered meanwhile.
 // Params are decoded at once (a wrong shape answers "bad_request" as usual); the reply, or
@@ -43,16 +58,7 @@ void serveDeferred(Server& server, std::shared_ptr<platform::WorkerPool> pool, W
         auto params = corvex::protocol::decodeParams<M>(call.params);
         call.deferred = true;
         pool->detach([&server, work, params = std::move(params), client = call.client, id = call.requestID] {
-            nlohmann::json reply;
-            try {
-                reply = corvex::protocol::resultEnvelope(id, corvex::protocol::encodeResult<M>(work(params)));
-            } catch (const corvex::BackendError& error) {
-                reply = corvex::protocol::errorEnvelope(id, error.code(), error.message());
-            } catch (const std::exception& error) {
-                reply = corvex::protocol::errorEnvelope(id, "internal", error.what());
-            }
-            auto text = reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-            server.sendFrames(client, {corvex::makeJSONFrame(text)});
+            server.sendFrames(client, {replyFrame<M>(id, [&] { return work(params); })});
         });
         return nlohmann::json();
     });

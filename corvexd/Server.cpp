@@ -19,6 +19,7 @@
 #include "CorvexKit/ProtocolJSON.h"
 #include "CorvexSession/SessionHello.h"
 #include "Platform/UnixSocket.h"
+#include "Platform/WorkerPool.h"
 #include "corvexd/RuntimeDirectory.h"
 
 namespace corvexd {
@@ -79,12 +80,26 @@ struct Server::Client {
     std::map<uint64_t, uint64_t> panes; // subscribed pane streams, to the next position owed
     std::set<uint64_t> lost;            // streams given up on, to be opened again once drained
     std::optional<std::chrono::steady_clock::time_point> backedUpSince; // over the high-water mark since
+    // A large request is being parsed aside: nothing more is read from the client, and the
+    // frames already read wait here, in order, until it has been served.
+    bool decoding = false;
+    std::deque<std::pair<uint8_t, std::string>> waiting;
+    // Streams being opened elsewhere, with what was published for them meanwhile: output as
+    // its position and bytes, events as whole frames (no position).
+    struct Opening {
+        uint64_t token = 0;
+        std::vector<std::pair<std::optional<uint64_t>, std::string>> held;
+        size_t heldBytes = 0;
+        bool overflowed = false;
+    };
+    std::map<uint64_t, Opening> opening;
 
     size_t pending() const { return out.size() - sent; }
 };
 
 Server::Server(ServerOptions options)
-    : options_(std::move(options)), instance_(options_.instance.empty() ? corvex::newInstanceID() : options_.instance) {
+    : options_(std::move(options)), instance_(options_.instance.empty() ? corvex::newInstanceID() : options_.instance),
+      decoders_(std::make_unique<platform::WorkerPool>(2)) {
     listenFd_ = listenOn(options_.socketPath);
     wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wakeFd_ < 0) {
@@ -97,6 +112,8 @@ Server::~Server() {
     // Methods may own workers that answer later; they finish while their replies can still
     // be posted.
     methods_.clear();
+    reopener_ = nullptr;
+    decoders_.reset();
     for (auto& [id, client] : clients_) ::close(client->fd);
     if (listenFd_ >= 0) {
         ::close(listenFd_);
@@ -202,7 +219,8 @@ void Server::run() {
         for (auto& [id, client] : clients_) {
             short events = POLLIN;
             if (client->pending() > 0) events |= POLLOUT;
-            fds.push_back({client->fd, events, 0});
+            // A client whose request is being parsed aside is left alone until it is served.
+            fds.push_back({client->decoding ? -1 : client->fd, events, 0});
             order.push_back(id);
         }
         int timeout = acceptPaused_ ? acceptRetryMilliseconds : -1;
@@ -215,7 +233,10 @@ void Server::run() {
             stopping_ = true;
             break;
         }
-        if (fds[1].revents & POLLIN) runPosted();
+        if (fds[1].revents & POLLIN) {
+            runPosted();
+            serveDecoded();
+        }
         for (size_t i = 0; i < order.size(); ++i) {
             auto found = clients_.find(order[i]);
             if (found == clients_.end()) continue;
@@ -319,10 +340,49 @@ void Server::unsubscribePane(ClientID id, uint64_t pane) {
     if (auto* found = client(id)) {
         found->panes.erase(pane);
         found->lost.erase(pane);
+        found->opening.erase(pane);
     }
 }
 
-void Server::setStreamReopener(std::function<std::optional<ReopenedStream>(ClientID, uint64_t)> reopener) {
+uint64_t Server::holdPane(ClientID id, uint64_t pane) {
+    uint64_t token = nextOpening_++;
+    if (auto* found = client(id)) {
+        found->panes.erase(pane);
+        found->lost.erase(pane);
+        found->opening[pane] = Client::Opening{token, {}, 0, false};
+    }
+    return token;
+}
+
+void Server::releasePane(ClientID id, uint64_t pane, uint64_t token, std::string reply, std::vector<std::string> frames,
+                         std::optional<uint64_t> from) {
+    deliver([this, id, pane, token, reply = std::move(reply), frames = std::move(frames), from]() mutable {
+        auto* found = client(id);
+        if (!found) return;
+        if (!reply.empty()) enqueue(*found, std::move(reply));
+        auto opened = found->opening.find(pane);
+        if (opened == found->opening.end() || opened->second.token != token) return;
+        auto opening = std::move(opened->second);
+        found->opening.erase(opened);
+        if (!from) return;
+        for (auto& frame : frames) enqueue(*found, std::move(frame));
+        if (opening.overflowed) {
+            resync(*found, pane);
+            return;
+        }
+        uint64_t next = *from;
+        for (const auto& [seq, bytes] : opening.held) {
+            if (!seq) {
+                enqueue(*found, bytes);
+            } else if (!deliverToClient(*found, pane, next, *seq, bytes, nullptr)) {
+                return; // given up on: the rest of the held output can't follow a gap
+            }
+        }
+        found->panes[pane] = next;
+    });
+}
+
+void Server::setStreamReopener(std::function<void(ClientID, uint64_t, uint64_t)> reopener) {
     reopener_ = std::move(reopener);
 }
 
@@ -331,17 +391,7 @@ void Server::reopenLostStreams() {
         if (client->closing || client->writeBroken || client->lost.empty() || client->pending() > 0) continue;
         auto lost = std::exchange(client->lost, {});
         if (!reopener_) continue;
-        for (uint64_t pane : lost) {
-            std::optional<ReopenedStream> reopened;
-            try {
-                reopened = reopener_(id, pane);
-            } catch (const std::exception&) {
-                continue; // the pane has gone meanwhile
-            }
-            if (!reopened) continue;
-            client->panes[pane] = reopened->from;
-            for (auto& frame : reopened->frames) enqueue(*client, std::move(frame));
-        }
+        for (uint64_t pane : lost) reopener_(id, pane, holdPane(id, pane));
     }
 }
 
@@ -375,6 +425,9 @@ void Server::publishPaneEvent(uint64_t pane, const std::string& name, json data)
     deliver([this, pane, frame] {
         for (auto& [id, client] : clients_) {
             if (client->panes.count(pane)) enqueue(*client, *frame);
+            else if (auto opening = client->opening.find(pane); opening != client->opening.end()) {
+                opening->second.held.emplace_back(std::nullopt, *frame);
+            }
         }
     });
 }
@@ -389,23 +442,44 @@ void Server::resync(Client& client, uint64_t pane) {
 void Server::deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes) {
     std::string whole;
     for (auto& [id, client] : clients_) {
-        auto found = client->panes.find(pane);
-        if (found == client->panes.end()) continue;
-        uint64_t& next = found->second;
-        uint64_t end = seq + bytes.size();
-        if (end <= next && !bytes.empty()) continue; // already sent by the subscribe
-        if (seq > next || client->pending() + bytes.size() > options_.paneQueueLimit) {
-            resync(*client, pane);
+        if (auto opening = client->opening.find(pane); opening != client->opening.end()) {
+            auto& held = opening->second;
+            if (held.overflowed) continue;
+            held.heldBytes += bytes.size();
+            if (held.heldBytes > options_.paneQueueLimit) {
+                held.overflowed = true;
+                held.held.clear();
+            } else {
+                held.held.emplace_back(seq, bytes);
+            }
             continue;
         }
-        if (seq < next) {
-            enqueue(*client, corvex::makeOutputFrame(pane, next, std::string_view(bytes).substr(next - seq)));
-        } else {
-            if (whole.empty()) whole = corvex::makeOutputFrame(pane, seq, bytes);
-            enqueue(*client, whole);
-        }
-        next = end;
+        auto found = client->panes.find(pane);
+        if (found == client->panes.end()) continue;
+        deliverToClient(*client, pane, found->second, seq, bytes, &whole);
     }
+}
+
+// One piece of a pane's output to one client whose stream goes on from `next`: what it
+// already has is skipped, a gap or too much queued gives the stream up. False when given up.
+bool Server::deliverToClient(Client& client, uint64_t pane, uint64_t& next, uint64_t seq, const std::string& bytes,
+                             std::string* whole) {
+    uint64_t end = seq + bytes.size();
+    if (end <= next && !bytes.empty()) return true; // already sent by the subscribe
+    if (seq > next || client.pending() + bytes.size() > options_.paneQueueLimit) {
+        resync(client, pane);
+        return false;
+    }
+    if (seq < next) {
+        enqueue(client, corvex::makeOutputFrame(pane, next, std::string_view(bytes).substr(next - seq)));
+    } else if (whole) {
+        if (whole->empty()) *whole = corvex::makeOutputFrame(pane, seq, bytes);
+        enqueue(client, *whole);
+    } else {
+        enqueue(client, corvex::makeOutputFrame(pane, seq, bytes));
+    }
+    next = end;
+    return true;
 }
 
 void Server::readFrom(Client& client) {
@@ -419,7 +493,9 @@ void Server::readFrom(Client& client) {
     }
     bool framed = client.parser.append(std::string_view(buffer, static_cast<size_t>(count)),
         [&](uint8_t type, std::string_view payload) {
-            if (!client.closing) handleFrame(client, type, payload);
+            if (client.closing) return;
+            if (client.decoding) client.waiting.emplace_back(type, payload);
+            else handleFrame(client, type, payload);
         });
     if (!framed) client.closing = true;
 }
@@ -430,7 +506,8 @@ void Server::handleFrame(Client& client, uint8_t type, std::string_view payload)
     servedAnyone_ = true;
     switch (static_cast<corvex::FrameType>(type)) {
     case corvex::FrameType::json:
-        handleJSON(client, payload);
+        if (payload.size() >= options_.decodeAsideBytes) decodeAside(client, payload);
+        else handleJSON(client, payload);
         break;
     case corvex::FrameType::input:
         if (auto input = corvex::parseInputPayload(payload); input && inputHandler_) {
@@ -495,8 +572,43 @@ corvex::Hello Server::hello() const {
     return hello;
 }
 
-void Server::handleJSON(Client& client, std::string_view text) {
-    json message = json::parse(text, nullptr, false);
+void Server::handleJSON(Client& client, std::string_view text) { handleMessage(client, json::parse(text, nullptr, false)); }
+
+void Server::decodeAside(Client& client, std::string_view text) {
+    client.decoding = true;
+    decoders_->detach([this, id = client.id, text = std::string(text)] {
+        auto message = std::make_shared<json>(json::parse(text, nullptr, false));
+        {
+            std::lock_guard guard(decodedLock_);
+            decoded_.emplace_back(id, std::move(message));
+        }
+        wake();
+    });
+}
+
+// Serves each request parsed aside, then what its client sent after it, until another large
+// one goes aside in turn. Runs from the serving loop itself, never inside another request.
+void Server::serveDecoded() {
+    std::vector<std::pair<ClientID, std::shared_ptr<json>>> ready;
+    {
+        std::lock_guard guard(decodedLock_);
+        ready.swap(decoded_);
+    }
+    for (auto& [id, message] : ready) {
+        Client* found = client(id);
+        if (!found) continue;
+        found->decoding = false;
+        if (!found->closing) handleMessage(*found, *message);
+        message.reset();
+        while (!found->decoding && !found->closing && !found->waiting.empty()) {
+            auto [type, payload] = std::move(found->waiting.front());
+            found->waiting.pop_front();
+            handleFrame(*found, type, payload);
+        }
+    }
+}
+
+void Server::handleMessage(Client& client, const json& message) {
     auto id = message.is_object() ? requestID(message) : std::nullopt;
     auto method = message.is_object() ? message.find("method") : message.end();
     auto params = message.is_object() ? message.find("params") : message.end();

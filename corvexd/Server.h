@@ -20,6 +20,10 @@
 
 #include "CorvexKit/SessionBackend.h"
 
+namespace platform {
+class WorkerPool;
+}
+
 namespace corvexd {
 
 struct ServerOptions {
@@ -47,6 +51,8 @@ struct ServerOptions {
     size_t outputHighWater = 1u << 20;
     // How long a subscriber may stay over the high-water mark before its streams are given up.
     std::chrono::milliseconds stallTimeout{2000};
+    // JSON frames at least this large are parsed off the serving thread.
+    size_t decodeAsideBytes = 64u << 10;
 };
 
 using ClientID = uint64_t;
@@ -117,15 +123,22 @@ public:
     void subscribePane(ClientID client, uint64_t pane, uint64_t from);
     void unsubscribePane(ClientID client, uint64_t pane);
 
+    // Serving thread only: `client`'s stream of `pane` begins, while what opens it (a
+    // snapshot, a replay) is made on another thread. Output and events published for the pane
+    // meanwhile are held for the client. Returns the opening's token for releasePane.
+    uint64_t holdPane(ClientID client, uint64_t pane);
+    // From any thread: the opening is made. The subscribe's `reply` goes out (none when
+    // empty), then the `opening` frames and what was held from position `from` on, and the
+    // stream is live. Without `from` (the pane has gone) the stream closes and only the reply
+    // goes; so too when an unsubscribe or a newer opening has taken the token's place.
+    void releasePane(ClientID client, uint64_t pane, uint64_t token, std::string reply, std::vector<std::string> opening,
+                     std::optional<uint64_t> from);
+
     // A pane stream given up with "pane.resync" comes back by itself once the client has
-    // read everything queued for it: the frames that open it again (a snapshot first) and
-    // the position its live stream goes on from. Runs on the serving thread; absent, or a
-    // raised error, leaves the pane closed for that client.
-    struct ReopenedStream {
-        std::vector<std::string> frames;
-        uint64_t from = 0;
-    };
-    void setStreamReopener(std::function<std::optional<ReopenedStream>(ClientID, uint64_t pane)> reopener);
+    // read everything queued for it: the server holds the stream and calls the reopener on
+    // the serving thread, which later releases it with the frames that open it again (a
+    // snapshot first) and the position its live stream goes on from.
+    void setStreamReopener(std::function<void(ClientID, uint64_t pane, uint64_t token)> reopener);
 
     // From any thread. An event goes to every client that asked for events; pane output to
     // the pane's subscribers, in the order published. A client whose queue passes the pane
@@ -145,6 +158,11 @@ private:
     void readFrom(Client& client);
     void handleFrame(Client& client, uint8_t type, std::string_view payload);
     void handleJSON(Client& client, std::string_view text);
+    void handleMessage(Client& client, const nlohmann::json& message);
+    // A large request is parsed on a worker; the client's later frames wait behind it, and
+    // everyone else is served meanwhile.
+    void decodeAside(Client& client, std::string_view text);
+    void serveDecoded();
     nlohmann::json builtInMethod(Client& client, const std::string& name, MethodCall& call);
     corvex::Hello hello() const;
     void flush(Client& client);
@@ -165,6 +183,8 @@ private:
     void releaseStalledClients();
     void wake();
     void deliverToPane(uint64_t pane, uint64_t seq, const std::string& bytes);
+    bool deliverToClient(Client& client, uint64_t pane, uint64_t& next, uint64_t seq, const std::string& bytes,
+                         std::string* whole);
     void resync(Client& client, uint64_t pane);
     void reopenLostStreams();
     Client* client(ClientID id);
@@ -185,10 +205,14 @@ private:
     std::vector<std::function<void(ClientID)>> goneHandlers_;
     std::map<std::string, std::function<void(ClientID, const nlohmann::json&)>> notifications_;
     std::map<uint8_t, std::function<void(ClientID, std::string_view)>> frameHandlers_;
-    std::function<std::optional<ReopenedStream>(ClientID, uint64_t)> reopener_;
+    std::function<void(ClientID, uint64_t, uint64_t)> reopener_;
+    uint64_t nextOpening_ = 1;
     std::vector<std::string> features_{"ping"};
 
     std::function<void(size_t)> outputReleased_;
+    std::mutex decodedLock_;
+    std::vector<std::pair<ClientID, std::shared_ptr<nlohmann::json>>> decoded_; // under decodedLock_
+    std::unique_ptr<platform::WorkerPool> decoders_; // after what its work touches, so it ends first
 
     struct Posted {
         std::function<void()> work;

@@ -31,45 +31,8 @@ std::string_view text(const corvex::Bytes& bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// While a subscribe runs on the serving thread, live output of that pane that the serving
-// thread itself delivers is caught here and sent to the subscriber alone, after the reply.
-struct SubscribeCapture {
-    uint64_t pane = 0;
-    std::vector<std::string>* frames = nullptr;
-    uint64_t next = 0; // where the subscriber's live stream begins
-    bool opened = false; // the subscription's own first events have come
-    size_t liveBytes = 0; // live output caught, to give back to the session's output budget
-};
-thread_local SubscribeCapture* capture = nullptr;
-
-// A subscriber's opening: its snapshot or replay, as frames after the reply, then what the
-// pane printed since. Output it already holds, still on its way from before the subscribe,
-// is left out.
-void captureOpening(SubscribeCapture& caught, const SessionEvent& event) {
-    if (event.as<SessionEvent::Subscribed>()) caught.opened = true;
-    if (!caught.opened) return;
-    if (auto* output = event.as<SessionEvent::Output>()) {
-        uint64_t end = output->seq + output->bytes.size();
-        if (end <= caught.next && !output->bytes.empty()) return;
-        uint64_t from = std::max(output->seq, caught.next);
-        auto held = text(output->bytes).substr(from - output->seq);
-        caught.frames->push_back(corvex::makeOutputFrame(output->pane, from, held));
-        caught.next = end;
-    } else if (auto* snapshot = event.as<SessionEvent::Snapshot>()) {
-        caught.frames->push_back(corvex::makeSnapshotFrame(snapshot->pane, snapshot->seq,
-                                                           static_cast<uint16_t>(snapshot->cols),
-                                                           static_cast<uint16_t>(snapshot->rows), text(snapshot->bytes)));
-        caught.next = snapshot->seq;
-    }
-}
-
 void forward(Server& server, const SessionEvent& event) {
     if (auto* output = event.as<SessionEvent::Output>()) {
-        if (capture && capture->pane == output->pane) {
-            captureOpening(*capture, event);
-            capture->liveBytes += output->bytes.size();
-            return;
-        }
         server.publishOutput(output->pane, output->seq, std::string(text(output->bytes)));
         return;
     }
@@ -126,22 +89,32 @@ void serveTree(Server& s, const Core& core) {
     });
 }
 
-// Opens a pane's stream for one client: the subscription, and in `frames` what must follow
-// its reply. Returns the position the client's live stream goes on from.
-uint64_t openStream(const Core& core, uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<corvex::Size> viewport,
-                    int scrollback, std::vector<std::string>& frames, corvex::Subscription& subscription) {
-    SubscribeCapture caught{pane, &frames, 0};
-    capture = &caught;
-    try {
-        subscription = core->subscribe(pane, haveSeq, viewport, scrollback,
-                                       [&caught](const SessionEvent& event) { captureOpening(caught, event); });
-    } catch (...) {
-        capture = nullptr;
-        throw;
-    }
-    capture = nullptr;
-    core->releaseOutput(caught.liveBytes);
-    return caught.next == 0 ? subscription.seq : caught.next;
+// What opens a pane's stream for one client: the subscription, the frames that follow its
+// reply (a snapshot, or the bytes of a replay) and the position its live stream goes on from.
+struct StreamOpening {
+    corvex::Subscription subscription;
+    std::vector<std::string> frames;
+    uint64_t from = 0;
+};
+
+// Runs beside the serving thread, as a snapshot may carry a whole history; what the pane
+// prints meanwhile is held for the client by the server and follows from `from` on.
+StreamOpening openStream(const Core& core, uint64_t pane, std::optional<uint64_t> haveSeq, int scrollback) {
+    StreamOpening opening;
+    std::optional<uint64_t> next;
+    opening.subscription = core->subscribe(pane, haveSeq, std::nullopt, scrollback, [&](const SessionEvent& event) {
+        if (auto* output = event.as<SessionEvent::Output>()) {
+            opening.frames.push_back(corvex::makeOutputFrame(output->pane, output->seq, text(output->bytes)));
+            next = output->seq + output->bytes.size();
+        } else if (auto* snapshot = event.as<SessionEvent::Snapshot>()) {
+            opening.frames.push_back(corvex::makeSnapshotFrame(snapshot->pane, snapshot->seq,
+                                                               static_cast<uint16_t>(snapshot->cols),
+                                                               static_cast<uint16_t>(snapshot->rows), text(snapshot->bytes)));
+            next = snapshot->seq;
+        }
+    });
+    opening.from = next.value_or(opening.subscription.seq);
+    return opening;
 }
 
 void serveSubscriptions(Server& server, const Core& core) {
@@ -149,6 +122,7 @@ void serveSubscriptions(Server& server, const Core& core) {
     auto scrollbacks = std::make_shared<std::map<std::pair<ClientID, uint64_t>, int>>();
     // Only the serving thread touches it: requests and a client's end both run there.
     auto sizes = std::make_shared<corvex::ClientSizes>();
+    auto openings = std::make_shared<platform::WorkerPool>(2);
     auto resize = [core](uint64_t pane, corvex::Size size) {
         try {
             core->resize(pane, size);
@@ -156,24 +130,37 @@ void serveSubscriptions(Server& server, const Core& core) {
             // The pane has gone meanwhile; nothing to give room to.
         }
     };
-    serve<protocol::PaneSubscribe>(server, [core, &server, scrollbacks, sizes](const auto& p, MethodCall& call) {
-        corvex::Subscription subscription;
+    server.addMethod(std::string(protocol::PaneSubscribe::name), [core, &server, scrollbacks, sizes, openings](MethodCall& call) {
+        auto p = protocol::decodeParams<protocol::PaneSubscribe>(call.params);
         int scrollback = p.scrollback.value_or(0);
         core->requirePane(p.pane);
-        auto viewport = p.viewport;
-        if (viewport) viewport = sizes->show(p.pane, call.client, *viewport);
-        uint64_t from = openStream(core, p.pane, p.haveSeq, viewport, scrollback, call.framesAfterReply, subscription);
-        server.subscribePane(call.client, p.pane, from);
+        // The size is settled here, in order with the client's other requests.
+        if (p.viewport) core->setViewport(p.pane, sizes->show(p.pane, call.client, *p.viewport));
         (*scrollbacks)[{call.client, p.pane}] = scrollback;
-        return subscription;
+        uint64_t token = server.holdPane(call.client, p.pane);
+        call.deferred = true;
+        openings->detach([core, &server, p, scrollback, token, client = call.client, id = call.requestID] {
+            std::optional<StreamOpening> opening;
+            auto reply = replyFrame<protocol::PaneSubscribe>(id, [&] {
+                opening = openStream(core, p.pane, p.haveSeq, scrollback);
+                return opening->subscription;
+            });
+            if (!opening) return server.releasePane(client, p.pane, token, std::move(reply), {}, std::nullopt);
+            server.releasePane(client, p.pane, token, std::move(reply), std::move(opening->frames), opening->from);
+        });
+        return nlohmann::json();
     });
-    server.setStreamReopener([core, scrollbacks](ClientID client, uint64_t pane) {
+    server.setStreamReopener([core, &server, scrollbacks, openings](ClientID client, uint64_t pane, uint64_t token) {
         auto asked = scrollbacks->find({client, pane});
-        Server::ReopenedStream reopened;
-        corvex::Subscription subscription;
-        reopened.from = openStream(core, pane, std::nullopt, std::nullopt, asked == scrollbacks->end() ? 0 : asked->second,
-                                   reopened.frames, subscription);
-        return std::optional<Server::ReopenedStream>(std::move(reopened));
+        int scrollback = asked == scrollbacks->end() ? 0 : asked->second;
+        openings->detach([core, &server, client, pane, token, scrollback] {
+            try {
+                auto opening = openStream(core, pane, std::nullopt, scrollback);
+                server.releasePane(client, pane, token, {}, std::move(opening.frames), opening.from);
+            } catch (const std::exception&) {
+                server.releasePane(client, pane, token, {}, {}, std::nullopt); // the pane has gone meanwhile
+            }
+        });
     });
     server.setClientGoneHandler([scrollbacks, sizes, resize](ClientID client) {
         std::erase_if(*scrollbacks, [client](const auto& entry) { return entry.first.first == client; });

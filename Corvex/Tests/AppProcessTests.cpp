@@ -5,15 +5,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <spawn.h>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "CorvexKit/CorvexdBackend.h"
+#include "CorvexKit/ProcessRun.h"
 #include "Support/AppHarness.h"
-
-extern char** environ;
 
 using namespace corvex;
 using namespace corvex::apptest;
@@ -41,20 +39,10 @@ public:
         std::filesystem::permissions(base_ + "/rt", std::filesystem::perms::owner_all);
         std::filesystem::create_directories(base_ + "/home");
         std::string app = std::string(std::getenv("CORVEX_BUILD_BIN")) + "/corvex-app";
-        std::vector<std::string> env;
-        for (char** entry = environ; *entry; ++entry) {
-            std::string item = *entry;
-            if (item.rfind("HOME=", 0) == 0 || item.rfind("XDG_", 0) == 0 || item.rfind("CORVEXD_RUNTIME_DIR=", 0) == 0)
-                continue;
-            env.push_back(item);
-        }
+        std::vector<std::string> env = environmentWithout({"HOME=", "XDG_", "CORVEXD_RUNTIME_DIR="});
         env.push_back("HOME=" + base_ + "/home");
         env.push_back("CORVEXD_RUNTIME_DIR=" + base_ + "/rt");
-        std::vector<char*> envp;
-        for (auto& item : env) envp.push_back(item.data());
-        envp.push_back(nullptr);
-        char* argv[] = {app.data(), nullptr};
-        ::posix_spawn(&pid_, app.c_str(), nullptr, nullptr, argv, envp.data());
+        pid_ = spawnChild(app, {}, env, -1, STDOUT_FILENO, STDERR_FILENO);
     }
 
     ~AppProcess() {

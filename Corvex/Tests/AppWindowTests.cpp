@@ -57,11 +57,9 @@ TEST(AppWindowTest, FirstLaunchOpensWorkspaceOneWithALiveShellThatTakesTyping) {
     ASSERT_TRUE(harness.waitForShell()) << harness.describe();
     ASSERT_EQ(harness.store().state().workspaces.size(), 1u);
     EXPECT_EQ(harness.store().state().workspaces[0].name, "Workspace 1");
-    EXPECT_NE(harness.app().window()->windowTitle().toStdString().find("Workspace 1"), std::string::npos);
     EXPECT_NE(harness.app().sidebar()->item(SidebarTree::workspaceRow, "local",
                                             harness.store().state().workspaces[0].id),
               nullptr);
-    EXPECT_EQ(harness.app().tabBar()->bar()->count(), 1);
 
     uint64_t pane = harness.focusedPane();
     harness.type("echo typed-$((6*7))");
@@ -199,15 +197,7 @@ TEST(AppWindowTest, AFullScreenProgramFillsThePaneAndFollowsTheWindowSize) {
         return model && asked && asked->cols < 100 && model->cols == asked->cols && model->rows == asked->rows &&
                view->terminal()->cols() == asked->cols && view->terminal()->rows() == asked->rows;
     })) << harness.describe();
-    int cols = view->terminal()->cols();
     int rows = view->terminal()->rows();
-    harness.type("clear; stty size; less /etc/services");
-    harness.pressReturn();
-    ASSERT_TRUE(harness.screenShows(pane, "/etc/services")) << harness.screenText(pane);
-    EXPECT_TRUE(harness.daemonShows(pane, "/etc/services"));
-    EXPECT_EQ(harness.store().state().pane(pane)->rows, rows);
-    EXPECT_EQ(harness.store().state().pane(pane)->cols, cols);
-    harness.type("q");
     harness.type("vi");
     harness.pressReturn();
     // An empty buffer in vi: every row below the first starts with a tilde.
@@ -234,33 +224,6 @@ TEST(AppWindowTest, PasteSendsTheClipboardAndAProgramCanCopy) {
     harness.pressReturn();
     EXPECT_TRUE(eventually([] { return QApplication::clipboard()->text() == "copied-by-program"; }))
         << QApplication::clipboard()->text().toStdString();
-}
-
-TEST(AppWindowTest, UnicodeAndColourOutputAreShownAsWritten) {
-    AppHarness harness;
-    ASSERT_TRUE(harness.waitForShell());
-    uint64_t pane = harness.focusedPane();
-    // Octal escapes keep the typed command plain ASCII; the output is UTF-8 and a red block.
-    harness.type("clear; printf 'h\\303\\251llo \\344\\270\\226\\347\\225\\214 \\033[41m        \\033[0m end\\n'");
-    harness.pressReturn();
-    ASSERT_TRUE(harness.screenShows(pane, "h\xc3\xa9llo \xe4\xb8\x96\xe7\x95\x8c")) << harness.screenText(pane);
-    EXPECT_TRUE(harness.daemonShows(pane, "h\xc3\xa9llo \xe4\xb8\x96\xe7\x95\x8c"));
-    ASSERT_TRUE(harness.screenShows(pane, "end"));
-
-    PaneHostView* view = harness.app().host(pane);
-    ASSERT_TRUE(eventually([&] {
-        QImage shot = harness.screenshot();
-        QRect area = inWindow(harness, view->terminal()).intersected(shot.rect());
-        int red = 0;
-        for (int y = area.top(); y <= area.bottom(); ++y) {
-            for (int x = area.left(); x <= area.right(); ++x) {
-                QColor c = shot.pixelColor(x, y);
-                red += c.red() > 150 && c.green() < 90 && c.blue() < 90;
-            }
-        }
-        return red > 8 * view->terminal()->cellSize().width() * view->terminal()->cellSize().height() / 2;
-    }));
-    harness.keepScreenshot("unicode-colour");
 }
 
 TEST(AppWindowTest, MaximizingShowsOnePaneAndClosingItShowsTheRest) {

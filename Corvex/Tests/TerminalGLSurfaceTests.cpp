@@ -81,6 +81,32 @@ TEST(TerminalGLSurface, DrawsAKnownScreen) {
     EXPECT_GT(cursorInk, cursor.width() * cursor.height() / 2);
 }
 
+// A frame that changes one row draws only that row's band over the last frame: the other rows
+// keep their pixels, and the picture is the one a full redraw makes.
+TEST(TerminalGLSurface, OneChangedRowLeavesTheOtherRowsIntact) {
+    GLPane pane;
+    ASSERT_TRUE(pane.surface());
+    pane.feed("\x1b[31mred row\r\n\x1b[42mgreen back\x1b[0m\r\nplain\r\n\x1b[4munder\x1b[0m\r\n\x1b[44m    \x1b[0m"
+              "\r\nlast\x1b[2;1H");
+    QImage before = pane.shot();
+    uint64_t partial = pane.surface()->partialFrames();
+    pane.feed("\x1b[3;1H\x1b[35mCHANGED\x1b[0m\x1b[2;1H");
+    QImage after = pane.shot();
+    if (const char* dir = std::getenv("CORVEX_SCREENSHOT_DIR")) after.save(QString(dir) + "/gl-one-row.png");
+    EXPECT_GT(pane.surface()->partialFrames(), partial);
+
+    auto rowOf = [&](const QImage& image, int row) { return image.copy(pane.cellRect(0, row, 24)); };
+    EXPECT_NE(rowOf(after, 2), rowOf(before, 2));
+    EXPECT_GT(pane.count(after, pane.cellRect(0, 2, 7), [&](QColor c) { return distance(c, rgb(pane.view->colors().ansi->at(5))) < 40; }), 10);
+    for (int row : {0, 1, 3, 4, 5}) EXPECT_EQ(rowOf(after, row), rowOf(before, row)) << "row " << row;
+
+    // A palette round trip redraws everything from scratch: the same picture.
+    pane.view->setDarkAppearance(!pane.view->darkAppearance());
+    pane.shot();
+    pane.view->setDarkAppearance(!pane.view->darkAppearance());
+    EXPECT_EQ(pane.shot(), after);
+}
+
 TEST(TerminalGLSurface, QuietPaneDrawsNoFrames) {
     GLPane pane;
     ASSERT_TRUE(pane.surface());

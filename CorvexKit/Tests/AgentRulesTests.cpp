@@ -94,7 +94,7 @@ TEST(AgentRules, TurnDurationOnlyForFinishedTurnsInOrder) {
     EXPECT_EQ(turnDuration(running), std::nullopt);
 }
 
-TEST(AgentRules, DetailPrefersThePromptAndKindNamesAreCapitalised) {
+TEST(AgentRules, DetailPrefersThePrompt) {
     auto waiting = agent(State::waiting, true);
     waiting.message = "Permission needed";
     EXPECT_EQ(agentDetail(waiting), "waiting for you: Permission needed");
@@ -102,10 +102,6 @@ TEST(AgentRules, DetailPrefersThePromptAndKindNamesAreCapitalised) {
     EXPECT_EQ(agentDetail(waiting), "waiting for you: fix the build");
     waiting.prompt = "";
     EXPECT_EQ(agentDetail(waiting), "waiting for you: Permission needed");
-
-    auto other = agent(State::done);
-    other.kind = "aider";
-    EXPECT_EQ(kindName(other), "Aider");
 }
 
 TEST(AgentRules, OnlyALoudRiseToWaitingDoneOrErrorNotifies) {

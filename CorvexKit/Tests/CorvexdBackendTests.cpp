@@ -278,53 +278,6 @@ TEST_F(CorvexdBackendTest, RepliesAndEventsAreToldApartAndJunkIsDropped) {
     EXPECT_TRUE(backend->isConnected());
 }
 
-TEST_F(CorvexdBackendTest, EventTableWithWhatIsDropped) {
-    startConnected();
-    auto peer = daemon.nextConnection();
-    Pane pane;
-    pane.id = 4;
-    pane.cols = 80;
-    pane.rows = 24;
-    json paneWithRev = toJSON(pane);
-    paneWithRev["rev"] = 12;
-    json agentLess = json{{"pane", 4}, {"agent", {{"state", 5}}}};
-
-    peer->event("pane", paneWithRev);
-    peer->event("pane", toJSON(pane));
-    peer->event("pane", json{{"id", "four"}});
-    peer->event("bell", json::object());
-    peer->event("bell", json{{"pane", "4"}});
-    peer->sendJSON(json{{"event", "bell"}, {"data", 4}});
-    peer->event("pane.clipboard", json{{"pane", 4}, {"text", "a"}, {"target", "selection"}});
-    peer->event("pane.clipboard", json{{"pane", 4}, {"text", "b"}, {"target", "clipboard"}});
-    peer->event("pane.clipboard", json{{"pane", 4}, {"text", "c"}});
-    peer->event("pane.clipboard", json{{"pane", 4}});
-    peer->event("pane.resized", json{{"pane", 4}, {"cols", 100}, {"rows", 30}});
-    peer->event("pane.resized", json{{"pane", 4}, {"cols", 100}, {"rows", 30}, {"seq", 77}});
-    peer->event("pane.resync", json{{"pane", 4}});
-    peer->event("agent", json{{"pane", 4}});
-    peer->event("agent", agentLess);
-    peer->event("agent", json{{"agent", json::object()}});
-    peer->event("settings", json{{"scrollback_lines", "many"}});
-    peer->event("no.such.event", json{{"pane", 4}});
-    peer->event("bell", json{{"pane", 9}});
-
-    std::vector<SessionEvent> got;
-    ASSERT_TRUE(next<SessionEvent::Bell>(&got));
-    std::vector<SessionEvent> expected{
-        SessionEvent::PaneChanged{pane, 12},
-        SessionEvent::PaneChanged{pane, 0},
-        SessionEvent::Clipboard{4, "a", true},
-        SessionEvent::Clipboard{4, "b", false},
-        SessionEvent::Clipboard{4, "c", false},
-        SessionEvent::Resized{4, 100, 30, 77},
-        SessionEvent::Resync{4},
-        SessionEvent::Agent{4, std::nullopt},
-        SessionEvent::Agent{4, std::nullopt},
-    };
-    EXPECT_EQ(got, expected);
-}
-
 TEST_F(CorvexdBackendTest, ErrorsFromTheDaemonAndFromNoConnection) {
     EXPECT_EQ(failure([&] { backend->getState(); }), BackendError("disconnected", "not connected to corvexd"));
     auto handler = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
@@ -670,16 +623,9 @@ TEST_F(CorvexdBackendTest, ALinkThatDiesRightAfterConnectingIsRetriedWithoutWait
 
 // ---------------------------------------------------------------- retrying
 
-TEST(RetryPolicy, Delays) {
-    RetryPolicy local{std::nullopt, 0.1, 2.0};
-    std::vector<double> waits;
-    for (int n = 0; n <= 8; ++n) waits.push_back(*local.delay(n));
-    EXPECT_EQ(waits, (std::vector<double>{0.1, 0.1, 0.2, 0.4, 0.8, 1.6, 2.0, 2.0, 2.0}));
-    EXPECT_EQ(local.delay(5000), 2.0);
-
-    RetryPolicy remote = RetryPolicy::remote();
-    EXPECT_EQ(remote.delay(2), 2.0);
-    EXPECT_FALSE(remote.delay(3));
+// The doubling itself shows in the back-off tests below; a count that long is no overflow.
+TEST(RetryPolicy, ALongRunOfFailuresStaysAtTheLongestWait) {
+    EXPECT_EQ((RetryPolicy{std::nullopt, 0.1, 2.0}.delay(5000)), 2.0);
 }
 
 TEST_F(CorvexdBackendTest, AFailedFirstStartRaisesThenRetriesWithBackOffUntilTheDaemonComes) {

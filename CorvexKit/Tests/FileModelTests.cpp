@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "CorvexKit/FileCodec.h"
+#include "CorvexKit/FilePathText.h"
 #include "CorvexKit/LocalFileBackend.h"
 #include "Support/ScratchDirectory.h"
 
@@ -29,11 +30,11 @@ TEST(FileCodec, EntryWritesEveryRequiredKeyAndOnlyThePresentOptionals) {
                                  R"("path":"/home/me/notes.txt","size":12,"type":"file"})");
     entry.link = true;
     entry.target = "../elsewhere";
-    entry.pathRaw = "raw";
+    entry.pathRaw = "/home/me/notes.txt";
     entry.text = true;
     std::string text = encodeText(entry);
     EXPECT_NE(text.find(R"("target":"../elsewhere")"), std::string::npos);
-    EXPECT_NE(text.find(R"("path_raw":"raw")"), std::string::npos);
+    EXPECT_NE(text.find(R"("path_raw":"/home/me/notes.txt")"), std::string::npos);
     EXPECT_NE(text.find(R"("text":true)"), std::string::npos);
     EXPECT_EQ(decodeText<FileEntry>(text), entry);
 }
@@ -79,12 +80,44 @@ TEST(FileCodec, MissingRequiredKeysFailButMissingOptionalsDont) {
     EXPECT_THROW(decodeText<FileSpace>(R"({"total":-1,"free":0,"available":0})"), DecodingError);
 }
 
-TEST(FileCodec, NamesThatAreNotUTF8StillEncode) {
+TEST(FileCodec, NamesThatAreNotUTF8TravelReadableAndComeBackExact) {
     FileEntry entry = sampleEntry();
-    entry.name = "bad\xff";
-    entry.path = "/tmp/bad\xff";
-    FileEntry decoded = decodeText<FileEntry>(encodeText(entry));
-    EXPECT_EQ(decoded.name, "bad\xEF\xBF\xBD");
+    entry.name = "caf\xe9 50%";
+    entry.path = "/tmp/caf\xe9 50%";
+    std::string text = encodeText(entry);
+    EXPECT_NE(text.find("\"name\":\"caf\xEF\xBF\xBD 50%\""), std::string::npos) << text;
+    EXPECT_NE(text.find(R"("path_raw":"/tmp/caf%E9 50%25")"), std::string::npos) << text;
+    FileEntry decoded = decodeText<FileEntry>(text);
+    EXPECT_EQ(decoded.path, entry.path);
+    EXPECT_EQ(decoded.name, entry.name);
+
+    FileListing listing{sampleEntry(), {}, std::string("b\xff")};
+    EXPECT_EQ(decodeText<FileListing>(encodeText(listing)).next, listing.next);
+    // A raw form that isn't one is refused rather than guessed at.
+    std::string broken = text;
+    broken.replace(broken.find("%E9"), 3, "%Z9");
+    EXPECT_EQ(decodeText<FileEntry>(broken).path, "/tmp/caf\xEF\xBF\xBD 50%");
+}
+
+TEST(FilePathText, OnlyBytesOutsideValidUTF8AreEscaped) {
+    struct Case {
+        std::string bytes;
+        bool valid;
+    };
+    const std::vector<Case> cases{
+        {"plain/ascii", true},         {"caf\xC3\xA9", true},   {"\xF0\x9F\x98\x80", true},
+        {"\xC3", false},               {"\xC0\xAF", false},     // cut short; overlong "/"
+        {"\xED\xA0\x80", false},      {"\xF4\x90\x80\x80", false}, // a surrogate; past U+10FFFF
+        {"\xFF", false},
+    };
+    for (const Case& item : cases) {
+        EXPECT_EQ(isValidUTF8(item.bytes), item.valid) << item.bytes;
+        std::optional<std::string> raw = rawPathText(item.bytes);
+        EXPECT_EQ(raw.has_value(), !item.valid);
+        if (raw) EXPECT_EQ(pathFromRawText(*raw), item.bytes);
+        EXPECT_TRUE(isValidUTF8(readablePath(item.bytes)));
+    }
+    EXPECT_EQ(pathFromRawText("%4"), std::nullopt);
 }
 
 TEST(FileModel, WireStringsOfErrorCodesAndTypes) {

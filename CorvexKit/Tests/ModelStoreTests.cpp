@@ -6,37 +6,16 @@
 #include "Platform/MainQueue.h"
 #include "Support/ManualExecutor.h"
 #include "Support/RecordingSink.h"
+#include "Support/SampleModel.h"
 #include "Support/ScriptedBackend.h"
 
 using namespace corvex;
 using namespace std::chrono_literals;
 using testkit::RecordingSink;
+using testkit::samplePane;
+using testkit::sampleState;
 
 namespace {
-
-Pane pane(uint64_t id) {
-    Pane p;
-    p.id = id;
-    p.cols = 80;
-    p.rows = 24;
-    return p;
-}
-
-// Workspace 1: tab 2 (pane 3), tab 4 (panes 5 | 6). Workspace 8: tab 9 (pane 10). Focus 1/2/3.
-ModelState daemonState(uint64_t rev = 1) {
-    ModelState state;
-    state.rev = rev;
-    state.focus = Focus{1, 2, 3};
-    state.workspaces = {
-        Workspace{1, "One",
-                  {Tab{2, std::nullopt, 3, Layout::leaf(3)},
-                   Tab{4, std::nullopt, 5, Layout::split(7, Axis::horizontal, 0.5, Layout::leaf(5), Layout::leaf(6))}},
-                  2},
-        Workspace{8, "Two", {Tab{9, std::nullopt, 10, Layout::leaf(10)}}, 9},
-    };
-    state.panes = {pane(3), pane(5), pane(6), pane(10)};
-    return state;
-}
 
 Hello hello(std::string instance) {
     Hello h;
@@ -87,7 +66,7 @@ protected:
 
     void connectWithState(const std::string& instance = "A") {
         deliver(SessionEvent::Connected{hello(instance)});
-        deliver(SessionEvent::State{daemonState()});
+        deliver(SessionEvent::State{sampleState()});
         changes = 0;
     }
 
@@ -115,13 +94,13 @@ TEST_F(ModelStoreTest, StartsTheBackendAndAppliesEventsInOrder) {
     deliver(SessionEvent::Connected{hello("A")});
     EXPECT_FALSE(store.retryPaused());
     EXPECT_EQ(store.features(), (FeatureSet{Hello::Feature::paneKeys, Hello::Feature::move}));
-    deliver(SessionEvent::State{daemonState(5)});
-    EXPECT_EQ(store.state(), daemonState(5));
+    deliver(SessionEvent::State{sampleState(5)});
+    EXPECT_EQ(store.state(), sampleState(5));
     EXPECT_EQ(changes, 4);
 
     // Events pushed from another thread arrive on the main queue in their order.
     std::thread producer([this] {
-        for (uint64_t rev = 6; rev < 1000; ++rev) backend->push(SessionEvent::PaneChanged{pane(3), rev});
+        for (uint64_t rev = 6; rev < 1000; ++rev) backend->push(SessionEvent::PaneChanged{samplePane(3), rev});
     });
     std::vector<uint64_t> revs;
     store.onChange = [&] { revs.push_back(store.state().rev); };
@@ -155,7 +134,7 @@ TEST_F(ModelStoreTest, PaneDataGoesToTheLiveSinkOnlyAndChangesNothing) {
     EXPECT_EQ(sink->calls, (std::vector<std::string>{"subscribed replay 10", "output 10 hi", "snapshot 12 100x30 s",
                                                      "resized 90x20 13", "resync", "selection copied"}));
     EXPECT_EQ(changes, 0);
-    EXPECT_EQ(store.state(), daemonState()); // no seq moved
+    EXPECT_EQ(store.state(), sampleState()); // no seq moved
 
     // A second registration replaces the first; a gone sink and an unregistered pane drop data.
     auto replacement = std::make_shared<RecordingSink>();
@@ -179,13 +158,13 @@ TEST_F(ModelStoreTest, LocalFocusOutlivesStaleStatesUntilTheTimeout) {
 
     // The backend hasn't answered yet; a state with the old focus keeps the local one on screen.
     queue.advance(2900ms);
-    deliver(SessionEvent::State{daemonState(2)});
+    deliver(SessionEvent::State{sampleState(2)});
     EXPECT_EQ(store.state().focus, (Focus{1, 4, 6}));
     EXPECT_EQ(store.daemonState()->focus, (Focus{1, 2, 3}));
 
     queue.advance(100ms);
-    deliver(SessionEvent::State{daemonState(3)});
-    EXPECT_EQ(store.state(), daemonState(3));
+    deliver(SessionEvent::State{sampleState(3)});
+    EXPECT_EQ(store.state(), sampleState(3));
     EXPECT_FALSE(store.isFocusLocal());
     finishCalls();
     EXPECT_EQ(backend->calls().back(), "focus pane 6");
@@ -194,7 +173,7 @@ TEST_F(ModelStoreTest, LocalFocusOutlivesStaleStatesUntilTheTimeout) {
 TEST_F(ModelStoreTest, LocalFocusEndsWhenTheDaemonCatchesUpOrTheGraceRunsOut) {
     connectWithState();
     store.focus(FocusTarget::pane(6));
-    auto caughtUp = daemonState(2);
+    auto caughtUp = sampleState(2);
     caughtUp = *caughtUp.focusing(FocusTarget::pane(6));
     deliver(SessionEvent::State{caughtUp});
     EXPECT_FALSE(store.isFocusLocal());
@@ -251,16 +230,16 @@ TEST_F(ModelStoreTest, MovesAreReplayedOverStatesUntilConfirmed) {
     EXPECT_TRUE(store.isMoveLocal());
 
     // A state without the move gets it laid over; one that already has it is left as it is.
-    deliver(SessionEvent::State{daemonState(2)});
+    deliver(SessionEvent::State{sampleState(2)});
     EXPECT_EQ(tabIDs(store.state(), 0), (std::vector<uint64_t>{4, 2}));
-    auto moved = *daemonState(3).moving(MoveRequest::moveTab(4, std::nullopt, 0));
+    auto moved = *sampleState(3).moving(MoveRequest::moveTab(4, std::nullopt, 0));
     deliver(SessionEvent::State{moved});
     EXPECT_EQ(store.state(), moved);
 
     finishCalls();
     EXPECT_EQ(backend->calls().back(), "move tab 4 to index 0");
     queue.advance(500ms);
-    deliver(SessionEvent::State{daemonState(4)});
+    deliver(SessionEvent::State{sampleState(4)});
     EXPECT_EQ(tabIDs(store.state(), 0), (std::vector<uint64_t>{2, 4}));
     EXPECT_FALSE(store.isMoveLocal());
 }
@@ -275,7 +254,7 @@ TEST_F(ModelStoreTest, AFailedMoveIsTakenOutAndTheOthersStay) {
     EXPECT_EQ(tabIDs(store.state(), 0), (std::vector<uint64_t>{4, 9}));
     finishCalls();
     EXPECT_EQ(result, "not_found: no tab 4");
-    EXPECT_EQ(store.state(), *daemonState().moving(MoveRequest::moveWorkspace(8, 0)));
+    EXPECT_EQ(store.state(), *sampleState().moving(MoveRequest::moveWorkspace(8, 0)));
     EXPECT_TRUE(store.isMoveLocal());
 }
 
@@ -311,8 +290,8 @@ TEST_F(ModelStoreTest, LosingTheLinkDropsOverlaysAndKeepsTheFirstLossTime) {
 
     // Nothing is resent, and the next state is shown as the daemon sent it.
     finishCalls();
-    deliver(SessionEvent::State{daemonState(2)});
-    EXPECT_EQ(store.state(), daemonState(2));
+    deliver(SessionEvent::State{sampleState(2)});
+    EXPECT_EQ(store.state(), sampleState(2));
     deliver(SessionEvent::Connected{hello("A")});
     EXPECT_EQ(store.lostAt(), std::nullopt);
     EXPECT_EQ(store.cacheSnapshot(3000).lastSeen, 3000);
@@ -361,7 +340,7 @@ TEST_F(ModelStoreTest, ANewDaemonInstanceResetsEverySinkOnceBeforeHelloIsPublish
 
 TEST_F(ModelStoreTest, ARestoredCacheIsShownUntilTheFirstStateAndComparesItsInstance) {
     CachedMachineState cache;
-    cache.state = daemonState(9);
+    cache.state = sampleState(9);
     cache.lastSeen = 500;
     cache.instance = "A";
     cache.featureNames = {"git", "unknown"};
@@ -379,7 +358,7 @@ TEST_F(ModelStoreTest, ARestoredCacheIsShownUntilTheFirstStateAndComparesItsInst
 
     // Pane and agent changes can't apply to a remembered state, and focus isn't shown.
     changes = 0;
-    auto changed = pane(3);
+    auto changed = samplePane(3);
     changed.title = "new";
     deliver(SessionEvent::PaneChanged{changed, 20});
     deliver(SessionEvent::Agent{3, AgentInfo{"claude", AgentInfo::State::running}});
@@ -396,7 +375,7 @@ TEST_F(ModelStoreTest, ARestoredCacheIsShownUntilTheFirstStateAndComparesItsInst
     EXPECT_TRUE(store.isSaved());
     EXPECT_EQ(store.cacheSnapshot(4000), cache); // lastSeen doesn't creep while saved
 
-    deliver(SessionEvent::State{daemonState(10)});
+    deliver(SessionEvent::State{sampleState(10)});
     EXPECT_FALSE(store.isSaved());
     auto snapshot = store.cacheSnapshot(4000);
     EXPECT_EQ(snapshot.lastSeen, 4000);
@@ -406,7 +385,7 @@ TEST_F(ModelStoreTest, ARestoredCacheIsShownUntilTheFirstStateAndComparesItsInst
     // A cache never replaces live data.
     store.restore(cache);
     EXPECT_FALSE(store.isSaved());
-    EXPECT_EQ(store.state(), daemonState(10));
+    EXPECT_EQ(store.state(), sampleState(10));
 }
 
 TEST_F(ModelStoreTest, PaneAndAgentEventsUpdateThePaneList) {
@@ -416,11 +395,11 @@ TEST_F(ModelStoreTest, PaneAndAgentEventsUpdateThePaneList) {
         agentChanges.push_back(std::to_string(id) + (old ? " had" : " none") + (now ? " has" : " none"));
     };
 
-    auto withAgent = pane(5);
+    auto withAgent = samplePane(5);
     withAgent.agent = AgentInfo{"claude", AgentInfo::State::running};
     deliver(SessionEvent::PaneChanged{withAgent, 7});
     EXPECT_EQ(*store.state().pane(5), withAgent);
-    deliver(SessionEvent::PaneChanged{pane(11), 3}); // unknown panes are appended; rev never goes back
+    deliver(SessionEvent::PaneChanged{samplePane(11), 3}); // unknown panes are appended; rev never goes back
     EXPECT_NE(store.state().pane(11), nullptr);
     EXPECT_EQ(store.state().rev, 7u);
 
@@ -458,7 +437,7 @@ TEST_F(ModelStoreTest, SettingsAndServiceArePublishedWithoutOnChange) {
 TEST_F(ModelStoreTest, FocusedValuesAndTabTitlesFallBackSensibly) {
     EXPECT_EQ(store.focusedPane(), nullptr);
 
-    auto state = daemonState();
+    auto state = sampleState();
     state.focus = Focus{8, 4, 5}; // tab 4 isn't in workspace 8
     state.panes[1].title = "✳ Claude Code";
     state.panes[1].cwd = "/home/ann/corvex";

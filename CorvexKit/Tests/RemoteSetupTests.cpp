@@ -1,34 +1,24 @@
 #include "CorvexKit/RemoteSetup.h"
+#include "CorvexKit/ProcessRun.h"
+#include "Support/ScratchDirectory.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/utsname.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 using namespace corvex;
+using corvex::testing::readFile;
+using corvex::testing::ScratchDirectory;
 namespace rs = corvex::RemoteSetup;
 
 namespace {
-
-struct RunResult {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-std::string readFile(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-}
 
 void writeFile(const fs::path& path, std::string_view text, fs::perms perms = fs::perms(0644)) {
     fs::create_directories(path.parent_path());
@@ -49,56 +39,29 @@ std::string fakeDaemon(std::string_view id) {
 class ScriptTest : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "remote-setup-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        root = pattern;
-        home = root / "home";
-        tmp = root / "tmp";
         fs::create_directories(home);
         fs::create_directories(tmp);
     }
-    void TearDown() override { fs::remove_all(root); }
 
     // Runs argv with a clean environment and `input` on standard input.
-    RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {},
-                  std::string_view input = "") {
-        writeFile(root / "stdin", input);
+    ProcessResult run(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {},
+                      std::string_view input = "") {
         std::vector<std::string> env{"PATH=/usr/bin:/bin", "HOME=" + home.string(), "TMPDIR=" + tmp.string()};
         env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-        std::vector<char*> args, envp;
-        for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        for (auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
-        envp.push_back(nullptr);
-        std::string in = (root / "stdin").string(), out = (root / "stdout").string(), err = (root / "stderr").string();
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = 0;
-        RunResult result;
-        if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data()) == 0) {
-            int status = 0;
-            waitpid(pid, &status, 0);
-            result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        result.out = readFile(out);
-        result.err = readFile(err);
-        return result;
+        return runProcess({argv[0], {argv.begin() + 1, argv.end()}, env, std::string(input), true});
     }
 
-    RunResult probe(const std::vector<std::string>& extraEnv = {}) {
+    ProcessResult probe(const std::vector<std::string>& extraEnv = {}) {
         return run({GetParam(), "-s"}, extraEnv, rs::probeScript);
     }
 
     // The install exactly as it goes over ssh: one command line for the login shell.
-    RunResult install(std::string_view id, std::string_view quotedBase, std::string_view binary) {
+    ProcessResult install(std::string_view id, std::string_view quotedBase, std::string_view binary) {
         return run({GetParam(), "-c", rs::installCommand(id, quotedBase, "")}, {}, binary);
     }
 
-    fs::path root, home, tmp;
+    ScratchDirectory scratch;
+    fs::path root = scratch.path(), home = root / "home", tmp = root / "tmp";
 };
 
 std::string expectedArch() {
@@ -118,12 +81,8 @@ TEST(RemoteSetup, QuoteSurvivesTheShellWhateverTheText) {
     EXPECT_EQ(rs::quote("it's"), "'it'\\''s'");
     // Real shells must give back exactly the text that went in.
     for (std::string text : {"it's here", "''", "$HOME `id` $(id) \\n \"x\"", "a\nb", "'"}) {
-        FILE* pipe = popen(("/bin/sh -c " + rs::quote("printf %s " + rs::quote(text))).c_str(), "r");
-        ASSERT_NE(pipe, nullptr);
-        std::string got;
-        for (int c; (c = fgetc(pipe)) != EOF;) got += static_cast<char>(c);
-        pclose(pipe);
-        EXPECT_EQ(got, text);
+        std::string twice = "/bin/sh -c " + rs::quote("printf %s " + rs::quote(text));
+        EXPECT_EQ(runProcess({"/bin/sh", {"-c", twice}}).out, text);
     }
 }
 
@@ -199,12 +158,10 @@ TEST(RemoteSetup, Manifest) {
                  std::runtime_error);
     EXPECT_THROW(rs::Manifest::decode("not json"), std::runtime_error);
 
-    std::string pattern = (fs::temp_directory_path() / "manifest-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    EXPECT_THROW(rs::Manifest::load(pattern), std::runtime_error);
-    writeFile(fs::path(pattern) / "manifest.json", text);
-    EXPECT_EQ(rs::Manifest::load(pattern), manifest);
-    fs::remove_all(pattern);
+    ScratchDirectory folder;
+    EXPECT_THROW(rs::Manifest::load(folder.path()), std::runtime_error);
+    writeFile(fs::path(folder.path()) / "manifest.json", text);
+    EXPECT_EQ(rs::Manifest::load(folder.path()), manifest);
 }
 
 TEST(RemoteSetup, BuildIDsAndOutdatedDaemons) {

@@ -1,37 +1,12 @@
 #include <gtest/gtest.h>
 
 #include "CorvexKit/SessionModel.h"
+#include "Support/SampleModel.h"
 
 using namespace corvex;
+using testkit::sampleState;
 
 namespace {
-
-Pane pane(uint64_t id) {
-    Pane p;
-    p.id = id;
-    p.cols = 80;
-    p.rows = 24;
-    return p;
-}
-
-// Workspace 1 "One": tab 2 (pane 3) and tab 4 (panes 5 | 6 in split 7), tab 2 active.
-// Workspace 8 "Two": tab 9 (pane 10). Workspace 11 "Empty": no tabs. Focus on 1/2/3.
-ModelState sample() {
-    ModelState state;
-    state.rev = 42;
-    state.focus = Focus{1, 2, 3};
-    state.workspaces = {
-        Workspace{1, "One",
-                  {Tab{2, std::nullopt, 3, Layout::leaf(3)},
-                   Tab{4, "build", 5,
-                       Layout::split(7, Axis::horizontal, 0.5, Layout::leaf(5), Layout::leaf(6))}},
-                  2},
-        Workspace{8, "Two", {Tab{9, std::nullopt, 10, Layout::leaf(10)}}, 9},
-        Workspace{11, "Empty", {}, std::nullopt},
-    };
-    state.panes = {pane(3), pane(5), pane(6), pane(10)};
-    return state;
-}
 
 std::vector<uint64_t> tabIDs(const Workspace& workspace) {
     std::vector<uint64_t> ids;
@@ -42,9 +17,9 @@ std::vector<uint64_t> tabIDs(const Workspace& workspace) {
 } // namespace
 
 TEST(ModelState, LookupsFindByIdentifierAndTreatAbsentAsAbsent) {
-    auto state = sample();
+    auto state = sampleState();
     ASSERT_NE(state.tab(4), nullptr);
-    EXPECT_EQ(state.tab(4)->title, "build");
+    EXPECT_EQ(state.tab(4)->activePane, 5u);
     EXPECT_EQ(state.pane(99), nullptr);
     EXPECT_EQ(state.workspace(std::nullopt), nullptr);
 
@@ -56,8 +31,8 @@ TEST(ModelState, LookupsFindByIdentifierAndTreatAbsentAsAbsent) {
     EXPECT_EQ(state.workspaceContaining(3), nullptr); // a pane identifier is no tab
 }
 
-TEST(ModelState, FocusingAPaneActivatesItsTabAndWorkspaceButKeepsRevAndPanes) {
-    auto state = sample();
+TEST(ModelState, FocusingAPaneOrTabActivatesItsTabAndWorkspaceButKeepsRevAndPanes) {
+    auto state = sampleState();
     auto next = state.focusing(FocusTarget::pane(6));
     ASSERT_TRUE(next);
     EXPECT_EQ(next->focus, (Focus{1, 4, 6}));
@@ -67,17 +42,15 @@ TEST(ModelState, FocusingAPaneActivatesItsTabAndWorkspaceButKeepsRevAndPanes) {
 
     EXPECT_FALSE(state.focusing(FocusTarget::pane(99)));
     EXPECT_FALSE(state.focusing(FocusTarget::tab(3))); // a pane's identifier names no tab
-}
 
-TEST(ModelState, FocusingATabUsesItsActivePane) {
-    auto next = sample().focusing(FocusTarget::tab(4));
+    // A tab brings its own active pane.
+    next = state.focusing(FocusTarget::tab(4));
     ASSERT_TRUE(next);
     EXPECT_EQ(next->focus, (Focus{1, 4, 5}));
-    EXPECT_EQ(next->workspace(1)->activeTab, 4u);
 }
 
 TEST(ModelState, FocusingAWorkspaceChoosesItsTabWithoutTouchingActiveTab) {
-    auto state = sample();
+    auto state = sampleState();
     auto next = state.focusing(FocusTarget::workspace(8));
     ASSERT_TRUE(next);
     EXPECT_EQ(next->focus, (Focus{8, 9, 10}));
@@ -96,7 +69,7 @@ TEST(ModelState, FocusingAWorkspaceChoosesItsTabWithoutTouchingActiveTab) {
 }
 
 TEST(ModelState, MovingAWorkspaceClampsTheIndexAndRejectsWhatItCantTell) {
-    auto state = sample();
+    auto state = sampleState();
     auto next = state.moving(MoveRequest::moveWorkspace(1, 1000));
     ASSERT_TRUE(next);
     ASSERT_EQ(next->workspaces.size(), 3u);
@@ -114,7 +87,7 @@ TEST(ModelState, MovingAWorkspaceClampsTheIndexAndRejectsWhatItCantTell) {
 }
 
 TEST(ModelState, MovingATabWithinItsWorkspace) {
-    auto state = sample();
+    auto state = sampleState();
     auto next = state.moving(MoveRequest::moveTab(2, std::nullopt, 1000));
     ASSERT_TRUE(next);
     EXPECT_EQ(tabIDs(next->workspaces[0]), (std::vector<uint64_t>{4, 2}));
@@ -137,7 +110,7 @@ TEST(ModelState, MovingATabWithinItsWorkspace) {
 }
 
 TEST(ModelState, MovingATabAcrossWorkspaces) {
-    auto state = sample();
+    auto state = sampleState();
     state.focus = Focus{8, 9, 10};
 
     // Tab 2 was workspace 1's active tab: the tab before its place takes over (none before
@@ -200,6 +173,7 @@ TEST(PaneRestore, NoteNamesTheResumedAgent) {
 TEST(AgentInfo, KindNames) {
     EXPECT_EQ(AgentInfo::kindName("claude"), "Claude Code");
     EXPECT_EQ(AgentInfo::kindName("CODEX"), "Codex");
+    EXPECT_EQ(AgentInfo::kindName("aider"), "Aider");
     EXPECT_EQ(AgentInfo::kindName(""), "Agent");
     EXPECT_EQ(AgentInfo::shortName(""), "Agent");
 }
@@ -251,7 +225,7 @@ TEST(SuccessorTab, TheTabBeforeOrElseTheNext) {
 
 TEST(ModelState, TreeEditsHandOverTabsPanesAndFocus) {
     // Closing the focused tab: its predecessor takes the focus and the workspace.
-    auto state = sample();
+    auto state = sampleState();
     state.focus = Focus{1, 4, 6};
     state.settleActiveTabs();
     ASSERT_TRUE(state.removeTab(4));
@@ -262,7 +236,7 @@ TEST(ModelState, TreeEditsHandOverTabsPanesAndFocus) {
 
     // A pane leaves: its sibling's first pane becomes the tab's active one; the last pane of
     // a tab takes the tab along, and the workspace hands over as for a closed tab.
-    state = sample();
+    state = sampleState();
     state.workspaces[0].tabs[1].activePane = 6;
     state.removePaneFromTabs(6);
     EXPECT_EQ(state.workspace(1)->tab(4)->activePane, 5u);
@@ -274,14 +248,14 @@ TEST(ModelState, TreeEditsHandOverTabsPanesAndFocus) {
     EXPECT_EQ(state.focus, (Focus{8, std::nullopt, std::nullopt}));
 
     // The focused workspace gone: the first one, at its own active tab.
-    state = sample();
+    state = sampleState();
     state.workspaces[0].activeTab = 4;
     state.focus = Focus{99, 98, 97};
     state.repairFocus();
     EXPECT_EQ(state.focus, (Focus{1, 4, 5}));
 
     // Settling: the focused workspace shows the focused tab; another keeps a tab it holds.
-    state = sample();
+    state = sampleState();
     state.focus = Focus{1, 4, 5};
     state.workspaces[1].activeTab = 77;
     state.settleActiveTabs();

@@ -23,6 +23,9 @@ public:
     std::string positional(std::string_view what);
     std::optional<std::string> optionalPositional();
     std::vector<std::string> remainingPositionals();
+    // Said by a command whose arguments name nothing on the daemon's machine: it runs here alone.
+    void runHereAlone() { hereAlone_ = true; }
+    bool runsHereAlone() const { return hereAlone_; }
     // What came after "--", absent when there was no "--".
     std::optional<std::vector<std::string>> trailing() const { return trailing_; }
     void finish() const;
@@ -31,6 +34,7 @@ private:
     std::vector<std::string> items_;
     std::optional<std::vector<std::string>> trailing_;
     bool daemonIsLocal_ = true;
+    bool hereAlone_ = false;
 };
 
 uint64_t parseID(const std::string& text, std::string_view what);

@@ -167,6 +167,7 @@ Invocation parse(const std::vector<std::string>& args) {
     }
     invocation.interactive = spec->second.interactive;
     invocation.readOnly = spec->second.readOnly;
+    invocation.hereAlone = rest.runsHereAlone();
     return invocation;
 }
 
@@ -201,14 +202,14 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     Streams io{in, out, err};
     // A machine reached over ssh gets its daemon installed first, as the app does it.
     std::shared_ptr<CorvexdTransport> remote;
-    if (invocation.sshTarget && !invocation.remoteCommand) {
+    if (invocation.sshTarget && !invocation.remoteCommand && !invocation.hereAlone) {
         remote = prepareRemote(*invocation.sshTarget, err);
         if (!remote) return 1;
     }
     auto backend = makeBackend(invocation, std::move(remote));
     int status = 1;
     try {
-        startBackend(*backend, invocation);
+        if (!invocation.hereAlone) startBackend(*backend, invocation);
         status = invocation.run(*backend, io);
     } catch (const BackendError& error) {
         if (backend->daemonWasShutDown()) err << shutDownNote << "\n";

@@ -45,6 +45,8 @@ struct Invocation {
     bool interactive = false;
     // Commands that only look never start a daemon; they say that none runs.
     bool readOnly = false;
+    // Needs no daemon at all, as `ls` of a local path: none is reached, started or installed.
+    bool hereAlone = false;
 };
 
 // Raises UsageError; every argument is checked before anything is connected.

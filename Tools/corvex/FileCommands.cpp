@@ -1,6 +1,7 @@
 // The file commands: ls, stat and cp, on the same FileBackend and FileTransfer code the app
 // uses. A path that begins with ":" is on the daemon's machine; any other is on this one.
 
+#include <algorithm>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -136,6 +137,7 @@ CommandRun parseLs(Arguments& args) {
     }
     Place where = place(*path);
     args.finish();
+    if (!where.remote) args.runHereAlone();
     return [=](CorvexdBackend& daemon, Streams& io) {
         auto files = backendFor(where.remote, daemon);
         std::string path = resolvedPath(where);
@@ -153,6 +155,7 @@ CommandRun parseLs(Arguments& args) {
 CommandRun parseStat(Arguments& args) {
     Place where = place(args.positional("PATH"));
     args.finish();
+    if (!where.remote) args.runHereAlone();
     return [=](CorvexdBackend& daemon, Streams& io) {
         auto files = backendFor(where.remote, daemon);
         io.out << encodeText(files->stat(resolvedPath(where))) << "\n";
@@ -179,6 +182,7 @@ CommandRun parseCp(Arguments& args) {
         if (source.remote != sources.front().remote)
             throw UsageError("the sources of one cp must all be here or all be on the daemon's machine");
     }
+    if (!destination.remote && !sources.front().remote) args.runHereAlone();
     auto conflict = skip ? FileTransfer::Conflict::skip
                          : overwrite ? FileTransfer::Conflict::replace : FileTransfer::Conflict::fail;
     return [=](CorvexdBackend& daemon, Streams& io) {
@@ -186,6 +190,9 @@ CommandRun parseCp(Arguments& args) {
         auto to = sources.front().remote == destination.remote ? from : backendFor(destination.remote, daemon);
         FileTransfer transfer(from, to);
         transfer.maxStreams = streams;
+        // Small files keep many more in flight, within the daemon's streams for one client
+        // even when both ends are on it.
+        transfer.smallFileStreams = std::max(streams, 16);
         // Larger pieces than the app's default: fewer frames and wake-ups for the same bytes,
         // still four to a window.
         transfer.chunk = 1 << 20;

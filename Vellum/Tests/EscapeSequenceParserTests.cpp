@@ -146,15 +146,6 @@ TEST_F(ParserTest, OscLimitDropsAtTheTerminator) {
     EXPECT_EQ(parse("\x1b]0;a\x07"), (Events{}));
 }
 
-TEST_F(ParserTest, DefaultOscLimitOfSixtyFiveMegabytes) {
-    std::string payload(EscapeSequenceParser::defaultMaximumOscBytes + 1 - 2, 'A');
-    EXPECT_EQ(parse("\x1b]0;" + payload + "\x07x"), (Events{"print x"}));
-    payload.pop_back();
-    Events accepted = parse("\x1b]0;" + payload + "\x07");
-    ASSERT_EQ(accepted.size(), 1u);
-    EXPECT_EQ(accepted[0].size(), std::string("OSC 0  \\x07").size() + payload.size());
-}
-
 TEST_F(ParserTest, ProgramStatusOscLimitsAndTerminators) {
     std::string data(4092 - 5, 'x');
     EXPECT_EQ(parse("\x1b]7501;" + data + "\x07"), (Events{"OSC 7501 " + data + " \\x07"}));

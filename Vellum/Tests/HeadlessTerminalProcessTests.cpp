@@ -9,10 +9,12 @@
 #include <thread>
 
 #include "Platform/SerialQueue.h"
+#include "Platform/Tests/Support/Eventually.h"
 #include "Support/ProcessLeakCheck.h"
 
 using namespace vellum;
 using namespace std::chrono_literals;
+using platform::testing::eventually;
 
 namespace {
 
@@ -44,22 +46,7 @@ std::string screen(HeadlessTerminal& headless) {
 }
 
 bool screenShows(HeadlessTerminal& headless, const std::string& text) {
-    auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (screen(headless).find(text) != std::string::npos) return true;
-        std::this_thread::sleep_for(5ms);
-    }
-    return false;
-}
-
-template <typename Predicate>
-bool eventually(Predicate predicate) {
-    auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
+    return eventually([&] { return screen(headless).find(text) != std::string::npos; });
 }
 
 TerminalOptions size(int cols, int rows) {
@@ -148,9 +135,10 @@ TEST_P(HeadlessTerminalProcessTest, RestartsFromTheEndReportAndGoesAwayCleanlyWi
 INSTANTIATE_TEST_SUITE_P(Delivery, HeadlessTerminalProcessTest, ::testing::Values(true, false),
                          [](const auto& info) { return info.param ? "Direct" : "Queued"; });
 
-TEST(HeadlessTerminalWithoutProcess, RepliesAreCollectedWhenNoChildRuns) {
+TEST(HeadlessTerminalWithoutProcess, RepliesAndTheDirectoryAreKeptWhenNoChildRuns) {
     HeadlessTerminal headless;
-    headless.feed("\x1b[c");
+    headless.feed("\x1b]7;file://box/srv\x07\x1b[c");
+    EXPECT_EQ(headless.dir, "file://box/srv");
     EXPECT_EQ(headless.replies.substr(0, 3), "\x1b[?");
     EXPECT_EQ(headless.startProcessChecked("/bin/cat"), LocalProcessError::notRunning());
     headless.send("dropped"); // nowhere to go, and no harm

@@ -3,6 +3,8 @@
 
 #include "Vellum/LocalProcess.h"
 #include "Vellum/PseudoTerminalHelpers.h"
+#include "Support/ProcessLeakCheck.h"
+#include "Support/ProcessRecorder.h"
 
 #include <gtest/gtest.h>
 
@@ -18,55 +20,11 @@
 
 using namespace vellum;
 using namespace std::chrono_literals;
+using Collector = vellum::testing::ProcessRecorder;
 
 namespace {
 
-class Collector : public LocalProcessDelegate {
-public:
-    void processTerminated(LocalProcess&, std::optional<int32_t> exitCode) override {
-        std::lock_guard guard(mutex_);
-        exit_ = exitCode;
-        ended_ = true;
-        changed_.notify_all();
-    }
-    void dataReceived(std::vector<unsigned char> slice) override {
-        std::lock_guard guard(mutex_);
-        output_.append(slice.begin(), slice.end());
-        changed_.notify_all();
-    }
-    winsize getWindowSize() override { return {24, 80, 0, 0}; }
-
-    template <typename Pred>
-    bool waitFor(Pred pred, std::chrono::milliseconds timeout = 20s) {
-        std::unique_lock guard(mutex_);
-        return changed_.wait_for(guard, timeout, [&] { return pred(); });
-    }
-    bool waitForOutput(const std::string& text) {
-        return waitFor([&] { return output_.find(text) != std::string::npos; });
-    }
-    bool waitForEnd() {
-        return waitFor([&] { return ended_; });
-    }
-    std::string output() {
-        std::lock_guard guard(mutex_);
-        return output_;
-    }
-    bool ended() {
-        std::lock_guard guard(mutex_);
-        return ended_;
-    }
-    std::optional<int32_t> exitCode() {
-        std::lock_guard guard(mutex_);
-        return exit_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::string output_;
-    bool ended_ = false;
-    std::optional<int32_t> exit_;
-};
+class LocalProcessAdoption : public vellum::testing::ProcessLeakCheck {};
 
 // The numbers of the lines "n<number>", checked to run 0, 1, 2... without a gap or repeat.
 int countedTo(const std::string& text) {
@@ -94,7 +52,7 @@ std::function<std::optional<int>()> reapedBy(pid_t pid) {
     };
 }
 
-TEST(LocalProcessAdoption, ASecondReaderGoesOnExactlyWhereTheFirstLetGo) {
+TEST_F(LocalProcessAdoption, ASecondReaderGoesOnExactlyWhereTheFirstLetGo) {
     constexpr int lines = 30000;
     auto spawned = PseudoTerminalHelpers::spawn(
         "/bin/sh", {"sh", "-c", "i=0; while [ $i -lt " + std::to_string(lines) + " ]; do echo n$i; i=$((i+1)); done; exit 7"},
@@ -113,7 +71,7 @@ TEST(LocalProcessAdoption, ASecondReaderGoesOnExactlyWhereTheFirstLetGo) {
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(first->output(), firstPart);
     EXPECT_EQ(::kill(pid, 0), 0);
-    EXPECT_FALSE(first->ended());
+    EXPECT_TRUE(first->exits().empty());
     firstProcess.reset();
     EXPECT_EQ(::kill(pid, 0), 0) << "the released child outlives its first reader";
 
@@ -121,13 +79,13 @@ TEST(LocalProcessAdoption, ASecondReaderGoesOnExactlyWhereTheFirstLetGo) {
     auto secondProcess = LocalProcess::create(second);
     ASSERT_FALSE(secondProcess->adoptProcess(pid, ::fcntl(master, F_DUPFD_CLOEXEC, 0), reapedBy(pid)));
     // Our own copy of the master, as the holder keeps one, mustn't hold up the end.
-    ASSERT_TRUE(second->waitForEnd());
-    EXPECT_EQ(second->exitCode(), 7) << "the status comes from the parent";
+    ASSERT_TRUE(second->waitForExits(1));
+    EXPECT_EQ(second->exits().front(), 7) << "the status comes from the parent";
     EXPECT_EQ(countedTo(firstPart + second->output()), lines);
     ::close(master);
 }
 
-TEST(LocalProcessAdoption, AnAdoptedChildIsEndedBySignalsLikeAnOwnOne) {
+TEST_F(LocalProcessAdoption, AnAdoptedChildIsEndedBySignalsLikeAnOwnOne) {
     auto spawned = PseudoTerminalHelpers::spawn("/bin/sh", {"sh", "-c", "echo ready; exec sleep 600"}, {"PATH=/usr/bin:/bin"},
                                                 std::nullopt, winsize{24, 80, 0, 0});
     ASSERT_TRUE(spawned.child);
@@ -137,8 +95,8 @@ TEST(LocalProcessAdoption, AnAdoptedChildIsEndedBySignalsLikeAnOwnOne) {
     ASSERT_FALSE(process->adoptProcess(pid, master, reapedBy(pid)));
     ASSERT_TRUE(collector->waitForOutput("ready"));
     process->terminate();
-    ASSERT_TRUE(collector->waitForEnd());
-    EXPECT_EQ(collector->exitCode(), std::nullopt) << "ended by a signal";
+    ASSERT_TRUE(collector->waitForExits(1));
+    EXPECT_EQ(collector->exits().front(), std::nullopt) << "ended by a signal";
 }
 
 } // namespace

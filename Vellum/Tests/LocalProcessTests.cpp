@@ -2,6 +2,7 @@
 #include "Vellum/LocalProcessChildReaper.h"
 #include "Vellum/PseudoTerminalHelpers.h"
 #include "Support/ProcessLeakCheck.h"
+#include "Support/ProcessRecorder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,73 +27,12 @@
 
 using namespace vellum;
 using vellum::testing::anyChild;
+using vellum::testing::eventually;
+using Recorder = vellum::testing::ProcessRecorder;
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 namespace {
-
-// Collects what a process reports, and lets a test wait for it.
-class Recorder : public LocalProcessDelegate {
-public:
-    void processTerminated(LocalProcess& source, std::optional<int32_t> exitCode) override {
-        std::function<void(LocalProcess&)> then;
-        {
-            std::lock_guard guard(mutex_);
-            exits_.push_back(exitCode);
-            then = std::move(onTerminated);
-            onTerminated = nullptr;
-        }
-        if (then) then(source);
-        changed_.notify_all();
-    }
-    void dataReceived(std::vector<unsigned char> slice) override {
-        std::lock_guard guard(mutex_);
-        output_.append(slice.begin(), slice.end());
-        changed_.notify_all();
-    }
-    winsize getWindowSize() override { return {24, 80, 0, 0}; }
-
-    template <typename Pred>
-    bool waitFor(Pred pred, std::chrono::milliseconds timeout = 10s) {
-        std::unique_lock guard(mutex_);
-        return changed_.wait_for(guard, timeout, [&] { return pred(); });
-    }
-    bool waitForOutput(const std::string& text) {
-        return waitFor([&] { return output_.find(text) != std::string::npos; });
-    }
-    bool waitForOutputSize(size_t size) {
-        return waitFor([&] { return output_.size() >= size; });
-    }
-    bool waitForExits(size_t count) {
-        return waitFor([&] { return exits_.size() >= count; });
-    }
-    std::string output() {
-        std::lock_guard guard(mutex_);
-        return output_;
-    }
-    std::vector<std::optional<int32_t>> exits() {
-        std::lock_guard guard(mutex_);
-        return exits_;
-    }
-
-    std::function<void(LocalProcess&)> onTerminated; // runs once, inside the report
-
-protected:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::string output_;
-    std::vector<std::optional<int32_t>> exits_;
-};
-
-template <typename Pred>
-bool eventually(Pred pred) {
-    auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
 
 std::vector<unsigned char> bytes(std::string_view text) { return {text.begin(), text.end()}; }
 

@@ -3,7 +3,6 @@
 #include "Vellum/Charsets.h"
 #include "Vellum/Palette.h"
 #include "Vellum/TabStops.h"
-#include "Vellum/TerminalOptions.h"
 
 using namespace vellum;
 
@@ -98,18 +97,4 @@ TEST(TabStops, RegularStopsSetClearAndResize) {
     stops.clearAll();
     EXPECT_EQ(stops.next(0, 39), 39);
     EXPECT_EQ(stops.previous(39), 0);
-}
-
-TEST(TerminalOptions, DefaultsAndLegacyImageLimit) {
-    TerminalOptions options = TerminalOptions::defaults();
-    EXPECT_EQ(options.cols, 80);
-    EXPECT_EQ(options.rows, 25);
-    EXPECT_EQ(options.scrollback, 500);
-    EXPECT_EQ(options.tabStopWidth, 8);
-    EXPECT_EQ(options.termName, "xterm-256color");
-    EXPECT_EQ(options.ansi256PaletteStrategy, Ansi256PaletteStrategy::base16Lab);
-    EXPECT_EQ(options.maximumOscBytes, 68'157'440);
-    options.setKittyImageCacheLimitBytes(42);
-    EXPECT_EQ(options.kittyGraphics.storageLimitBytesPerScreen, 42);
-    EXPECT_EQ(tagName(CursorStyle::steadyBar), "steadyBar");
 }

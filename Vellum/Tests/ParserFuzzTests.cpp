@@ -31,39 +31,6 @@ std::vector<size_t> randomPieces(std::mt19937& random) {
     return pieces;
 }
 
-// Well-formed output of the kind programs write, made of whole characters and sequences.
-std::string randomWellFormed(std::mt19937& random, int parts) {
-    static const char* texts[] = {"hello ", "\xe4\xb8\xad\xe6\x96\x87", "\xf0\x9f\x98\x80", "caf\xc3\xa9", "\xe2\x80\x9c" "q" "\xe2\x80\x9d", "\r\n", "\t"};
-    static const char* terminators[] = {"\x07", "\x1b\\", "\x9c"};
-    std::string out;
-    for (int i = 0; i < parts; ++i) {
-        switch (random() % 7) {
-        case 0: case 1:
-            out += texts[random() % std::size(texts)];
-            break;
-        case 2:
-            out += "\x1b[" + std::to_string(random() % 100000) + (random() % 2 ? ":" : ";") + std::to_string(random() % 300) + "m";
-            break;
-        case 3: {
-            std::string payload;
-            for (int k = int(random() % 40); k > 0; --k) payload += texts[random() % 5];
-            out += std::string("\x1b]") + (random() % 2 ? "0;" : "7501;id;title=") + payload + terminators[random() % 3];
-            break;
-        }
-        case 4:
-            out += "\x1bP1$q" + std::string(random() % 50, 'm') + "\x1b\\";
-            break;
-        case 5:
-            out += "\x1b_Ga=T;" + std::string(random() % 80, 'Q') + "\x1b\\";
-            break;
-        default:
-            out += random() % 2 ? "\x1b" "7" : "\x1b(0";
-            break;
-        }
-    }
-    return out;
-}
-
 const std::string knownGood = "a\x1b[1;2H\x1b]0;t\x07" "b";
 const Events knownGoodEvents = {"print a", "CSI  1;2 H", "OSC 0 t \\x07", "print b"};
 
@@ -86,25 +53,5 @@ TEST(ParserFuzzTest, RandomBytesLeaveBothScanPathsAgreeingAndTheParserSane) {
         vectorRecord.events.clear();
         vector.parseBorrowed(asBytes(knownGood), vectorRecord);
         ASSERT_EQ(vectorRecord.events, knownGoodEvents) << "round " << round << ": " << escaped(input);
-    }
-}
-
-TEST(ParserFuzzTest, WellFormedOutputParsesTheSameWhateverTheChunking) {
-    std::mt19937 random(1122);
-    for (int round = 0; round < 1000; ++round) {
-        std::string input = randomWellFormed(random, 40);
-        EscapeSequenceParser whole;
-        ParserRecorder wholeRecord(&whole);
-        whole.parseBorrowed(asBytes(input), wholeRecord);
-
-        for (ScanPath path : {ScanPath::vector, ScanPath::scalar}) {
-            EscapeSequenceParser chunked;
-            chunked.scanPath = path;
-            ParserRecorder chunkedRecord(&chunked);
-            std::vector<size_t> pieces = randomPieces(random);
-            ASSERT_EQ(parseInPieces(chunked, chunkedRecord, input, pieces), wholeRecord.events)
-                << "round " << round << ": " << escaped(input);
-            EXPECT_EQ(chunked.state(), ParserState::ground);
-        }
     }
 }

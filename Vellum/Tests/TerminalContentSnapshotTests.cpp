@@ -72,13 +72,6 @@ TEST(TerminalContentSnapshot, InputStateFollowsTheModes) {
     EXPECT_EQ(text(alternate.rows[0]), "ALT ");
 }
 
-TEST(TerminalContentSnapshot, HeadlessHostKeepsDirectoryAndAnswers) {
-    HeadlessTerminal headless(small());
-    headless.feed("\x1b]7;file://box/srv\x07\x1b[c");
-    EXPECT_EQ(headless.dir, "file://box/srv");
-    EXPECT_EQ(headless.replies, "\x1b[?65;4;1;2;6;21;22;17;28c");
-}
-
 TEST(TerminalUpdateRange, FindsWrittenMovedAndScrolledRows) {
     TerminalOptions options = small();
     options.cols = 10;

@@ -237,3 +237,36 @@ TEST(TerminalFrameBuilder, GlyphSetLargerThanTheAtlasFinishesWithGlyphsMissing) 
     s.frame();
     EXPECT_GT(s.builder.counters().glyphsRasterized, rasterized);
 }
+
+// What a frame changes on screen against the frame before it: the changed row's band, the
+// cursor's old and new rows, and everything when rows scroll or shared colours change.
+TEST(TerminalFrameBuilder, DamageCoversOnlyWhatChangedOnScreen) {
+    Scene s(12, 6);
+    EXPECT_TRUE(s.frame("a\r\nb\r\nc\r\nd\r\ne\r\nf\x1b[2;1H").damage.full) << "the first frame";
+    EXPECT_TRUE(s.frame().damage.none()) << "nothing changed";
+
+    FrameDamage row = s.frame("\x1b[4;3Hxyz\x1b[2;1H").damage;
+    ASSERT_FALSE(row.full);
+    EXPECT_LE(row.top, 3 * s.ch());
+    EXPECT_GE(row.bottom, 4 * s.ch());
+    EXPECT_GT(row.top, 2 * s.ch()) << "the cursor row and the rows above are left alone";
+    EXPECT_LT(row.bottom, 5 * s.ch()) << "so are the rows below";
+
+    FrameDamage cursor = s.frame("\x1b[6;1H").damage;
+    ASSERT_FALSE(cursor.full);
+    EXPECT_LE(cursor.top, 1 * s.ch()) << "where the cursor was";
+    EXPECT_GE(cursor.bottom, 6 * s.ch()) << "where it is now";
+
+    s.overlay.cursorShown = false; // a blink hides it: its row is drawn without it
+    FrameDamage blink = s.frame().damage;
+    EXPECT_FALSE(blink.none());
+    EXPECT_GE(blink.top, 5 * s.ch());
+    s.overlay.cursorShown = true;
+    s.frame();
+
+    FrameDamage scrolled = s.frame("\r\nnew").damage;
+    EXPECT_TRUE(scrolled.full || (scrolled.top <= 0 && scrolled.bottom >= 6 * s.ch())) << "every row moved";
+    EXPECT_TRUE(s.frame("\x1b]11;rgb:10/20/30\x1b\\").damage.full) << "a new background";
+    s.builder.invalidateRows();
+    EXPECT_TRUE(s.frame().damage.full);
+}

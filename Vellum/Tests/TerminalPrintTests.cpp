@@ -28,25 +28,7 @@ TEST(TerminalPrint, AutowrapLeavesPendingWrapAndMarksTheNextRow) {
     EXPECT_EQ(off.screen(), (Rows{"abcdg", ""}));
 }
 
-TEST(TerminalPrint, WideCharactersAtTheEdge) {
-    TerminalHarness h(5, 3);
-    h.terminal.feed("abcd\xe4\xb8\xad"); // U+4E2D does not fit in the last column
-    EXPECT_EQ(h.screen(), (Rows{"abcd", "\xe4\xb8\xad", ""}));
-    EXPECT_EQ(h.terminal.buffer().row(0).packedCell(4).widthState(), CellWidthState::spacerHead);
-    EXPECT_TRUE(h.terminal.buffer().row(1).isWrapped());
-    EXPECT_EQ(h.x(), 2);
-
-    TerminalHarness off(5, 2);
-    off.terminal.feed("\x1b[?7labcd\xe4\xb8\xad");
-    EXPECT_EQ(off.screen(), (Rows{"abcd", ""}));
-
-    // Overwriting half of a wide character blanks the other half.
-    TerminalHarness seam(6, 1);
-    seam.terminal.feed("\xe4\xb8\xad\xe4\xb8\xad\x1b[1;2Hx");
-    EXPECT_EQ(seam.screen(), (Rows{" x\xe4\xb8\xad"}));
-}
-
-TEST(TerminalPrint, CombiningMarksAndEmojiJoining) {
+TEST(TerminalPrint, CombiningMarksJoinTheCellBeforeEvenAcrossAWrap) {
     TerminalHarness h(5, 3);
     h.terminal.feed("abcde\xcc\x81"); // e + U+0301 at the last column
     EXPECT_EQ(h.screen()[0], "abcde\xcc\x81");
@@ -56,28 +38,12 @@ TEST(TerminalPrint, CombiningMarksAndEmojiJoining) {
     wrap.terminal.feed("abcd\x1b[D\xcc\x81");
     EXPECT_EQ(wrap.screen(), (Rows{"abc\xcc\x81", "d", ""}));
 
-    TerminalHarness emoji(6, 2);
-    emoji.terminal.feed("\xe2\x9d\xa4\xef\xb8\x8f|"); // U+2764 U+FE0F widens to two columns
-    EXPECT_EQ(emoji.terminal.buffer().row(0).packedCell(0).widthState(), CellWidthState::wide);
-    EXPECT_EQ(emoji.terminal.getCharData(2, 0).getCharacter(), U"|");
     TerminalHarness keycap(6, 2);
-    keycap.terminal.feed("1\xef\xb8\x8f|"); // a keycap base stays narrow
+    keycap.terminal.feed("1\xef\xb8\x8f|"); // a keycap base stays narrow under VS16
     EXPECT_EQ(keycap.terminal.getCharData(1, 0).getCharacter(), U"|");
-
-    // Regional indicators pair into one flag; a ZWJ sequence stays one cell.
-    TerminalHarness flag(8, 2);
-    flag.terminal.feed("\xf0\x9f\x87\xab\xf0\x9f\x87\xb7|");
-    EXPECT_EQ(flag.terminal.getCharData(2, 0).getCharacter(), U"|");
-    TerminalHarness family(8, 2);
-    family.terminal.feed("\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x91\xa7|");
-    EXPECT_EQ(family.terminal.getCharData(2, 0).getCharacter(), U"|");
 }
 
-TEST(TerminalPrint, SplitAndBrokenUtf8) {
-    TerminalHarness h(10, 2);
-    h.terminal.feed("\xe4\xb8");
-    h.terminal.feed("\xad!");
-    EXPECT_EQ(h.screen()[0], "\xe4\xb8\xad!");
+TEST(TerminalPrint, BrokenUtf8BecomesReplacementCharacters) {
     TerminalHarness bad(10, 2);
     bad.terminal.feed("a\xc0\xafz\xed\xa0\x80y\x80x");
     std::string row = bad.screen()[0];
@@ -258,20 +224,9 @@ TEST(TerminalPrint, PresentationSelectorsChangeTheWidth) {
     EXPECT_EQ(cellScalars(zwj.terminal, 2, 0), U"|");
 }
 
-TEST(TerminalPrint, CellsCarryRenditionLinkAndBackgroundOfErase) {
+TEST(TerminalPrint, ErasedCellsKeepOnlyTheBackground) {
     TerminalHarness h(10, 2);
-    h.terminal.feed("\x1b[1;31;48;2;1;2;3ma\x1b]8;;https://example.org\x07" "bc\xe4\xb8\xad\x1b]8;;\x07" "d");
-    CharData a = h.terminal.getCharData(0, 0);
-    EXPECT_EQ(a.attribute.fg, Attribute::Color::ansi256(1));
-    EXPECT_EQ(a.attribute.bg, Attribute::Color::trueColor(1, 2, 3));
-    EXPECT_TRUE(a.attribute.style.contains(CharacterStyle::bold));
-    EXPECT_FALSE(a.getPayload().has_value());
-    for (int col : {1, 2, 3}) EXPECT_EQ(h.terminal.getCharData(col, 0).payload.code, h.terminal.getCharData(1, 0).payload.code);
-    EXPECT_TRUE(h.terminal.getCharData(1, 0).getPayload().has_value());
-    EXPECT_FALSE(h.terminal.getCharData(5, 0).getPayload().has_value());
-
-    // Erased cells keep only the background.
-    h.terminal.feed("\x1b[2;1H\x1b[4;42m\x1b[K");
+    h.terminal.feed("\x1b[2;1H\x1b[1;31;4;42m\x1b[K");
     CharData erased = h.terminal.getCharData(3, 1);
     EXPECT_EQ(erased.code, 0);
     EXPECT_EQ(erased.attribute.bg, Attribute::Color::ansi256(2));

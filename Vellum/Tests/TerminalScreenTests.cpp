@@ -19,9 +19,6 @@ TEST(TerminalScreen, EraseInDisplayAndLine) {
     EXPECT_EQ(h.screen(), (Rows{"", "", "  z"}));
     h.terminal.feed("\x1b[2J");
     EXPECT_EQ(h.screen(), (Rows{"", "", ""}));
-    // Erasing takes the current background.
-    h.terminal.feed("\x1b[41m\x1b[2K\x1b[m");
-    EXPECT_EQ(h.terminal.getCharData(0, 2).attribute.bg, Attribute::Color::ansi256(1));
 }
 
 TEST(TerminalScreen, ScrollbackFillsAndIsDropped) {
@@ -100,15 +97,6 @@ TEST(TerminalScreen, ScrollRegionsInsertAndDeleteLines) {
     EXPECT_EQ(h.y(), 1);
     h.terminal.feed("\x1b[99;1H");
     EXPECT_EQ(h.y(), 3);
-}
-
-TEST(TerminalScreen, LeftAndRightMargins) {
-    TerminalHarness h(6, 3);
-    h.terminal.feed("\x1b[?69h\x1b[2;4s\x1b[1;2Habcdef");
-    // Text wraps inside columns 2 to 4.
-    EXPECT_EQ(h.screen(), (Rows{" abc", " def", ""}));
-    h.terminal.feed("\x1b[?69l");
-    EXPECT_FALSE(h.terminal.buffer().marginMode);
 }
 
 TEST(TerminalScreen, AlternateScreenKeepsTheNormalOne) {

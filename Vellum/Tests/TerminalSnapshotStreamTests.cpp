@@ -120,8 +120,9 @@ TEST(TerminalSnapshotStream, WrappedRowsAndAPendingWrapSurvive) {
     source.terminal.feed("abcdefghij");                      // the cursor waits to wrap
     Rebuilt rebuilt(source.terminal, 100);
     expectSameScreen(source.terminal, rebuilt.harness.terminal);
+    // Neither is compared cell by cell: the first row's mark and the blank left by a wide
+    // character that didn't fit.
     EXPECT_TRUE(rebuilt.harness.terminal.buffer().row(0).isWrapped());
-    EXPECT_TRUE(rebuilt.harness.terminal.buffer().row(2).isWrapped());
     EXPECT_EQ(rebuilt.harness.terminal.buffer().row(1).packedCell(9).widthState(), CellWidthState::spacerHead);
 
     // The pending wrap is owed on both; reflow reads the wrapped marks.

@@ -1,4 +1,5 @@
 #include "Platform/MainQueue.h"
+#include "Platform/Tests/Support/Eventually.h"
 #include "Vellum/SynchronizedOutputWatchdog.h"
 #include "Vellum/TerminalEventQueue.h"
 #include "Vellum/TerminalFeedSender.h"
@@ -15,18 +16,9 @@
 
 using namespace vellum;
 using namespace std::chrono_literals;
+using platform::testing::eventually;
 
 namespace {
-
-template <typename Pred>
-bool eventually(Pred pred) {
-    auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 TEST(TerminalLockTest, ExcludesAndKnowsItsHolder) {
     TerminalLock lock;

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -59,9 +60,9 @@ protected:
     }
 
     template <typename T>
-    std::optional<T> nextOf() {
+    std::optional<T> nextOf(const std::function<bool(const T&)>& match = [](const T&) { return true; }) {
         while (auto event = nextEvent()) {
-            if (auto* found = event->template as<T>()) return *found;
+            if (auto* found = event->template as<T>(); found && match(*found)) return *found;
         }
         return std::nullopt;
     }
@@ -295,15 +296,52 @@ TYPED_TEST(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
     EXPECT_EQ(agent()->message, "Run the migration now? (y/n)");
     backend.sendKeys(made.pane, std::string("y"), {"Enter"});
     ASSERT_TRUE(eventually([&] { return agent() && agent()->state == AgentInfo::State::done; }));
-    backend.ackAgent(made.pane);
-    EXPECT_TRUE(eventually([&] { return !agent(); }));
+    EXPECT_TRUE(agent()->attention.value_or(false)) << "an ended agent waits to be seen";
+    backend.sendKeys(made.pane, std::nullopt, {"Enter"});
+    EXPECT_TRUE(eventually([&] { return !agent(); })) << "seen, it goes";
 
+    auto git = [&] { return backend.getState().pane(made.pane)->git; };
+    auto onBranch = [&](const std::string& branch) {
+        return eventually([&] { return git() && git()->branch == branch; }, std::chrono::seconds(20));
+    };
     ASSERT_EQ(std::system(("git init -q -b contract " + scratch.file("repo")).c_str()), 0);
     backend.sendKeys(made.pane, "cd " + scratch.file("repo"), {"Enter"});
-    EXPECT_TRUE(eventually([&] {
-        auto git = backend.getState().pane(made.pane)->git;
-        return git && git->branch == "contract";
-    }, std::chrono::seconds(20)));
+    ASSERT_TRUE(onBranch("contract"));
+    EXPECT_EQ(git()->repo, "repo");
+    EXPECT_EQ(git()->root, std::filesystem::canonical(scratch.file("repo")).string());
+    backend.sendKeys(made.pane, std::string("git checkout -q -b feature"), {"Enter"});
+    EXPECT_TRUE(onBranch("feature"));
+    backend.sendKeys(made.pane, std::string("cd /"), {"Enter"});
+    EXPECT_TRUE(eventually([&] { return !git(); }, std::chrono::seconds(20))) << "outside a repository there are no facts";
+}
+
+// What a program reports through its terminal reaches the session: copied text only those
+// watching its pane, a folder, a title and a bell; and the folder the shell moves to.
+TYPED_TEST(BackendContract, WhatAProgramReportsReachesTheSession) {
+    auto& backend = *this->backend;
+    auto made = backend.createWorkspace("copy", plainShell);
+    backend.sendKeys(made.pane, std::string("printf '\\033]52;c;bm9ib2R5\\007'; echo unseen-$((1+1))"), {"Enter"});
+    ASSERT_TRUE(this->screenShows(made.pane, "unseen-2"));
+    backend.subscribe(made.pane);
+    backend.sendKeys(made.pane, std::string("printf '\\033]52;c;aGVsbG8=\\007'"), {"Enter"});
+    auto copied = this->template nextOf<SessionEvent::Clipboard>();
+    ASSERT_TRUE(copied);
+    EXPECT_EQ(copied->pane, made.pane);
+    EXPECT_EQ(copied->text, "hello") << "what was copied before the subscribe is not told";
+
+    auto paneBecomes = [&](const std::function<bool(const Pane&)>& match) {
+        return this->template nextOf<SessionEvent::PaneChanged>([&](const SessionEvent::PaneChanged& changed) {
+            return changed.pane.id == made.pane && match(changed.pane);
+        }).has_value();
+    };
+    backend.sendKeys(made.pane, std::string("printf '\\033]7;file://somehost/var/a%%20b\\007'"), {"Enter"});
+    EXPECT_TRUE(paneBecomes([](const Pane& pane) { return pane.cwd == "/var/a b"; })) << "the URL's path, unescaped";
+    backend.sendKeys(made.pane, std::string("cd /"), {"Enter"});
+    EXPECT_TRUE(paneBecomes([](const Pane& pane) { return pane.cwd == "/"; })) << "the shell's own folder, polled";
+    backend.sendKeys(made.pane, std::string("printf '\\033]2;build\\007'"), {"Enter"});
+    EXPECT_TRUE(paneBecomes([](const Pane& pane) { return pane.title == "build"; }));
+    backend.sendKeys(made.pane, std::string("printf '\\007'"), {"Enter"});
+    EXPECT_TRUE(this->template nextOf<SessionEvent::Bell>());
 }
 
 } // namespace

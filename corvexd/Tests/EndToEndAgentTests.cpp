@@ -1,6 +1,7 @@
 // The status hooks as an agent runs them: installed by `corvexd hooks install` into a home of
 // the test's own, run from inside a real pane with the payloads Claude Code and Codex send,
-// and seen through CorvexdBackend.
+// and seen through CorvexdBackend. Agents read off the screen and a pane's git facts are in
+// the backend contract suite.
 
 #include <gtest/gtest.h>
 
@@ -144,13 +145,7 @@ TEST_F(AgentHooks, ClaudeReportsThroughItsHooksAndTheDaemonKeepsTheHistory) {
     std::vector<std::string> events;
     for (const auto& entry : history.entries) events.push_back(entry.eventName);
     EXPECT_EQ(events, (std::vector<std::string>{"state", "state", "update", "state", "attention", "mute", "gone"}));
-    ASSERT_GE(history.entries.size(), 2u);
-    EXPECT_EQ(history.entries[1].fromName, "waiting");
-    EXPECT_EQ(history.entries[1].stateName, "running");
-    EXPECT_EQ(history.entries[0].source, "hook");
-    EXPECT_FALSE(history.entries[0].guess);
     EXPECT_TRUE(history.entries[0].pid.has_value()) << "the reporting agent's process";
-    EXPECT_GT(history.max, 0);
     EXPECT_EQ(client->agentHistory(created.pane, 2, std::nullopt).entries.size(), 2u);
 }
 
@@ -220,59 +215,6 @@ TEST_F(AgentHooks, CodexNotifyReportsAndStillRunsTheNotifyItReplaced) {
     EXPECT_EQ(agent()->session, "b5f6c1c2-demo");
     ASSERT_TRUE(eventually([&] { return !testing::readFile(chained).empty(); }));
     EXPECT_EQ(json::parse(testing::readFile(chained)), payload);
-}
-
-TEST_F(AgentHooks, APaneKnowsTheBranchOfItsFolder) {
-    auto repo = daemon.scratch().file("corvex-demo");
-    auto made = runProgram({"/bin/sh", "-c",
-                            "git init -q -b trunk " + repo + " && git -C " + repo +
-                                " -c user.name=T -c user.email=t@example.org commit -q --allow-empty -m first"});
-    ASSERT_EQ(made.status, 0) << made.err;
-    auto hello = client->lastHello();
-    ASSERT_TRUE(hello && hello->has(Hello::Feature::git));
-    auto git = [&]() -> std::optional<PaneGit> {
-        for (const auto& pane : client->getState().panes) {
-            if (pane.id == created.pane) return pane.git;
-        }
-        return std::nullopt;
-    };
-    client->sendInput(created.pane, asBytes("cd " + repo + "\r"));
-    ASSERT_TRUE(eventually([&] { return git() && git()->branch == "trunk"; }, 20s));
-    EXPECT_EQ(git()->repo, "corvex-demo");
-    EXPECT_EQ(git()->root, std::filesystem::canonical(repo).string());
-    client->sendInput(created.pane, asBytes("git checkout -q -b feature\r"));
-    EXPECT_TRUE(eventually([&] { return git() && git()->branch == "feature"; }, 20s));
-    client->sendInput(created.pane, asBytes("cd /\r"));
-    EXPECT_TRUE(eventually([&] { return git() == std::nullopt; }, 20s)) << "outside a repository there are no facts";
-}
-
-TEST_F(AgentHooks, AnAgentWithoutHooksIsReadOffItsTerminal) {
-    // A stand-in that behaves on screen as Claude Code does: it works for a while, asks, and
-    // ends once answered.
-    installFakeAgent("claude", "i=0\n"
-                               "while [ $i -lt 40 ]; do echo \"* Working $i\"; i=$((i+1)); sleep 0.1; done\n"
-                               "printf 'Bash command\\n  ls -la\\nDo you want to proceed?\\n> 1. Yes\\n  2. No\\n'\n"
-                               "read answer\n"
-                               "echo \"ran $answer\"\n");
-    client->sendInput(created.pane, asBytes("PATH=" + fakeBin() + ":$PATH claude\r"));
-
-    ASSERT_TRUE(eventually([&] { return agentIs(State::running); }, 10s));
-    EXPECT_EQ(agent()->kind, "claude");
-    EXPECT_NE(agent()->source, "hook");
-    ASSERT_TRUE(eventually([&] { return agentIs(State::waiting) && agent()->attention.value_or(false); }, 15s));
-    EXPECT_EQ(agent()->message, "Do you want to proceed?");
-
-    client->sendInput(created.pane, asBytes("1\r"));
-    ASSERT_TRUE(eventually([&] { return agentIs(State::done); }, 10s)) << "its program ended well";
-    EXPECT_TRUE(agent()->attention.value_or(false)) << "an ended agent waits to be seen";
-    EXPECT_FALSE(agent()->message);
-
-    client->sendInput(created.pane, asBytes("\r"));
-    ASSERT_TRUE(eventually([&] { return !agent(); }, 10s)) << "seen, it goes";
-    auto history = client->agentHistory(created.pane, std::nullopt, std::nullopt);
-    ASSERT_FALSE(history.entries.empty());
-    EXPECT_TRUE(history.entries.front().guess);
-    EXPECT_EQ(history.entries.back().eventName, "gone");
 }
 
 TEST_F(AgentHooks, AGuessedAgentThatFailsIsAnErrorUntilResolved) {

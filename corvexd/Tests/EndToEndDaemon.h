@@ -278,16 +278,13 @@ public:
 
     // The bytes of the pane's output frames since its subscription; the snapshot apart.
     std::string output(uint64_t pane) const { return output_.count(pane) ? output_.at(pane) : std::string(); }
-    std::string snapshot(uint64_t pane) const { return snapshot_.count(pane) ? snapshot_.at(pane) : std::string(); }
     const std::vector<std::string>& faults() const { return faults_; }
-    const std::vector<SessionEvent>& seen() const { return seen_; }
 
 private:
     void take(SessionEvent event) {
         if (auto subscribed = event.as<SessionEvent::Subscribed>()) {
             end_[subscribed->pane] = subscribed->subscription.seq;
         } else if (auto snapshot = event.as<SessionEvent::Snapshot>()) {
-            snapshot_[snapshot->pane].assign(reinterpret_cast<const char*>(snapshot->bytes.data()), snapshot->bytes.size());
             end_[snapshot->pane] = snapshot->seq;
         } else if (auto output = event.as<SessionEvent::Output>()) {
             auto known = end_.find(output->pane);
@@ -305,7 +302,6 @@ private:
     std::vector<SessionEvent> seen_;
     size_t checked_ = 0;
     std::map<uint64_t, std::string> output_;
-    std::map<uint64_t, std::string> snapshot_;
     std::map<uint64_t, uint64_t> end_;
     std::vector<std::string> faults_;
 };

@@ -17,6 +17,7 @@
 #include "EndToEndDaemon.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "Support/DaemonHarness.h"
+#include "corvexd/FileStreams.h"
 
 using namespace corvex;
 using namespace corvex::endtoend;
@@ -396,10 +397,11 @@ TEST_F(DaemonFiles, HelloAnnouncesFilesOnlyWithEveryMethodServed) {
 }
 
 TEST_F(DaemonFiles, AClientHasAFewStreamsAndLosesThemWhenItGoes) {
+    const int streams = corvexd::FileStreams::Limits{}.streamsPerClient;
     {
         corvexd::testing::RawClient client(daemon.socketPath());
         hello(client);
-        for (int index = 0; index < 8; ++index) {
+        for (int index = 0; index < streams; ++index) {
             auto reply = client.request("fs.write", writeParams(at("f" + std::to_string(index))));
             ASSERT_TRUE(reply && reply->contains("result")) << reply->dump();
         }
@@ -420,7 +422,7 @@ TEST_F(DaemonFiles, AClientHasAFewStreamsAndLosesThemWhenItGoes) {
     ASSERT_TRUE(eventually([&] { return stagingFiles(scratch.path()).size() == 2; })) << stagingFiles(scratch.path()).size();
     corvexd::testing::RawClient next(daemon.socketPath());
     hello(next);
-    for (int index = 0; index < 8; ++index)
+    for (int index = 0; index < streams; ++index)
         EXPECT_TRUE(next.request("fs.write", writeParams(at("g" + std::to_string(index))))->contains("result"));
 }
 
@@ -631,4 +633,38 @@ TEST_F(DaemonFiles, CorvexCpRerunContinuesWhatAnInterruptedRunLeft) {
     ASSERT_EQ(rerun.status, 0) << rerun.err;
     EXPECT_EQ(readBytes(target), half + bytes.substr(half.size())) << "the staged half is kept, the rest appended";
     EXPECT_TRUE(stagingFiles(at("remote")).empty());
+}
+
+TEST_F(DaemonFiles, NamesThatAreNotUTF8AreListedAndCopiedBothWays) {
+    const std::string odd = "caf\xE9 100%";
+    fsys::create_directories(at("here"));
+    writeBytes(at("here/" + odd), "bytes of an odd name");
+
+    Ran listed = daemon.corvex({"ls", ":" + at("here")});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    EXPECT_EQ(listed.out, odd + "\n");
+    Ran down = daemon.corvex({"cp", ":" + at("here/" + odd), at("down")});
+    ASSERT_EQ(down.status, 0) << down.err;
+    EXPECT_EQ(readBytes(at("down")), "bytes of an odd name");
+    fsys::create_directories(at("there"));
+    Ran up = daemon.corvex({"cp", at("here"), ":" + at("there")});
+    ASSERT_EQ(up.status, 0) << up.err;
+    EXPECT_EQ(readBytes(at("there/here/" + odd)), "bytes of an odd name");
+}
+
+TEST_F(DaemonFiles, LocalPathsNeedNoDaemon) {
+    writeBytes(at("a"), "local");
+    auto alone = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {builtProgram("corvex"), "--socket", at("nobody.sock")});
+        return runProgram(arguments);
+    };
+    Ran listed = alone({"ls", scratch.path()});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    EXPECT_EQ(listed.out, "a\n");
+    EXPECT_EQ(alone({"stat", at("a")}).status, 0);
+    Ran copied = alone({"cp", at("a"), at("b")});
+    ASSERT_EQ(copied.status, 0) << copied.err;
+    EXPECT_EQ(readBytes(at("b")), "local");
+    // A path on the daemon's machine still needs one.
+    EXPECT_EQ(alone({"ls", ":" + scratch.path()}).status, 1);
 }

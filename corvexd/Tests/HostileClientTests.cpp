@@ -2,16 +2,20 @@
 // stop reading; and its own leftovers at the end. A real daemon, real shells.
 
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "CorvexKit/Frame.h"
 #include "Platform/Tests/Support/Eventually.h"
@@ -29,6 +33,27 @@ size_t workspaceCount(const std::string& socketPath) {
 }
 
 std::string slurp(const std::string& path);
+
+// Where the reply to `id` stands among the client's replies, once it has come.
+std::optional<size_t> replyPosition(const RawClient& client, int64_t id) {
+    const auto& replies = client.replies();
+    for (size_t at = 0; at < replies.size(); ++at) {
+        if (replies[at].value("id", int64_t(0)) == id) return at;
+    }
+    return std::nullopt;
+}
+
+// A pane whose history holds `rows` numbered rows ("row 1" up), and then waits.
+uint64_t paneWithHistory(RawClient& client, int rows) {
+    result(client.request("settings.set", {{"scrollback_lines", rows + 1000}}));
+    std::string fill = "seq -f 'row %g' 1 " + std::to_string(rows) + "; echo fil''led; exec sleep 600";
+    uint64_t pane = createPane(client, shell({"/bin/sh", "-c", fill}));
+    EXPECT_TRUE(eventually([&] {
+        auto text = result(client.request("pane.text", {{"pane", pane}}));
+        return text.dump().find("filled") != std::string::npos;
+    }, 60s));
+    return pane;
+}
 
 // Whether any process of the session that `leader` led still runs; zombies have ended.
 bool sessionLives(pid_t leader) {
@@ -102,12 +127,7 @@ TEST(HostileClient, AHeavySearchHoldsUpNoOtherRequest) {
     DaemonHarness daemon;
     ASSERT_EQ(daemon.run({"start"}).status, 0);
     RawClient searcher(daemon.socketPath()), other(daemon.socketPath());
-    result(searcher.request("settings.set", {{"scrollback_lines", 20000}}));
-    uint64_t pane = createPane(searcher, shell({"/bin/sh", "-c", "seq -f 'row %g' 1 12000; echo filled; sleep 600"}));
-    ASSERT_TRUE(eventually([&] {
-        auto text = result(searcher.request("pane.text", {{"pane", pane}}));
-        return text.dump().find("filled") != std::string::npos;
-    }, 60s));
+    uint64_t pane = paneWithHistory(searcher, 12000);
 
     // Search and ping in one write, so the daemon reads them together: the ping can only
     // come first when the search doesn't run where requests are read.
@@ -116,13 +136,7 @@ TEST(HostileClient, AHeavySearchHoldsUpNoOtherRequest) {
     ASSERT_TRUE(searcher.sendBytes(corvex::makeJSONFrame(search.dump()) + corvex::makeJSONFrame(ping.dump())));
     EXPECT_TRUE(result(other.request("ping")).is_object());
 
-    auto position = [&](int64_t id) -> std::optional<size_t> {
-        const auto& replies = searcher.replies();
-        for (size_t at = 0; at < replies.size(); ++at) {
-            if (replies[at].value("id", int64_t(0)) == id) return at;
-        }
-        return std::nullopt;
-    };
+    auto position = [&](int64_t id) { return replyPosition(searcher, id); };
     ASSERT_TRUE(eventually([&] { return searcher.request("ping", nullptr, 1s) && position(9001).has_value(); }, 60s));
     ASSERT_TRUE(position(9002).has_value());
     EXPECT_LT(*position(9002), *position(9001));
@@ -132,6 +146,141 @@ TEST(HostileClient, AHeavySearchHoldsUpNoOtherRequest) {
     EXPECT_TRUE(found["result"].contains("next"));
 
     EXPECT_EQ(errorCode(other.request("pane.search", {{"pane", pane + 1000}, {"query", "row"}})), "not_found");
+}
+
+// A snapshot of a long history is made beside the serving thread too: a ping sent with the
+// subscribe is answered first, and the snapshot still follows its own reply.
+TEST(HostileClient, ASnapshotOfALongHistoryHoldsUpNoOtherRequest) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath()), other(daemon.socketPath());
+    uint64_t pane = paneWithHistory(client, 20000);
+
+    json subscribe{{"id", 9001}, {"method", "pane.subscribe"}, {"params", {{"pane", pane}, {"scrollback", 20000}}}};
+    json ping{{"id", 9002}, {"method", "ping"}};
+    ASSERT_TRUE(client.sendBytes(corvex::makeJSONFrame(subscribe.dump()) + corvex::makeJSONFrame(ping.dump())));
+    EXPECT_TRUE(result(other.request("ping")).is_object());
+    ASSERT_TRUE(eventually([&] { return (client.drain(20ms), !client.snapshots().empty()); }, 60s));
+    ASSERT_TRUE(replyPosition(client, 9001) && replyPosition(client, 9002));
+    EXPECT_LT(*replyPosition(client, 9002), *replyPosition(client, 9001));
+    const auto& snapshot = client.snapshots().back();
+    EXPECT_EQ(snapshot.seq, client.replies()[*replyPosition(client, 9001)]["result"]["seq"].get<uint64_t>());
+    EXPECT_NE(snapshot.bytes.find("row 10000"), std::string::npos) << "the history was left out of the snapshot";
+}
+
+// A request too large to parse in a moment is parsed aside: another client is answered
+// meanwhile, while the sender's own later request waits its turn. Garbage that large still
+// closes its sender alone.
+TEST(HostileClient, AHugeRequestDelaysOnlyItsSender) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient big(daemon.socketPath()), other(daemon.socketPath());
+    createPane(big, shell());
+
+    // A method answered on the serving thread, so that its reply's place shows where it ran.
+    json huge{{"id", 7001}, {"method", "state.get"}, {"params", {{"padding", std::string(15 << 20, 'q')}}}};
+    json ping{{"id", 7002}, {"method", "ping"}};
+    ASSERT_TRUE(big.sendBytes(corvex::makeJSONFrame(huge.dump()) + corvex::makeJSONFrame(ping.dump())));
+    EXPECT_TRUE(result(other.request("ping")).is_object());
+    big.drain(0ms);
+    EXPECT_FALSE(replyPosition(big, 7001)) << "another client's ping waited for the huge request";
+
+    ASSERT_TRUE(eventually([&] { return (big.drain(20ms), replyPosition(big, 7002).has_value()); }, 60s));
+    ASSERT_TRUE(replyPosition(big, 7001));
+    EXPECT_LT(*replyPosition(big, 7001), *replyPosition(big, 7002));
+    EXPECT_EQ(big.replies()[*replyPosition(big, 7001)]["result"]["workspaces"].size(), 1u);
+
+    RawClient garbage(daemon.socketPath());
+    ASSERT_TRUE(garbage.sendBytes(corvex::makeJSONFrame(std::string(1 << 20, 'x'))));
+    EXPECT_TRUE(garbage.closedByPeer(30s));
+    EXPECT_TRUE(result(other.request("ping")).is_object());
+}
+
+// The pane's terminal is read a slice at a time during a search, so what the pane prints
+// meanwhile is parsed and streamed without waiting for the search to end.
+TEST(HostileClient, APanesOutputFlowsDuringALongSearchOfIt) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient client(daemon.socketPath());
+    result(client.request("settings.set", {{"scrollback_lines", 61000}}));
+    uint64_t pane = createPane(client, shell());
+    ASSERT_TRUE(client.request("pane.subscribe", {{"pane", pane}}));
+    ASSERT_TRUE(client.sendBytes(corvex::makeInputFrame(pane, "seq -f 'row %g' 1 60000; echo fil''led\r")));
+    ASSERT_TRUE(client.untilOutput(pane, "filled", 60s));
+
+    // The search finds nothing, so it reads every row; a mark typed after it was sent has to
+    // come back before its reply. Timing decides it only when the search is quick, so it may
+    // take a few tries.
+    bool markFirst = false;
+    for (int attempt = 0; attempt < 3 && !markFirst; ++attempt) {
+        int64_t id = 8000 + attempt;
+        json search{{"id", id}, {"method", "pane.search"},
+                    {"params", {{"pane", pane}, {"query", "^nowhere[0-9]+$"}, {"regex", true}}}};
+        size_t seen = client.outputOf(pane).size();
+        std::string mark = "mark" + std::to_string(attempt) + "x";
+        ASSERT_TRUE(client.sendJSON(search));
+        ASSERT_TRUE(client.sendBytes(corvex::makeInputFrame(pane, "echo mark" + std::to_string(attempt) + "''x\r")));
+        ASSERT_TRUE(client.untilOutput(pane, mark, 60s));
+        markFirst = !replyPosition(client, id) && client.outputOf(pane).find(mark, seen) != std::string::npos;
+        ASSERT_TRUE(eventually([&] { return (client.drain(20ms), replyPosition(client, id).has_value()); }, 60s));
+        EXPECT_TRUE(client.replies()[*replyPosition(client, id)]["result"]["matches"].empty());
+    }
+    EXPECT_TRUE(markFirst) << "the pane's output waited for the search to end";
+}
+
+// Clients that subscribe while the pane prints get a snapshot and then every byte after it,
+// once, in order; those already watching lose nothing meanwhile.
+TEST(HostileClient, SubscribersJoiningAPrintingPaneGetASnapshotThenEveryByteOnce) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    std::vector<std::unique_ptr<RawClient>> clients;
+    clients.push_back(std::make_unique<RawClient>(daemon.socketPath()));
+    result(clients[0]->request("settings.set", {{"scrollback_lines", 30000}}));
+    std::string script = "seq -f 'old %g' 1 20000; i=0; while [ $i -lt 15000 ]; do i=$((i+1)); echo line$i; "
+                         "if [ $((i % 50)) = 0 ]; then sleep 0.01; fi; done; echo end$((40+2)); exec sleep 600";
+    uint64_t pane = createPane(*clients[0], shell({"/bin/sh", "-c", script}));
+    auto join = [&](RawClient& client) {
+        return result(client.request("pane.subscribe", {{"pane", pane}, {"scrollback", 30000}}))["mode"] == "snapshot";
+    };
+    ASSERT_TRUE(join(*clients[0]));
+
+    auto lastJoin = std::chrono::steady_clock::now();
+    auto finished = [&](const RawClient& client) { return client.outputOf(pane).find("end42") != std::string::npos; };
+    bool done = eventually([&] {
+        for (auto& client : clients) client->drain(5ms);
+        if (clients.size() < 4 && std::chrono::steady_clock::now() - lastJoin > 500ms && !finished(*clients[0])) {
+            clients.push_back(std::make_unique<RawClient>(daemon.socketPath()));
+            EXPECT_TRUE(join(*clients.back()));
+            lastJoin = std::chrono::steady_clock::now();
+        }
+        return std::all_of(clients.begin(), clients.end(), [&](const auto& client) { return finished(*client); });
+    }, 120s);
+    ASSERT_TRUE(done);
+    EXPECT_GT(clients.size(), 2u) << "the pane ended before others could join it";
+
+    for (size_t index = 0; index < clients.size(); ++index) {
+        const RawClient& client = *clients[index];
+        SCOPED_TRACE("client " + std::to_string(index));
+        ASSERT_EQ(client.snapshots().size(), 1u);
+        uint64_t next = client.snapshots().front().seq;
+        std::string text;
+        for (const auto& output : client.outputs()) {
+            ASSERT_EQ(output.seq, next) << "a gap or a repeat in the stream";
+            next += output.bytes.size();
+            text += output.bytes;
+        }
+        // The numbered lines after the snapshot follow one another without a hole or a repeat.
+        std::optional<long> previous;
+        for (size_t at = text.find("line"); at != std::string::npos; at = text.find("line", at + 4)) {
+            size_t end = text.find('\n', at);
+            if (end == std::string::npos) break;
+            if (at > 0 && text[at - 1] != '\n') continue; // the partial line the stream began in
+            long number = std::stol(text.substr(at + 4, end - at - 4));
+            if (previous) ASSERT_EQ(number, *previous + 1);
+            previous = number;
+        }
+        EXPECT_TRUE(previous.has_value());
+    }
 }
 
 TEST(HostileClient, NothingIsServedBeforeHelloAndAnUnknownProtocolIsNamed) {

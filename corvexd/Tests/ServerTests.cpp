@@ -58,15 +58,10 @@ TEST(CorvexdServer, HelloDescribesThisRunAndOnlyWhatIsImplemented) {
     }
     EXPECT_FALSE(result["machine"]["hostname"].get<std::string>().empty());
     EXPECT_EQ(result["machine"]["os"], "linux");
-    std::string instance = result["instance"];
-    EXPECT_EQ(RawClient(daemon.socketPath()).request("hello", helloParams()).value()["result"]["instance"], instance)
+    // A new run's instance differs: CorvexdBackendAgainstDaemon follows a restart.
+    EXPECT_EQ(RawClient(daemon.socketPath()).request("hello", helloParams()).value()["result"]["instance"],
+              result["instance"])
         << "one run, one instance, whoever asks";
-
-    ASSERT_EQ(daemon.run({"stop"}).status, 0);
-    ASSERT_EQ(daemon.run({"start"}).status, 0);
-    auto again = RawClient(daemon.socketPath()).request("hello", helloParams());
-    ASSERT_TRUE(again);
-    EXPECT_NE((*again)["result"]["instance"], instance) << "positions of the old run must not be trusted";
 }
 
 TEST(CorvexdServer, RequestsAreAnsweredByIdAndBadOnesWithErrors) {
@@ -94,19 +89,6 @@ TEST(CorvexdServer, RequestsAreAnsweredByIdAndBadOnesWithErrors) {
     ASSERT_TRUE(client.sendBytes(corvex::makeFrame(static_cast<corvex::FrameType>(42), "future")));
     ASSERT_TRUE(client.sendBytes(corvex::makeInputFrame(12345, "echo hi\r")));
     EXPECT_TRUE(client.request("ping"));
-}
-
-TEST(CorvexdServer, EventsSubscribeRepliesThenSendsTheState) {
-    DaemonHarness daemon;
-    ASSERT_EQ(daemon.run({"start"}).status, 0);
-    RawClient client(daemon.socketPath());
-    auto subscribed = client.request("events.subscribe");
-    ASSERT_TRUE(subscribed);
-    auto state = client.nextEvent();
-    ASSERT_TRUE(state);
-    EXPECT_EQ((*state)["event"], "state");
-    EXPECT_TRUE((*state)["data"].contains("workspaces"));
-    EXPECT_FALSE(RawClient(daemon.socketPath()).nextEvent(300ms)) << "a client that didn't subscribe gets no events";
 }
 
 TEST(CorvexdServer, AClientThatBreaksTheProtocolIsClosedAlone) {

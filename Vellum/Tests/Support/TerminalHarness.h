@@ -24,8 +24,11 @@ public:
     int bufferSwitches = 0;
 };
 
-struct TerminalHarness {
-    explicit TerminalHarness(int cols = 10, int rows = 4, int scrollback = 100) : terminal(&delegate, makeOptions(cols, rows, scrollback)) {}
+template <typename Delegate = RecordingDelegate>
+struct BasicTerminalHarness {
+    explicit BasicTerminalHarness(int cols = 10, int rows = 4, int scrollback = 100)
+        : BasicTerminalHarness(makeOptions(cols, rows, scrollback)) {}
+    explicit BasicTerminalHarness(TerminalOptions options) : terminal(&delegate, std::move(options)) {}
 
     static TerminalOptions makeOptions(int cols, int rows, int scrollback) {
         TerminalOptions options;
@@ -51,8 +54,10 @@ struct TerminalHarness {
     int x() { return terminal.buffer().x; }
     int y() { return terminal.buffer().y; }
 
-    RecordingDelegate delegate;
+    Delegate delegate;
     Terminal terminal;
 };
+
+using TerminalHarness = BasicTerminalHarness<>;
 
 } // namespace vellum::testing
