@@ -229,8 +229,8 @@ Terminal::BatchJoin Terminal::joinBatched(PrintBatch& batch, char32_t scalar) {
     return BatchJoin::unsettled;
 }
 
-// A narrow character followed by VS16 inside wide text (the hearts and keycaps of chat
-// output): when the pair widens and certainly lands on the row at the end of the batch, it is
+// A narrow character followed by VS16 inside wide text (hearts, check marks and the like in
+// chat output): when the pair widens and certainly lands on the row at the end of the batch, it is
 // batched as one wide character, as the write and the widening after it would leave it.
 bool Terminal::widenIntoBatch(PrintBatch& batch, char32_t scalar) {
     if (batch.count == 0 || batch.count == PrintBatch::capacity || batch.width != 2) return false;
