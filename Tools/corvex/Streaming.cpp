@@ -46,11 +46,6 @@ char parsePrefix(Arguments& args) {
 
 } // namespace
 
-std::optional<size_t> findDetachKey(std::string_view typed) {
-    auto at = typed.find(detachKey);
-    return at == std::string_view::npos ? std::nullopt : std::optional(at);
-}
-
 sigset_t interactiveSignals() {
     sigset_t set;
     sigemptyset(&set);

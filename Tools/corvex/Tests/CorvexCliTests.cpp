@@ -254,12 +254,6 @@ TEST(CorvexCliEvents, LinesCarryTheirFieldsAndSurviveBadUTF8) {
     EXPECT_EQ(cli::eventLine(SessionEvent::Agent{3, std::nullopt}), R"({"agent":null,"event":"agent","pane":3})");
 }
 
-TEST(CorvexCliAttach, DetachKeyIsFoundInsideTypedBytes) {
-    EXPECT_EQ(cli::findDetachKey("ls\r"), std::nullopt);
-    EXPECT_EQ(cli::findDetachKey("ab\x1c" "cd"), 2u);
-    EXPECT_EQ(cli::findDetachKey("\x1c"), 0u);
-}
-
 namespace {
 
 // Stands in for ssh: relays standard input and output to the Unix socket named by the
