@@ -217,6 +217,7 @@ private:
     };
     enum class BatchJoin : uint8_t { separate, joined, unsettled };
     BatchJoin joinBatched(PrintBatch& batch, char32_t scalar);
+    bool widenIntoBatch(PrintBatch& batch, char32_t scalar);
     void writeBatch(PrintBatch& batch);
     void writeContents(const uint32_t* contents, size_t count, int width);
     bool joinWithPrevious(char32_t scalar);

@@ -182,6 +182,13 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
         }
         int width = ideograph ? 2 : printWidth(scalar);
         if (width <= 0) continue; // unprintable, or a mark with nothing to join
+        if (width == 1 && i + 3 <= count && bytes[i] == 0xEF && bytes[i + 1] == 0xB8 && bytes[i + 2] == 0x8F &&
+            widenIntoBatch(batch, scalar)) {
+            i += 3;
+            previous = emojiPresentationSelector;
+            previousProperties = unicode::propertyByte(previous);
+            continue;
+        }
         if (batch.count == PrintBatch::capacity || (batch.count > 0 && width != batch.width)) writeBatch(batch);
         batch.contents[batch.count++] = uint32_t(scalar) << PackedCell::valueShift;
         batch.width = width;
@@ -220,6 +227,20 @@ Terminal::BatchJoin Terminal::joinBatched(PrintBatch& batch, char32_t scalar) {
     }
     }
     return BatchJoin::unsettled;
+}
+
+// A narrow character followed by VS16 inside wide text (hearts, check marks and the like in
+// chat output): when the pair widens and certainly lands on the row at the end of the batch, it is
+// batched as one wide character, as the write and the widening after it would leave it.
+bool Terminal::widenIntoBatch(PrintBatch& batch, char32_t scalar) {
+    if (batch.count == 0 || batch.count == PrintBatch::capacity || batch.width != 2) return false;
+    const Buffer& b = *buffer_;
+    int landsAt = b.x + 2 * int(batch.count);
+    if (b.insertMode || b.x > b.rightBound() || landsAt + 1 > b.rightBound()) return false;
+    JoinMemo outcome = joinOutcome(PackedCell{uint64_t(scalar) << PackedCell::valueShift}, emojiPresentationSelector);
+    if (outcome.kind != JoinMemo::Kind::widened) return false;
+    batch.contents[batch.count++] = uint32_t(outcome.joinedContent & PackedCell::contentBits);
+    return true;
 }
 
 void Terminal::writeBatch(PrintBatch& batch) {

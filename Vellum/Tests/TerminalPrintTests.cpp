@@ -176,6 +176,33 @@ TEST(TerminalPrint, PresentationSelectorsChangeTheWidth) {
     EXPECT_EQ(widthAt(edge.terminal, 0, 1), CellWidthState::wide);
     EXPECT_EQ(edge.x(), 3);
 
+    // Inside wide text the widened pair is written like any wide character; where it cannot
+    // fit beside the text before it, it goes to the next row as on its own. Fed whole or a
+    // byte at a time, the cells are the same.
+    struct Case {
+        int cols;
+        const char* text;
+        Rows screen;
+        int heartCol, heartRow;
+    };
+    for (Case c : std::initializer_list<Case>{
+             {6, "\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f|", {"\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f|", "", ""}, 2, 0},
+             {5, "\xe4\xb8\xad\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f|",
+              {"\xe4\xb8\xad\xe4\xb8\xad", "\xe2\x9d\xa4\xef\xb8\x8f|", ""}, 0, 1},
+             {4, "\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f|", {"\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f", "|", ""}, 2, 0},
+             {3, "\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f|", {"\xe4\xb8\xad", "\xe2\x9d\xa4\xef\xb8\x8f|", ""}, 0, 1},
+         }) {
+        TerminalHarness whole(c.cols, 3), bytewise(c.cols, 3);
+        whole.terminal.feed(c.text);
+        for (const char* p = c.text; *p; ++p) bytewise.terminal.feed(std::string_view(p, 1));
+        EXPECT_EQ(whole.screen(), c.screen) << c.cols;
+        EXPECT_EQ(widthAt(whole.terminal, c.heartCol, c.heartRow), CellWidthState::wide) << c.cols;
+        for (int r = 0; r < 3; ++r)
+            for (int col = 0; col < c.cols; ++col)
+                EXPECT_EQ(whole.terminal.buffer().row(r).packedCell(col), bytewise.terminal.buffer().row(r).packedCell(col))
+                    << c.cols << ": " << r << "," << col;
+    }
+
     // VS15 narrows a wide emoji and the cursor steps back.
     TerminalHarness text(6, 1);
     text.terminal.feed("\xe2\x8c\x9a\xef\xb8\x8e|"); // U+231A WATCH
