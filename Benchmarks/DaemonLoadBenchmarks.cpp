@@ -40,6 +40,16 @@ double statusKiB(pid_t pid, const std::string& field) {
     return 0;
 }
 
+// A field of /proc/PID/io ("syscr", "rchar"): what the daemon read, over all its threads.
+double ioField(pid_t pid, const std::string& field) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/io");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind(field + ":", 0) == 0) return std::stod(line.substr(field.size() + 1));
+    }
+    return 0;
+}
+
 size_t entries(const std::string& folder) {
     size_t count = 0;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
@@ -80,6 +90,7 @@ public:
             parser_.append(std::string_view(buffer, size_t(count)), [&](uint8_t type, std::string_view payload) {
                 if (type == uint8_t(FrameType::output)) {
                     outputBytes += payload.size() - 16;
+                    ++outputFrames;
                 } else if (type == uint8_t(FrameType::json)) {
                     auto message = nlohmann::json::parse(payload, nullptr, false);
                     if (message.value("event", "") == "pane.resync") ++resyncs;
@@ -94,6 +105,7 @@ public:
     }
 
     uint64_t outputBytes = 0;
+    uint64_t outputFrames = 0;
     int resyncs = 0;
     nlohmann::json lastReply;
 
@@ -121,11 +133,13 @@ void BM_FloodingPanesOneReader(benchmark::State& state) {
             client.request(++id, "pane.subscribe", {{"pane", made.back()}});
             client.pump(10s, id);
         }
+        double setupMiB = statusKiB(daemon->pid(), "VmRSS") / 1024;
         auto began = Clock::now();
         for (uint64_t pane : made) client.send(makeInputFrame(pane, "\r"));
         double peakMiB = 0;
         size_t peakThreads = 0;
-        uint64_t before = client.outputBytes;
+        uint64_t before = client.outputBytes, framesBefore = client.outputFrames;
+        double readsBefore = ioField(daemon->pid(), "syscr"), readBytesBefore = ioField(daemon->pid(), "rchar");
         std::string tasks = "/proc/" + std::to_string(daemon->pid()) + "/task";
         while (Clock::now() - began < 20s) {
             client.pump(200ms);
@@ -135,9 +149,18 @@ void BM_FloodingPanesOneReader(benchmark::State& state) {
         double seconds = std::chrono::duration<double>(Clock::now() - began).count();
         state.SetIterationTime(seconds);
         state.counters["peak_rss_MiB"] = peakMiB;
+        state.counters["setup_rss_MiB"] = setupMiB; // the panes made, before any flood
         state.counters["peak_threads"] = double(peakThreads);
         state.counters["resyncs"] = client.resyncs;
         state.counters["MB/s"] = double(client.outputBytes - before) / 1e6 / seconds;
+        // How finely the flood is cut up on its way: the daemon's reads (the terminals' and
+        // the client's), and the output frames the client got.
+        double reads = ioField(daemon->pid(), "syscr") - readsBefore;
+        double frames = double(client.outputFrames - framesBefore);
+        state.counters["reads/s"] = reads / seconds;
+        state.counters["bytes/read"] = reads > 0 ? (ioField(daemon->pid(), "rchar") - readBytesBefore) / reads : 0;
+        state.counters["frames/s"] = frames / seconds;
+        state.counters["bytes/frame"] = frames > 0 ? double(client.outputBytes - before) / frames : 0;
     }
 }
 

@@ -124,12 +124,20 @@ Subscription::Mode subscriptionMode(std::optional<uint64_t> haveSeq, uint64_t se
     return Subscription::Mode::snapshot;
 }
 
+namespace {
+// What an idle pane's retention may grow to before it takes its full size.
+constexpr size_t smallRing = 64u << 10;
+} // namespace
+
 uint64_t OutputRetention::append(ByteView bytes) {
     uint64_t before = seq_;
     seq_ += bytes.size();
     if (bytes.size() >= retainedBytes) bytes = bytes.subspan(bytes.size() - retainedBytes);
     if (ring_.size() < retainedBytes) {
         size_t filled = std::min(retainedBytes - ring_.size(), bytes.size());
+        // A pane that goes past a little output gets the whole ring at once: growing it by
+        // doubling would copy it again and again and leave each outgrown block behind.
+        if (ring_.size() + filled > ring_.capacity() && ring_.size() + filled > smallRing) ring_.reserve(retainedBytes);
         ring_.insert(ring_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(filled));
         bytes = bytes.subspan(filled);
     }
