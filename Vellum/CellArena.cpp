@@ -146,6 +146,7 @@ std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
     // load starts now, so that the two misses overlap rather than follow each other.
     uint64_t mixed = remix(hash);
     __builtin_prefetch(&attributePresence[presenceWord(mixed)]);
+    __builtin_prefetch(&attributeSlots[size_t(hash >> (64 - std::countr_zero(attributeSlots.size())))]);
     if (cached.identifierPlusOne != 0 && cached.word0 == key.word0 && cached.word1 == key.word1)
         return uint16_t(cached.identifierPlusOne - 1);
     size_t free = 0;
