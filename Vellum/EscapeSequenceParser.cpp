@@ -335,6 +335,14 @@ void EscapeSequenceParser::dispatchCsiSequence(Run& run, uint8_t code) {
     endStringSequence(run);
 }
 
+void EscapeSequenceParser::dispatchSgrSequence(Run& run) {
+    _parsColonMask = run.hot.colonMask;
+    currentState = run.state;
+    run.terminal.dispatchSgr(run.pars(), run.hot.colonMask);
+    if (resetHappened(run)) return;
+    endStringSequence(run);
+}
+
 // The common shape ESC [ marker? parameters final, read without table lookups. It takes the
 // same steps the table would, and leaves anything unusual (intermediates, controls, the end of
 // the chunk) to the table in the state reached so far.
@@ -388,7 +396,10 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
             if (c >= 0x40 && c <= 0x7E) {
                 ++run.index;
                 run.state = S::ground;
-                dispatchCsiSequence(run, c);
+                if (c == 'm' && hot.collect.empty())
+                    dispatchSgrSequence(run);
+                else
+                    dispatchCsiSequence(run, c);
             }
             return;
         }

@@ -24,6 +24,12 @@ public:
     // C0 controls, and the C1 controls that arrive outside the ground state.
     virtual void dispatchExecute(uint8_t code) = 0;
     virtual void dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect) = 0;
+    // CSI ... m with neither marker nor intermediates, the most frequent sequence, handed over
+    // past the general decoder. Bit i of `colonMask`: parameter i was followed by a colon.
+    virtual void dispatchSgr(CsiParameters pars, uint64_t colonMask) {
+        (void)colonMask;
+        dispatchCsi('m', pars, {});
+    }
     virtual void dispatchEsc(std::span<const uint8_t> collect, uint8_t code) = 0;
     // The built-in DCS handlers; the parser's dcsHandlerFactory is asked first.
     virtual std::unique_ptr<DcsHandler> dispatchDcs(std::span<const uint8_t> collect, uint8_t code,
@@ -127,6 +133,7 @@ private:
     bool resetHappened(Run& run);
     void performAction(Run& run, ParserAction action, ParserState next, uint8_t byte);
     void dispatchCsiSequence(Run& run, uint8_t code);
+    void dispatchSgrSequence(Run& run);
     void parseCsiDirectly(Run& run);
     void accumulateDigits(Run& run);
     void addParameterSeparator(Run& run, uint8_t byte);

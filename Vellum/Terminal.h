@@ -187,6 +187,7 @@ private:
     void handlePrintBorrowed(std::span<const uint8_t> run) override;
     void dispatchExecute(uint8_t code) override;
     void dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect) override;
+    void dispatchSgr(CsiParameters pars, uint64_t colonMask) override { selectGraphicRendition(pars, colonMask); }
     void dispatchEsc(std::span<const uint8_t> collect, uint8_t code) override;
     std::unique_ptr<DcsHandler> dispatchDcs(std::span<const uint8_t> collect, uint8_t code, CsiParameters pars) override;
     void dispatchOsc(int64_t code, std::span<const uint8_t> data, uint8_t terminator) override;
@@ -258,7 +259,7 @@ private:
     void eraseInDisplay(int mode, bool selective = false);
     void eraseInLine(int mode, bool selective = false);
     void eraseRow(BufferLine& line, int start, int end, bool selective);
-    void selectGraphicRendition(CsiParameters pars);
+    void selectGraphicRendition(CsiParameters pars, uint64_t colonMask);
     void setModes(CsiParameters pars, bool privateMode, bool value);
     void setPrivateMode(int mode, bool value);
     void deviceStatus(CsiParameters pars, bool privateMode);

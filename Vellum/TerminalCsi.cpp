@@ -54,7 +54,7 @@ void Terminal::dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uin
         if (collectIs(collect, " ")) selectCharacterPath(rawParam(pars, 0));
         else unknownCsi(code, pars, collect);
         break;
-    case 'm': if (collect.empty()) selectGraphicRendition(pars); break;
+    case 'm': if (collect.empty()) selectGraphicRendition(pars, parser.parsColonMask()); break;
     case 'n': deviceStatus(pars, question); break;
     case 'p':
         if (collectIs(collect, "!")) softReset();

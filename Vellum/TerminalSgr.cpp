@@ -111,12 +111,29 @@ void applyRendition(Attribute& a, CsiParameters pars, int& i, uint64_t colonMask
     else if (p >= 100 && p <= 107) a.bg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 100 + 8));
 }
 
+// The commonest colour sequences, 38;5;n, 48;5;n, 38;2;r;g;b and 48;2;r;g;b on their own,
+// applied without the walk; false for anything else.
+bool applyExtendedColorAlone(Attribute& a, CsiParameters pars, uint64_t colonMask) {
+    if (colonMask != 0 || (pars.size() != 3 && pars.size() != 5)) return false;
+    Attribute::Color* target = pars[0] == 38 ? &a.fg : pars[0] == 48 ? &a.bg : nullptr;
+    if (!target) return false;
+    if (pars.size() == 3 && pars[1] == 5) {
+        *target = Attribute::Color::ansi256(clampedComponent(pars, 2));
+        return true;
+    }
+    if (pars.size() == 5 && pars[1] == 2) {
+        *target = Attribute::Color::trueColor(clampedComponent(pars, 2), clampedComponent(pars, 3), clampedComponent(pars, 4));
+        return true;
+    }
+    return false;
+}
+
 } // namespace
 
-void Terminal::selectGraphicRendition(CsiParameters pars) {
+void Terminal::selectGraphicRendition(CsiParameters pars, uint64_t colonMask) {
     Attribute before = curAttr;
-    uint64_t colonMask = parser.parsColonMask();
-    for (int i = 0; i < pars.size(); ++i) applyRendition(curAttr, pars, i, colonMask);
+    if (!applyExtendedColorAlone(curAttr, pars, colonMask))
+        for (int i = 0; i < pars.size(); ++i) applyRendition(curAttr, pars, i, colonMask);
     if (curAttr == before) return;
     curStyleID = cellArena->intern(curAttr).value_or(0);
     if (curAttr.bg != before.bg) updateEraseBlank();
