@@ -340,7 +340,14 @@ void EscapeSequenceParser::dispatchSgrSequence(Run& run) {
     currentState = run.state;
     run.terminal.dispatchSgr(run.pars(), run.hot.colonMask);
     if (resetHappened(run)) return;
-    endStringSequence(run);
+    // The direct path collected nothing, and string payloads are released when their strings
+    // end; only one left by a string that never ended needs the full clean-up.
+    if (!run.hot.osc.empty() || !run.hot.apc.empty()) {
+        endStringSequence(run);
+        return;
+    }
+    run.hot.pars.reset();
+    clearReadingBuffer(run.terminal);
 }
 
 // The common shape ESC [ marker? parameters final, read without table lookups. It takes the

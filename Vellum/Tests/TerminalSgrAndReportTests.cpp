@@ -13,6 +13,18 @@ Attribute attributeAfter(std::string_view sgr) {
     return h.terminal.getCharData(0, 0).attribute;
 }
 
+// The pen after `sgr`, fed in two chunks cut at `cut` (none when it is past the end), with a
+// bold red pen before it so that what the sequence keeps shows too.
+Attribute attributeAfterCut(std::string_view sgr, size_t cut) {
+    TerminalHarness h(10, 2);
+    h.terminal.feed("\x1b[1;31m");
+    h.terminal.feed(sgr.substr(0, cut));
+    if (cut < sgr.size()) h.terminal.feed(sgr.substr(cut));
+    h.terminal.feed("x");
+    EXPECT_EQ(h.terminal.getCharData(0, 0).attribute, h.terminal.currentAttribute());
+    return h.terminal.currentAttribute();
+}
+
 } // namespace
 
 TEST(TerminalSgr, UnderlineForms) {
@@ -46,6 +58,57 @@ TEST(TerminalSgr, ColourFormsAgree) {
     EXPECT_EQ(after.bg, Attribute::Color::ansi256(4));
     EXPECT_EQ(attributeAfter("\x1b[95;105m").fg, Attribute::Color::ansi256(13));
     EXPECT_EQ(attributeAfter("\x1b[31;1m\x1b[0m"), Attribute::empty);
+}
+
+// A sequence whole in one chunk takes the parser's direct path and the shortcuts for common
+// shapes; cut anywhere it takes the general one. Both must leave the same pen.
+TEST(TerminalSgr, SequencesCutAnywhereAgree) {
+    using Color = Attribute::Color;
+    Attribute boldRed;
+    boldRed.style = CharacterStyle::bold;
+    boldRed.fg = Color::ansi256(1);
+    auto with = [&](auto change) {
+        Attribute a = boldRed;
+        change(a);
+        return a;
+    };
+    struct Case {
+        std::string_view sgr;
+        Attribute expected;
+    };
+    const Case cases[] = {
+        {"\x1b[m", Attribute::empty},
+        {"\x1b[22;39m", Attribute::empty},
+        {"\x1b[38;5;200m", with([](Attribute& a) { a.fg = Color::ansi256(200); })},
+        {"\x1b[48;5;7m", with([](Attribute& a) { a.bg = Color::ansi256(7); })},
+        {"\x1b[48;2;1;22;133m", with([](Attribute& a) { a.bg = Color::trueColor(1, 22, 133); })},
+        {"\x1b[38;2;999;0;99999999999m", with([](Attribute& a) { a.fg = Color::trueColor(255, 0, 255); })},
+        {"\x1b[38:2::1:2:3m", with([](Attribute& a) { a.fg = Color::trueColor(1, 2, 3); })},
+        {"\x1b[48:5:9m", with([](Attribute& a) { a.bg = Color::ansi256(9); })},
+        {"\x1b[58;2;4;5;6m", with([](Attribute& a) { a.underlineColor = Color::trueColor(4, 5, 6); })},
+        // Shapes next to the common ones, which must not be taken for them.
+        {"\x1b[38;5;3;4m", with([](Attribute& a) {
+             a.fg = Color::ansi256(3);
+             a.style.insert(CharacterStyle::underline);
+             a.underlineStyle = UnderlineStyle::single;
+         })},
+        {"\x1b[48;2;1;2m", boldRed},
+        {"\x1b[48;5m", boldRed},
+        {"\x1b[38;3;1;2;3m", with([](Attribute& a) { a.style.insert(CharacterStyle::dim | CharacterStyle::italic); })},
+        {"\x1b[39;2;1;2;3m", with([](Attribute& a) {
+             a.fg = Color::defaultColor();
+             a.style.insert(CharacterStyle::dim | CharacterStyle::italic);
+         })},
+        // Marked or with an intermediate, it is no SGR and the pen stays.
+        {"\x1b[?0m", boldRed},
+        {"\x1b[0 m", boldRed},
+    };
+    for (const Case& c : cases) {
+        for (size_t cut = 1; cut <= c.sgr.size(); ++cut) {
+            SCOPED_TRACE(::testing::Message() << ::testing::PrintToString(std::string(c.sgr)) << " cut at " << cut);
+            EXPECT_EQ(attributeAfterCut(c.sgr, cut), c.expected);
+        }
+    }
 }
 
 // Answers that only the terminal's own dispatch can give; the report formats themselves are
