@@ -68,18 +68,29 @@ struct Attribute {
         constexpr uint8_t blue() const { return payload_[2]; }
 
         // The interning code of the colour (see InternedAttributeKey), without a branch on the
-        // kind: SGR streams switch kinds at random.
+        // kind: SGR streams switch kinds at random. Unused payload bytes are zero, so each kind's
+        // code is the red-green-blue word shifted into place under the kind's base.
         constexpr uint32_t internCode() const {
+            constexpr uint32_t base[4] = {0x2000000, 0x3000000, 0, 0};
+            constexpr uint8_t left[4] = {0, 0, 8, 8}, right[4] = {16, 0, 0, 0};
             uint32_t rgb = uint32_t(payload_[0]) << 16 | uint32_t(payload_[1]) << 8 | payload_[2];
-            uint32_t palette = 0x2000000 | payload_[0], trueColor = 0x3000000 | rgb, defaults = rgb << 8;
-            return tag_ == 1 ? trueColor : tag_ == 0 ? palette : defaults;
+            unsigned kind = tag_ & 3u;
+            return base[kind] | (rgb << left[kind]) >> right[kind];
         }
         // Image bytes in order payload0, payload1, payload2, tag.
         void writeImage(uint8_t* out) const { out[0] = payload_[0], out[1] = payload_[1], out[2] = payload_[2], out[3] = tag_; }
         static std::optional<Color> fromImage(const uint8_t* bytes);
         static void writeOptionalImage(const std::optional<Color>& color, uint8_t* out);
 
-        constexpr bool operator==(const Color&) const = default;
+        // As one four-byte word rather than byte by byte: SGR compares colours on every change.
+        constexpr bool operator==(const Color& other) const { return word() == other.word(); }
+
+    private:
+        constexpr uint32_t word() const {
+            return uint32_t(payload_[0]) | uint32_t(payload_[1]) << 8 | uint32_t(payload_[2]) << 16 | uint32_t(tag_) << 24;
+        }
+
+    public:
 
     private:
         constexpr Color(uint8_t a, uint8_t b, uint8_t c, uint8_t tag) : payload_{a, b, c}, tag_(tag) {}

@@ -199,15 +199,6 @@ Attribute CellArena::attributeFor(uint16_t styleID) const {
     return attributes[styleID].attribute();
 }
 
-std::optional<PackedCell> CellArena::inlineBackgroundCell(const Color& bg) {
-    if (bg.kind() == Color::Kind::ansi256) return PackedCell::make(PackedCell::paletteBackgroundTag, bg.code(), 0, 0, false, 0, 0);
-    if (bg.kind() == Color::Kind::trueColor) {
-        uint32_t value = uint32_t(bg.red()) | uint32_t(bg.green()) << 8 | uint32_t(bg.blue()) << 16;
-        return PackedCell::make(PackedCell::trueColorBackgroundTag, value, 0, 0, false, 0, 0);
-    }
-    return std::nullopt;
-}
-
 std::optional<PackedCell> CellArena::packInlineBackground(const Attribute& attribute, uint8_t widthState,
                                                           uint16_t payloadCode, uint8_t semanticContentCode,
                                                           bool isProtected) const {

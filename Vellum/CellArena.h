@@ -90,7 +90,15 @@ public:
     CharData unpack(PackedCell cell) const;
     // An empty cell whose only rendition is this background, held in the word itself (no
     // style is interned); nothing for the default backgrounds.
-    static std::optional<PackedCell> inlineBackgroundCell(const Attribute::Color& bg);
+    static std::optional<PackedCell> inlineBackgroundCell(const Attribute::Color& bg) {
+        if (bg.kind() == Attribute::Color::Kind::ansi256)
+            return PackedCell::make(PackedCell::paletteBackgroundTag, bg.code(), 0, 0, false, 0, 0);
+        if (bg.kind() == Attribute::Color::Kind::trueColor) {
+            uint32_t value = uint32_t(bg.red()) | uint32_t(bg.green()) << 8 | uint32_t(bg.blue()) << 16;
+            return PackedCell::make(PackedCell::trueColorBackgroundTag, value, 0, 0, false, 0, 0);
+        }
+        return std::nullopt;
+    }
 
     Scalars scalarValues(PackedCell cell) const;
     void scalarValues(PackedCell cell, Scalars& appending) const;
