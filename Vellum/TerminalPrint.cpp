@@ -5,6 +5,7 @@
 // that may extend the character before them (combining marks, joiners, selectors, regional
 // indicators, Hangul jamo) take the slow road through the cell they would join.
 #include <algorithm>
+#include <cstring>
 
 #include "Platform/Unicode.h"
 #include "Vellum/ByteRunScanner.h"
@@ -53,6 +54,27 @@ size_t takeIdeographs(const uint8_t* p, size_t available, uint32_t* out, size_t 
     return used;
 }
 
+// True when a run of 4 to 16 bytes is all printable ASCII, read as two overlapping words rather
+// than byte by byte: the words between colour changes are short. A byte of 0x7F or more sets
+// its high bit in (x + 1) | x; a carry out of a 0xFF byte only adds to a byte already found.
+bool isShortPrintableAscii(std::span<const uint8_t> run) {
+    auto anyAtLeastDel = [](uint64_t x, uint64_t ones) { return (((x + ones) | x) & (ones << 7)) != 0; };
+    size_t n = run.size();
+    if (n >= 8 && n <= 16) {
+        uint64_t head = 0, tail = 0;
+        std::memcpy(&head, run.data(), 8);
+        std::memcpy(&tail, run.data() + n - 8, 8);
+        return !anyAtLeastDel(head, 0x0101010101010101ull) && !anyAtLeastDel(tail, 0x0101010101010101ull);
+    }
+    if (n >= 4 && n < 8) {
+        uint32_t head = 0, tail = 0;
+        std::memcpy(&head, run.data(), 4);
+        std::memcpy(&tail, run.data() + n - 4, 4);
+        return !anyAtLeastDel(head, 0x01010101u) && !anyAtLeastDel(tail, 0x01010101u);
+    }
+    return false;
+}
+
 bool isHangulJamoOrSyllable(GraphemeBreak c) {
     return c == GraphemeBreak::l || c == GraphemeBreak::v || c == GraphemeBreak::t || c == GraphemeBreak::lv ||
            c == GraphemeBreak::lvt;
@@ -93,7 +115,7 @@ void Terminal::handlePrintBorrowed(std::span<const uint8_t> run) {
         handlePrintSlow(run.data(), run.size(), unknownScalar);
         return;
     }
-    size_t ascii = ByteRunScanner::firstNonPrintableAscii(run, 0);
+    size_t ascii = isShortPrintableAscii(run) ? run.size() : ByteRunScanner::firstNonPrintableAscii(run, 0);
     char32_t previous = unknownScalar;
     if (ascii > 0) {
         PackedCell base = printBase();

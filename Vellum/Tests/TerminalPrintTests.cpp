@@ -259,6 +259,25 @@ TEST(TerminalPrint, HowTheBytesAreChunkedNeverChangesTheScreen) {
     }
 }
 
+// Short words are checked for printable ASCII a whole word at a time; one odd byte must be
+// found wherever it sits. Fed a byte at a time, nothing takes that road.
+TEST(TerminalPrint, AnOddByteAnywhereInAShortWordIsFound) {
+    for (std::string odd : {"\x7f", "\xc3\xa9", "\xff"}) {
+        for (size_t length = 4; length <= 17; ++length) {
+            for (size_t at = 0; at < length; ++at) {
+                std::string word(length, 'a');
+                word.replace(at, 1, odd);
+                std::string text = "\x1b[1m" + word + "\x1b[m";
+                TerminalHarness whole(40, 2), bytewise(40, 2);
+                whole.terminal.feed(text);
+                for (char c : text) bytewise.terminal.feed(std::string_view(&c, 1));
+                ASSERT_EQ(whole.screen(), bytewise.screen()) << length << "," << at;
+                ASSERT_EQ(whole.x(), bytewise.x()) << length << "," << at;
+            }
+        }
+    }
+}
+
 TEST(TerminalPrint, IdeographsTakeTheShortRoadOnlyWhileTheTablesAgree) {
     // The print path writes U+4E00..U+9FFF without asking the tables: every one must be two
     // columns wide with no grapheme role, or the shortcut would print them wrongly.
