@@ -111,32 +111,45 @@ void applyRendition(Attribute& a, CsiParameters pars, int& i, uint64_t colonMask
     else if (p >= 100 && p <= 107) a.bg = Attribute::Color::ansi256(static_cast<uint8_t>(p - 100 + 8));
 }
 
-// The commonest colour sequences, 38;5;n, 48;5;n, 38;2;r;g;b and 48;2;r;g;b on their own,
-// applied without the walk; false for anything else.
-bool applyExtendedColorAlone(Attribute& a, CsiParameters pars, uint64_t colonMask) {
-    if (colonMask != 0 || (pars.size() != 3 && pars.size() != 5)) return false;
+// The commonest colour sequences, 38;5;n, 48;5;n, 38;2;r;g;b and 48;2;r;g;b on their own:
+// the colour and the one it replaces, or nothing for any other sequence.
+struct LoneColor {
+    Attribute::Color* target;
+    Attribute::Color color;
+};
+
+std::optional<LoneColor> extendedColorAlone(Attribute& a, CsiParameters pars, uint64_t colonMask) {
+    if (colonMask != 0 || (pars.size() != 3 && pars.size() != 5)) return std::nullopt;
     Attribute::Color* target = pars[0] == 38 ? &a.fg : pars[0] == 48 ? &a.bg : nullptr;
-    if (!target) return false;
-    if (pars.size() == 3 && pars[1] == 5) {
-        *target = Attribute::Color::ansi256(clampedComponent(pars, 2));
-        return true;
-    }
-    if (pars.size() == 5 && pars[1] == 2) {
-        *target = Attribute::Color::trueColor(clampedComponent(pars, 2), clampedComponent(pars, 3), clampedComponent(pars, 4));
-        return true;
-    }
-    return false;
+    if (!target) return std::nullopt;
+    if (pars.size() == 3 && pars[1] == 5) return LoneColor{target, Attribute::Color::ansi256(clampedComponent(pars, 2))};
+    if (pars.size() == 5 && pars[1] == 2)
+        return LoneColor{target, Attribute::Color::trueColor(clampedComponent(pars, 2), clampedComponent(pars, 3),
+                                                             clampedComponent(pars, 4))};
+    return std::nullopt;
 }
 
 } // namespace
 
+// The common shapes learn whether the pen changed before they write it: comparing the whole pen
+// right after writing one field of it would wait for that store to reach memory.
 void Terminal::selectGraphicRendition(CsiParameters pars, uint64_t colonMask) {
-    Attribute before = curAttr;
-    if (!applyExtendedColorAlone(curAttr, pars, colonMask))
+    Attribute::Color backgroundBefore = curAttr.bg;
+    if (auto lone = extendedColorAlone(curAttr, pars, colonMask)) {
+        if (*lone->target == lone->color) return;
+        *lone->target = lone->color;
+        curStyleID = cellArena->intern(curAttr).value_or(0);
+    } else if (pars.size() == 1 && pars[0] == 0) {
+        if (curAttr == Attribute::empty) return;
+        curAttr = Attribute::empty;
+        curStyleID = 0;
+    } else {
+        Attribute before = curAttr;
         for (int i = 0; i < pars.size(); ++i) applyRendition(curAttr, pars, i, colonMask);
-    if (curAttr == before) return;
-    curStyleID = cellArena->intern(curAttr).value_or(0);
-    if (curAttr.bg != before.bg) updateEraseBlank();
+        if (curAttr == before) return;
+        curStyleID = cellArena->intern(curAttr).value_or(0);
+    }
+    if (curAttr.bg != backgroundBefore) updateEraseBlank();
 }
 
 // The renditions a VT420 can change in an area, in the numbering of SGR. Changing also takes

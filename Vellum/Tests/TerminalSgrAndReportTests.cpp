@@ -80,6 +80,7 @@ TEST(TerminalSgr, SequencesCutAnywhereAgree) {
         {"\x1b[m", Attribute::empty},
         {"\x1b[22;39m", Attribute::empty},
         {"\x1b[38;5;200m", with([](Attribute& a) { a.fg = Color::ansi256(200); })},
+        {"\x1b[38;5;1m", boldRed}, // the colour the pen already has
         {"\x1b[48;5;7m", with([](Attribute& a) { a.bg = Color::ansi256(7); })},
         {"\x1b[48;2;1;22;133m", with([](Attribute& a) { a.bg = Color::trueColor(1, 22, 133); })},
         {"\x1b[38;2;999;0;99999999999m", with([](Attribute& a) { a.fg = Color::trueColor(255, 0, 255); })},
