@@ -137,7 +137,7 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identif
     attributeSlots[index] = {key.word0, uint32_t(key.word1), identifier, 1};
 }
 
-std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
+int CellArena::internedIdentifier(const Attribute& attributes) {
     InternedAttributeKey key(attributes);
     if (key.isZero()) return 0;
     uint64_t hash = cacheHash(key);
@@ -148,16 +148,16 @@ std::optional<uint16_t> CellArena::intern(const Attribute& attributes) {
     __builtin_prefetch(&attributePresence[presenceWord(mixed)]);
     __builtin_prefetch(&attributeSlots[size_t(hash >> (64 - std::countr_zero(attributeSlots.size())))]);
     if (cached.identifierPlusOne != 0 && cached.word0 == key.word0 && cached.word1 == key.word1)
-        return uint16_t(cached.identifierPlusOne - 1);
+        return int(cached.identifierPlusOne) - 1;
     size_t free = 0;
     bool full = isSnapshotCopy || attributeCountValue > attributeCapacity;
     if (!mayBePresent(hash)) {
-        if (full) return std::nullopt;
+        if (full) return -1;
     } else if (auto found = findAttribute(key, hash, free)) {
         cached = {key.word0, uint32_t(key.word1), uint32_t(*found) + 1};
-        return found;
+        return *found;
     }
-    if (full) return std::nullopt;
+    if (full) return -1;
     uint16_t identifier = uint16_t(attributeCountValue++);
     this->attributes[identifier] = PackedAttributeRecord::from(attributes);
     storeAttribute(key, identifier);

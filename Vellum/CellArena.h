@@ -79,7 +79,11 @@ public:
     // A read-only image of `source` for a reader on another thread.
     static std::shared_ptr<CellArena> makeSnapshot(const CellArena& source);
 
-    std::optional<uint16_t> intern(const Attribute& attributes);
+    std::optional<uint16_t> intern(const Attribute& attributes) {
+        int identifier = internedIdentifier(attributes);
+        if (identifier < 0) return std::nullopt;
+        return uint16_t(identifier);
+    }
     std::optional<uint32_t> intern(std::u32string_view graphemes);
 
     std::optional<PackedCell> pack(const CharData& data);
@@ -196,6 +200,9 @@ private:
         uint64_t mixed = remix(hash);
         attributePresence[presenceWord(mixed)] |= presenceMask(mixed);
     }
+    // The identifier, or -1 when the table is full: a plain integer comes back in a register,
+    // where an optional would be assembled in memory and read back whole.
+    int internedIdentifier(const Attribute& attributes);
     std::optional<uint16_t> findAttribute(const InternedAttributeKey& key, uint64_t hash, size_t& slotIndex) const;
     void storeAttribute(const InternedAttributeKey& key, uint16_t identifier);
     std::vector<std::unique_ptr<GraphemeBlock>> graphemeBlocks;
