@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "Support/DaemonHarness.h"
+#include "Support/RawClient.h"
 #include "Platform/ProcessInfo.h"
 #include "corvexd/Commands.h"
 
@@ -96,10 +97,10 @@ TEST(CorvexdCommands, ConcurrentStartsLeaveOneDaemon) {
 
 TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
     DaemonHarness daemon;
-    std::string real = daemon.base() + "/real";
+    std::string real = daemon.scratch().path() + "/real";
     ASSERT_EQ(::mkdir(real.c_str(), 0700), 0);
 
-    std::string link = daemon.base() + "/link";
+    std::string link = daemon.scratch().path() + "/link";
     ASSERT_EQ(::symlink(real.c_str(), link.c_str()), 0);
     daemon.setRuntimeDir(link);
     auto linked = daemon.run({"start"});
@@ -107,7 +108,7 @@ TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
     EXPECT_NE(linked.err.find("symbolic link"), std::string::npos) << linked.err;
     EXPECT_FALSE(std::filesystem::exists(real + "/corvexd.sock"));
 
-    std::string loose = daemon.base() + "/loose";
+    std::string loose = daemon.scratch().path() + "/loose";
     ASSERT_EQ(::mkdir(loose.c_str(), 0755), 0);
     ASSERT_EQ(::chmod(loose.c_str(), 0755), 0);
     daemon.setRuntimeDir(loose);
@@ -116,7 +117,7 @@ TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
     EXPECT_EQ(daemon.run({"stop"}).status, 0);
 
     // Others could have planted files in it before it was ours alone.
-    std::string shared = daemon.base() + "/shared";
+    std::string shared = daemon.scratch().path() + "/shared";
     ASSERT_EQ(::mkdir(shared.c_str(), 0700), 0);
     ASSERT_EQ(::chmod(shared.c_str(), 0777), 0);
     daemon.setRuntimeDir(shared);
@@ -125,18 +126,18 @@ TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
     EXPECT_NE(refused.err.find("writable"), std::string::npos) << refused.err;
     EXPECT_FALSE(std::filesystem::exists(shared + "/corvexd.sock"));
 
-    std::string file = daemon.base() + "/file";
+    std::string file = daemon.scratch().path() + "/file";
     ASSERT_TRUE(std::ofstream(file).good());
     daemon.setRuntimeDir(file);
     EXPECT_EQ(daemon.run({"start"}).status, 1);
 
-    daemon.setRuntimeDir(daemon.base() + "/" + std::string(120, 'x'));
+    daemon.setRuntimeDir(daemon.scratch().path() + "/" + std::string(120, 'x'));
     auto tooLong = daemon.run({"start"});
     EXPECT_EQ(tooLong.status, 1);
     EXPECT_NE(tooLong.err.find("too long"), std::string::npos) << tooLong.err;
 
     if (::getuid() == 0) {
-        std::string foreign = daemon.base() + "/foreign";
+        std::string foreign = daemon.scratch().path() + "/foreign";
         ASSERT_EQ(::mkdir(foreign.c_str(), 0700), 0);
         ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
         daemon.setRuntimeDir(foreign);
@@ -145,7 +146,7 @@ TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
         EXPECT_NE(refused.err.find("owned by another user"), std::string::npos) << refused.err;
         EXPECT_FALSE(std::filesystem::exists(foreign + "/corvexd.sock"));
     }
-    daemon.setRuntimeDir(daemon.base() + "/run");
+    daemon.setRuntimeDir(daemon.scratch().path() + "/run");
 }
 
 TEST(CorvexdCommands, BridgeStartsTheDaemonAndRelaysBothWays) {

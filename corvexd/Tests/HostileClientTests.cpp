@@ -338,7 +338,7 @@ TEST(HostileClient, ShutdownEndsProgramsThatIgnoreHangUpAndTerminate) {
 
 TEST(HostileClient, RuntimeFilesAreNeitherFollowedNorLeftBehind) {
     DaemonHarness daemon;
-    std::string victim = daemon.base() + "/victim";
+    std::string victim = daemon.scratch().path() + "/victim";
     std::ofstream(victim) << "precious\n";
     ASSERT_EQ(::mkdir(daemon.runtimeDir().c_str(), 0700), 0);
     ASSERT_EQ(::symlink(victim.c_str(), (daemon.runtimeDir() + "/corvexd.pid").c_str()), 0);

@@ -4,6 +4,7 @@
 
 #include "Platform/Tests/Support/Eventually.h"
 #include "Support/DaemonHarness.h"
+#include "Support/RawClient.h"
 
 using namespace corvexd::testing;
 

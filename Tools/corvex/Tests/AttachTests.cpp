@@ -9,10 +9,10 @@
 #include "CorvexKit/SessionBackend.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "Vellum/HeadlessTerminal.h"
-#include "corvexd/Tests/EndToEndDaemon.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
 using namespace corvex;
-using namespace corvex::endtoend;
+using namespace corvexd::testing;
 using platform::testing::eventually;
 
 namespace {
@@ -140,7 +140,7 @@ protected:
         return argv;
     }
 
-    Daemon daemon;
+    DaemonHarness daemon;
     std::shared_ptr<CorvexdBackend> backend;
     CreatedWorkspace made;
 };
