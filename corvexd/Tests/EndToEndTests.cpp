@@ -63,8 +63,7 @@ int countedUpTo(const std::string& bytes, int first) {
 TEST_F(EndToEnd, TheCommandLineTypesIntoAndReshapesARealSession) {
     auto client = daemon.connect("typist");
     Watcher watch(client);
-    CreatedWorkspace created;
-    created = client->createWorkspace("first", plainShell());
+    CreatedWorkspace created = client->createWorkspace("first", plainShell());
     uint64_t a = created.pane;
     client->subscribe(a);
 
@@ -104,8 +103,7 @@ TEST_F(EndToEnd, ResubscribingFromADeliveredPositionLosesAndRepeatsNothing) {
     counter.command = std::vector<std::string>{
         "/bin/sh", "-c",
         "i=0; for round in 1 2 3; do read go; j=0; while [ $j -lt 3000 ]; do i=$((i+1)); j=$((j+1)); echo n$i; done; done; sleep 600"};
-    CreatedWorkspace created;
-    created = first->createWorkspace("counting", counter);
+    CreatedWorkspace created = first->createWorkspace("counting", counter);
     uint64_t pane = created.pane;
     first->subscribe(pane);
     first->sendInput(pane, asBytes("\r"));
@@ -154,8 +152,7 @@ TEST_F(EndToEnd, ARestartedDaemonIsReachedAgainAndPaneViewsStartOver) {
     ASSERT_TRUE(mainQueue.runUntil([&] { return store.isConnected(); }, 10s));
     std::string before = store.hello()->instance;
 
-    CreatedWorkspace created;
-    created = client->createWorkspace("kept", plainShell());
+    CreatedWorkspace created = client->createWorkspace("kept", plainShell());
     auto sink = std::make_shared<testkit::RecordingSink>();
     store.registerSink(created.pane, sink);
     client->subscribe(created.pane);

@@ -58,7 +58,7 @@ TEST(CorvexdServer, HelloDescribesThisRunAndOnlyWhatIsImplemented) {
     }
     EXPECT_FALSE(result["machine"]["hostname"].get<std::string>().empty());
     EXPECT_EQ(result["machine"]["os"], "linux");
-    // A new run's instance differs: CorvexdBackendAgainstDaemon follows a restart.
+    // A new run's instance differs: EndToEnd.ARestartedDaemonIsReachedAgainAndPaneViewsStartOver.
     EXPECT_EQ(RawClient(daemon.socketPath()).request("hello", helloParams()).value()["result"]["instance"],
               result["instance"])
         << "one run, one instance, whoever asks";
