@@ -43,11 +43,6 @@ std::optional<PackedCell> validated(PackedCell cell) {
 
 } // namespace
 
-InternedAttributeKey::InternedAttributeKey(const Attribute& attribute)
-    : word0(attribute.fg.internCode() | uint64_t(attribute.bg.internCode()) << 26 | uint64_t(attribute.style.rawValue) << 52 |
-            uint64_t(attribute.underlineStyle) << 60),
-      word1(attribute.underlineColor ? uint64_t(attribute.underlineColor->internCode()) + 0x4000000 : 0) {}
-
 PackedAttributeRecord PackedAttributeRecord::from(const Attribute& attribute) {
     PackedAttributeRecord record;
     attribute.fg.writeImage(record.bytes);
@@ -137,27 +132,35 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identif
     attributeSlots[index] = {key.word0, uint32_t(key.word1), identifier, 1};
 }
 
+// The two answers that SGR streams give almost every time, a rendition met lately and one never
+// seen by a full table, are merged into one branch, which is then taken nearly always: a branch
+// per answer would be mispredicted on every switch between them, each time after waiting for
+// the loads it tests.
 int CellArena::internedIdentifier(const Attribute& attributes) {
     InternedAttributeKey key(attributes);
     if (key.isZero()) return 0;
     uint64_t hash = cacheHash(key);
     CacheEntry& cached = attributeCache[size_t(hash >> (64 - cacheBits))];
-    // A new rendition misses the cache and is then answered by its presence bits: the second
-    // load starts now, so that the two misses overlap rather than follow each other.
-    uint64_t mixed = remix(hash);
-    __builtin_prefetch(&attributePresence[presenceWord(mixed)]);
+    uint64_t mixed = remix(hash), mask = presenceMask(mixed);
+    uint64_t presence = attributePresence[presenceWord(mixed)];
     __builtin_prefetch(&attributeSlots[size_t(hash >> (64 - std::countr_zero(attributeSlots.size())))]);
-    if (cached.identifierPlusOne != 0 && cached.word0 == key.word0 && cached.word1 == key.word1)
-        return int(cached.identifierPlusOne) - 1;
+    // A zero entry never matches, since the key is not zero.
+    bool cacheHit = ((cached.word0 ^ key.word0) | (cached.word1 ^ key.word1)) == 0;
+    bool absentFromFullTable = ((presence & mask) != mask) & (isSnapshotCopy | (attributeCountValue > attributeCapacity));
+    if (cacheHit | absentFromFullTable) return cacheHit ? int(cached.identifierPlusOne) - 1 : -1;
+    return internedIdentifierFromTable(attributes, key, hash, cached);
+}
+
+int CellArena::internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key, uint64_t hash,
+                                           CacheEntry& cached) {
     size_t free = 0;
-    bool full = isSnapshotCopy || attributeCountValue > attributeCapacity;
-    if (!mayBePresent(hash)) {
-        if (full) return -1;
-    } else if (auto found = findAttribute(key, hash, free)) {
-        cached = {key.word0, uint32_t(key.word1), uint32_t(*found) + 1};
-        return *found;
+    if (mayBePresent(hash)) {
+        if (auto found = findAttribute(key, hash, free)) {
+            cached = {key.word0, uint32_t(key.word1), uint32_t(*found) + 1};
+            return *found;
+        }
     }
-    if (full) return -1;
+    if (isSnapshotCopy || attributeCountValue > attributeCapacity) return -1;
     uint16_t identifier = uint16_t(attributeCountValue++);
     this->attributes[identifier] = PackedAttributeRecord::from(attributes);
     storeAttribute(key, identifier);

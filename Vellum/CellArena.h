@@ -26,7 +26,11 @@ struct InternedAttributeKey {
     uint64_t word1 = 0;
 
     InternedAttributeKey() = default;
-    explicit InternedAttributeKey(const Attribute& attribute);
+    // Inline: every SGR that changes the pen builds one.
+    explicit InternedAttributeKey(const Attribute& attribute)
+        : word0(attribute.fg.internCode() | uint64_t(attribute.bg.internCode()) << 26 |
+                uint64_t(attribute.style.rawValue) << 52 | uint64_t(attribute.underlineStyle) << 60),
+          word1(attribute.underlineColor ? uint64_t(attribute.underlineColor->internCode()) + 0x4000000 : 0) {}
     static InternedAttributeKey fromWords(uint64_t word0, uint64_t word1) {
         InternedAttributeKey key;
         key.word0 = word0;
@@ -203,6 +207,8 @@ private:
     // The identifier, or -1 when the table is full: a plain integer comes back in a register,
     // where an optional would be assembled in memory and read back whole.
     int internedIdentifier(const Attribute& attributes);
+    [[gnu::noinline]] int internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key,
+                                                      uint64_t hash, CacheEntry& cached);
     std::optional<uint16_t> findAttribute(const InternedAttributeKey& key, uint64_t hash, size_t& slotIndex) const;
     void storeAttribute(const InternedAttributeKey& key, uint16_t identifier);
     std::vector<std::unique_ptr<GraphemeBlock>> graphemeBlocks;
