@@ -70,12 +70,14 @@ struct Attribute {
         // The interning code of the colour (see InternedAttributeKey), without a branch on the
         // kind: SGR streams switch kinds at random. Unused payload bytes are zero, so each kind's
         // code is the red-green-blue word shifted into place under the kind's base.
+        // The per-kind base and shifts are picked out of constants byte by byte, since small
+        // tables would be built on the stack on every call.
         constexpr uint32_t internCode() const {
-            constexpr uint32_t base[4] = {0x2000000, 0x3000000, 0, 0};
-            constexpr uint8_t left[4] = {0, 0, 8, 8}, right[4] = {16, 0, 0, 0};
             uint32_t rgb = uint32_t(payload_[0]) << 16 | uint32_t(payload_[1]) << 8 | payload_[2];
-            unsigned kind = tag_ & 3u;
-            return base[kind] | (rgb << left[kind]) >> right[kind];
+            unsigned byteShift = (tag_ & 3u) * 8;
+            uint32_t base = ((0x0302u >> byteShift) & 0xFF) << 24;
+            unsigned left = (0x08080000u >> byteShift) & 0xFF, right = (0x10u >> byteShift) & 0xFF;
+            return base | (rgb << left) >> right;
         }
         // Image bytes in order payload0, payload1, payload2, tag.
         void writeImage(uint8_t* out) const { out[0] = payload_[0], out[1] = payload_[1], out[2] = payload_[2], out[3] = tag_; }
