@@ -75,9 +75,10 @@ CellArena::CellArena(int styleCapacity, int graphemeCapacity)
       isSnapshotCopy(false),
       // Left uninitialised on purpose: a full table is 65,536 records and most terminals use few.
       attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
+      attributeKeys(new StoredKey[size_t(attributeCapacity) + 1]),
       graphemeBlocks(size_t(graphemeBlockCapacity)) {
     attributes[0] = PackedAttributeRecord::from(Attribute::empty);
-    storeAttribute(InternedAttributeKey(), 0);
+    attributeKeys[0] = {0, 0};
 }
 
 CellArena::CellArena(SnapshotTag, const CellArena& source)
@@ -88,9 +89,10 @@ CellArena::CellArena(SnapshotTag, const CellArena& source)
       snapshotSourceIdentity(source.identity),
       isSnapshotCopy(true),
       attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
+      attributeKeys(new StoredKey[size_t(attributeCapacity) + 1]),
       graphemeBlocks(size_t(graphemeBlockCapacity)) {
     attributes[0] = PackedAttributeRecord::from(Attribute::empty);
-    storeAttribute(InternedAttributeKey(), 0);
+    attributeKeys[0] = {0, 0};
     synchronizeSnapshotPrefix(source);
 }
 
@@ -100,26 +102,30 @@ std::shared_ptr<CellArena> CellArena::makeSnapshot(const CellArena& source) {
 
 std::optional<uint16_t> CellArena::findAttribute(const InternedAttributeKey& key, uint64_t hash, size_t& slotIndex) const {
     size_t mask = attributeSlots.size() - 1;
-    // Only the top bits of the hash are well mixed (a low bit of a product depends only on the
-    // factors' lower bits), and the slot index takes those.
-    for (size_t i = size_t(hash >> (64 - std::countr_zero(attributeSlots.size()))) & mask;; i = (i + 1) & mask) {
-        const AttributeSlot& slot = attributeSlots[i];
-        if (!slot.occupied) {
+    uint16_t wanted = fingerprint(hash);
+    for (size_t i = homeSlot(hash) & mask;; i = (i + 1) & mask) {
+        AttributeSlot slot = attributeSlots[i];
+        if (slot.identifier == 0) {
             slotIndex = i;
             return std::nullopt;
         }
-        if (slot.word0 == key.word0 && slot.word1 == key.word1) return slot.identifier;
+        if (slot.fingerprint != wanted) continue;
+        const StoredKey& stored = attributeKeys[slot.identifier];
+        if (stored.word0 == key.word0 && stored.word1 == key.word1) return slot.identifier;
     }
 }
 
+// Only for identifiers above zero: the zero key is answered before any lookup.
 void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identifier) {
+    attributeKeys[identifier] = {key.word0, uint32_t(key.word1)};
     size_t used = size_t(identifier) + 1;
     if (attributeSlots.size() < 2 * used) {
         std::vector<AttributeSlot> old =
-            std::exchange(attributeSlots, std::vector<AttributeSlot>(std::bit_ceil(std::max<size_t>(1024, 2 * used))));
+            std::exchange(attributeSlots, std::vector<AttributeSlot>(std::bit_ceil(2 * used)));
         for (const AttributeSlot& slot : old) {
-            if (!slot.occupied) continue;
-            auto each = InternedAttributeKey::fromWords(slot.word0, slot.word1);
+            if (slot.identifier == 0) continue;
+            const StoredKey& stored = attributeKeys[slot.identifier];
+            auto each = InternedAttributeKey::fromWords(stored.word0, stored.word1);
             size_t index = 0;
             findAttribute(each, cacheHash(each), index);
             attributeSlots[index] = slot;
@@ -129,7 +135,7 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identif
     markPresent(hash);
     size_t index = 0;
     if (findAttribute(key, hash, index)) return;
-    attributeSlots[index] = {key.word0, uint32_t(key.word1), identifier, 1};
+    attributeSlots[index] = {identifier, fingerprint(hash)};
 }
 
 // The two answers that SGR streams give almost every time, a rendition met lately and one never
@@ -143,7 +149,7 @@ int CellArena::internedIdentifier(const Attribute& attributes) {
     CacheEntry& cached = attributeCache[size_t(hash >> (64 - cacheBits))];
     uint64_t mixed = remix(hash), mask = presenceMask(mixed);
     uint64_t presence = attributePresence[presenceWord(mixed)];
-    __builtin_prefetch(&attributeSlots[size_t(hash >> (64 - std::countr_zero(attributeSlots.size())))]);
+    __builtin_prefetch(&attributeSlots[homeSlot(hash)]);
     // A zero entry never matches, since the key is not zero.
     bool cacheHit = ((cached.word0 ^ key.word0) | (cached.word1 ^ key.word1)) == 0;
     bool absentFromFullTable = ((presence & mask) != mask) & (isSnapshotCopy | (attributeCountValue > attributeCapacity));

@@ -169,17 +169,22 @@ private:
 
     std::unique_ptr<PackedAttributeRecord[]> attributes;
     int attributeCountValue = 1;
-    // Identifiers by key: open addressing with linear probing, at most half full. Each slot
-    // holds its whole key (word1 fits in 32 bits), so a probe costs one cache line at most and
-    // never a second load elsewhere; four slots share a line, so a short probe stays in it.
+    // Identifiers by key: open addressing with linear probing, at most half full. A slot is an
+    // identifier (0: empty, as the zero key never needs a slot) and sixteen bits of the key's
+    // hash, so that a full table is half a megabyte and stays near the processor; the key
+    // itself is compared in `attributeKeys` only when those bits match.
     struct AttributeSlot {
-        uint64_t word0 = 0;
-        uint32_t word1 = 0;
         uint16_t identifier = 0;
-        uint16_t occupied = 0;
+        uint16_t fingerprint = 0;
     };
-    static_assert(sizeof(AttributeSlot) == 16);
-    std::vector<AttributeSlot> attributeSlots;
+    static_assert(sizeof(AttributeSlot) == 4);
+    std::vector<AttributeSlot> attributeSlots = std::vector<AttributeSlot>(1024);
+    struct StoredKey { // word1 fits 32 bits
+        uint64_t word0;
+        uint32_t word1;
+    };
+    std::unique_ptr<StoredKey[]> attributeKeys; // by identifier; left uninitialised like the records
+    static uint16_t fingerprint(uint64_t hash) { return uint16_t(remix(hash) >> 20); }
     // In front of the slots, which a full table spreads over two megabytes: the renditions
     // met last, direct-mapped, and one bit per hash value telling that no key with that hash
     // was ever stored. Programs that paint with many true colours mostly ask for renditions
@@ -210,6 +215,11 @@ private:
     [[gnu::noinline]] int internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key,
                                                       uint64_t hash, CacheEntry& cached);
     std::optional<uint16_t> findAttribute(const InternedAttributeKey& key, uint64_t hash, size_t& slotIndex) const;
+    size_t homeSlot(uint64_t hash) const {
+        // Only the top bits of the hash are well mixed (a low bit of a product depends only on
+        // the factors' lower bits), and the slot index takes those.
+        return size_t(hash >> (64 - std::countr_zero(attributeSlots.size())));
+    }
     void storeAttribute(const InternedAttributeKey& key, uint16_t identifier);
     std::vector<std::unique_ptr<GraphemeBlock>> graphemeBlocks;
     int allocatedGraphemeBlockCount = 0;

@@ -252,11 +252,16 @@ TEST(CellArena, StyleTableFallsBackToTheDefaultRenditionWhenFull) {
         Attribute a = withForeground(Color::trueColor(uint8_t(i >> 16), uint8_t(i >> 8), uint8_t(i)));
         ASSERT_EQ(arena.intern(a), i);
     }
-    // Lookups still find every identifier, through the cache or the dictionary behind it.
-    for (uint32_t i = 1; i <= 65535; i += 97) {
+    // Lookups still find every identifier, through the cache or the dictionary behind it, and
+    // as many absent renditions are told apart from them (the dictionary holds only part of
+    // each key's hash, so lookalikes must be checked against the key).
+    for (uint32_t i = 1; i <= 65535; ++i) {
         Attribute a = withForeground(Color::trueColor(uint8_t(i >> 16), uint8_t(i >> 8), uint8_t(i)));
         ASSERT_EQ(arena.intern(a), i);
         ASSERT_EQ(arena.attributeFor(uint16_t(i)), a);
+        Attribute absent = a;
+        absent.bg = Color::ansi256(uint8_t(i));
+        ASSERT_FALSE(arena.intern(absent));
     }
     Attribute overflow = withForeground(Color::trueColor(1, 0, 0));
     EXPECT_FALSE(arena.intern(overflow));
