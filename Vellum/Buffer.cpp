@@ -88,6 +88,7 @@ void Buffer::reflow(int newCols, PackedCell blank) {
     x = std::min(newCursorX, newCols - 1);
     savedY = std::clamp(newSavedRow - drop - yBase, 0, rows_ - 1);
     savedX = std::min(savedX, newCols - 1);
+    for (int i = 0; i < yBase; ++i) lines[i].compact();
 }
 
 void Buffer::resetRegion() {
@@ -138,10 +139,15 @@ void Buffer::scroll(PackedCell blank, bool isWrapped) {
     }
     bool following = yDisp == yBase;
     if (lines.count() < lines.maxLength) {
-        appendRow(blank, isWrapped);
+        // The row leaving the screen keeps only its used cells; its full words serve the new row.
+        auto fresh = std::make_shared<BufferLine>(0, std::nullopt, isWrapped, defaultBidiState, cellArena);
+        row(0).compactHandingStorageTo(*fresh);
+        if (fresh->count() != _cols) fresh->resize(_cols, blank);
+        fresh->fill(blank);
+        lines.push(std::move(fresh));
         ++yBase;
     } else {
-        lines.recycle(blank, isWrapped, defaultBidiState);
+        lines.recycle(blank, isWrapped, defaultBidiState, yBase);
         // The oldest row left the ring and every row moved up one place: a view scrolled back
         // moves with its text, so that what the user reads stays put.
         if (!following) yDisp = std::max(yDisp - 1, 0);
@@ -219,7 +225,7 @@ PackedCell* openStretch(BufferLine& line, int start, int count) {
     line.repairWideSeam(start + count);
     line.usedLength = std::max(line.usedLength, start + count);
     ++line._generation;
-    return line.storage.data() + start;
+    return line.writableCells() + start;
 }
 
 } // namespace
@@ -311,6 +317,7 @@ void Buffer::resize(int cols, int rows, PackedCell blank) {
             if (lines.count() - 1 > yBase + y && !lines[lines.count() - 1].hasAnyContent()) {
                 lines.setCount(lines.count() - 1);
             } else {
+                lines[yBase].compact(); // into the scrollback
                 ++yBase;
                 y = std::max(y - 1, 0);
             }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <utility>
 
 #include "Platform/Unicode.h"
 #include "Vellum/Diagnostics.h"
@@ -20,15 +21,29 @@ bool hasNonZeroScalar(PackedCell cell, const CellArena& arena) {
 }
 
 // Scans from the right for the last character; a wide one counts two columns, a spacer none.
-int trimmedLength(const CellStoragePage& page, bool clampToRow) {
-    for (int col = page.count() - 1; col >= 0; --col) {
-        PackedCell cell = page.cells[size_t(col)];
-        if (!hasNonZeroScalar(cell, *page.arena)) continue;
+int trimmedLength(const BufferLine& line, bool clampToRow) {
+    auto endingAt = [&](int col, PackedCell cell) {
         int step = cell.width();
-        return col + (clampToRow ? std::min(step, page.count() - col) : step);
+        return col + (clampToRow ? std::min(step, line.count() - col) : step);
+    };
+    const CellArena& arena = line.arena();
+    if (line.isCompact() && hasNonZeroScalar(line.tailBlankCell, arena)) return endingAt(line.count() - 1, line.tailBlankCell);
+    for (int col = std::min(line.storedCount(), line.count()) - 1; col >= 0; --col) {
+        PackedCell cell = line.storage.cells[size_t(col)];
+        if (hasNonZeroScalar(cell, arena)) return endingAt(col, cell);
     }
     return 0;
 }
+
+// Words of one page in the encoding of another page's arena.
+PackedCell translated(PackedCell cell, const CellStoragePage& from, const CellStoragePage& to) {
+    if (from.arena == to.arena || !from.arena || !to.arena || to.arena->preservesEncoding(*from.arena)) return cell;
+    return reencode(cell, *from.arena, *to.arena);
+}
+
+// A compact copy may reuse words whose capacity wastes little; otherwise the copy gets its own,
+// so that rows of the scrollback never hold on to full-width words.
+bool fitsSnugly(size_t capacity, size_t needed) { return capacity >= needed && capacity <= needed + needed / 2 + 8; }
 
 } // namespace
 
@@ -43,6 +58,7 @@ BufferLine::BufferLine(int cols, const std::optional<CharData>& fillData, bool i
     if (!arena) arena = std::make_shared<CellArena>();
     const CharData& fill = fillData ? *fillData : CharData::Null;
     storage = CellStoragePage(cols, PackedCell{}, std::move(arena));
+    cols_ = storage.count();
     PackedCell word = packOrFail(fill);
     CharData blank;
     blank.attribute = fill.attribute;
@@ -69,7 +85,8 @@ BufferLine::BufferLine(const BufferLine& from)
       usedLength(from.usedLength),
       tailBlankCell(from.tailBlankCell),
       imagesValue(from.imagesValue),
-      _generation(from._generation) {}
+      _generation(from._generation),
+      cols_(from.cols_) {}
 
 PackedCell BufferLine::packOrFail(const CharData& data) const {
     auto packed = storage.arena->pack(data);
@@ -79,7 +96,7 @@ PackedCell BufferLine::packOrFail(const CharData& data) const {
 
 CharData BufferLine::operator[](int col) const {
     if (count() == 0) return CharData::Null;
-    return storage.arena->unpack(storage.cells[size_t(std::clamp(col, 0, count() - 1))]);
+    return storage.arena->unpack(packedCell(std::clamp(col, 0, count() - 1)));
 }
 
 void BufferLine::set(int col, const CharData& data) {
@@ -88,16 +105,16 @@ void BufferLine::set(int col, const CharData& data) {
         diagnostic("BufferLine: You passed an index out of range, adjusting to prevent crash, but you should debug");
         col = std::clamp(col, 0, count() - 1);
     }
-    storage.cells[size_t(col)] = packOrFail(data);
+    cellForWriting(col) = packOrFail(data);
     usedLength = std::max(usedLength, col + 1);
     ++_generation;
 }
 
-int BufferLine::getTrimmedLength() const { return trimmedLength(storage, false); }
+int BufferLine::getTrimmedLength() const { return trimmedLength(*this, false); }
 
 bool BufferLine::hasContent(int index) const {
     if (index < 0 || index >= count()) return false;
-    PackedCell cell = storage.cells[size_t(index)];
+    PackedCell cell = packedCell(index);
     if (cell.tag() == PackedCell::paletteBackgroundTag || cell.tag() == PackedCell::trueColorBackgroundTag) return true;
     if (hasNonZeroScalar(cell, *storage.arena)) return true;
     if (cell.styleID() == 0) return false;
@@ -115,8 +132,8 @@ bool BufferLine::hasAnyContent() const {
 
 std::vector<CharData> BufferLine::getData() const {
     std::vector<CharData> out;
-    out.reserve(storage.cells.size());
-    for (PackedCell cell : storage.cells) out.push_back(storage.arena->unpack(cell));
+    out.reserve(size_t(count()));
+    for (int col = 0; col < count(); ++col) out.push_back(storage.arena->unpack(packedCell(col)));
     return out;
 }
 
@@ -124,7 +141,7 @@ std::string BufferLine::translateToString(bool trimRight, int startCol, int endC
                                           const CharacterProvider& characterProvider,
                                           const TextProvider& textProvider) const {
     int end = endCol < 0 ? count() : std::min(endCol, count());
-    if (trimRight) end = std::min(end, trimmedLength(storage, skipNullCellsFollowingWide));
+    if (trimRight) end = std::min(end, trimmedLength(*this, skipNullCellsFollowingWide));
     std::string out;
     auto append = [&](int col) {
         PackedCellView cell = view(col);
@@ -147,8 +164,20 @@ std::string BufferLine::translateToString(bool trimRight, int startCol, int endC
     return out;
 }
 
+void BufferLine::copyCellsFrom(const BufferLine& src, int srcCol, int dstCol, int len) {
+    int n = std::min({len, src.count() - srcCol, count() - dstCol});
+    if (n <= 0 || srcCol < 0 || dstCol < 0) return;
+    widen(); // first, so that a copy within this row reads the widened words
+    int stored = std::clamp(src.storedCount() - srcCol, 0, n);
+    storage.copyCells(src.storage, srcCol, dstCol, stored);
+    if (stored < n) {
+        PackedCell tail = translated(src.tailBlankCell, src.storage, storage);
+        std::fill_n(storage.cells.begin() + dstCol + stored, n - stored, tail);
+    }
+}
+
 bool BufferLine::copyFrom(BufferLine& src, int srcCol, int dstCol, int len) {
-    storage.copyCells(src.storage, srcCol, dstCol, len);
+    copyCellsFrom(src, srcCol, dstCol, len);
     std::vector<SemanticMark> moving;
     auto inRange = [&](const SemanticMark& m) { return m.column >= srcCol && m.column < srcCol + len; };
     std::copy_if(src.semanticMarksValue.begin(), src.semanticMarksValue.end(), std::back_inserter(moving), inRange);
@@ -172,9 +201,10 @@ void BufferLine::copyFrom(const BufferLine& line) {
         tailBlankCell = line.tailBlankCell;
     } else {
         storage.cells.assign(line.storage.cells.size(), PackedCell{});
-        storage.copyCells(line.storage, 0, 0, line.count());
+        storage.copyCells(line.storage, 0, 0, line.storedCount());
         tailBlankCell = reencode(line.tailBlankCell, *line.storage.arena, *storage.arena);
     }
+    cols_ = line.cols_;
     usedLength = line.usedLength;
     semanticMarksValue = line.semanticMarksValue;
     semanticHardContinuationGroupValue = line.semanticHardContinuationGroupValue;
@@ -189,11 +219,12 @@ void BufferLine::copyForSnapshot(const BufferLine& from, const std::shared_ptr<C
     if (arena != from.storage.arena && !arena->preservesEncoding(*from.storage.arena)) {
         fatalError("BufferLine: a snapshot arena does not preserve the encoding of its source");
     }
-    if (storage.arena == arena && storage.count() == from.count()) {
-        std::copy(from.storage.cells.begin(), from.storage.cells.end(), storage.cells.begin());
+    if (storage.arena == arena) {
+        storage.cells.assign(from.storage.cells.begin(), from.storage.cells.end()); // keeps the words when they fit
     } else {
         storage = CellStoragePage(from.storage.cells, arena);
     }
+    cols_ = from.cols_;
     usedLength = from.usedLength;
     tailBlankCell = from.tailBlankCell;
     isWrappedValue = from.isWrappedValue;
@@ -216,10 +247,52 @@ void BufferLine::adoptArena(const std::shared_ptr<CellArena>& arena) {
     ++_generation;
 }
 
+void BufferLine::widen() {
+    if (storage.count() >= cols_) return;
+    storage.cells.reserve(size_t(cols_));
+    storage.cells.resize(size_t(cols_), tailBlankCell);
+}
+
+int BufferLine::keptLength() const {
+    int kept = std::min(usedLength, storage.count());
+    while (kept > 0 && storage.cells[size_t(kept - 1)] == tailBlankCell) --kept;
+    return kept;
+}
+
+void BufferLine::compactHandingStorageTo(BufferLine& heir) {
+    if (isCompact() || storage.arena != heir.storage.arena) return;
+    size_t kept = size_t(keptLength());
+    std::vector<PackedCell> words = std::exchange(heir.storage.cells, {});
+    if (!fitsSnugly(words.capacity(), kept)) {
+        words = {};
+        words.reserve(kept);
+    }
+    words.assign(storage.cells.begin(), storage.cells.begin() + ptrdiff_t(kept));
+    // The heir's words are now this row's: what is known of them goes along.
+    heir.storage.cells = std::exchange(storage.cells, std::move(words));
+    heir.cols_ = cols_;
+    heir.usedLength = usedLength;
+    heir.tailBlankCell = tailBlankCell;
+    ++heir._generation;
+    usedLength = int(kept);
+}
+
+void BufferLine::compact() {
+    size_t kept = size_t(keptLength());
+    if (kept < storage.cells.size() || !fitsSnugly(storage.cells.capacity(), kept)) {
+        std::vector<PackedCell>(storage.cells.begin(), storage.cells.begin() + ptrdiff_t(kept)).swap(storage.cells);
+    }
+    usedLength = int(kept);
+}
+
 void BufferLine::fillRange(PackedCell with, int start, int end) {
     start = std::max(start, 0);
     end = std::min(end, count());
-    if (start < end) std::fill(storage.cells.begin() + start, storage.cells.begin() + end, with);
+    // Unstored columns already read as the tail blank.
+    if (with == tailBlankCell) end = std::min(end, storage.count());
+    if (start >= end) return;
+    if (end > storage.count()) widen();
+    std::fill(storage.cells.begin() + start, storage.cells.begin() + end, with);
 }
 
 void BufferLine::fill(const CharData& with) { fill(packOrFail(with)); }
@@ -248,11 +321,9 @@ void BufferLine::fill(PackedCell with, int atCol, int len) {
 }
 
 void BufferLine::healWideSeam(int col) {
-    PackedCell& left = storage.cells[size_t(col - 1)];
+    PackedCell& left = cellForWriting(col - 1);
     left = left.blanked();
-    if (col < count() && storage.cells[size_t(col)].isSpacerTail()) {
-        storage.cells[size_t(col)] = storage.cells[size_t(col)].blanked();
-    }
+    if (col < count() && packedCell(col).isSpacerTail()) cellForWriting(col) = packedCell(col).blanked();
     ++_generation;
 }
 
@@ -262,6 +333,7 @@ void BufferLine::insertCells(int pos, int n, int rightMargin, const CharData& fi
 
 void BufferLine::insertPackedCells(int pos, int n, int rightMargin, PackedCell fill) {
     if (count() == 0 || n <= 0) return;
+    widen();
     rightMargin = std::clamp(rightMargin, 0, count() - 1);
     pos = std::max(pos, 0) % (rightMargin + 1);
     int range = rightMargin + 1 - pos;
@@ -286,6 +358,7 @@ void BufferLine::deleteCells(int pos, int n, int rightMargin, const CharData& fi
 
 void BufferLine::deletePackedCells(int pos, int n, int rightMargin, PackedCell fill) {
     if (count() == 0 || n <= 0) return;
+    widen();
     rightMargin = std::clamp(rightMargin, 0, count() - 1);
     pos = std::max(pos, 0);
     int reduced = pos % (rightMargin + 1);
@@ -328,12 +401,18 @@ void BufferLine::resize(int cols, PackedCell fill) {
     cols = std::max(cols, 0);
     if (cols != count()) {
         bool narrower = cols < count();
-        storage = storage.resized(cols, fill);
+        if (isCompact() && fill == tailBlankCell) {
+            // The new columns read as the tail already: the row stays compact.
+            if (storage.count() > cols) storage.cells.resize(size_t(cols));
+        } else {
+            widen();
+            storage = storage.resized(cols, fill);
+        }
+        cols_ = cols;
         if (narrower) {
             marksClampTo(cols);
             // A wide character cut by the new edge loses its head too.
-            if (cols > 0 && storage.cells[size_t(cols - 1)].isWideHead())
-                storage.cells[size_t(cols - 1)] = storage.cells[size_t(cols - 1)].blanked();
+            if (cols > 0 && packedCell(cols - 1).isWideHead()) cellForWriting(cols - 1) = packedCell(cols - 1).blanked();
         }
         ++_generation;
     }

@@ -37,6 +37,10 @@ struct SemanticMark {
 // full ring (recycle), keeping their renderIdentity; readers key per-row caches on
 // renderIdentity, recycleGeneration and _generation. Columns at and past usedLength are known to
 // hold tailBlankCell, which lets clears touch only the used part of a row.
+//
+// A row may store fewer words than its width (a compact row, as rows in the scrollback are):
+// the columns past the stored words read as tailBlankCell. Readers go through packedCell, view
+// or operator[]; every write widens a compact row to its full width first.
 class BufferLine {
 public:
     // Unique for the life of the process, so a cache keyed on it never confuses two rows.
@@ -57,7 +61,10 @@ public:
     BufferLine(const BufferLine& from);
     BufferLine& operator=(const BufferLine&) = delete;
 
-    int count() const { return storage.count(); }
+    int count() const { return cols_; }
+    // The words actually held; columns at and past this read as tailBlankCell.
+    int storedCount() const { return storage.count(); }
+    bool isCompact() const { return storage.count() < cols_; }
     CellArena& arena() const { return *storage.arena; }
     const std::shared_ptr<CellArena>& sharedArena() const { return storage.arena; }
 
@@ -66,8 +73,15 @@ public:
     CharData operator[](int col) const;
     void set(int col, const CharData& data);
     // Unchecked: col must lie in 0..<count().
-    PackedCell packedCell(int col) const { return storage.cells[size_t(col)]; }
-    PackedCellView view(int col) const { return {storage.cells[size_t(col)], storage.arena.get()}; }
+    PackedCell packedCell(int col) const {
+        return size_t(col) < storage.cells.size() ? storage.cells[size_t(col)] : tailBlankCell;
+    }
+    PackedCellView view(int col) const { return {packedCell(col), storage.arena.get()}; }
+    // All count() words for a writer that fills them itself: a compact row is widened first.
+    PackedCell* writableCells() {
+        widen();
+        return storage.data();
+    }
 
     // Columns up to the last non-empty character, counting a wide one as two.
     int getTrimmedLength() const;
@@ -107,11 +121,17 @@ public:
     void erasePackedCells(int start, int end, PackedCell fill);
     void resize(int cols, const CharData& fillData);
     void resize(int cols, PackedCell fill);
+    // The row leaves the screen for the scrollback and keeps only its used cells. `heir`, a row
+    // about to be recycled or filled, takes this row's full-width words; the compact copy goes
+    // into heir's old words when they fit snugly, so a steady scroll allocates nothing.
+    void compactHandingStorageTo(BufferLine& heir);
+    // Keeps only the used cells, in words of their own.
+    void compact();
     // Makes this row object a fresh row; gives whether it had images.
     bool recycle(PackedCell with, bool isWrapped, BidiPresentationState bidiState);
     // Heals a wide character cut at the boundary between col - 1 and col.
     void repairWideSeam(int col) {
-        if (col >= 1 && col <= count() && storage.cells[size_t(col - 1)].isWideHead()) healWideSeam(col);
+        if (col >= 1 && col <= count() && packedCell(col - 1).isWideHead()) healWideSeam(col);
     }
 
     void setSemanticMark(SemanticPromptKind kind, int column, uint64_t group);
@@ -151,6 +171,18 @@ public:
     uint64_t _generation = 0;
 
 private:
+    // Stores all count() words, the unstored columns as tailBlankCell.
+    void widen();
+    PackedCell& cellForWriting(int col) {
+        if (size_t(col) >= storage.cells.size()) widen();
+        return storage.cells[size_t(col)];
+    }
+    // Stored columns past the last one that differs from tailBlankCell are not worth keeping.
+    int keptLength() const;
+    void copyCellsFrom(const BufferLine& src, int srcCol, int dstCol, int len);
+
+    int cols_ = 0;
+
     template <typename T>
     void changeField(T& field, const T& value) {
         if (field == value) return;

@@ -40,8 +40,9 @@ public:
 
     void reset(int maxLength);
     void push(LinePointer line);
-    // The scroll fast path of a full ring: the first row becomes the new last row.
-    void recycle(PackedCell clearCell, bool isWrapped, BidiPresentationState bidiState);
+    // The scroll fast path of a full ring: the first row becomes the new last row. The row at
+    // `leavingScreen` (when above 0) enters the scrollback compact, handing its words on.
+    void recycle(PackedCell clearCell, bool isWrapped, BidiPresentationState bidiState, int leavingScreen = 0);
     void splice(int start, int deleteCount, std::span<const LinePointer> items,
                 const std::function<void(int)>& change = {});
     // Rows top+1..bottom move up one; the row object from top comes back recycled at bottom.
