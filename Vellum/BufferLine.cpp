@@ -77,16 +77,38 @@ BufferLine::BufferLine(const BufferLine& from)
       isWrappedValue(from.isWrappedValue),
       bidiStateValue(from.bidiStateValue),
       renderModeValue(from.renderModeValue),
-      semanticMarksValue(from.semanticMarksValue),
-      semanticHardContinuationGroupValue(from.semanticHardContinuationGroupValue),
       owningBufferRef(from.owningBufferRef),
       recycleGeneration(from.recycleGeneration),
       storage(from.storage),
       usedLength(from.usedLength),
       tailBlankCell(from.tailBlankCell),
-      imagesValue(from.imagesValue),
       _generation(from._generation),
-      cols_(from.cols_) {}
+      cols_(from.cols_),
+      extras_(from.extras_ ? std::make_unique<Extras>(*from.extras_) : nullptr) {}
+
+void BufferLine::copyExtras(const BufferLine& from) {
+    if (from.extras_) {
+        extras() = *from.extras_;
+    } else if (extras_) {
+        *extras_ = Extras{};
+    }
+}
+
+const std::vector<SemanticMark>& BufferLine::semanticMarks() const {
+    static const std::vector<SemanticMark> none;
+    return extras_ ? extras_->marks : none;
+}
+
+const std::vector<std::shared_ptr<const TerminalImage>>& BufferLine::images() const {
+    static const std::vector<std::shared_ptr<const TerminalImage>> none;
+    return extras_ ? extras_->images : none;
+}
+
+void BufferLine::setSemanticHardContinuationGroup(std::optional<uint64_t> value) {
+    if (semanticHardContinuationGroup() == value) return;
+    extras().hardContinuationGroup = value;
+    ++_generation;
+}
 
 PackedCell BufferLine::packOrFail(const CharData& data) const {
     auto packed = storage.arena->pack(data);
@@ -180,10 +202,11 @@ bool BufferLine::copyFrom(BufferLine& src, int srcCol, int dstCol, int len) {
     copyCellsFrom(src, srcCol, dstCol, len);
     std::vector<SemanticMark> moving;
     auto inRange = [&](const SemanticMark& m) { return m.column >= srcCol && m.column < srcCol + len; };
-    std::copy_if(src.semanticMarksValue.begin(), src.semanticMarksValue.end(), std::back_inserter(moving), inRange);
+    const std::vector<SemanticMark>& marks = src.semanticMarks();
+    std::copy_if(marks.begin(), marks.end(), std::back_inserter(moving), inRange);
     bool movedPromptStart = false;
     if (!moving.empty()) {
-        std::erase_if(src.semanticMarksValue, inRange);
+        std::erase_if(src.extras_->marks, inRange);
         ++src._generation;
         for (const SemanticMark& mark : moving) {
             setSemanticMark(mark.kind, mark.column - srcCol + dstCol, mark.group);
@@ -206,12 +229,10 @@ void BufferLine::copyFrom(const BufferLine& line) {
     }
     cols_ = line.cols_;
     usedLength = line.usedLength;
-    semanticMarksValue = line.semanticMarksValue;
-    semanticHardContinuationGroupValue = line.semanticHardContinuationGroupValue;
+    copyExtras(line);
     isWrappedValue = line.isWrappedValue;
     bidiStateValue = line.bidiStateValue;
     renderModeValue = line.renderModeValue;
-    imagesValue = line.imagesValue;
     ++_generation;
 }
 
@@ -230,9 +251,7 @@ void BufferLine::copyForSnapshot(const BufferLine& from, const std::shared_ptr<C
     isWrappedValue = from.isWrappedValue;
     bidiStateValue = from.bidiStateValue;
     renderModeValue = from.renderModeValue;
-    semanticMarksValue = from.semanticMarksValue;
-    semanticHardContinuationGroupValue = from.semanticHardContinuationGroupValue;
-    imagesValue = from.imagesValue;
+    copyExtras(from);
     recycleGeneration = from.recycleGeneration;
     _generation = from._generation;
 }
@@ -424,9 +443,11 @@ bool BufferLine::recycle(PackedCell with, bool isWrapped, BidiPresentationState 
     usedLength = 0;
     tailBlankCell = with;
     bool hadImages = hasImages();
-    imagesValue.clear();
-    semanticMarksValue.clear();
-    semanticHardContinuationGroupValue.reset();
+    if (extras_) {
+        extras_->images.clear();
+        extras_->marks.clear();
+        extras_->hardContinuationGroup.reset();
+    }
     renderModeValue = RenderLineMode::single;
     isWrappedValue = isWrapped;
     bidiStateValue = bidiState;
@@ -436,36 +457,39 @@ bool BufferLine::recycle(PackedCell with, bool isWrapped, BidiPresentationState 
 }
 
 void BufferLine::sortMarks() {
-    std::stable_sort(semanticMarksValue.begin(), semanticMarksValue.end(),
+    if (!extras_) return;
+    std::stable_sort(extras_->marks.begin(), extras_->marks.end(),
                      [](const SemanticMark& a, const SemanticMark& b) { return a.column < b.column; });
 }
 
 void BufferLine::setSemanticMark(SemanticPromptKind kind, int column, uint64_t group) {
-    std::erase_if(semanticMarksValue, [&](const SemanticMark& m) { return m.kind == kind; });
-    auto at = std::upper_bound(semanticMarksValue.begin(), semanticMarksValue.end(), column,
+    std::vector<SemanticMark>& marks = extras().marks;
+    std::erase_if(marks, [&](const SemanticMark& m) { return m.kind == kind; });
+    auto at = std::upper_bound(marks.begin(), marks.end(), column,
                                [](int c, const SemanticMark& m) { return c < m.column; });
-    semanticMarksValue.insert(at, SemanticMark{kind, column, group});
+    marks.insert(at, SemanticMark{kind, column, group});
     ++_generation;
 }
 
 void BufferLine::attach(std::shared_ptr<const TerminalImage> image) {
-    imagesValue.push_back(std::move(image));
+    extras().images.push_back(std::move(image));
     ++_generation;
 }
 
 void BufferLine::marksClampTo(int width) {
-    if (semanticMarksValue.empty()) return;
+    if (semanticMarks().empty()) return;
     if (width < 1) {
-        semanticMarksValue.clear();
+        extras_->marks.clear();
     } else {
-        for (SemanticMark& mark : semanticMarksValue) mark.column = std::clamp(mark.column, 0, width - 1);
+        for (SemanticMark& mark : extras_->marks) mark.column = std::clamp(mark.column, 0, width - 1);
     }
     ++_generation;
 }
 
 void BufferLine::marksShift(int from, int by, int rightMargin) {
+    if (!extras_) return;
     bool moved = false;
-    for (SemanticMark& mark : semanticMarksValue) {
+    for (SemanticMark& mark : extras_->marks) {
         if (mark.column < from || mark.column > rightMargin) continue;
         mark.column = std::clamp(mark.column + by, from, std::max(from, rightMargin));
         moved = true;

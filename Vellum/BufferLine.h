@@ -145,13 +145,13 @@ public:
     void setBidiState(BidiPresentationState value) { changeField(bidiStateValue, value); }
     RenderLineMode renderMode() const { return renderModeValue; }
     void setRenderMode(RenderLineMode value) { changeField(renderModeValue, value); }
-    std::optional<uint64_t> semanticHardContinuationGroup() const { return semanticHardContinuationGroupValue; }
-    void setSemanticHardContinuationGroup(std::optional<uint64_t> value) {
-        changeField(semanticHardContinuationGroupValue, value);
+    std::optional<uint64_t> semanticHardContinuationGroup() const {
+        return extras_ ? extras_->hardContinuationGroup : std::nullopt;
     }
-    const std::vector<SemanticMark>& semanticMarks() const { return semanticMarksValue; }
-    const std::vector<std::shared_ptr<const TerminalImage>>& images() const { return imagesValue; }
-    bool hasImages() const { return !imagesValue.empty(); }
+    void setSemanticHardContinuationGroup(std::optional<uint64_t> value);
+    const std::vector<SemanticMark>& semanticMarks() const;
+    const std::vector<std::shared_ptr<const TerminalImage>>& images() const;
+    bool hasImages() const { return extras_ && !extras_->images.empty(); }
 
     // Packs with this row's arena; a CharData that does not pack is an internal error.
     PackedCell packOrFail(const CharData& data) const;
@@ -160,17 +160,27 @@ public:
     bool isWrappedValue = false;
     BidiPresentationState bidiStateValue;
     RenderLineMode renderModeValue = RenderLineMode::single;
-    std::vector<SemanticMark> semanticMarksValue;
-    std::optional<uint64_t> semanticHardContinuationGroupValue;
     std::shared_ptr<BufferRef> owningBufferRef;
     uint64_t recycleGeneration = 0;
     CellStoragePage storage;
     int usedLength = 0;
     PackedCell tailBlankCell;
-    std::vector<std::shared_ptr<const TerminalImage>> imagesValue;
     uint64_t _generation = 0;
 
 private:
+    // What most rows never have, kept apart so that a plain row stays small. Once made it stays
+    // with the row object, emptied when the row is recycled.
+    struct Extras {
+        std::vector<SemanticMark> marks;
+        std::optional<uint64_t> hardContinuationGroup;
+        std::vector<std::shared_ptr<const TerminalImage>> images;
+    };
+    Extras& extras() {
+        if (!extras_) extras_ = std::make_unique<Extras>();
+        return *extras_;
+    }
+    void copyExtras(const BufferLine& from);
+
     // Stores all count() words, the unstored columns as tailBlankCell.
     void widen();
     PackedCell& cellForWriting(int col) {
@@ -182,6 +192,7 @@ private:
     void copyCellsFrom(const BufferLine& src, int srcCol, int dstCol, int len);
 
     int cols_ = 0;
+    std::unique_ptr<Extras> extras_;
 
     template <typename T>
     void changeField(T& field, const T& value) {
