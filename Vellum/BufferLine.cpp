@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <utility>
 
 #include "Platform/Unicode.h"
@@ -41,9 +42,7 @@ PackedCell translated(PackedCell cell, const CellStoragePage& from, const CellSt
     return reencode(cell, *from.arena, *to.arena);
 }
 
-// A compact copy may reuse words whose capacity wastes little; otherwise the copy gets its own,
-// so that rows of the scrollback never hold on to full-width words.
-bool fitsSnugly(size_t capacity, size_t needed) { return capacity >= needed && capacity <= needed + needed / 2 + 8; }
+
 
 } // namespace
 
@@ -194,7 +193,7 @@ void BufferLine::copyCellsFrom(const BufferLine& src, int srcCol, int dstCol, in
     storage.copyCells(src.storage, srcCol, dstCol, stored);
     if (stored < n) {
         PackedCell tail = translated(src.tailBlankCell, src.storage, storage);
-        std::fill_n(storage.cells.begin() + dstCol + stored, n - stored, tail);
+        fillWords(size_t(dstCol + stored), size_t(dstCol + n), tail);
     }
 }
 
@@ -266,10 +265,33 @@ void BufferLine::adoptArena(const std::shared_ptr<CellArena>& arena) {
     ++_generation;
 }
 
-void BufferLine::widen() {
-    if (storage.count() >= cols_) return;
-    storage.cells.reserve(size_t(cols_));
-    storage.cells.resize(size_t(cols_), tailBlankCell);
+void BufferLine::store(int end, CellWordPool* pool) {
+    size_t wanted = size_t(std::min(end, cols_));
+    if (wanted <= storage.cells.size()) return;
+    if (wanted > storage.cells.capacity()) {
+        // Half as much again as asked, so that a row written in pieces grows a few times at
+        // most, and a row written at once enters the scrollback without another copy.
+        size_t capacity = std::min(size_t(cols_), std::max(wanted + wanted / 2, storage.cells.capacity() * 2));
+        std::vector<PackedCell> words = pool ? pool->take(capacity) : std::vector<PackedCell>{};
+        if (!pool) words.reserve(capacity);
+        words.resize(storage.cells.size());
+        if (!words.empty()) std::memcpy(words.data(), storage.cells.data(), words.size() * sizeof(PackedCell));
+        std::vector<PackedCell> old = std::exchange(storage.cells, std::move(words));
+        if (pool) pool->give(std::move(old));
+    }
+    appendWords(wanted, tailBlankCell);
+}
+
+void BufferLine::appendWords(size_t size, PackedCell word) {
+    size_t from = storage.cells.size();
+    storage.cells.resize(size); // zeroed in one sweep; a word-by-word copy of `word` is far slower
+    if (word.raw != 0) fillWords(from, size, word);
+}
+
+void BufferLine::fillWords(size_t start, size_t end, PackedCell word) {
+    // On raw words, which the compiler turns into wide stores.
+    uint64_t* words = &storage.cells[start].raw;
+    for (size_t i = 0, n = end - start; i < n; ++i) words[i] = word.raw;
 }
 
 int BufferLine::keptLength() const {
@@ -278,30 +300,18 @@ int BufferLine::keptLength() const {
     return kept;
 }
 
-void BufferLine::compactHandingStorageTo(BufferLine& heir) {
-    if (isCompact() || storage.arena != heir.storage.arena) return;
+void BufferLine::compact(CellWordPool* pool) {
     size_t kept = size_t(keptLength());
-    std::vector<PackedCell> words = std::exchange(heir.storage.cells, {});
-    if (!fitsSnugly(words.capacity(), kept)) {
-        words = {};
-        words.reserve(kept);
-    }
-    words.assign(storage.cells.begin(), storage.cells.begin() + ptrdiff_t(kept));
-    // The heir's words are now this row's: what is known of them goes along.
-    heir.storage.cells = std::exchange(storage.cells, std::move(words));
-    heir.cols_ = cols_;
-    heir.usedLength = usedLength;
-    heir.tailBlankCell = tailBlankCell;
-    ++heir._generation;
+    storage.cells.resize(kept); // the words past it hold the tail blank
     usedLength = int(kept);
-}
-
-void BufferLine::compact() {
-    size_t kept = size_t(keptLength());
-    if (kept < storage.cells.size() || !fitsSnugly(storage.cells.capacity(), kept)) {
-        std::vector<PackedCell>(storage.cells.begin(), storage.cells.begin() + ptrdiff_t(kept)).swap(storage.cells);
-    }
-    usedLength = int(kept);
+    // Words much larger than what is kept are swapped for a copy of the right size.
+    if (storage.cells.capacity() <= kept + kept / 2 + CellWordPool::step) return;
+    std::vector<PackedCell> words = pool ? pool->take(kept) : std::vector<PackedCell>{};
+    if (!pool) words.reserve(kept);
+    words.resize(kept);
+    if (kept > 0) std::memcpy(words.data(), storage.cells.data(), kept * sizeof(PackedCell));
+    std::vector<PackedCell> old = std::exchange(storage.cells, std::move(words));
+    if (pool) pool->give(std::move(old));
 }
 
 void BufferLine::fillRange(PackedCell with, int start, int end) {
@@ -310,16 +320,16 @@ void BufferLine::fillRange(PackedCell with, int start, int end) {
     // Unstored columns already read as the tail blank.
     if (with == tailBlankCell) end = std::min(end, storage.count());
     if (start >= end) return;
-    if (end > storage.count()) widen();
-    std::fill(storage.cells.begin() + start, storage.cells.begin() + end, with);
+    store(end);
+    fillWords(size_t(start), size_t(end), with);
 }
 
 void BufferLine::fill(const CharData& with) { fill(packOrFail(with)); }
 void BufferLine::fill(const CharData& with, int atCol, int len) { fill(packOrFail(with), atCol, len); }
 
 void BufferLine::fill(PackedCell with) {
-    // Past usedLength the row already holds the tail blank.
-    fillRange(with, 0, with == tailBlankCell ? usedLength : count());
+    // A row of one word needs none stored: every column reads as the tail blank.
+    storage.cells.clear();
     usedLength = 0;
     tailBlankCell = with;
     ++_generation;
@@ -420,12 +430,12 @@ void BufferLine::resize(int cols, PackedCell fill) {
     cols = std::max(cols, 0);
     if (cols != count()) {
         bool narrower = cols < count();
-        if (isCompact() && fill == tailBlankCell) {
-            // The new columns read as the tail already: the row stays compact.
+        if (fill == tailBlankCell || narrower) {
+            // New columns read as the tail already, or there are none.
             if (storage.count() > cols) storage.cells.resize(size_t(cols));
         } else {
             widen();
-            storage = storage.resized(cols, fill);
+            appendWords(size_t(cols), fill);
         }
         cols_ = cols;
         if (narrower) {
@@ -439,7 +449,7 @@ void BufferLine::resize(int cols, PackedCell fill) {
 }
 
 bool BufferLine::recycle(PackedCell with, bool isWrapped, BidiPresentationState bidiState) {
-    fillRange(with, 0, with == tailBlankCell && usedLength < count() ? usedLength : count());
+    storage.cells.clear(); // every column reads as the new tail blank; the words stay for reuse
     usedLength = 0;
     tailBlankCell = with;
     bool hadImages = hasImages();

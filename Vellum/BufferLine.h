@@ -77,11 +77,13 @@ public:
         return size_t(col) < storage.cells.size() ? storage.cells[size_t(col)] : tailBlankCell;
     }
     PackedCellView view(int col) const { return {packedCell(col), storage.arena.get()}; }
-    // All count() words for a writer that fills them itself: a compact row is widened first.
-    PackedCell* writableCells() {
-        widen();
+    // Words up to column `end` for a writer that fills them itself, taking larger words from
+    // `pool` when the row outgrows its own.
+    PackedCell* writableCells(int end, CellWordPool* pool = nullptr) {
+        store(end, pool);
         return storage.data();
     }
+    PackedCell* writableCells() { return writableCells(cols_); }
 
     // Columns up to the last non-empty character, counting a wide one as two.
     int getTrimmedLength() const;
@@ -121,12 +123,9 @@ public:
     void erasePackedCells(int start, int end, PackedCell fill);
     void resize(int cols, const CharData& fillData);
     void resize(int cols, PackedCell fill);
-    // The row leaves the screen for the scrollback and keeps only its used cells. `heir`, a row
-    // about to be recycled or filled, takes this row's full-width words; the compact copy goes
-    // into heir's old words when they fit snugly, so a steady scroll allocates nothing.
-    void compactHandingStorageTo(BufferLine& heir);
-    // Keeps only the used cells, in words of their own.
-    void compact();
+    // Keeps only the used cells, as a row entering the scrollback does; words much larger than
+    // that are exchanged for ones of the right size from `pool`.
+    void compact(CellWordPool* pool = nullptr);
     // Makes this row object a fresh row; gives whether it had images.
     bool recycle(PackedCell with, bool isWrapped, BidiPresentationState bidiState);
     // Heals a wide character cut at the boundary between col - 1 and col.
@@ -181,8 +180,12 @@ private:
     }
     void copyExtras(const BufferLine& from);
 
-    // Stores all count() words, the unstored columns as tailBlankCell.
-    void widen();
+    // Stores the words of columns [0, end), the newly stored ones as tailBlankCell. Words that
+    // must grow grow to the full width, from `pool` when one is given.
+    void store(int end, CellWordPool* pool = nullptr);
+    void widen() { store(cols_); }
+    void appendWords(size_t size, PackedCell word);
+    void fillWords(size_t start, size_t end, PackedCell word);
     PackedCell& cellForWriting(int col) {
         if (size_t(col) >= storage.cells.size()) widen();
         return storage.cells[size_t(col)];

@@ -72,7 +72,7 @@ void CircularBufferLineList::recycle(PackedCell clearCell, bool isWrapped, BidiP
         return;
     }
     BufferLine& row = *line(0);
-    if (leavingScreen > 0 && leavingScreen < _count) line(leavingScreen)->compactHandingStorageTo(row);
+    if (owner && leavingScreen > 0 && leavingScreen < _count) line(leavingScreen)->compact(&owner->compactWords);
     startIndex = (startIndex + 1) % _count;
     if (owner && row.count() != owner->_cols) row.resize(owner->_cols, clearCell);
     noteImagesDropped(row.recycle(clearCell, isWrapped, bidiState));

@@ -17,6 +17,7 @@ struct BufferLineOwner {
     std::shared_ptr<BufferRef> selfRef;
     int _linesWithImagesCount = 0;
     BidiPresentationState defaultBidiState;
+    CellWordPool compactWords;
 };
 
 // The ring of rows of a buffer: the screen at the end, the scrollback before it. Rows are made
@@ -41,7 +42,7 @@ public:
     void reset(int maxLength);
     void push(LinePointer line);
     // The scroll fast path of a full ring: the first row becomes the new last row. The row at
-    // `leavingScreen` (when above 0) enters the scrollback compact, handing its words on.
+    // `leavingScreen` (when above 0) enters the scrollback compact.
     void recycle(PackedCell clearCell, bool isWrapped, BidiPresentationState bidiState, int leavingScreen = 0);
     void splice(int start, int deleteCount, std::span<const LinePointer> items,
                 const std::function<void(int)>& change = {});
