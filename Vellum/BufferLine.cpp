@@ -269,9 +269,10 @@ void BufferLine::store(int end, CellWordPool* pool) {
     size_t wanted = size_t(std::min(end, cols_));
     if (wanted <= storage.cells.size()) return;
     if (wanted > storage.cells.capacity()) {
-        // Half as much again as asked, so that a row written in pieces grows a few times at
-        // most, and a row written at once enters the scrollback without another copy.
-        size_t capacity = std::min(size_t(cols_), std::max(wanted + wanted / 2, storage.cells.capacity() * 2));
+        // A row written at once gets what it asked for, so that it enters the scrollback without
+        // another copy; one written in pieces grows geometrically.
+        size_t grown = storage.cells.empty() ? wanted : std::max(wanted + wanted / 2, storage.cells.capacity() * 2);
+        size_t capacity = std::min(size_t(cols_), grown);
         std::vector<PackedCell> words = pool ? pool->take(capacity) : std::vector<PackedCell>{};
         if (!pool) words.reserve(capacity);
         words.resize(storage.cells.size());
@@ -305,7 +306,7 @@ void BufferLine::compact(CellWordPool* pool) {
     storage.cells.resize(kept); // the words past it hold the tail blank
     usedLength = int(kept);
     // Words much larger than what is kept are swapped for a copy of the right size.
-    if (storage.cells.capacity() <= kept + kept / 2 + CellWordPool::step) return;
+    if (storage.cells.capacity() <= kept + kept / 4 + CellWordPool::step) return;
     std::vector<PackedCell> words = pool ? pool->take(kept) : std::vector<PackedCell>{};
     if (!pool) words.reserve(kept);
     words.resize(kept);

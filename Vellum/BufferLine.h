@@ -38,9 +38,10 @@ struct SemanticMark {
 // renderIdentity, recycleGeneration and _generation. Columns at and past usedLength are known to
 // hold tailBlankCell, which lets clears touch only the used part of a row.
 //
-// A row may store fewer words than its width (a compact row, as rows in the scrollback are):
-// the columns past the stored words read as tailBlankCell. Readers go through packedCell, view
-// or operator[]; every write widens a compact row to its full width first.
+// A row may store fewer words than its width (a compact row): the columns past the stored words
+// read as tailBlankCell. A blank or recycled row stores none, a written one as far as it was
+// written, and a row entering the scrollback only up to its last used cell. Readers go through
+// packedCell, view or operator[]; a write first stores the words up to the columns it touches.
 class BufferLine {
 public:
     // Unique for the life of the process, so a cache keyed on it never confuses two rows.
@@ -180,8 +181,8 @@ private:
     }
     void copyExtras(const BufferLine& from);
 
-    // Stores the words of columns [0, end), the newly stored ones as tailBlankCell. Words that
-    // must grow grow to the full width, from `pool` when one is given.
+    // Stores the words of columns [0, end), the newly stored ones as tailBlankCell; larger words
+    // come from `pool` when one is given.
     void store(int end, CellWordPool* pool = nullptr);
     void widen() { store(cols_); }
     void appendWords(size_t size, PackedCell word);

@@ -38,9 +38,10 @@ public:
     std::shared_ptr<CellArena> arena;
 };
 
-// Spare word arrays for compact rows, sorted by capacity in steps of eight words. A row that
-// leaves a full scrollback gives its compact words back and the row that enters takes words of
-// its own size, so scrolling text of varying lengths allocates nothing once the sizes repeat.
+// Spare word arrays for rows, sorted by capacity in steps of eight words. Rows give back the
+// words they outgrow, or that are too large for what they keep in the scrollback, and take
+// words of the size they need, so scrolling text of varying lengths allocates nothing once the
+// sizes repeat.
 class CellWordPool {
 public:
     using Words = std::vector<PackedCell>;
