@@ -140,12 +140,14 @@ void Buffer::scroll(PackedCell blank, bool isWrapped) {
         return;
     }
     bool following = yDisp == yBase;
+    // The bottom row is compacted as it moves up, while it is still in the cache: output is
+    // written at the bottom, so rows reach the scrollback compact without being read again.
+    row(rows_ - 1).compact(&compactWords);
     if (lines.count() < lines.maxLength) {
-        row(0).compact(&compactWords); // into the scrollback
         appendRow(blank, isWrapped);
         ++yBase;
     } else {
-        lines.recycle(blank, isWrapped, defaultBidiState, yBase);
+        lines.recycle(blank, isWrapped, defaultBidiState);
         // The oldest row left the ring and every row moved up one place: a view scrolled back
         // moves with its text, so that what the user reads stays put.
         if (!following) yDisp = std::max(yDisp - 1, 0);

@@ -40,7 +40,9 @@ struct SemanticMark {
 //
 // A row may store fewer words than its width (a compact row): the columns past the stored words
 // read as tailBlankCell. A blank or recycled row stores none, a written one as far as it was
-// written, and a row entering the scrollback only up to its last used cell. Readers go through
+// written, and a row that scrolls up from the bottom of the screen, or is pushed into the
+// scrollback by a resize or reflow, only up to its last used cell. A row edited after that
+// grows again, never past its width. Readers go through
 // packedCell, view or operator[]; a write first stores the words up to the columns it touches.
 class BufferLine {
 public:

@@ -65,14 +65,12 @@ void CircularBufferLineList::push(LinePointer line) {
     if (dropped) noteImagesDropped(dropped->hasImages());
 }
 
-void CircularBufferLineList::recycle(PackedCell clearCell, bool isWrapped, BidiPresentationState bidiState,
-                                     int leavingScreen) {
+void CircularBufferLineList::recycle(PackedCell clearCell, bool isWrapped, BidiPresentationState bidiState) {
     if (_count != maxLength || _count == 0) {
         diagnostic("Assertion on recycle: count=" + std::to_string(_count) + " maxLength=" + std::to_string(maxLength));
         return;
     }
     BufferLine& row = *line(0);
-    if (owner && leavingScreen > 0 && leavingScreen < _count) line(leavingScreen)->compact(&owner->compactWords);
     startIndex = (startIndex + 1) % _count;
     if (owner && row.count() != owner->_cols) row.resize(owner->_cols, clearCell);
     noteImagesDropped(row.recycle(clearCell, isWrapped, bidiState));

@@ -41,9 +41,8 @@ public:
 
     void reset(int maxLength);
     void push(LinePointer line);
-    // The scroll fast path of a full ring: the first row becomes the new last row. The row at
-    // `leavingScreen` (when above 0) enters the scrollback compact.
-    void recycle(PackedCell clearCell, bool isWrapped, BidiPresentationState bidiState, int leavingScreen = 0);
+    // The scroll fast path of a full ring: the first row becomes the new last row.
+    void recycle(PackedCell clearCell, bool isWrapped, BidiPresentationState bidiState);
     void splice(int start, int deleteCount, std::span<const LinePointer> items,
                 const std::function<void(int)>& change = {});
     // Rows top+1..bottom move up one; the row object from top comes back recycled at bottom.
