@@ -176,7 +176,24 @@ void StagedWrite::append(ByteView bytes) {
         abandon();
         throw FileService::posixError(target_, error);
     }
-    total_ += bytes.size();
+    wrote(bytes.size());
+}
+
+uint64_t StagedWrite::appendFrom(ChunkReader& reader, uint64_t most) {
+    if (fd_ < 0) throw fileError(FileErrorCode::ioError, target_ + ": the write has ended");
+    uint64_t count = 0;
+    try {
+        count = reader.copyInto(fd_, total_, most);
+    } catch (const std::system_error& failure) {
+        abandon();
+        throw FileService::posixError(target_, failure.code().value());
+    }
+    wrote(count);
+    return count;
+}
+
+void StagedWrite::wrote(uint64_t count) {
+    total_ += count;
     // The disk starts on what has arrived while the rest is still coming, so the sync at the
     // end waits for a tail, not for the whole file.
     if (total_ - flushed_ >= writeBehind) {
@@ -446,6 +463,15 @@ std::string FileService::stagingName(const std::string& targetName, const std::s
 }
 
 std::string FileService::sideFileName(const std::string& stagingName) { return stagingName + ".source"; }
+
+std::string FileService::bootID() {
+    static const std::string id = [] {
+        std::string text = readWholeFile("/proc/sys/kernel/random/boot_id").value_or("");
+        while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+        return text;
+    }();
+    return id;
+}
 
 std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, const FileWriteOptions& options) {
     std::string target = resolve(path);

@@ -22,6 +22,8 @@ namespace {
 constexpr int largestChunk = 4 << 20;
 // What the smallest stream is charged against its client's windows, and granted as credit.
 constexpr uint64_t smallestCharge = 64u << 10;
+// How much of a file here is copied between two looks for a cancel, and acknowledged at once.
+constexpr uint64_t copyStep = 8u << 20;
 
 std::string jsonFrame(const json& value) {
     // Names that aren't valid UTF-8 go out with replacement characters, never as a failure.
@@ -48,6 +50,7 @@ struct FileStreams::Stream {
     uint64_t id = 0;
     ClientID client = 0;
     bool write = false;
+    bool copying = false; // write: from a file on this machine, not from frames
     std::string path;
     uint64_t window = 0;
     uint64_t charged = 0; // against the client's windows
@@ -96,7 +99,8 @@ FileStreams::FileStreams(Server& server, Limits limits) : server_(server), limit
     server_.addNotification(std::string(protocol::FsAck::name),
                             [this](ClientID client, const json& params) { readAck(client, params); });
     server_.addClientGoneHandler([this](ClientID client) { clientGone(client); });
-    server_.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::fs))});
+    server_.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::fs)),
+                         std::string(protocol::fsLocalSourceFeature)});
 }
 
 FileStreams::~FileStreams() {
@@ -174,7 +178,8 @@ void FileStreams::open(const std::shared_ptr<Stream>& stream, std::string reply)
     server_.sendFrames(stream->client, {std::move(reply)});
     streamThreads_.detach([this, stream] {
         platform::setCurrentThreadName(stream->write ? "corvexd.fs.write" : "corvexd.fs.read");
-        if (stream->write) runWrite(stream);
+        if (stream->copying) runCopy(stream);
+        else if (stream->write) runWrite(stream);
         else runRead(stream);
         std::lock_guard guard(lock_);
         if (--workers_ == 0) workersDone_.notify_all();
@@ -241,11 +246,16 @@ void FileStreams::serveWrite() {
             uint64_t needed = std::max({params.options.size.value_or(UINT64_MAX), piece, smallestCharge});
             stream->window = std::min({static_cast<uint64_t>(std::max(params.options.window, 0)),
                                        limits_.largestWriteWindow, needed});
+            // A copy from a file here holds no data of its own: the kernel moves it.
+            stream->copying = params.localSource.has_value();
             try {
-                charge(*stream, stream->window);
+                if (stream->copying && (params.localSource->bootID.empty() || params.localSource->bootID != FileService::bootID()))
+                    throw corvex::fileError(FileErrorCode::badRequest, "the source is on another machine");
+                charge(*stream, stream->copying ? smallestCharge : stream->window);
                 claimUpload(stream, params);
                 stream->staged = FileService::beginWrite(params.path, params.options);
                 stream->received = stream->taken = stream->staged->offset();
+                if (stream->copying) stream->reader = openLocalSource(*params.localSource, stream->staged->offset());
                 server_.post([this, stream, id] {
                     {
                         std::lock_guard guard(lock_);
@@ -355,13 +365,61 @@ void FileStreams::runWrite(std::shared_ptr<Stream> stream) {
         finish(stream, {eventFrame(protocol::FsError{stream->id, error.code(), error.message()})});
         return;
     }
-    // Stopped: a staging file named by an upload id stays for the next attempt.
+    endStoppedWrite(stream);
+}
+
+// Stopped: a staging file named by an upload id stays for the next attempt.
+void FileStreams::endStoppedWrite(const std::shared_ptr<Stream>& stream) {
     stream->staged->abandon();
     std::vector<std::string> frames;
     if (stream->stop == Stop::cancelled) frames.push_back(eventFrame(protocol::FsDone{stream->id, std::nullopt, true}));
     if (stream->stop == Stop::failed && stream->failure)
         frames.push_back(eventFrame(protocol::FsError{stream->id, stream->failure->code(), stream->failure->message()}));
     finish(stream, std::move(frames));
+}
+
+// The client's file, opened here: refused unless it is the very file the client looked at,
+// and "changed" when it is no longer the version the client found, as a read would say.
+std::shared_ptr<corvex::ChunkReader> FileStreams::openLocalSource(const protocol::LocalSource& source, uint64_t offset) {
+    corvex::FileReadOptions options;
+    options.offset = offset;
+    options.expectSize = source.size;
+    options.expectMtimeNs = source.mtimeNs;
+    std::shared_ptr<corvex::ChunkReader> reader = FileService::openRead(source.path, options).reader;
+    std::optional<corvex::ChunkReader::Identity> identity = reader->identity();
+    if (!identity || identity->device != source.device || identity->inode != source.inode)
+        throw corvex::fileError(FileErrorCode::badRequest, source.path + " here is not the client's file");
+    return reader;
+}
+
+// Same work as a streamed write, with the data taken from the file here in window-sized
+// steps: each step is acknowledged as the client's bytes would be, and a stop between steps
+// leaves the staging file as a broken stream would.
+void FileStreams::runCopy(std::shared_ptr<Stream> stream) {
+    const std::string target = stream->staged->target();
+    try {
+        for (;;) {
+            {
+                std::lock_guard guard(lock_);
+                if (stream->stop != Stop::none) break;
+            }
+            if (stream->staged->appendFrom(*stream->reader, copyStep) == 0) {
+                stream->reader->close();
+                corvex::FileEntry entry = stream->staged->finish();
+                finish(stream, {eventFrame(protocol::FsDone{stream->id, std::move(entry), false})});
+                return;
+            }
+            server_.sendFrames(stream->client, {eventFrame(protocol::FsAck{stream->id, stream->staged->total()})});
+        }
+    } catch (...) {
+        BackendError error = asFileError(std::current_exception(), target);
+        stream->reader->close();
+        stream->staged->abandon();
+        finish(stream, {eventFrame(protocol::FsError{stream->id, error.code(), error.message()})});
+        return;
+    }
+    stream->reader->close();
+    endStoppedWrite(stream);
 }
 
 void FileStreams::runRead(std::shared_ptr<Stream> stream) {
@@ -411,6 +469,7 @@ void FileStreams::fileData(ClientID client, std::string_view payload) {
         stream.failure = corvex::fileError(FileErrorCode::badRequest, stream.path + ": " + message);
         stopLocked(stream, Stop::failed);
     };
+    if (stream.copying) return fail("data for a write that copies a file here");
     if (frame->offset != stream.received)
         return fail("data at " + std::to_string(frame->offset) + ", expected " + std::to_string(stream.received));
     // Past the window is a client that ignores credit; holding it would be unbounded.
