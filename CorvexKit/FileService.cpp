@@ -489,7 +489,7 @@ std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, co
     if (existing && !options.overwrite) throw fileError(FileErrorCode::exists, target + " already exists");
 
     std::string staging =
-        filePath(parentDirectory(target), stagingName(lastComponent(target), options.uploadID.value_or(freshUploadName())));
+        filePath(parentDirectory(target), stagingName(lastComponent(target), options.uploadID ? *options.uploadID : freshUploadName()));
     std::string sideFile = sideFileName(staging);
 
     std::optional<uint64_t> resumeAt;
