@@ -25,10 +25,10 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "corvexd/Tests/EndToEndDaemon.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
 using namespace corvex;
-using namespace corvex::endtoend;
+using namespace corvexd::testing;
 using Clock = std::chrono::steady_clock;
 
 namespace {

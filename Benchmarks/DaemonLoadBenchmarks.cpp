@@ -20,10 +20,10 @@
 
 #include "CorvexKit/Frame.h"
 #include "CorvexKit/FrameParser.h"
-#include "corvexd/Tests/EndToEndDaemon.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
 using namespace corvex;
-using namespace corvex::endtoend;
+using namespace corvexd::testing;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -167,7 +167,7 @@ void BM_FloodingPanesOneReader(benchmark::State& state) {
 // Two greeted clients on one daemon, and a pane whose history holds `rows` numbered lines
 // (the scrollback set to keep them all).
 struct HeavyPane {
-    std::unique_ptr<endtoend::Daemon> daemon;
+    std::unique_ptr<corvexd::testing::DaemonHarness> daemon;
     std::unique_ptr<CountingClient> heavy, pinger;
     uint64_t pane = 0;
 };

@@ -5,17 +5,17 @@
 #include <exception>
 #include <memory>
 
-#include "corvexd/Tests/EndToEndDaemon.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
 namespace corvex::bench {
 
 // A served daemon, or absent (with the benchmark skipped) when it can't be had.
-inline std::unique_ptr<endtoend::Daemon> servedDaemon(benchmark::State& state) {
-    if (!endtoend::isBuilt("corvexd")) {
+inline std::unique_ptr<corvexd::testing::DaemonHarness> servedDaemon(benchmark::State& state) {
+    if (!corvexd::testing::isBuilt("corvexd")) {
         state.SkipWithError("corvexd is not built");
         return nullptr;
     }
-    auto daemon = std::make_unique<endtoend::Daemon>();
+    auto daemon = std::make_unique<corvexd::testing::DaemonHarness>();
     try {
         daemon->serve();
     } catch (const std::exception& error) {

@@ -4,8 +4,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,13 +16,6 @@ using namespace corvex::apptest;
 
 namespace {
 
-std::string readFile(const std::string& path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 int shell(const std::string& command) {
     return std::system(command.c_str());
 }
@@ -33,33 +24,25 @@ int shell(const std::string& command) {
 class AppProcess {
 public:
     AppProcess() {
-        char pattern[] = "/tmp/corvex-proc-XXXXXX";
-        base_ = ::mkdtemp(pattern);
-        std::filesystem::create_directories(base_ + "/rt");
-        std::filesystem::permissions(base_ + "/rt", std::filesystem::perms::owner_all);
-        std::filesystem::create_directories(base_ + "/home");
-        std::string app = std::string(std::getenv("CORVEX_BUILD_BIN")) + "/corvex-app";
+        std::filesystem::create_directories(daemon_.runtimeDir());
+        std::filesystem::permissions(daemon_.runtimeDir(), std::filesystem::perms::owner_all);
+        std::filesystem::create_directories(home());
         std::vector<std::string> env = environmentWithout({"HOME=", "XDG_", "CORVEXD_RUNTIME_DIR="});
-        env.push_back("HOME=" + base_ + "/home");
-        env.push_back("CORVEXD_RUNTIME_DIR=" + base_ + "/rt");
-        pid_ = spawnChild(app, {}, env, -1, STDOUT_FILENO, STDERR_FILENO);
+        env.push_back("HOME=" + home());
+        env.push_back("CORVEXD_RUNTIME_DIR=" + daemon_.runtimeDir());
+        pid_ = spawnChild(corvexd::testing::builtProgram("corvex-app"), {}, env, -1, STDOUT_FILENO, STDERR_FILENO);
     }
-
+    // The daemon the app started goes with the harness.
     ~AppProcess() {
-        if (reader_) reader_->stop();
         if (pid_ > 0) {
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
         }
-        shell("CORVEXD_RUNTIME_DIR='" + base_ + "/rt' '" + std::getenv("CORVEXD_BIN") + "' shutdown >/dev/null 2>&1");
-        std::filesystem::remove_all(base_);
     }
 
+    // Reconnects by itself while the app is still starting the daemon.
     CorvexdBackend& reader() {
-        if (!reader_) {
-            reader_ = CorvexdBackend::make(CorvexdBackend::Configuration::socket(base_ + "/rt/corvexd.sock", "tests"));
-            reader_->start();
-        }
+        if (!reader_) reader_ = daemon_.connect("tests");
         return *reader_;
     }
 
@@ -69,7 +52,6 @@ public:
             if (state.workspaces.empty() || state.workspaces[0].name != "Workspace 1") return std::nullopt;
             return state.workspaces[0].tabs.at(0).activePane;
         } catch (const std::exception&) {
-            reader_.reset();
             return std::nullopt;
         }
     }
@@ -84,23 +66,18 @@ public:
 
     // The exit status once it has ended, or absent.
     std::optional<int> exitStatus(std::chrono::milliseconds timeout) {
-        auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < deadline) {
-            int status = 0;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            QTest::qWait(50);
-        }
-        return std::nullopt;
+        auto status = corvexd::testing::waitForExit(pid_, timeout);
+        if (status) pid_ = -1;
+        return status;
     }
 
     pid_t pid() const { return pid_; }
-    std::string log() const { return readFile(base_ + "/home/.local/state/Corvex/Corvex.log"); }
+    std::string log() const { return corvex::testing::readFile(home() + "/.local/state/Corvex/Corvex.log"); }
 
 private:
-    std::string base_;
+    std::string home() const { return daemon_.scratch().file("home"); }
+
+    corvexd::testing::DaemonHarness daemon_; // never served here: the app starts the daemon
     pid_t pid_ = -1;
     std::shared_ptr<CorvexdBackend> reader_;
 };

@@ -10,6 +10,7 @@
 #include <dlfcn.h>
 #include <functional>
 
+#include "Platform/Tests/Support/ScopedEnvironment.h"
 #include "Corvex/TerminalGLSurface.h"
 #include "Corvex/TerminalView.h"
 #include "Support/AppHarness.h"
@@ -24,12 +25,6 @@ namespace {
 struct GLPane : TerminalPane {
     GLPane() { view->setCursorBlinkTimeout(std::chrono::milliseconds(0)); }
     TerminalGLSurface* surface() const { return view->findChild<TerminalGLSurface*>(); }
-};
-
-struct ScopedEnv {
-    std::string name;
-    ScopedEnv(const char* n, const char* value) : name(n) { setenv(n, value, 1); }
-    ~ScopedEnv() { unsetenv(name.c_str()); }
 };
 
 } // namespace
@@ -146,7 +141,7 @@ TEST(TerminalGLSurface, StreamingOutputIsDrawnAtMostOncePerRefresh) {
 }
 
 TEST(TerminalGLSurface, TurnedOffByTheEnvironment) {
-    ScopedEnv off("VELLUM_METAL_LAYER", "0");
+    platform::testing::ScopedEnvironment off("VELLUM_METAL_LAYER", "0");
     GLPane pane;
     EXPECT_FALSE(pane.surface());
     pane.feed("\x1b[41m  ");

@@ -12,7 +12,9 @@
 #include <thread>
 
 #include "CorvexFake/FakeBackend.h"
+#include "Platform/ProcessInfo.h"
 #include "Platform/Tests/Support/Eventually.h"
+#include "Platform/Tests/Support/ScopedEnvironment.h"
 #include "CorvexSession/Tests/Support/ExpectError.h"
 #include "Vellum/Tests/Support/ProcessLeakCheck.h"
 
@@ -20,6 +22,7 @@ using namespace corvex;
 using namespace std::chrono_literals;
 using corvex::testing::expectError;
 using platform::testing::eventually;
+using platform::testing::ScopedEnvironment;
 
 namespace {
 
@@ -33,13 +36,6 @@ std::string home() {
 std::string procFile(int32_t pid, const char* name) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/" + name, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
-// Gone, or a zombie that only waits for its parent.
-bool processEnded(int32_t pid) {
-    std::string stat = procFile(pid, "stat");
-    auto close = stat.rfind(')');
-    return close == std::string::npos || (close + 2 < stat.size() && stat[close + 2] == 'Z');
 }
 
 // The child's own environment and argv[0], once it has become the program it runs.
@@ -105,26 +101,6 @@ bool outputShows(SessionEventStream& events, const std::string& text) {
         return seen.find(text) != std::string::npos;
     });
 }
-
-// Sets variables for the test's duration.
-class ScopedEnvironment {
-public:
-    void set(const char* name, const char* value) {
-        const char* old = std::getenv(name);
-        saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
-        if (value) setenv(name, value, 1);
-        else unsetenv(name);
-    }
-    ~ScopedEnvironment() {
-        for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
-            if (it->second) setenv(it->first.c_str(), it->second->c_str(), 1);
-            else unsetenv(it->first.c_str());
-        }
-    }
-
-private:
-    std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
-};
 
 SpawnOptions command(std::vector<std::string> words) { return SpawnOptions{.command = std::move(words)}; }
 
@@ -201,7 +177,7 @@ TEST_F(FakeBackendSession, AClosedPanesProgramEndsEvenWhenItIgnoresHangUpAndTerm
     auto closed = std::chrono::steady_clock::now();
     backend->closePane(created.pane);
     EXPECT_TRUE(backend->getState().workspaces[0].tabs.empty());
-    EXPECT_TRUE(eventually([&] { return processEnded(pid); }));
+    EXPECT_TRUE(eventually([&] { return !platform::processLives(pid); }));
     // The grace is half a second; the bound only has to tell it from waiting for ever on a
     // machine that may be busy.
     EXPECT_LT(std::chrono::steady_clock::now() - closed, 8s) << "killed once the grace period is over";

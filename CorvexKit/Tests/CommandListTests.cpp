@@ -143,11 +143,6 @@ TEST(CommandList, MachineCommandsFollowItsState) {
     }
 }
 
-TEST(CommandList, IdentifiersRoundTripThroughTheirCaseNames) {
-    for (auto id : CommandListItem::allIDs) EXPECT_EQ(CommandListItem::parseID(CommandListItem::rawValue(id)), id);
-    EXPECT_EQ(CommandListItem::parseID("NewTab"), std::nullopt);
-}
-
 TEST(CommandList, CommandQueryNeedsALeadingChevron) {
     EXPECT_EQ(CommandList::commandQuery("  >foo"), "foo");
     EXPECT_EQ(CommandList::commandQuery(">"), "");

@@ -47,25 +47,6 @@ TEST(SessionBackend, OptionalOperationsDefaultToUnknownMethodWithTheirOwnText) {
     base.ackAgent(1);
 }
 
-TEST(BackendError, StaleIsOneExactCode) {
-    EXPECT_TRUE(BackendError("stale", "x").isStale());
-    EXPECT_FALSE(BackendError("Stale", "x").isStale());
-    EXPECT_FALSE(BackendError("stale_source", "x").isStale());
-}
-
-TEST(HelloFeature, WireNamesAreExactAndCoverEveryCase) {
-    EXPECT_EQ(Hello::wireName(Hello::Feature::agentReportPid), "agent.report.pid");
-    EXPECT_EQ(Hello::wireName(Hello::Feature::splitSetRatio), "split.set_ratio");
-    std::set<std::string> names;
-    for (int i = 0; i <= static_cast<int>(Hello::Feature::paneFocus); ++i) {
-        auto feature = static_cast<Hello::Feature>(i);
-        names.insert(std::string(Hello::wireName(feature)));
-        EXPECT_EQ(Hello::parseFeature(Hello::wireName(feature)), feature);
-    }
-    EXPECT_EQ(names.size(), 21u);
-    EXPECT_EQ(Hello::parseFeature("Pane.Keys"), std::nullopt);
-}
-
 TEST(SessionEventStream, KeepsEachProducersOrderAndDrainsAfterFinish) {
     SessionEventStream stream;
     std::atomic<int> wakeups{0};

@@ -222,28 +222,6 @@ TEST(SessionCodec, ColoursAreLowerCaseHex) {
     EXPECT_THROW(decodeText<TerminalColors>(R"({"foreground":"#abc","background":"#000000"})"), DecodingError);
 }
 
-TEST(SessionCodec, SupportingTypesRoundTrip) {
-    expectRoundTrip(SpawnOptions{std::vector<std::string>{"/bin/sh", "-c", "ls"}, "/tmp",
-                                 std::map<std::string, std::string>{{"A", "1"}}, 100, 30});
-    expectRoundTrip(CreatedWorkspace{1, 2, 3});
-    expectRoundTrip(CreatedSplit{4, 5});
-    expectRoundTrip(Subscription{Subscription::Mode::replay, 1024, 80, 24});
-    expectRoundTrip(DaemonSettings{5000, {{100, 100000, 10000}}, "/etc/corvexd.toml", std::vector<uint64_t>{1, 2}});
-    expectRoundTrip(DaemonService{true, "systemd", "corvexd", "/u/corvexd.service", true, false, true,
-                                  std::vector<std::string>{"corvexd", "serve"}, false, {"linger"}, "ok"});
-    expectRoundTrip(PaneSearchResult{9, 80, 24, 1000, {PaneSearchMatch{{1, 2}, {1, 5}, "abc", "xabc"}}, {{0, 0}}});
-    expectRoundTrip(AgentHistory{4, 200, {AgentHistoryEntry{1.5, "state", "claude", "waiting", "running"}}});
-    expectRoundTrip(PushDevice{"d", "phone", "relay", "prod", 3.5, "gone"});
-    expectRoundTrip(PushActivity{4, "d", std::nullopt, std::nullopt});
-
-    EXPECT_EQ(toJSON(DaemonSettings::Change{}), json::object());
-    EXPECT_EQ(toJSON(DaemonSettings::Change{2000}), (json{{"scrollback_lines", 2000}}));
-    EXPECT_EQ(decodeText<DaemonSettings>(
-                  R"({"scrollback_lines":1,"limits":{"scrollback_lines":{"min":0,"max":9,"default":5}}})")
-                  .limits.scrollbackLines.defaultValue,
-              5);
-}
-
 TEST(CachedMachineState, RoundTripsAndRequiresItsKeys) {
     CachedMachineState cache;
     cache.state = decodeText<ModelState>(fullState);

@@ -3,41 +3,32 @@
 #include <cstdlib>
 #include <unistd.h>
 
+#include "Platform/Tests/Support/ScopedEnvironment.h"
 #include "Platform/System.h"
 
 using namespace platform;
+using platform::testing::ScopedEnvironment;
 
-namespace {
-struct ScopedEnv {
-    std::string name;
-    std::optional<std::string> old;
-    ScopedEnv(std::string n, const char* value) : name(std::move(n)) {
-        if (const char* v = getenv(name.c_str())) old = v;
-        value ? setenv(name.c_str(), value, 1) : unsetenv(name.c_str());
-    }
-    ~ScopedEnv() { old ? setenv(name.c_str(), old->c_str(), 1) : unsetenv(name.c_str()); }
-};
-} // namespace
 
 TEST(System, TemporaryDirectoryFollowsTmpdirWithoutTrailingSlash) {
     {
-        ScopedEnv env("TMPDIR", "/var/tmp/x//");
+        ScopedEnvironment env("TMPDIR", "/var/tmp/x//");
         EXPECT_EQ(temporaryDirectory(), "/var/tmp/x");
     }
     {
-        ScopedEnv env("TMPDIR", "");
+        ScopedEnvironment env("TMPDIR", "");
         EXPECT_EQ(temporaryDirectory(), "/tmp");
     }
-    ScopedEnv env("TMPDIR", nullptr);
+    ScopedEnvironment env("TMPDIR", nullptr);
     EXPECT_EQ(temporaryDirectory(), "/tmp");
 }
 
 TEST(System, HomeFallsBackToThePasswordDatabase) {
     {
-        ScopedEnv env("HOME", "/somewhere");
+        ScopedEnvironment env("HOME", "/somewhere");
         EXPECT_EQ(homeDirectory(), "/somewhere");
     }
-    ScopedEnv env("HOME", nullptr);
+    ScopedEnvironment env("HOME", nullptr);
     EXPECT_FALSE(homeDirectory().empty());
     EXPECT_EQ(homeDirectory().front(), '/');
 }

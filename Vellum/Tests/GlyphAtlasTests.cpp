@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Tests/Support/ScopedEnvironment.h"
 #include "Vellum/BoxDrawingRenderer.h"
 #include "Vellum/GlyphAtlas.h"
 #include "Vellum/RenderLog.h"
@@ -19,12 +20,6 @@ struct CapturedRenderLog {
         previous = setRenderLogSink([this](std::string_view line) { lines.emplace_back(line); });
     }
     ~CapturedRenderLog() { setRenderLogSink(previous); }
-};
-
-struct ScopedEnv {
-    std::string name;
-    ScopedEnv(const char* n, const char* value) : name(n) { setenv(n, value, 1); }
-    ~ScopedEnv() { unsetenv(name.c_str()); }
 };
 
 // Fills shelves of 30 × 30 glyphs (32 × 32 with their gutter) until the atlas grows or resets.
@@ -136,16 +131,16 @@ TEST(GlyphAtlas, RecommendedMaximumFollowsTheEnvironment) {
     EXPECT_EQ(GlyphAtlas::recommendedMaxSize(GlyphAtlasFormat::grayscale, true), 8192);
     EXPECT_EQ(GlyphAtlas::recommendedMaxSize(GlyphAtlasFormat::bgra, true), 4096);
     {
-        ScopedEnv env("VELLUM_ATLAS_MAX", "100");
+        platform::testing::ScopedEnvironment env("VELLUM_ATLAS_MAX", "100");
         EXPECT_EQ(GlyphAtlas::recommendedMaxSize(GlyphAtlasFormat::grayscale, true), 256);
     }
     {
-        ScopedEnv env("VELLUM_ATLAS_MAX", "99999");
+        platform::testing::ScopedEnvironment env("VELLUM_ATLAS_MAX", "99999");
         EXPECT_EQ(GlyphAtlas::recommendedMaxSize(GlyphAtlasFormat::grayscale, true), 16384);
         EXPECT_EQ(GlyphAtlas::recommendedMaxSize(GlyphAtlasFormat::grayscale, false), 8192);
     }
     {
-        ScopedEnv env("VELLUM_ATLAS_MAX", "lots");
+        platform::testing::ScopedEnvironment env("VELLUM_ATLAS_MAX", "lots");
         EXPECT_EQ(GlyphAtlas::recommendedMaxSize(GlyphAtlasFormat::bgra, true), 4096);
     }
 }

@@ -1,3 +1,5 @@
+#include "Platform/ProcessInfo.h"
+#include "Platform/Tests/Support/Eventually.h"
 #include "Vellum/LocalProcess.h"
 #include "Vellum/LocalProcessChildReaper.h"
 #include "Vellum/PseudoTerminalHelpers.h"
@@ -27,7 +29,7 @@
 
 using namespace vellum;
 using vellum::testing::anyChild;
-using vellum::testing::eventually;
+using platform::testing::eventually;
 using Recorder = vellum::testing::ProcessRecorder;
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -439,19 +441,6 @@ TEST_F(LocalProcessTest, ExitsRacingTeardownsAndRestartsLeaveNothingBehind) {
     EXPECT_EQ(chained->exits(), std::vector<std::optional<int32_t>>(20, 0));
 }
 
-namespace {
-
-// Gone or a zombie that only waits for its parent.
-bool processEnded(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(stat, line)) return true;
-    auto close = line.rfind(')');
-    return close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'Z';
-}
-
-} // namespace
-
 TEST_F(LocalProcessTest, HangUpEndsAShellIgnoringSIGTERMAndTheJobsOfItsGroup) {
     auto process = LocalProcess::create(recorder);
     // Without job control a background job stays in the shell's process group.
@@ -469,7 +458,7 @@ TEST_F(LocalProcessTest, HangUpEndsAShellIgnoringSIGTERMAndTheJobsOfItsGroup) {
     process->hangUp();
     ASSERT_TRUE(recorder->waitForExits(1));
     EXPECT_EQ(recorder->exits().front(), std::nullopt) << "ended by the signal";
-    EXPECT_TRUE(eventually([&] { return processEnded(job); })) << "the job got the hang-up too";
+    EXPECT_TRUE(eventually([&] { return !platform::processLives(job); })) << "the job got the hang-up too";
     process->hangUp(); // after the end: nothing to signal, nothing happens
 }
 

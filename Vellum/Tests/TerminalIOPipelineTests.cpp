@@ -1,4 +1,5 @@
 #include "Platform/Poller.h"
+#include "Platform/Tests/Support/Eventually.h"
 #include "Vellum/PseudoTerminalHelpers.h"
 #include "Vellum/TerminalIOPipeline.h"
 #include "Vellum/TerminalIOPipelineFeed.h"
@@ -19,6 +20,7 @@
 
 using namespace vellum;
 using namespace std::chrono_literals;
+using platform::testing::eventually;
 namespace fs = std::filesystem;
 
 namespace {
@@ -84,16 +86,6 @@ size_t entriesIn(const char* folder) {
     size_t count = 0;
     for ([[maybe_unused]] auto& entry : fs::directory_iterator(folder)) ++count;
     return count;
-}
-
-template <typename Pred>
-bool eventually(Pred pred, std::chrono::milliseconds timeout = 10s) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
 }
 
 // The bytes a child has written so far.

@@ -30,7 +30,7 @@ TEST(TerminalReports, VersionIdentityIsFilteredAndBounded) {
     EXPECT_EQ(xtVersionReply(CC::sevenBit), "\x1bP>|Vellum 1.99.1+v1.99.1:\x1b\\");
 }
 
-TEST(TerminalReports, PrivateStatusAndModeReports) {
+TEST(TerminalReports, PrivateStatusReports) {
     EXPECT_EQ(privateDeviceStatusReply(15, 0, CC::sevenBit), "\x1b[?10n");
     EXPECT_EQ(privateDeviceStatusReply(26, 0, CC::sevenBit), "\x1b[?27;1;0;0n");
     EXPECT_EQ(privateDeviceStatusReply(62, 0, CC::sevenBit), "\x1b[0*{");
@@ -38,13 +38,6 @@ TEST(TerminalReports, PrivateStatusAndModeReports) {
     EXPECT_EQ(privateDeviceStatusReply(63, 0, CC::eightBit), "\x90" "0!~0000\x9c");
     EXPECT_EQ(privateDeviceStatusReply(999, 0, CC::sevenBit), std::nullopt);
 
-    EXPECT_EQ(modeReport(true, 2004, ModeReportValue::set, CC::sevenBit), "\x1b[?2004;1$y");
-    EXPECT_EQ(modeReport(false, 4, ModeReportValue::reset, CC::sevenBit), "\x1b[4;2$y");
-    EXPECT_EQ(modeReport(true, 2027, ModeReportValue::permanentlySet, CC::eightBit), "\x9b?2027;3$y");
-    EXPECT_EQ(modeReport(false, std::nullopt, ModeReportValue::notRecognized, CC::sevenBit), "\x1b[;0$y");
-
-    EXPECT_EQ(statusStringReply(std::string("0;1m"), CC::sevenBit), "\x1bP1$r0;1m\x1b\\");
-    EXPECT_EQ(statusStringReply(std::nullopt, CC::sevenBit), "\x1bP0$r\x1b\\");
 }
 
 TEST(TerminalReports, TerminfoCapabilitiesAnswerKnownNamesOnly) {
@@ -117,9 +110,7 @@ TEST(TerminalReports, WindowOperationsReachTheDelegateFirst) {
     using Kind = WindowManipulationCommand::Kind;
 
     EXPECT_EQ(reply("\x1b[21t"), "\x1b]lhost\x1b\\");
-    EXPECT_EQ(reply("\x1b[18t"), "\x1b[8;10;30t");
-    // Pixel sizes are answered only once a cell size is known.
-    EXPECT_EQ(reply("\x1b[14t\x1b[16t"), "");
+    // The host's cell size answers pixel questions until the view measures its own.
     delegate.cellSize = std::pair{8, 16};
     EXPECT_EQ(reply("\x1b[14t\x1b[16t"), "\x1b[4;160;240t\x1b[6;16;8t");
     terminal.updatePixelGeometry(10, 20);
@@ -138,12 +129,6 @@ TEST(TerminalReports, WindowOperationsReachTheDelegateFirst) {
         {.kind = Kind::resizeToLines, .lines = 40},
     };
     EXPECT_EQ(delegate.commands, expected);
-
-    // A title pushed with CSI 22 t comes back with CSI 23 t; the stack keeps the last ten.
-    terminal.feed("\x1b]2;one\x07\x1b[22;0t\x1b]2;two\x07\x1b[22;2t\x1b]2;three\x07\x1b[23;2t");
-    EXPECT_EQ(terminal.title(), "two");
-    terminal.feed("\x1b[23;0t");
-    EXPECT_EQ(terminal.title(), "one");
 }
 
 TEST(TerminalReports, ModesSaveRestoreAndReport) {

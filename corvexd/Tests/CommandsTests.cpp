@@ -2,12 +2,14 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Support/DaemonHarness.h"
+#include "Support/RawClient.h"
 #include "Platform/ProcessInfo.h"
 #include "corvexd/Commands.h"
 
@@ -96,18 +98,8 @@ TEST(CorvexdCommands, ConcurrentStartsLeaveOneDaemon) {
 
 TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
     DaemonHarness daemon;
-    std::string real = daemon.base() + "/real";
-    ASSERT_EQ(::mkdir(real.c_str(), 0700), 0);
-
-    std::string link = daemon.base() + "/link";
-    ASSERT_EQ(::symlink(real.c_str(), link.c_str()), 0);
-    daemon.setRuntimeDir(link);
-    auto linked = daemon.run({"start"});
-    EXPECT_EQ(linked.status, 1);
-    EXPECT_NE(linked.err.find("symbolic link"), std::string::npos) << linked.err;
-    EXPECT_FALSE(std::filesystem::exists(real + "/corvexd.sock"));
-
-    std::string loose = daemon.base() + "/loose";
+    const auto& scratch = daemon.scratch();
+    std::string loose = scratch.file("loose");
     ASSERT_EQ(::mkdir(loose.c_str(), 0755), 0);
     ASSERT_EQ(::chmod(loose.c_str(), 0755), 0);
     daemon.setRuntimeDir(loose);
@@ -115,37 +107,37 @@ TEST(CorvexdCommands, RuntimeFolderMustBePrivateToTheUser) {
     EXPECT_EQ(modeOf(loose), 0700u) << "a folder of ours that others could enter is closed";
     EXPECT_EQ(daemon.run({"stop"}).status, 0);
 
-    // Others could have planted files in it before it was ours alone.
-    std::string shared = daemon.base() + "/shared";
-    ASSERT_EQ(::mkdir(shared.c_str(), 0700), 0);
-    ASSERT_EQ(::chmod(shared.c_str(), 0777), 0);
-    daemon.setRuntimeDir(shared);
-    auto refused = daemon.run({"start"});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_NE(refused.err.find("writable"), std::string::npos) << refused.err;
-    EXPECT_FALSE(std::filesystem::exists(shared + "/corvexd.sock"));
-
-    std::string file = daemon.base() + "/file";
-    ASSERT_TRUE(std::ofstream(file).good());
-    daemon.setRuntimeDir(file);
-    EXPECT_EQ(daemon.run({"start"}).status, 1);
-
-    daemon.setRuntimeDir(daemon.base() + "/" + std::string(120, 'x'));
-    auto tooLong = daemon.run({"start"});
-    EXPECT_EQ(tooLong.status, 1);
-    EXPECT_NE(tooLong.err.find("too long"), std::string::npos) << tooLong.err;
-
+    // The others are refused, and nothing is made in them.
+    struct Case {
+        std::string name;
+        std::function<bool(const std::string&)> make;
+        std::string says;
+    };
+    std::vector<Case> refused{
+        {"link", [&](const std::string& at) {
+             return ::mkdir(scratch.file("real").c_str(), 0700) == 0 && ::symlink(scratch.file("real").c_str(), at.c_str()) == 0;
+         }, "symbolic link"},
+        // Others could have planted files in it before it was ours alone.
+        {"shared", [](const std::string& at) { return ::mkdir(at.c_str(), 0700) == 0 && ::chmod(at.c_str(), 0777) == 0; },
+         "writable"},
+        {"file", [](const std::string& at) { return std::ofstream(at).good(); }, ""},
+        {std::string(120, 'x'), [](const std::string&) { return true; }, "too long"},
+    };
     if (::getuid() == 0) {
-        std::string foreign = daemon.base() + "/foreign";
-        ASSERT_EQ(::mkdir(foreign.c_str(), 0700), 0);
-        ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
-        daemon.setRuntimeDir(foreign);
-        auto refused = daemon.run({"start"});
-        EXPECT_EQ(refused.status, 1);
-        EXPECT_NE(refused.err.find("owned by another user"), std::string::npos) << refused.err;
-        EXPECT_FALSE(std::filesystem::exists(foreign + "/corvexd.sock"));
+        refused.push_back({"foreign", [](const std::string& at) {
+            return ::mkdir(at.c_str(), 0700) == 0 && ::chown(at.c_str(), 65534, 65534) == 0;
+        }, "owned by another user"});
     }
-    daemon.setRuntimeDir(daemon.base() + "/run");
+    for (const auto& each : refused) {
+        std::string at = scratch.file(each.name);
+        ASSERT_TRUE(each.make(at)) << each.name;
+        daemon.setRuntimeDir(at);
+        auto started = daemon.run({"start"});
+        EXPECT_EQ(started.status, 1) << each.name;
+        EXPECT_NE(started.err.find(each.says), std::string::npos) << started.err;
+        EXPECT_FALSE(std::filesystem::exists(at + "/corvexd.sock")) << each.name;
+    }
+    daemon.setRuntimeDir(scratch.file("run"));
 }
 
 TEST(CorvexdCommands, BridgeStartsTheDaemonAndRelaysBothWays) {

@@ -13,9 +13,10 @@
 #include "CorvexKit/Tests/Support/ScratchDirectory.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "corvexd/Hooks.h"
-#include "corvexd/Tests/EndToEndDaemon.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
-namespace corvex::endtoend {
+namespace corvex {
+using namespace corvexd::testing;
 namespace {
 
 using json = nlohmann::json;
@@ -95,7 +96,7 @@ protected:
         return now && now->state == state;
     }
 
-    Daemon daemon;
+    DaemonHarness daemon;
     std::string home;
     std::shared_ptr<CorvexdBackend> client;
     CreatedWorkspace created;
@@ -266,4 +267,4 @@ TEST_F(AgentHooks, BadReportsHarmNeitherTheAgentNorTheDaemon) {
 }
 
 } // namespace
-} // namespace corvex::endtoend
+} // namespace corvex

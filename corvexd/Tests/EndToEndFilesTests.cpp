@@ -15,13 +15,13 @@
 #include "CorvexKit/LocalFileBackend.h"
 #include "CorvexKit/Tests/Support/FileTestSupport.h"
 #include "CorvexKit/Tests/Support/ForwardingFileBackend.h"
-#include "EndToEndDaemon.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "Support/DaemonHarness.h"
+#include "Support/RawClient.h"
 #include "corvexd/FileStreams.h"
 
 using namespace corvex;
-using namespace corvex::endtoend;
+using namespace corvexd::testing;
 using corvex::testing::MemorySource;
 using corvex::testing::patternBytes;
 using corvex::testing::failureOf;
@@ -46,7 +46,7 @@ struct ThisComputer {
 };
 
 struct OverTheDaemon {
-    Daemon daemon;
+    DaemonHarness daemon;
     std::shared_ptr<CorvexdBackend> connection;
 
     std::shared_ptr<FileBackend> make(corvex::testing::ScratchDirectory&) {
@@ -348,7 +348,7 @@ protected:
         return client.request("hello", json{{"protocol", 1}, {"client", "raw"}}).value()["result"];
     }
 
-    Daemon daemon;
+    DaemonHarness daemon;
     corvex::testing::ScratchDirectory scratch;
 };
 

@@ -7,7 +7,6 @@
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
-#include <pty.h>
 #include <sstream>
 
 #include "CorvexKit/Frame.h"
@@ -15,9 +14,10 @@
 #include "CorvexKit/ModelStore.h"
 #include "CorvexKit/Tests/Support/RecordingSink.h"
 #include "Platform/MainQueue.h"
-#include "corvexd/Tests/EndToEndDaemon.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
-namespace corvex::endtoend {
+namespace corvex {
+using namespace corvexd::testing;
 namespace {
 
 using ::testing::HasSubstr;
@@ -37,7 +37,7 @@ protected:
         return where ? where->tab : nullptr;
     }
 
-    Daemon daemon;
+    DaemonHarness daemon;
 };
 
 // Whole lines of numbers "n1", "n2", ... in the text, checked to run on from `first`
@@ -63,10 +63,9 @@ int countedUpTo(const std::string& bytes, int first) {
 TEST_F(EndToEnd, TheCommandLineTypesIntoAndReshapesARealSession) {
     auto client = daemon.connect("typist");
     Watcher watch(client);
-    CreatedWorkspace created;
-    CORVEX_OR_SKIP(created = client->createWorkspace("first", plainShell()));
+    CreatedWorkspace created = client->createWorkspace("first", plainShell());
     uint64_t a = created.pane;
-    CORVEX_OR_SKIP(client->subscribe(a));
+    client->subscribe(a);
 
     Ran sent = daemon.corvex({"send", "-n", text(a), "echo from-$((1+1))-cli"});
     EXPECT_EQ(sent.status, 0) << sent.err;
@@ -104,10 +103,9 @@ TEST_F(EndToEnd, ResubscribingFromADeliveredPositionLosesAndRepeatsNothing) {
     counter.command = std::vector<std::string>{
         "/bin/sh", "-c",
         "i=0; for round in 1 2 3; do read go; j=0; while [ $j -lt 3000 ]; do i=$((i+1)); j=$((j+1)); echo n$i; done; done; sleep 600"};
-    CreatedWorkspace created;
-    CORVEX_OR_SKIP(created = first->createWorkspace("counting", counter));
+    CreatedWorkspace created = first->createWorkspace("counting", counter);
     uint64_t pane = created.pane;
-    CORVEX_OR_SKIP(first->subscribe(pane));
+    first->subscribe(pane);
     first->sendInput(pane, asBytes("\r"));
     ASSERT_TRUE(firstWatch.untilOutput(pane, "n3000\r\n"));
     uint64_t delivered = first->deliveredSeq(pane).value_or(0);
@@ -154,8 +152,7 @@ TEST_F(EndToEnd, ARestartedDaemonIsReachedAgainAndPaneViewsStartOver) {
     ASSERT_TRUE(mainQueue.runUntil([&] { return store.isConnected(); }, 10s));
     std::string before = store.hello()->instance;
 
-    CreatedWorkspace created;
-    CORVEX_OR_SKIP(created = client->createWorkspace("kept", plainShell()));
+    CreatedWorkspace created = client->createWorkspace("kept", plainShell());
     auto sink = std::make_shared<testkit::RecordingSink>();
     store.registerSink(created.pane, sink);
     client->subscribe(created.pane);
@@ -201,95 +198,5 @@ TEST_F(EndToEnd, ARestartedDaemonIsReachedAgainAndPaneViewsStartOver) {
     store.stop();
 }
 
-// `corvex run` in a terminal of its own, as `make run` starts it.
-class RunInTerminal {
-public:
-    explicit RunInTerminal(const std::map<std::string, std::string>& env) {
-        std::vector<std::string> argv{builtProgram("corvex"), "run"};
-        auto environment = environmentWith(env);
-        auto args = pointers(argv);
-        auto envp = pointers(environment);
-        winsize size{30, 100, 0, 0};
-        pid_ = ::forkpty(&master_, nullptr, nullptr, &size);
-        if (pid_ == 0) {
-            ::execve(args[0], args.data(), envp.data());
-            ::_exit(127);
-        }
-    }
-    ~RunInTerminal() {
-        if (pid_ > 0 && !waitForExit(pid_, 0ms)) {
-            ::kill(pid_, SIGKILL);
-            waitForExit(pid_, 5s);
-        }
-        ::close(master_);
-    }
-
-    void type(const std::string& text) { (void)!::write(master_, text.data(), text.size()); }
-    // Reads the terminal until `text` shows; false at the deadline or when it closes first.
-    bool until(const std::string& text, std::chrono::milliseconds timeout = 15s) {
-        auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (screen.find(text) == std::string::npos) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            pollfd fd{master_, POLLIN, 0};
-            if (::poll(&fd, 1, 50) <= 0) continue;
-            char buffer[4096];
-            ssize_t count = ::read(master_, buffer, sizeof buffer);
-            if (count <= 0) return screen.find(text) != std::string::npos;
-            screen.append(buffer, static_cast<size_t>(count));
-        }
-        return true;
-    }
-    std::optional<int> exitStatus(std::chrono::milliseconds timeout) {
-        auto status = waitForExit(pid_, timeout);
-        if (status) pid_ = -1;
-        return status;
-    }
-
-    std::string screen;
-
-private:
-    int master_ = -1;
-    pid_t pid_ = -1;
-};
-
-// No daemon runs: the first run starts one and makes a workspace; detaching leaves the
-// shell, and the next run finds it with its screen as it was.
-TEST(EndToEndRun, RunStartsTheDaemonAndReattachesToTheSameShell) {
-    if (!isBuilt("corvexd") || !isBuilt("corvex")) GTEST_SKIP() << "corvexd and corvex are not built";
-    testing::ScratchDirectory scratch;
-    std::map<std::string, std::string> env{{"CORVEXD_RUNTIME_DIR", scratch.file("run")}, {"SHELL", "/bin/sh"},
-                                           {"PS1", "$ "}, {"ENV", ""}, {"CORVEXD_EPHEMERAL", ""}};
-    struct Shutdown {
-        std::map<std::string, std::string> env;
-        ~Shutdown() { runProgram({builtProgram("corvexd"), "shutdown"}, env); }
-    } shutdown{env};
-
-    {
-        RunInTerminal first(env);
-        bool attached = first.until("\x1b[H\x1b[2J");
-        if (!attached && first.screen.find("unknown_method") != std::string::npos) {
-            GTEST_SKIP() << "the daemon does not serve this yet: " << first.screen;
-        }
-        ASSERT_TRUE(attached) << first.screen;
-        first.type("echo mark-$((40+2))\r");
-        ASSERT_TRUE(first.until("mark-42")) << first.screen;
-        first.type("\x1c" "d");
-        EXPECT_TRUE(first.until("[detached from pane")) << first.screen;
-        EXPECT_EQ(first.exitStatus(10s), 0);
-    }
-    {
-        RunInTerminal second(env);
-        EXPECT_TRUE(second.until("mark-42")) << "the screen comes back as it was: " << second.screen;
-        second.type("echo again-$((1+1))\r");
-        EXPECT_TRUE(second.until("again-2")) << second.screen;
-        second.type("\x1c" "d");
-        EXPECT_EQ(second.exitStatus(10s), 0);
-    }
-    auto socket = CorvexdBackend::defaultSocketPath(scratch.file("run"));
-    Ran state = runProgram({builtProgram("corvex"), "--socket", socket, "state"}, env);
-    ASSERT_EQ(state.status, 0) << state.err;
-    EXPECT_EQ(json::parse(state.out)["workspaces"].size(), 1u) << "the second run made no workspace of its own";
-}
-
 } // namespace
-} // namespace corvex::endtoend
+} // namespace corvex

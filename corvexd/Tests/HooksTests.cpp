@@ -104,7 +104,7 @@ TEST(CodexNotify, TakesTheSlotAndChainsWhatWasThere) {
 
 TEST(HooksCommand, InstallsIntoTheHomeWithBackupsAndUndoes) {
     DaemonHarness daemon;
-    std::string home = daemon.base() + "/home";
+    std::string home = daemon.scratch().path() + "/home";
     std::map<std::string, std::string> env{{"HOME", home}};
     std::string settingsPath = home + "/.claude/settings.json";
     std::string configPath = home + "/.codex/config.toml";

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "CorvexKit/Frame.h"
+#include "CorvexKit/Tests/Support/ScratchDirectory.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "Support/DaemonHarness.h"
 #include "Support/RawReplies.h"
@@ -31,8 +32,6 @@ size_t workspaceCount(const std::string& socketPath) {
     RawClient client(socketPath);
     return result(client.request("state.get"))["workspaces"].size();
 }
-
-std::string slurp(const std::string& path);
 
 // Where the reply to `id` stands among the client's replies, once it has come.
 std::optional<size_t> replyPosition(const RawClient& client, int64_t id) {
@@ -60,7 +59,7 @@ bool sessionLives(pid_t leader) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         std::string name = entry.path().filename().string();
         if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        std::string stat = slurp(entry.path().string() + "/stat");
+        std::string stat = corvex::testing::readFile(entry.path().string() + "/stat");
         auto close = stat.rfind(')');
         if (close == std::string::npos) continue;
         std::istringstream fields(stat.substr(close + 1));
@@ -69,11 +68,6 @@ bool sessionLives(pid_t leader) {
         if (fields >> state >> parent >> group >> session && session == leader && state != 'Z') return true;
     }
     return false;
-}
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 } // namespace
@@ -338,13 +332,13 @@ TEST(HostileClient, ShutdownEndsProgramsThatIgnoreHangUpAndTerminate) {
 
 TEST(HostileClient, RuntimeFilesAreNeitherFollowedNorLeftBehind) {
     DaemonHarness daemon;
-    std::string victim = daemon.base() + "/victim";
+    std::string victim = daemon.scratch().path() + "/victim";
     std::ofstream(victim) << "precious\n";
     ASSERT_EQ(::mkdir(daemon.runtimeDir().c_str(), 0700), 0);
     ASSERT_EQ(::symlink(victim.c_str(), (daemon.runtimeDir() + "/corvexd.pid").c_str()), 0);
 
     daemon.run({"start"});
-    EXPECT_EQ(slurp(victim), "precious\n") << "a planted link was followed";
+    EXPECT_EQ(corvex::testing::readFile(victim), "precious\n") << "a planted link was followed";
     std::filesystem::remove(daemon.runtimeDir() + "/corvexd.pid");
     ASSERT_EQ(daemon.run({"start"}).status, 0);
     ASSERT_EQ(daemon.run({"shutdown"}).status, 0);
@@ -374,7 +368,7 @@ TEST(HostileClient, AtTheDescriptorLimitTheDaemonWaitsInsteadOfSpinning) {
         crowd.back()->sendJSON({{"id", 1}, {"method", "hello"}, {"params", {{"protocol", 1}}}});
     }
     auto cpuTicks = [&] {
-        std::string stat = slurp("/proc/" + std::to_string(pid) + "/stat");
+        std::string stat = corvex::testing::readFile("/proc/" + std::to_string(pid) + "/stat");
         std::istringstream fields(stat.substr(stat.rfind(')') + 2));
         std::string field;
         long ticks = 0;

@@ -14,7 +14,7 @@ std::string firstLine(const std::string& text) { return text.substr(0, text.find
 TEST(CorvexdInstall, CopiesItselfUnderItsBuildIdAndMakesThatCurrent) {
     DaemonHarness daemon;
     std::string id = firstLine(daemon.run({"build-id"}).out);
-    std::string base = daemon.base() + "/bin";
+    std::string base = daemon.scratch().path() + "/bin";
     std::map<std::string, std::string> env{{"CORVEXD_INSTALL_DIR", base}};
 
     auto where = daemon.run({"install", "--print-path"}, env);
@@ -32,7 +32,7 @@ TEST(CorvexdInstall, CopiesItselfUnderItsBuildIdAndMakesThatCurrent) {
     struct stat info{};
     ASSERT_EQ(::stat((base + "/" + id + "/corvexd").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0755u);
-    EXPECT_EQ(fs::file_size(base + "/" + id + "/corvexd"), fs::file_size(DaemonHarness::executable()));
+    EXPECT_EQ(fs::file_size(base + "/" + id + "/corvexd"), fs::file_size(builtProgram("corvexd")));
     for (const auto& entry : fs::directory_iterator(base + "/" + id)) {
         EXPECT_EQ(entry.path().filename(), "corvexd") << "no temporary file is left";
     }
@@ -42,13 +42,13 @@ TEST(CorvexdInstall, InstalledBuildStaysInItsOwnBase) {
     // An upload that landed in the temporary fallback is made current there, not copied home.
     DaemonHarness daemon;
     std::string id = firstLine(daemon.run({"build-id"}).out);
-    std::string fallback = daemon.base() + "/fallback";
+    std::string fallback = daemon.scratch().path() + "/fallback";
     fs::create_directories(fallback + "/" + id);
-    fs::copy_file(DaemonHarness::executable(), fallback + "/" + id + "/corvexd");
+    fs::copy_file(builtProgram("corvexd"), fallback + "/" + id + "/corvexd");
     ::chmod((fallback + "/" + id + "/corvexd").c_str(), 0755);
 
-    std::string home = daemon.base() + "/home";
-    auto installed = CommandResult{};
+    std::string home = daemon.scratch().path() + "/home";
+    auto installed = Ran{};
     {
         // The copy runs itself, with a home whose data folder must stay untouched.
         std::string command = "HOME=" + home + " XDG_DATA_HOME= " + fallback + "/" + id + "/corvexd install";

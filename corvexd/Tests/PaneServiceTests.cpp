@@ -186,7 +186,7 @@ TEST(PaneService, TheTreeComesBackAfterAStopButNotAfterAShutdown) {
         RawClient client(daemon.socketPath());
         json spawn = shell();
         spawn["name"] = "work";
-        spawn["cwd"] = daemon.base();
+        spawn["cwd"] = daemon.scratch().path();
         json created = result(client.request("workspace.create", spawn));
         json split = shell();
         split["pane"] = created["pane"];
@@ -194,7 +194,7 @@ TEST(PaneService, TheTreeComesBackAfterAStopButNotAfterAShutdown) {
         ASSERT_TRUE(client.request("pane.split", split));
         ASSERT_TRUE(client.request("tab.create", {{"workspace", created["workspace"]}, {"command", {"/bin/sh"}}}));
         // The first shell moves on; the pane follows it there.
-        std::string moved = daemon.base() + "/moved on";
+        std::string moved = daemon.scratch().path() + "/moved on";
         std::filesystem::create_directory(moved);
         uint64_t first = created["pane"];
         type(client, first, "cd '" + moved + "'\r");
@@ -218,7 +218,7 @@ TEST(PaneService, TheTreeComesBackAfterAStopButNotAfterAShutdown) {
             EXPECT_TRUE(pane.contains("restored")) << pane.dump();
             EXPECT_NE(pane["pid"], nullptr);
         }
-        EXPECT_EQ(after["panes"][0]["cwd"], daemon.base() + "/moved on") << "back in the folder it had moved to";
+        EXPECT_EQ(after["panes"][0]["cwd"], daemon.scratch().path() + "/moved on") << "back in the folder it had moved to";
         // New things don't take identifiers of the old run's places.
         json more = result(client.request("tab.create", {{"workspace", before["workspaces"][0]["id"]}, {"command", {"/bin/sh"}}}));
         for (const auto& pane : before["panes"]) EXPECT_NE(more["pane"], pane["id"]);

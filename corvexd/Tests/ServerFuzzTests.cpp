@@ -2,7 +2,9 @@
 #include <random>
 #include <signal.h>
 
+#include "Platform/Tests/Support/Eventually.h"
 #include "Support/DaemonHarness.h"
+#include "Support/RawClient.h"
 
 using namespace corvexd::testing;
 
@@ -59,11 +61,16 @@ TEST(CorvexdServerFuzz, RandomFramesNeverBringTheDaemonDown) {
     ASSERT_TRUE(keeper.request("events.subscribe"));
     std::string instance = keeper.request("hello", {{"protocol", 1}, {"client", "keeper"}}).value()["result"]["instance"];
     // Fuzzed input frames reach this pane too, so its program must survive any bytes:
-    // Ctrl-D would end a shell and Ctrl-C or Ctrl-Z would stop a plain sleep.
+    // Ctrl-D would end a shell and Ctrl-C or Ctrl-Z would stop a plain sleep. Until the
+    // shell has run its trap a Ctrl-C still ends it, and a loaded machine starts the shell
+    // late: fuzzing waits for the trap to be in place.
     auto created = keeper.request("workspace.create",
-        {{"name", "kept"}, {"command", {"/bin/sh", "-c", "trap '' INT QUIT TSTP; exec sleep 100000"}}});
+        {{"name", "kept"}, {"command", {"/bin/sh", "-c", "trap '' INT QUIT TSTP; echo tra''pped; exec sleep 100000"}}});
     ASSERT_TRUE(created && created->contains("result")) << created.value_or(json());
     uint64_t pane = (*created)["result"]["pane"];
+    ASSERT_TRUE(platform::testing::eventually([&] {
+        return keeper.request("pane.text", {{"pane", pane}}).value_or(json()).dump().find("trapped") != std::string::npos;
+    }));
 
     std::mt19937 random(20261122);
     for (int round = 0; round < 400; ++round) {

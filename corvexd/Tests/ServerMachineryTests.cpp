@@ -6,7 +6,8 @@
 #include <nlohmann/json.hpp>
 
 #include "CorvexKit/SessionBackend.h"
-#include "Support/DaemonHarness.h"
+#include "CorvexKit/Tests/Support/ScratchDirectory.h"
+#include "Support/RawClient.h"
 #include "corvexd/Server.h"
 
 using namespace corvexd::testing;
@@ -22,7 +23,7 @@ class InProcessServer {
 public:
     explicit InProcessServer(size_t paneQueueLimit = 8u << 20) {
         corvexd::ServerOptions options;
-        options.socketPath = harness.base() + "/test.sock";
+        options.socketPath = scratch.file("test.sock");
         options.version = "0.0.0";
         options.buildId = "0.0.0-test";
         options.paneQueueLimit = paneQueueLimit;
@@ -57,14 +58,14 @@ public:
         server->stop();
         thread.join();
     }
-    std::string socketPath() const { return harness.base() + "/test.sock"; }
+    std::string socketPath() const { return scratch.file("test.sock"); }
 
     struct Input {
         ClientID client;
         uint64_t pane;
         std::string bytes;
     };
-    DaemonHarness harness;
+    corvex::testing::ScratchDirectory scratch;
     std::unique_ptr<Server> server;
     std::thread thread;
     std::mutex lock;

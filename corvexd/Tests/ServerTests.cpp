@@ -58,7 +58,7 @@ TEST(CorvexdServer, HelloDescribesThisRunAndOnlyWhatIsImplemented) {
     }
     EXPECT_FALSE(result["machine"]["hostname"].get<std::string>().empty());
     EXPECT_EQ(result["machine"]["os"], "linux");
-    // A new run's instance differs: CorvexdBackendAgainstDaemon follows a restart.
+    // A new run's instance differs: EndToEnd.ARestartedDaemonIsReachedAgainAndPaneViewsStartOver.
     EXPECT_EQ(RawClient(daemon.socketPath()).request("hello", helloParams()).value()["result"]["instance"],
               result["instance"])
         << "one run, one instance, whoever asks";
@@ -162,15 +162,15 @@ TEST(CorvexdServer, EphemeralDaemonLeavesWithItsLastClient) {
     {
         RawClient first(daemon.socketPath());
         ASSERT_TRUE(first.request("ping"));
-        EXPECT_FALSE(DaemonHarness::waitForExit(serve, 200ms)) << "no exit before anyone has come and gone";
+        EXPECT_FALSE(waitForExit(serve, 200ms)) << "no exit before anyone has come and gone";
         {
             RawClient second(daemon.socketPath());
             ASSERT_TRUE(second.request("ping"));
         }
-        EXPECT_FALSE(DaemonHarness::waitForExit(serve, 300ms)) << "one client is still there";
+        EXPECT_FALSE(waitForExit(serve, 300ms)) << "one client is still there";
         EXPECT_TRUE(first.request("ping"));
     }
-    EXPECT_EQ(DaemonHarness::waitForExit(serve, 10s), 0);
+    EXPECT_EQ(waitForExit(serve, 10s), 0);
     EXPECT_NE(daemon.run({"status"}).status, 0);
 }
 
@@ -180,7 +180,7 @@ TEST(CorvexdServer, TerminationSignalsEndServeCleanly) {
     RawClient client(daemon.socketPath());
     ASSERT_TRUE(client.request("ping"));
     ::kill(serve, SIGTERM);
-    EXPECT_EQ(DaemonHarness::waitForExit(serve, 10s), 0);
+    EXPECT_EQ(waitForExit(serve, 10s), 0);
     EXPECT_TRUE(client.closedByPeer());
     EXPECT_FALSE(RawClient(daemon.socketPath(), 0ms).connected());
 }

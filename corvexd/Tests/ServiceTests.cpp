@@ -10,7 +10,7 @@
 
 #include "CorvexKit/Tests/Support/ScratchDirectory.h"
 #include "corvexd/Service.h"
-#include "corvexd/Tests/EndToEndDaemon.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
 namespace corvexd {
 namespace {
@@ -24,7 +24,7 @@ protected:
     ServicePlace place(bool managerRuns) {
         ServicePlace place;
         place.unitDirectory = scratch.file("config with space/systemd/user");
-        place.command = {corvex::endtoend::builtProgram("corvexd"), "serve"};
+        place.command = {testing::builtProgram("corvexd"), "serve"};
         place.environment = {{"CORVEXD_RUNTIME_DIR", scratch.file("run")}};
         place.user = "someone";
         place.managerRuns = managerRuns;
@@ -90,22 +90,22 @@ TEST_F(Service, AUnitFromAnotherBuildIsNotUpToDateUntilRewritten) {
 
 TEST_F(Service, TheUnitPassesSystemdsOwnCheck) {
     if (::system("command -v systemd-analyze >/dev/null 2>&1") != 0) GTEST_SKIP() << "systemd-analyze isn't installed";
-    if (!corvex::endtoend::isBuilt("corvexd")) GTEST_SKIP() << "corvexd is not built";
+    if (!testing::isBuilt("corvexd")) GTEST_SKIP() << "corvexd is not built";
     auto here = place(true);
     // A folder with a space and a dollar, which the unit must quote.
     std::string odd = scratch.file("odd $place");
     ::mkdir(odd.c_str(), 0755);
-    ::symlink(corvex::endtoend::builtProgram("corvexd").c_str(), (odd + "/corvexd").c_str());
+    ::symlink(testing::builtProgram("corvexd").c_str(), (odd + "/corvexd").c_str());
     here.command = {odd + "/corvexd", "serve"};
     installService(here);
-    auto checked = corvex::endtoend::runProgram({"/bin/sh", "-c", "systemd-analyze verify \"$0\" 2>&1", here.unitPath()});
+    auto checked = testing::runProgram({"/bin/sh", "-c", "systemd-analyze verify \"$0\" 2>&1", here.unitPath()});
     EXPECT_EQ(checked.status, 0) << checked.out << "\n" << serviceUnitText(here);
     EXPECT_THAT(checked.out, ::testing::Not(HasSubstr("corvexd.service:"))) << "no complaint about the unit";
 }
 
 TEST_F(Service, TheCommandLinePrintsTheRecord) {
-    if (!corvex::endtoend::isBuilt("corvexd")) GTEST_SKIP() << "corvexd is not built";
-    auto ran = corvex::endtoend::runProgram({corvex::endtoend::builtProgram("corvexd"), "service", "status"},
+    if (!testing::isBuilt("corvexd")) GTEST_SKIP() << "corvexd is not built";
+    auto ran = testing::runProgram({testing::builtProgram("corvexd"), "service", "status"},
                                            {{"XDG_RUNTIME_DIR", scratch.file("no-manager")},
                                             {"XDG_CONFIG_HOME", scratch.file("config")}});
     ASSERT_EQ(ran.status, 0) << ran.err;
@@ -113,7 +113,7 @@ TEST_F(Service, TheCommandLinePrintsTheRecord) {
     EXPECT_EQ(record["supported"], false);
     EXPECT_EQ(record["installed"], false);
     EXPECT_EQ(record["file"], scratch.file("config") + "/systemd/user/corvexd.service");
-    EXPECT_EQ(corvex::endtoend::runProgram({corvex::endtoend::builtProgram("corvexd"), "service", "restart"}).status, 2);
+    EXPECT_EQ(testing::runProgram({testing::builtProgram("corvexd"), "service", "restart"}).status, 2);
 }
 
 } // namespace

@@ -9,9 +9,10 @@
 #include <sstream>
 
 #include "Platform/Tests/Support/Eventually.h"
-#include "corvexd/Tests/EndToEndDaemon.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
-namespace corvex::endtoend {
+namespace corvex {
+using namespace corvexd::testing;
 namespace {
 
 using ::testing::HasSubstr;
@@ -52,7 +53,7 @@ protected:
         return out;
     }
 
-    Daemon daemon;
+    DaemonHarness daemon;
 };
 
 // The numbers of the lines "n<number>" in the order they came, other text skipped.
@@ -185,4 +186,4 @@ TEST_F(Upgrade, WithNothingRunningItStartsTheNewBuild) {
 }
 
 } // namespace
-} // namespace corvex::endtoend
+} // namespace corvex

@@ -28,34 +28,23 @@ bool eventually(const std::function<bool()>& done, std::chrono::milliseconds tim
 }
 
 AppHarness::AppHarness() {
-    char pattern[] = "/tmp/corvex-app-XXXXXX";
-    base_ = ::mkdtemp(pattern);
-    runtimeDir_ = base_ + "/rt";
-    std::filesystem::create_directories(runtimeDir_);
-    std::filesystem::permissions(runtimeDir_, std::filesystem::perms::owner_all);
-    ::setenv("CORVEXD_RUNTIME_DIR", runtimeDir_.c_str(), 1);
+    std::filesystem::create_directories(runtimeDir());
+    std::filesystem::permissions(runtimeDir(), std::filesystem::perms::owner_all);
+    ::setenv("CORVEXD_RUNTIME_DIR", runtimeDir().c_str(), 1);
     {
         QSettings settings("Corvex", "Corvex");
         settings.clear();
         // Panes close without a question, except in the test that asks it.
         settings.setValue("SkipCloseConfirm.Pane", true);
     }
-    app_ = std::make_unique<AppDelegate>(AppDelegate::Options{false, base_ + "/Corvex.log"});
+    app_ = std::make_unique<AppDelegate>(AppDelegate::Options{false, daemon_.scratch().file("Corvex.log")});
     app_->launch();
     [[maybe_unused]] bool exposed = QTest::qWaitForWindowExposed(app_->window());
 }
 
-AppHarness::~AppHarness() {
-    if (reader_) reader_->stop();
-    reader_.reset();
-    app_.reset();
-    // The daemon leaves with its last client; this makes sure of it, shells and all.
-    std::string command = "CORVEXD_RUNTIME_DIR='" + runtimeDir_ + "' '" + std::getenv("CORVEXD_BIN") +
-                          "' shutdown >/dev/null 2>&1";
-    [[maybe_unused]] int status = std::system(command.c_str());
-    std::error_code ignored;
-    std::filesystem::remove_all(base_, ignored);
-}
+// The app goes first; the daemon it started leaves with its last client, and the harness
+// beneath makes sure of it, shells and all.
+AppHarness::~AppHarness() { app_.reset(); }
 
 bool AppHarness::waitForShell() {
     return eventually([this] {
@@ -88,10 +77,7 @@ void AppHarness::shortcut(Qt::Key key, Qt::KeyboardModifiers modifiers) {
 }
 
 CorvexdBackend& AppHarness::reader() {
-    if (!reader_) {
-        reader_ = CorvexdBackend::make(CorvexdBackend::Configuration::socket(socketPath(), "corvex-app-tests"));
-        reader_->start();
-    }
+    if (!reader_) reader_ = daemon_.connect("corvex-app-tests");
     return *reader_;
 }
 
@@ -148,18 +134,10 @@ std::string AppHarness::describe() {
     return text.str();
 }
 
-int AppHarness::daemonPid() const {
-    std::ifstream file(runtimeDir_ + "/corvexd.pid");
-    int pid = 0;
-    file >> pid;
-    return pid;
-}
-
 void AppHarness::killDaemon() {
     if (reader_) reader_->stop();
     reader_.reset();
-    int pid = daemonPid();
-    if (pid > 0) ::kill(pid, SIGKILL);
+    if (pid_t pid = daemonPid(); pid > 0) ::kill(pid, SIGKILL);
 }
 
 } // namespace corvex::apptest

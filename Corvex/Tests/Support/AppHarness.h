@@ -8,6 +8,7 @@
 
 #include "Corvex/AppDelegate.h"
 #include "CorvexKit/CorvexdBackend.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
 namespace corvex::apptest {
 
@@ -21,7 +22,7 @@ int runWindowTests(int argc, char** argv);
 bool eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout = 20s);
 
 // The real app against a real corvexd of its own: a fresh runtime folder and settings per
-// harness, the daemon found through CORVEXD_BIN in the build's bin folder.
+// harness, the daemon the build made.
 class AppHarness {
 public:
     AppHarness();
@@ -31,8 +32,8 @@ public:
 
     AppDelegate& app() { return *app_; }
     ModelStore& store() { return *app_->store(); }
-    const std::string& runtimeDir() const { return runtimeDir_; }
-    std::string socketPath() const { return runtimeDir_ + "/corvexd.sock"; }
+    const std::string& runtimeDir() const { return daemon_.runtimeDir(); }
+    std::string socketPath() const { return daemon_.socketPath(); }
 
     // Waits for the first workspace with a subscribed, live shell in its focused pane.
     bool waitForShell();
@@ -59,14 +60,13 @@ public:
     std::string describe();
 
     // The daemon: its process id, or 0.
-    int daemonPid() const;
+    pid_t daemonPid() const { return daemon_.daemonPid(); }
     void killDaemon();
 
 private:
     CorvexdBackend& reader();
 
-    std::string base_;
-    std::string runtimeDir_;
+    corvexd::testing::DaemonHarness daemon_; // never served here: the app starts the daemon
     std::unique_ptr<AppDelegate> app_;
     std::shared_ptr<CorvexdBackend> reader_;
 };

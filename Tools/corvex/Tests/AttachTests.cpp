@@ -9,10 +9,10 @@
 #include "CorvexKit/SessionBackend.h"
 #include "Platform/Tests/Support/Eventually.h"
 #include "Vellum/HeadlessTerminal.h"
-#include "corvexd/Tests/EndToEndDaemon.h"
+#include "corvexd/Tests/Support/DaemonHarness.h"
 
 using namespace corvex;
-using namespace corvex::endtoend;
+using namespace corvexd::testing;
 using platform::testing::eventually;
 
 namespace {
@@ -140,7 +140,7 @@ protected:
         return argv;
     }
 
-    Daemon daemon;
+    DaemonHarness daemon;
     std::shared_ptr<CorvexdBackend> backend;
     CreatedWorkspace made;
 };
@@ -351,4 +351,33 @@ TEST_F(Attach, TwoClientsOfDifferentSizesEachSeeThePaneAtItsTrueSize) {
     })) << backend->getState().pane(made.pane)->cols;
     wide.type("\x1c" "d");
     EXPECT_EQ(wide.exitStatus(), 0);
+}
+
+// No daemon runs: the first `corvex run`, as `make run` starts it, starts one and makes a
+// workspace; detaching leaves the shell, and the next run finds it with its screen as it was.
+TEST(Run, StartsTheDaemonAndReattachesToTheSameShell) {
+    if (!isBuilt("corvexd") || !isBuilt("corvex")) GTEST_SKIP() << "needs the built corvexd and corvex";
+    DaemonHarness daemon; // never served here: `run` starts it
+    {
+        UserTerminal first(100, 30, "");
+        first.start({builtProgram("corvex"), "run"}, daemon.environment());
+        ASSERT_TRUE(first.shows("d detaches")) << first.screenText();
+        first.type("echo mark-$((40+2))\r");
+        ASSERT_TRUE(first.shows("mark-42")) << first.screenText();
+        first.type("\x1c" "d");
+        EXPECT_TRUE(first.shows("detached from pane")) << first.screenText();
+        EXPECT_EQ(first.exitStatus(), 0);
+    }
+    {
+        UserTerminal second(100, 30, "");
+        second.start({builtProgram("corvex"), "run"}, daemon.environment());
+        EXPECT_TRUE(second.shows("mark-42")) << "the screen comes back as it was: " << second.screenText();
+        second.type("echo again-$((1+1))\r");
+        EXPECT_TRUE(second.shows("again-2")) << second.screenText();
+        second.type("\x1c" "d");
+        EXPECT_EQ(second.exitStatus(), 0);
+    }
+    Ran state = daemon.corvex({"state"});
+    ASSERT_EQ(state.status, 0) << state.err;
+    EXPECT_EQ(nlohmann::json::parse(state.out)["workspaces"].size(), 1u) << "the second run made no workspace of its own";
 }

@@ -66,15 +66,4 @@ protected:
     std::vector<std::optional<int32_t>> exits_;
 };
 
-// Polls until the condition holds, for up to ten seconds.
-template <typename Pred>
-bool eventually(Pred pred) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 } // namespace vellum::testing

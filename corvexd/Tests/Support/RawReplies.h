@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "Support/DaemonHarness.h"
+#include "Support/RawClient.h"
 
 // Reading a raw client's replies, and the panes the raw tests make.
 namespace corvexd::testing {

@@ -1,128 +1,14 @@
-#include "Support/DaemonHarness.h"
-#include "CorvexKit/Tests/Support/ScratchDirectory.h"
+#include "Support/RawClient.h"
 
 #include <cerrno>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace corvexd::testing {
-
-std::string DaemonHarness::executable() {
-    const char* bin = std::getenv("CORVEX_BUILD_BIN");
-    return std::string(bin ? bin : "build/ci/bin") + "/corvexd";
-}
-
-DaemonHarness::DaemonHarness() {
-    char pattern[] = "/tmp/cxd-test-XXXXXX";
-    base_ = ::mkdtemp(pattern);
-    runtimeDir_ = base_ + "/run";
-}
-
-DaemonHarness::~DaemonHarness() {
-    run({"shutdown"});
-    for (pid_t child : children_) {
-        if (!waitForExit(child, 0ms)) {
-            ::kill(child, SIGKILL);
-            waitForExit(child, 5s);
-        }
-    }
-    std::error_code ignored;
-    if (!std::getenv("CORVEXD_TEST_KEEP")) std::filesystem::remove_all(base_, ignored);
-}
-
-// Everything is prepared before the fork: the test process has threads, and a child of a
-// threaded process may only make async-signal-safe calls before it execs (another thread may
-// have held the allocator's lock at the fork).
-pid_t DaemonHarness::spawn(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& env,
-                           const std::string& outPath, const std::string& errPath, const std::string& inPath) {
-    std::string exe = executable();
-    std::map<std::string, std::string> variables;
-    for (char** entry = environ; entry && *entry; ++entry) {
-        std::string text = *entry;
-        auto equals = text.find('=');
-        if (equals != std::string::npos) variables[text.substr(0, equals)] = text.substr(equals + 1);
-    }
-    variables["CORVEXD_RUNTIME_DIR"] = runtimeDir_;
-    variables.erase("CORVEXD_EPHEMERAL");
-    for (const auto& [key, value] : env) variables[key] = value;
-    std::vector<std::string> environment;
-    for (const auto& [key, value] : variables) environment.push_back(key + "=" + value);
-    std::vector<char*> envp;
-    for (auto& entry : environment) envp.push_back(entry.data());
-    envp.push_back(nullptr);
-    std::vector<char*> argv{exe.data()};
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-
-    int in = ::open(inPath.c_str(), O_RDONLY | O_CLOEXEC);
-    int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(in, 0);
-        ::dup2(out, 1);
-        ::dup2(err, 2);
-        ::execve(exe.c_str(), argv.data(), envp.data());
-        ::_exit(127);
-    }
-    for (int fd : {in, out, err}) {
-        if (fd >= 0) ::close(fd);
-    }
-    return pid;
-}
-
-CommandResult DaemonHarness::run(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& env,
-                                 const std::string& input) {
-    std::string prefix = base_ + "/command" + std::to_string(commands_++);
-    std::ofstream(prefix + ".in") << input;
-    pid_t pid = spawn(arguments, env, prefix + ".out", prefix + ".err", prefix + ".in");
-    CommandResult result;
-    auto status = waitForExit(pid, 60s);
-    if (!status) {
-        ::kill(pid, SIGKILL);
-        waitForExit(pid, 5s);
-    }
-    result.status = status.value_or(-1);
-    result.out = corvex::testing::readFile(prefix + ".out");
-    result.err = corvex::testing::readFile(prefix + ".err");
-    return result;
-}
-
-pid_t DaemonHarness::spawnServe(const std::map<std::string, std::string>& env) {
-    std::string prefix = base_ + "/serve" + std::to_string(commands_++);
-    pid_t pid = spawn({"serve"}, env, prefix + ".out", prefix + ".err", "/dev/null");
-    std::lock_guard guard(childrenLock_);
-    children_.push_back(pid);
-    return pid;
-}
-
-std::optional<int> DaemonHarness::waitForExit(pid_t pid, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (true) {
-        int status = 0;
-        pid_t done = ::waitpid(pid, &status, WNOHANG);
-        if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        if (done < 0 && errno != EINTR) return -1;
-        if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(5ms);
-    }
-}
-
-pid_t DaemonHarness::daemonPid() const {
-    return static_cast<pid_t>(std::atol(corvex::testing::readFile(runtimeDir_ + "/corvexd.pid").c_str()));
-}
 
 RawClient::RawClient(const std::string& socketPath, std::chrono::milliseconds patience, Greeting greeting) {
     connect(socketPath, patience);
