@@ -107,6 +107,11 @@ uint64_t ChunkReader::position() const {
     return position_;
 }
 
+void ChunkReader::seek(uint64_t position) {
+    std::lock_guard guard(lock_);
+    position_ = position;
+}
+
 void ChunkReader::closeLocked() {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;

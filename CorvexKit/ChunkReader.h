@@ -36,6 +36,8 @@ public:
     std::optional<Identity> identity() const;
 
     uint64_t position() const;
+    // The next read or copy starts at `position`.
+    void seek(uint64_t position);
 
     // The reader as a sequence, sharing it with whoever may close it.
     static ByteBlocks blocks(std::shared_ptr<ChunkReader> reader);

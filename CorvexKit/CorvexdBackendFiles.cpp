@@ -285,7 +285,7 @@ FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOpti
     try {
         result = live->request(std::string(method.name), protocol::encodeParams(method), std::nullopt, hook);
     } catch (const BackendError& error) {
-        if (copiedThere && error.code() == "bad_request") throw LocalSourceRefused{};
+        if (copiedThere && error.code() == protocol::fsLocalSourceRefused) throw LocalSourceRefused{};
         throw;
     }
     live.reset();

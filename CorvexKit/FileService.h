@@ -83,6 +83,8 @@ public:
     static void remove(const std::string& path, bool recursive);
     static FileSpace statfs(const std::string& path);
     static OpenedRead openRead(const std::string& path, const FileReadOptions& options);
+    // Fails with "changed" when `found` isn't the version that the options expect.
+    static void expectVersion(const FileEntry& found, const FileReadOptions& options);
     static std::unique_ptr<StagedWrite> beginWrite(const std::string& path, const FileWriteOptions& options);
 
     // The hidden names beside a target that a write stages under.

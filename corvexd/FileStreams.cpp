@@ -249,13 +249,14 @@ void FileStreams::serveWrite() {
             // A copy from a file here holds no data of its own: the kernel moves it.
             stream->copying = params.localSource.has_value();
             try {
-                if (stream->copying && (params.localSource->bootID.empty() || params.localSource->bootID != FileService::bootID()))
-                    throw corvex::fileError(FileErrorCode::badRequest, "the source is on another machine");
+                // The source is settled before the target is touched: a refused one leaves
+                // the target as the client's streamed retry expects to find it.
+                if (stream->copying) stream->reader = openLocalSource(*params.localSource);
                 charge(*stream, stream->copying ? smallestCharge : stream->window);
                 claimUpload(stream, params);
                 stream->staged = FileService::beginWrite(params.path, params.options);
                 stream->received = stream->taken = stream->staged->offset();
-                if (stream->copying) stream->reader = openLocalSource(*params.localSource, stream->staged->offset());
+                if (stream->copying) stream->reader->seek(stream->staged->offset());
                 server_.post([this, stream, id] {
                     {
                         std::lock_guard guard(lock_);
@@ -378,18 +379,29 @@ void FileStreams::endStoppedWrite(const std::shared_ptr<Stream>& stream) {
     finish(stream, std::move(frames));
 }
 
-// The client's file, opened here: refused unless it is the very file the client looked at,
-// and "changed" when it is no longer the version the client found, as a read would say.
-std::shared_ptr<corvex::ChunkReader> FileStreams::openLocalSource(const protocol::LocalSource& source, uint64_t offset) {
-    corvex::FileReadOptions options;
-    options.offset = offset;
-    options.expectSize = source.size;
-    options.expectMtimeNs = source.mtimeNs;
-    std::shared_ptr<corvex::ChunkReader> reader = FileService::openRead(source.path, options).reader;
-    std::optional<corvex::ChunkReader::Identity> identity = reader->identity();
+// The client's file, opened here: refused unless this is the client's machine and the path
+// opens the very file the client looked at (another mount namespace may show another file, or
+// none), so that the client sends the bytes instead; "changed" when it is the file but no
+// longer the version the client found, as a read would say.
+std::shared_ptr<corvex::ChunkReader> FileStreams::openLocalSource(const protocol::LocalSource& source) {
+    auto refuse = [&](const std::string& why) {
+        return BackendError(std::string(protocol::fsLocalSourceRefused), source.path + ": " + why);
+    };
+    if (source.bootID.empty() || source.bootID != FileService::bootID()) throw refuse("the source is on another machine");
+    corvex::OpenedRead opened;
+    try {
+        opened = FileService::openRead(source.path, corvex::FileReadOptions{});
+    } catch (const BackendError& error) {
+        throw refuse(error.message());
+    }
+    std::optional<corvex::ChunkReader::Identity> identity = opened.reader->identity();
     if (!identity || identity->device != source.device || identity->inode != source.inode)
-        throw corvex::fileError(FileErrorCode::badRequest, source.path + " here is not the client's file");
-    return reader;
+        throw refuse("not the client's file here");
+    corvex::FileReadOptions expected;
+    expected.expectSize = source.size;
+    expected.expectMtimeNs = source.mtimeNs;
+    FileService::expectVersion(opened.entry, expected);
+    return opened.reader;
 }
 
 // Same work as a streamed write, with the data taken from the file here in window-sized

@@ -63,8 +63,7 @@ private:
     void runWrite(std::shared_ptr<Stream> stream);
     void runCopy(std::shared_ptr<Stream> stream);
     void endStoppedWrite(const std::shared_ptr<Stream>& stream);
-    static std::shared_ptr<corvex::ChunkReader> openLocalSource(const corvex::protocol::LocalSource& source,
-                                                                uint64_t offset);
+    static std::shared_ptr<corvex::ChunkReader> openLocalSource(const corvex::protocol::LocalSource& source);
     void finish(const std::shared_ptr<Stream>& stream, std::vector<std::string> frames);
     void stopLocked(Stream& stream, Stop how);
     void fileData(ClientID client, std::string_view payload);

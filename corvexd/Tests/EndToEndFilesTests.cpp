@@ -748,7 +748,7 @@ TEST_F(DaemonFiles, ACopyFromThisMachineIsMadeByTheDaemonWithTheStreamsRules) {
 
 TEST_F(DaemonFiles, ACopyFromAFileTheDaemonCannotSeeAsTheClientDoesIsRefused) {
     writeBytes(at("source"), "some bytes");
-    writeBytes(at("other"), "some bytes");
+    writeBytes(at("other"), "other bytes, more of them");
     FileEntry entry = LocalFileBackend().stat(at("source"));
     struct stat record {};
     ASSERT_EQ(::stat(at("source").c_str(), &record), 0);
@@ -759,9 +759,11 @@ TEST_F(DaemonFiles, ACopyFromAFileTheDaemonCannotSeeAsTheClientDoesIsRefused) {
         return json{{"path", path}, {"boot_id", boot}, {"dev", record.st_dev}, {"ino", record.st_ino},
                     {"size", entry.size}, {"mtime_ns", entry.mtimeNs}};
     };
+    // What another mount namespace shows: another file at the path, one of another size, or none.
     const std::pair<const char*, json> refused[] = {
         {"another machine", local(at("source"), "another-boot")},
         {"another file at the path", local(at("other"), FileService::bootID())},
+        {"no file at the path", local(at("absent"), FileService::bootID())},
     };
     for (const auto& [name, source] : refused) {
         SCOPED_TRACE(name);
@@ -769,7 +771,7 @@ TEST_F(DaemonFiles, ACopyFromAFileTheDaemonCannotSeeAsTheClientDoesIsRefused) {
         params["local_source"] = source;
         auto reply = client.request("fs.write", params);
         ASSERT_TRUE(reply);
-        EXPECT_EQ((*reply)["error"]["code"], "bad_request") << reply->dump();
+        EXPECT_EQ((*reply)["error"]["code"], protocol::fsLocalSourceRefused) << reply->dump();
         EXPECT_FALSE(fsys::exists(at(std::string("to-") + name)));
     }
     json params = writeParams(at("to"));
