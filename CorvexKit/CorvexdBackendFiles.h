@@ -72,7 +72,8 @@ private:
                     FileProgress progress, const platform::CancellationToken& cancel,
                     std::optional<protocol::LocalSource> local);
     bool waitForCredit(const std::shared_ptr<Stream>& stream, uint64_t upTo);
-    void sendPiece(const std::shared_ptr<Stream>& stream, uint64_t id, std::string_view bytes);
+    // `last` sends the end frame after the piece.
+    void sendPiece(const std::shared_ptr<Stream>& stream, uint64_t id, std::string_view bytes, bool last = false);
 
     std::weak_ptr<CorvexdBackend> backend_;
     TextSink log_;
