@@ -307,7 +307,11 @@ FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOpti
             std::unique_lock guard(lock_);
             stream->wake.wait(guard, [&] { return stream->hasOutcome(); });
             if (stream->error) throw *stream->error;
-            return *stream->entry;
+            FileEntry placed = *stream->entry;
+            const bool unacknowledged = stream->window.acked < placed.size;
+            guard.unlock();
+            if (progress && unacknowledged) progress(placed.size);
+            return placed;
         }
         // Each piece is one frame, which has a bound of its own.
         const size_t chunk = std::clamp<size_t>(static_cast<size_t>(std::max(options.chunk, 1)), 1, 4u << 20);

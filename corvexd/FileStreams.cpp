@@ -419,13 +419,16 @@ void FileStreams::runCopy(std::shared_ptr<Stream> stream) {
                 std::lock_guard guard(lock_);
                 if (stream->stop != Stop::none) break;
             }
-            if (stream->staged->appendFrom(*stream->reader, copyStep) == 0) {
+            uint64_t copied = stream->staged->appendFrom(*stream->reader, copyStep);
+            if (copied == 0) {
                 stream->reader->close();
                 corvex::FileEntry entry = stream->staged->finish();
                 finish(stream, {eventFrame(protocol::FsDone{stream->id, std::move(entry), false})});
                 return;
             }
-            server_.sendFrames(stream->client, {eventFrame(protocol::FsAck{stream->id, stream->staged->total()})});
+            // A short step met the end of the source: "fs.done" follows at once and says it all.
+            if (copied == copyStep)
+                server_.sendFrames(stream->client, {eventFrame(protocol::FsAck{stream->id, stream->staged->total()})});
         }
     } catch (...) {
         BackendError error = asFileError(std::current_exception(), target);
