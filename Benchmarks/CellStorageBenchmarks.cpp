@@ -77,7 +77,7 @@ static void BM_RecycleFullRing(benchmark::State& state) {
     for (auto _ : state) {
         ring.recycle(PackedCell{}, false, {});
         BufferLine& bottom = ring[rows - 1];
-        bottom.storage.cells[0] = PackedCell::make(0, 'y', 0, 0, false, 0, 0);
+        bottom.writableCells(1)[0] = PackedCell::make(0, 'y', 0, 0, false, 0, 0);
         bottom.usedLength = 1;
     }
     state.SetItemsProcessed(state.iterations());

@@ -15,8 +15,10 @@ Buffer::Buffer(int cols, int rows, int scrollback, std::shared_ptr<CellArena> ar
     resetRegion();
 }
 
+// A blank row holds no words until it is written.
 std::shared_ptr<BufferLine> Buffer::makeRow(int cols, PackedCell blank, bool isWrapped) const {
-    auto line = std::make_shared<BufferLine>(cols, std::nullopt, isWrapped, defaultBidiState, cellArena);
+    auto line = std::make_shared<BufferLine>(0, std::nullopt, isWrapped, defaultBidiState, cellArena);
+    line->resize(cols, PackedCell{});
     line->fill(blank);
     return line;
 }
@@ -88,6 +90,7 @@ void Buffer::reflow(int newCols, PackedCell blank) {
     x = std::min(newCursorX, newCols - 1);
     savedY = std::clamp(newSavedRow - drop - yBase, 0, rows_ - 1);
     savedX = std::min(savedX, newCols - 1);
+    for (int i = 0; i < yBase; ++i) lines[i].compact();
 }
 
 void Buffer::resetRegion() {
@@ -137,6 +140,9 @@ void Buffer::scroll(PackedCell blank, bool isWrapped) {
         return;
     }
     bool following = yDisp == yBase;
+    // The bottom row is compacted as it moves up, while it is still in the cache: output is
+    // written at the bottom, so rows reach the scrollback compact without being read again.
+    row(rows_ - 1).compact(&compactWords);
     if (lines.count() < lines.maxLength) {
         appendRow(blank, isWrapped);
         ++yBase;
@@ -214,12 +220,12 @@ namespace {
 
 // Opens columns [start, start + count) of a row for writing: the wide characters cut at either
 // end are healed, and the row's bookkeeping moves once for the whole stretch.
-PackedCell* openStretch(BufferLine& line, int start, int count) {
+PackedCell* openStretch(BufferLine& line, int start, int count, CellWordPool& pool) {
     line.repairWideSeam(start);
     line.repairWideSeam(start + count);
     line.usedLength = std::max(line.usedLength, start + count);
     ++line._generation;
-    return line.storage.data() + start;
+    return line.writableCells(start + count, &pool) + start;
 }
 
 } // namespace
@@ -232,7 +238,7 @@ size_t Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell bas
         if (!placeCharacter(1, blank)) return count;
         if (!wraparound && x == rightBound() && count - done > 1) done = count - 1; // the rest overwrite the last cell
         int n = static_cast<int>(std::min<size_t>(count - done, static_cast<size_t>(rightBound() - x + 1)));
-        PackedCell* out = openStretch(row(y), x, n);
+        PackedCell* out = openStretch(row(y), x, n, compactWords);
         const uint8_t* in = bytes + done;
         for (int i = 0; i < n; ++i) out[i].raw = word | uint64_t(in[i]) << PackedCell::valueShift;
         x += n;
@@ -253,7 +259,7 @@ size_t Buffer::insertContentRun(const uint32_t* contents, size_t count, int widt
         if (!wraparound && width == 1 && x == rightBound() && count - done > 1) done = count - 1;
         int columns = rightBound() - x + 1;
         int n = static_cast<int>(std::min<size_t>(count - done, static_cast<size_t>(width == 2 ? columns / 2 : columns)));
-        PackedCell* out = openStretch(row(y), x, n * width);
+        PackedCell* out = openStretch(row(y), x, n * width, compactWords);
         const uint32_t* in = contents + done;
         if (width == 1) {
             for (int i = 0; i < n; ++i) out[i].raw = word | in[i];
@@ -311,6 +317,7 @@ void Buffer::resize(int cols, int rows, PackedCell blank) {
             if (lines.count() - 1 > yBase + y && !lines[lines.count() - 1].hasAnyContent()) {
                 lines.setCount(lines.count() - 1);
             } else {
+                lines[yBase].compact(); // into the scrollback
                 ++yBase;
                 y = std::max(y - 1, 0);
             }

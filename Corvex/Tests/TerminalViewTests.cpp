@@ -280,21 +280,17 @@ TEST_F(TerminalViewTest, KeysReachTheProgramInXtermEncoding) {
             EXPECT_EQ(take(), c.bytes) << QKeySequence(c.key | c.modifiers).toString().toStdString();
         }
     };
+    // One key of each kind Qt hands over; the bytes for every key are KeyEncoder's tests.
     press({{Qt::Key_A, {}, "a"},
            {Qt::Key_C, Qt::ControlModifier, "\x03"},
-           {Qt::Key_Space, Qt::ControlModifier, std::string(1, '\0')},
            {Qt::Key_X, Qt::AltModifier, "\x1bx"},
-           {Qt::Key_Up, {}, "\x1b[A"},
            {Qt::Key_Left, Qt::ControlModifier, "\x1b[1;5D"},
            {Qt::Key_F5, {}, "\x1b[15~"},
-           {Qt::Key_Backspace, {}, "\x7f"},
-           {Qt::Key_Tab, {}, "\t"},
            {Qt::Key_Backtab, Qt::ShiftModifier, "\x1b[Z"},
-           {Qt::Key_Return, {}, "\r"},
            // Ctrl+Shift chords are the application's.
            {Qt::Key_T, Qt::ControlModifier | Qt::ShiftModifier, ""}});
     feed("\x1b[?1h\x1b=");
-    press({{Qt::Key_Up, {}, "\x1bOA"}, {Qt::Key_Home, {}, "\x1bOH"}, {Qt::Key_Plus, Qt::KeypadModifier, "\x1bOk"}});
+    press({{Qt::Key_Up, {}, "\x1bOA"}, {Qt::Key_Plus, Qt::KeypadModifier, "\x1bOk"}});
 }
 
 TEST_F(TerminalViewTest, CtrlShiftGoesToShortcutsAndPlainCtrlToTheProgram) {

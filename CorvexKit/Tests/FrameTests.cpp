@@ -98,7 +98,7 @@ TEST(FrameParser, LengthLimits) {
     }
 }
 
-TEST(FrameCodec, BinaryPayloadsRoundTripAndShortOnesAreRejected) {
+TEST(FrameCodec, WideValuesRoundTripAndShortPayloadsAreRejected) {
     auto decode = [](const std::string& frame) { return std::string_view(frame).substr(frameHeaderSize); };
 
     std::string out = makeOutputFrame(0x0102030405060708ull, 0xfffffffffffffff0ull, "abc");
@@ -109,20 +109,8 @@ TEST(FrameCodec, BinaryPayloadsRoundTripAndShortOnesAreRejected) {
     EXPECT_EQ(output->seq, 0xfffffffffffffff0ull);
     EXPECT_EQ(output->bytes, "abc");
 
-    std::string in = makeInputFrame(9, "\x1b[A");
-    auto input = parseInputPayload(decode(in));
-    ASSERT_TRUE(input);
-    EXPECT_EQ(input->pane, 9u);
-    EXPECT_EQ(input->bytes, "\x1b[A");
-
-    std::string snap = makeSnapshotFrame(3, 77, 132, 50, "screen");
-    auto snapshot = parseSnapshotPayload(decode(snap));
-    ASSERT_TRUE(snapshot);
-    EXPECT_EQ(snapshot->pane, 3u);
-    EXPECT_EQ(snapshot->seq, 77u);
-    EXPECT_EQ(snapshot->cols, 132);
-    EXPECT_EQ(snapshot->rows, 50);
-    EXPECT_EQ(snapshot->bytes, "screen");
+    // Input and snapshot frames cross a real daemon in the backend contract suite; the output
+    // frame is here for the full 64-bit pane and position, which no session there reaches.
 
     std::string file = makeFileDataFrame(5, 1u << 20, true, "");
     auto data = parseFileDataPayload(decode(file));

@@ -30,15 +30,10 @@ TEST(SessionBackend, OptionalOperationsDefaultToUnknownMethodWithTheirOwnText) {
     testkit::ScriptedBackend backend;
     SessionBackend& base = backend;
     // Qualified calls reach the interface's own defaults, whatever the backend overrides. The
-    // texts are constants; a few stand for the rest.
+    // texts are constants; two stand for the rest.
     auto text = [&](auto call) { return unknownMethodText(call); };
     EXPECT_EQ(text([&] { base.SessionBackend::dismissRestored(1); }), "this backend doesn't restore panes");
-    EXPECT_EQ(text([&] { base.SessionBackend::move(MoveRequest::moveWorkspace(1, 0)); }),
-              "this backend can't move tabs or workspaces");
     EXPECT_EQ(text([&] { base.searchPane(1, "x", {}); }), "this backend can't search scrollback");
-    EXPECT_EQ(text([&] { base.SessionBackend::getSettings(); }), "this backend has no settings");
-    EXPECT_EQ(text([&] { base.SessionBackend::serviceStatus(); }), "this backend can't start at login");
-    EXPECT_EQ(text([&] { base.pushActivities(); }), "this backend has no Live Activities");
 
     // The quiet defaults do nothing and raise nothing.
     base.reconnectNow();

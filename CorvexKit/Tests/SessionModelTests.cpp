@@ -173,7 +173,6 @@ TEST(PaneRestore, NoteNamesTheResumedAgent) {
 TEST(AgentInfo, KindNames) {
     EXPECT_EQ(AgentInfo::kindName("claude"), "Claude Code");
     EXPECT_EQ(AgentInfo::kindName("CODEX"), "Codex");
-    EXPECT_EQ(AgentInfo::kindName("aider"), "Aider");
     EXPECT_EQ(AgentInfo::kindName(""), "Agent");
     EXPECT_EQ(AgentInfo::shortName(""), "Agent");
 }
@@ -187,7 +186,6 @@ TEST(PaneDisplayTitle, DropsALeadingStatusGlyph) {
     EXPECT_EQ(shown("✳ Fixing the parser"), "Fixing the parser");   // U+2733, dingbats
     EXPECT_EQ(shown("⠋  Working  "), "Working");                     // braille spinner, trimmed
     EXPECT_EQ(shown("* task"), "task");
-    EXPECT_EQ(shown("• task"), "task");
     EXPECT_EQ(shown("∑ sums"), "sums");                               // Sm outside the ranges
     EXPECT_EQ(shown("🤖 robot"), "robot");                             // So, astral
     EXPECT_EQ(shown("é title"), "é title");                           // a letter stays

@@ -35,3 +35,15 @@ TEST(TerminalAllocation, ScrollingWithAFullScrollbackAllocatesNothingPerLine) {
     EXPECT_EQ(allocations.load() - before, 0);
     EXPECT_EQ(h.terminal.buffer().scrollbackRows(), 200);
 }
+
+TEST(TerminalAllocation, LinesOfVaryingLengthsAllocateNothingOnceTheLengthsRepeat) {
+    TerminalHarness h(80, 24, 200);
+    // Rows come back for lines of other lengths than they held: their words grow or shrink
+    // through the buffer's spare words.
+    std::string lines[] = {"short\r\n", std::string(70, 'w') + "\r\n", std::string(31, 'm') + "\x1b[42m tail\x1b[m\r\n",
+                           std::string(100, 'x') + "\r\n"};
+    for (int i = 0; i < 1200; ++i) h.terminal.feed(lines[i % 4]);
+    long before = allocations.load();
+    for (int i = 0; i < 2000; ++i) h.terminal.feed(lines[i % 4]);
+    EXPECT_EQ(allocations.load() - before, 0);
+}

@@ -137,14 +137,12 @@ TEST(TerminalPrint, InsertModeShiftsWithinTheMargins) {
 }
 
 TEST(TerminalPrint, GraphemeClustersShareOneCell) {
-    // Hangul jamo compose; a virama joins two consonants; a mark after a prepended sign joins it.
-    TerminalHarness h(10, 2);
-    h.terminal.feed("\xe1\x84\x80\xe1\x85\xa1\xe1\x86\xa8|"); // L V T
-    EXPECT_EQ(cellScalars(h.terminal, 0, 0), U"\u1100\u1161\u11A8");
-    EXPECT_EQ(cellScalars(h.terminal, 2, 0), U"|");
-    h.terminal.feed("\r\n\xe0\xa4\x95\xe0\xa5\x8d\xe0\xa4\xb7|"); // KA VIRAMA SSA
-    EXPECT_EQ(cellScalars(h.terminal, 0, 1), U"\u0915\u094D\u0937");
-    EXPECT_EQ(cellScalars(h.terminal, 1, 1), U"|");
+    // Where clusters break is Unicode's test; here a character of width one that the break rules
+    // join (SSA after a virama) goes into the cell before it.
+    TerminalHarness h(10, 1);
+    h.terminal.feed("\xe0\xa4\x95\xe0\xa5\x8d\xe0\xa4\xb7|"); // KA VIRAMA SSA
+    EXPECT_EQ(cellScalars(h.terminal, 0, 0), U"\u0915\u094D\u0937");
+    EXPECT_EQ(cellScalars(h.terminal, 1, 0), U"|");
 
     // A modifier joins a modifier base; after anything else it is an emoji of its own.
     TerminalHarness mod(10, 1);
