@@ -76,7 +76,7 @@ def ratio(peer, ours, key="seconds"):
 def local_cases(args, work, corvex, socket_path):
     out = {}
     for name, source, peer in (("big", "big", ["cp"]), ("tree", "tree", ["cp", "-r"])):
-        if name == "tree" and args.files == 0:
+        if (name == "tree" and args.files == 0) or "local-" + name not in args.cases:
             continue
         src = os.path.join(work, source)
         cp = best(args.runs, lambda: peer + [src, os.path.join(work, "dst-cp")], os.path.join(work, "dst-cp"))
@@ -143,6 +143,8 @@ def ssh_cases(args, work, corvex):
         subprocess.run([corvex] + ssh_args + ["hello"], env=env, check=True, stdout=subprocess.DEVNULL)
         out = {}
         for name in ("big", "tree"):
+            if "ssh-" + name not in args.cases:
+                continue
             src = os.path.join(work, name)
             def fresh(folder):
                 subprocess.run(["rm", "-rf", remote(folder)])
@@ -184,7 +186,10 @@ def main():
     parser.add_argument("--runs", type=int, default=2)
     parser.add_argument("--streams", type=int, default=4)
     parser.add_argument("--ssh", action="store_true")
+    parser.add_argument("--cases", default="local-big,local-tree,ssh-big,ssh-tree",
+                        help="comma-separated: local-big, local-tree, ssh-big, ssh-tree")
     args = parser.parse_args()
+    args.cases = set(args.cases.split(","))
     corvex, corvexd = os.path.join(args.bin, "corvex"), os.path.join(args.bin, "corvexd")
     work = tempfile.mkdtemp(prefix="corvex-copy-", dir=os.environ.get("TMPDIR", "/var/tmp"))
     result = {"load_before": os.getloadavg(), "big_mib": args.big_mib, "files": args.files}

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <vector>
 
 namespace corvex {
 
@@ -19,8 +21,7 @@ std::optional<Bytes> ChunkReader::next() {
     std::lock_guard guard(lock_);
     if (cancelled_) throw cancellationError();
     if (fd_ < 0) return std::nullopt;
-    uint64_t amount = static_cast<uint64_t>(chunk_);
-    if (end_) amount = *end_ > position_ ? std::min(amount, *end_ - position_) : 0;
+    uint64_t amount = amountLocked(static_cast<uint64_t>(chunk_));
     Bytes block(amount);
     ssize_t count = 0;
     if (amount > 0) {
@@ -39,6 +40,62 @@ std::optional<Bytes> ChunkReader::next() {
     return block;
 }
 
+uint64_t ChunkReader::amountLocked(uint64_t most) const {
+    if (!end_) return most;
+    return *end_ > position_ ? std::min(most, *end_ - position_) : 0;
+}
+
+namespace {
+
+// The portable way, for file systems that refuse an in-kernel copy between them.
+ssize_t copyThroughBuffer(int from, off_t& in, int to, off_t& out, size_t amount) {
+    static thread_local std::vector<char> buffer(1u << 20);
+    ssize_t count = ::pread(from, buffer.data(), std::min(amount, buffer.size()), in);
+    if (count <= 0) return count;
+    for (ssize_t done = 0; done < count;) {
+        ssize_t written = ::pwrite(to, buffer.data() + done, static_cast<size_t>(count - done), out + done);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return -1;
+        done += written;
+    }
+    in += count;
+    out += count;
+    return count;
+}
+
+} // namespace
+
+uint64_t ChunkReader::copyInto(int fd, uint64_t at, uint64_t most) {
+    std::lock_guard guard(lock_);
+    if (cancelled_) throw cancellationError();
+    if (fd_ < 0) return 0;
+    uint64_t amount = amountLocked(most);
+    off_t in = static_cast<off_t>(position_), out = static_cast<off_t>(at);
+    uint64_t copied = 0;
+    while (copied < amount) {
+        size_t left = static_cast<size_t>(amount - copied);
+        ssize_t count = inKernel_ ? ::copy_file_range(fd_, &in, fd, &out, left, 0) : copyThroughBuffer(fd_, in, fd, out, left);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && inKernel_ && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+            inKernel_ = false;
+            continue;
+        }
+        if (count < 0) throw std::system_error(errno, std::generic_category(), "copy");
+        if (count == 0) break;
+        copied += static_cast<uint64_t>(count);
+    }
+    position_ += copied;
+    if (copied == 0) closeLocked();
+    return copied;
+}
+
+std::optional<ChunkReader::Identity> ChunkReader::identity() const {
+    std::lock_guard guard(lock_);
+    struct stat record {};
+    if (fd_ < 0 || ::fstat(fd_, &record) != 0) return std::nullopt;
+    return Identity{static_cast<uint64_t>(record.st_dev), static_cast<uint64_t>(record.st_ino)};
+}
+
 void ChunkReader::close() {
     std::lock_guard guard(lock_);
     cancelled_ = cancelled_ || fd_ >= 0; // a second close keeps the first one's answer
@@ -48,6 +105,11 @@ void ChunkReader::close() {
 uint64_t ChunkReader::position() const {
     std::lock_guard guard(lock_);
     return position_;
+}
+
+void ChunkReader::seek(uint64_t position) {
+    std::lock_guard guard(lock_);
+    position_ = position;
 }
 
 void ChunkReader::closeLocked() {

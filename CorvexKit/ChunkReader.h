@@ -23,15 +23,29 @@ public:
 
     // The next block, nothing at the end; raises cancellationError() after a close.
     std::optional<Bytes> next();
+    // Copies up to `most` bytes from where the reader stands into `fd` at `at`, inside the
+    // kernel where the file systems allow it; 0 at the end. Raises as next() does.
+    uint64_t copyInto(int fd, uint64_t at, uint64_t most);
     void close();
 
+    struct Identity {
+        uint64_t device = 0;
+        uint64_t inode = 0;
+    };
+    // Of the open file; nothing once closed.
+    std::optional<Identity> identity() const;
+
     uint64_t position() const;
+    // The next read or copy starts at `position`.
+    void seek(uint64_t position);
 
     // The reader as a sequence, sharing it with whoever may close it.
     static ByteBlocks blocks(std::shared_ptr<ChunkReader> reader);
 
 private:
     void closeLocked();
+    // The bytes left to read, at most `most`.
+    uint64_t amountLocked(uint64_t most) const;
 
     mutable std::mutex lock_;
     int fd_ = -1;
@@ -39,6 +53,7 @@ private:
     std::optional<uint64_t> end_;
     int chunk_ = 1;
     bool cancelled_ = false;
+    bool inKernel_ = true; // copy_file_range, until the file systems refuse it
 };
 
 } // namespace corvex

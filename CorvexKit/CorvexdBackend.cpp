@@ -182,6 +182,10 @@ void CorvexdBackend::sendFrame(std::string frame) {
 
 std::string CorvexdBackend::transportName() const { return configuration_.transport->name(); }
 
+bool CorvexdBackend::overUnixSocket() const {
+    return dynamic_cast<const UnixSocketTransport*>(configuration_.transport.get()) != nullptr;
+}
+
 void CorvexdBackend::sendInput(uint64_t pane, ByteView bytes) {
     if (configuration_.trace) {
         trace("\u2192 INPUT pane " + std::to_string(pane) + " " + std::to_string(bytes.size()) + "B " +

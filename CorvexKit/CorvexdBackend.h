@@ -90,6 +90,8 @@ public:
     void sendFrame(std::string frame);
     // The transport's description, for messages about this connection.
     std::string transportName() const;
+    // The daemon is reached through a Unix socket, not through ssh.
+    bool overUnixSocket() const;
     void ping();
 
     std::optional<Hello> lastHello() const;

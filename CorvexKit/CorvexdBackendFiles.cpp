@@ -7,8 +7,10 @@
 #include <cmath>
 #include <condition_variable>
 #include <deque>
+#include <sys/stat.h>
 #include <thread>
 
+#include "CorvexKit/FileService.h"
 #include "CorvexKit/FileStreamWindow.h"
 #include "CorvexKit/ProtocolJSON.h"
 
@@ -35,6 +37,9 @@ struct CorvexdFileBackend::Stream {
 };
 
 namespace {
+
+// The daemon would not open the source itself; the write goes again with its bytes.
+struct LocalSourceRefused {};
 
 BackendError disconnected() { return BackendError("disconnected", "not connected to corvexd"); }
 
@@ -215,6 +220,48 @@ void CorvexdFileBackend::noteReadAck(uint64_t id, uint64_t offset) {
 
 FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
                                     FileProgress progress, const platform::CancellationToken& cancel) {
+    if (std::optional<protocol::LocalSource> local = localSourceFor(source)) {
+        try {
+            return write(path, options, source, progress, cancel, std::move(local));
+        } catch (const LocalSourceRefused&) {
+            // Another machine behind the socket, or another view of the disk: the bytes travel.
+            std::lock_guard guard(lock_);
+            localSourceRefused_ = true;
+        }
+    }
+    return write(path, options, source, std::move(progress), cancel, std::nullopt);
+}
+
+std::optional<protocol::LocalSource> CorvexdFileBackend::localSourceFor(const FileDataSource& source) const {
+    std::optional<FileDataSource::LocalFile> file = source.localFile();
+    if (!file) return std::nullopt;
+    {
+        std::lock_guard guard(lock_);
+        if (localSourceRefused_) return std::nullopt;
+    }
+    auto live = backend();
+    auto hello = live ? live->lastHello() : std::nullopt;
+    if (!hello || !hello->featureNames || !live->overUnixSocket()) return std::nullopt;
+    const auto& names = *hello->featureNames;
+    if (std::find(names.begin(), names.end(), protocol::fsLocalSourceFeature) == names.end()) return std::nullopt;
+    std::string bootID = FileService::bootID();
+    struct stat record {};
+    std::string path;
+    try {
+        path = FileService::resolve(file->path);
+    } catch (const BackendError&) {
+        return std::nullopt;
+    }
+    // A source that can't be looked at here is left to the streamed read to report.
+    if (bootID.empty() || ::stat(path.c_str(), &record) != 0) return std::nullopt;
+    return protocol::LocalSource{path, bootID, static_cast<uint64_t>(record.st_dev), static_cast<uint64_t>(record.st_ino),
+                                 file->size, file->mtimeNs};
+}
+
+FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
+                                    FileProgress progress, const platform::CancellationToken& cancel,
+                                    std::optional<protocol::LocalSource> local) {
+    const bool copiedThere = local.has_value();
     auto live = backend();
     if (!live) throw disconnected();
     std::weak_ptr<CorvexdFileBackend> weak = weak_from_this();
@@ -233,8 +280,14 @@ FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOpti
         self->streams_[*opened.stream] = made;
         stream = made;
     };
-    protocol::FsWrite method{{}, path, options};
-    json result = live->request(std::string(method.name), protocol::encodeParams(method), std::nullopt, hook);
+    protocol::FsWrite method{{}, path, options, std::move(local)};
+    json result;
+    try {
+        result = live->request(std::string(method.name), protocol::encodeParams(method), std::nullopt, hook);
+    } catch (const BackendError& error) {
+        if (copiedThere && error.code() == protocol::fsLocalSourceRefused) throw LocalSourceRefused{};
+        throw;
+    }
     live.reset();
     auto opened = protocol::decodeResult<protocol::FsWrite>(result);
     if (!opened.stream || !stream) throw BackendError("internal", "fs.write reply without a stream");
@@ -245,6 +298,21 @@ FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOpti
     });
 
     try {
+        if (copiedThere) {
+            // The daemon reads the file itself; its acks are the progress, its "fs.done" the end.
+            {
+                std::lock_guard guard(lock_);
+                stream->window.finSent = true;
+            }
+            std::unique_lock guard(lock_);
+            stream->wake.wait(guard, [&] { return stream->hasOutcome(); });
+            if (stream->error) throw *stream->error;
+            FileEntry placed = *stream->entry;
+            const bool unacknowledged = stream->window.acked < placed.size;
+            guard.unlock();
+            if (progress && unacknowledged) progress(placed.size);
+            return placed;
+        }
         // Each piece is one frame, which has a bound of its own.
         const size_t chunk = std::clamp<size_t>(static_cast<size_t>(std::max(options.chunk, 1)), 1, 4u << 20);
         ByteBlocks blocks = source.open(opened.offset);
@@ -271,10 +339,13 @@ FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOpti
             }
             pending.erase(0, at);
         }
-        if (wanted && !pending.empty() && (wanted = waitForCredit(stream, stream->window.sent + pending.size())))
-            sendPiece(stream, id, pending);
+        bool ended = false;
+        if (wanted && !pending.empty() && (wanted = waitForCredit(stream, stream->window.sent + pending.size()))) {
+            sendPiece(stream, id, pending, true);
+            ended = true;
+        }
 
-        if (wanted) {
+        if (wanted && !ended) {
             uint64_t end;
             {
                 std::lock_guard guard(lock_);
@@ -286,7 +357,13 @@ FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOpti
         std::unique_lock guard(lock_);
         stream->wake.wait(guard, [&] { return stream->hasOutcome(); });
         if (stream->error) throw *stream->error;
-        return *stream->entry;
+        FileEntry placed = *stream->entry;
+        const uint64_t all = stream->window.sent;
+        const bool unacknowledged = stream->window.acked < all;
+        guard.unlock();
+        // The daemon's end says it took everything, even where no ack for the last piece came.
+        if (progress && unacknowledged) progress(all);
+        return placed;
     } catch (...) {
         std::optional<BackendError> reason;
         {
@@ -307,15 +384,21 @@ bool CorvexdFileBackend::waitForCredit(const std::shared_ptr<Stream>& stream, ui
     return !stream->hasOutcome();
 }
 
-void CorvexdFileBackend::sendPiece(const std::shared_ptr<Stream>& stream, uint64_t id, std::string_view bytes) {
+void CorvexdFileBackend::sendPiece(const std::shared_ptr<Stream>& stream, uint64_t id, std::string_view bytes,
+                                   bool last) {
     auto live = backend();
     if (!live) throw disconnected();
     uint64_t offset;
     {
         std::lock_guard guard(lock_);
         offset = stream->window.sent;
+        stream->window.finSent = stream->window.finSent || last;
     }
-    live->sendFrame(makeFileDataFrame(id, offset, false, bytes));
+    std::string frames = makeFileDataFrame(id, offset, false, bytes);
+    // The end goes in the same write as the last piece: a small file then costs each process
+    // on the way one wake-up less.
+    if (last) frames += makeFileDataFrame(id, offset + bytes.size(), true, {});
+    live->sendFrame(std::move(frames));
     std::lock_guard guard(lock_);
     stream->window.sent += bytes.size();
 }

@@ -6,6 +6,7 @@
 
 #include "CorvexKit/CorvexdBackend.h"
 #include "CorvexKit/FileModel.h"
+#include "CorvexKit/Protocol.h"
 
 namespace corvex {
 
@@ -64,8 +65,15 @@ private:
     void noteReadAck(uint64_t id, uint64_t offset);
     // Blocks until a piece ending at `upTo` may go out; false when the daemon already ended
     // the stream well and wants nothing more.
+    // The source as the daemon may open it itself: over a Unix socket, to a daemon that says
+    // it can, from a file here.
+    std::optional<protocol::LocalSource> localSourceFor(const FileDataSource& source) const;
+    FileEntry write(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
+                    FileProgress progress, const platform::CancellationToken& cancel,
+                    std::optional<protocol::LocalSource> local);
     bool waitForCredit(const std::shared_ptr<Stream>& stream, uint64_t upTo);
-    void sendPiece(const std::shared_ptr<Stream>& stream, uint64_t id, std::string_view bytes);
+    // `last` sends the end frame after the piece.
+    void sendPiece(const std::shared_ptr<Stream>& stream, uint64_t id, std::string_view bytes, bool last = false);
 
     std::weak_ptr<CorvexdBackend> backend_;
     TextSink log_;
@@ -73,6 +81,7 @@ private:
     std::map<uint64_t, std::shared_ptr<Stream>> streams_;
     double stallTimeout_ = 60.0;
     bool watchdogRunning_ = false;
+    bool localSourceRefused_ = false; // once refused, never asked of this daemon again
 };
 
 } // namespace corvex

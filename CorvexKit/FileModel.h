@@ -134,6 +134,15 @@ public:
     // Changes whenever the content may have changed.
     virtual std::string fingerprint() const = 0;
     virtual ByteBlocks open(uint64_t offset) = 0;
+
+    // A file on this machine, as the source found it: a writer on this machine may copy it
+    // without reading it through the source.
+    struct LocalFile {
+        std::string path;
+        uint64_t size = 0;
+        std::string mtimeNs;
+    };
+    virtual std::optional<LocalFile> localFile() const { return std::nullopt; }
 };
 
 using FileProgress = std::function<void(uint64_t bytes)>;
@@ -146,6 +155,8 @@ public:
 
     virtual bool supportsFiles() const = 0;
     virtual std::optional<std::string> homeDirectory() const = 0;
+    // The files of the machine this process runs on.
+    virtual bool isThisMachine() const { return false; }
 
     virtual FileEntry stat(const std::string& path) = 0;
     virtual FileListing list(const std::string& path, bool hidden, std::optional<int> limit,

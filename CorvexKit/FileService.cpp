@@ -44,6 +44,14 @@ std::string parentDirectory(const std::string& path) {
     return parentEnd == std::string::npos ? "/" : path.substr(0, parentEnd + 1);
 }
 
+// Size and modification time: what tells one version of a file from another.
+void takeVersion(FileEntry& entry, const struct stat& record) {
+    entry.size = static_cast<uint64_t>(record.st_size);
+    entry.mtime = static_cast<double>(record.st_mtim.tv_sec) + static_cast<double>(record.st_mtim.tv_nsec) / 1e9;
+    entry.mtimeNs = std::to_string(static_cast<int64_t>(record.st_mtim.tv_sec) * nanosecondsPerSecond +
+                                   record.st_mtim.tv_nsec);
+}
+
 FileType typeOf(mode_t mode) {
     if (S_ISREG(mode)) return FileType::file;
     if (S_ISDIR(mode)) return FileType::dir;
@@ -176,7 +184,24 @@ void StagedWrite::append(ByteView bytes) {
         abandon();
         throw FileService::posixError(target_, error);
     }
-    total_ += bytes.size();
+    wrote(bytes.size());
+}
+
+uint64_t StagedWrite::appendFrom(ChunkReader& reader, uint64_t most) {
+    if (fd_ < 0) throw fileError(FileErrorCode::ioError, target_ + ": the write has ended");
+    uint64_t count = 0;
+    try {
+        count = reader.copyInto(fd_, total_, most);
+    } catch (const std::system_error& failure) {
+        abandon();
+        throw FileService::posixError(target_, failure.code().value());
+    }
+    wrote(count);
+    return count;
+}
+
+void StagedWrite::wrote(uint64_t count) {
+    total_ += count;
     // The disk starts on what has arrived while the rest is still coming, so the sync at the
     // end waits for a tail, not for the whole file.
     if (total_ - flushed_ >= writeBehind) {
@@ -307,10 +332,7 @@ FileEntry FileService::entry(const std::string& path, bool text) {
     entry.type = typeOf(record.st_mode);
     entry.path = path;
     entry.name = path == "/" ? "/" : lastComponent(path);
-    entry.size = static_cast<uint64_t>(record.st_size);
-    entry.mtime = static_cast<double>(record.st_mtim.tv_sec) + static_cast<double>(record.st_mtim.tv_nsec) / 1e9;
-    entry.mtimeNs = std::to_string(static_cast<int64_t>(record.st_mtim.tv_sec) * nanosecondsPerSecond +
-                                   record.st_mtim.tv_nsec);
+    takeVersion(entry, record);
     entry.mode = static_cast<int>(record.st_mode & 07777);
     entry.hidden = entry.name.starts_with(".");
     if (text && entry.type == FileType::file) entry.text = looksLikeText(path);
@@ -424,10 +446,6 @@ OpenedRead FileService::openRead(const std::string& path, const FileReadOptions&
     if (found.type != FileType::file)
         throw fileError(found.isDirectory() ? FileErrorCode::isADirectory : FileErrorCode::badRequest,
                         source + " isn't a file");
-    if (options.expectSize && *options.expectSize != found.size)
-        throw fileError(FileErrorCode::changed, source + " changed size");
-    if (options.expectMtimeNs && *options.expectMtimeNs != found.mtimeNs)
-        throw fileError(FileErrorCode::changed, source + " changed");
     // Non-blocking, so a FIFO swapped in since the look above can't hang the open.
     int fd = ::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) throw posixError(source, errno);
@@ -436,9 +454,24 @@ OpenedRead FileService::openRead(const std::string& path, const FileReadOptions&
         ::close(fd);
         throw fileError(FileErrorCode::badRequest, source + " isn't a file");
     }
+    // The version checked is the one opened, not one that the path held a moment before.
+    takeVersion(found, record);
+    try {
+        expectVersion(found, options);
+    } catch (...) {
+        ::close(fd);
+        throw;
+    }
     uint64_t end = options.length ? std::min(options.offset + *options.length, found.size) : found.size;
     auto reader = std::make_shared<ChunkReader>(fd, options.offset, end, std::max(options.chunk, smallestReadChunk));
     return OpenedRead{std::move(found), options.offset, std::move(reader)};
+}
+
+void FileService::expectVersion(const FileEntry& found, const FileReadOptions& options) {
+    if (options.expectSize && *options.expectSize != found.size)
+        throw fileError(FileErrorCode::changed, found.path + " changed size");
+    if (options.expectMtimeNs && *options.expectMtimeNs != found.mtimeNs)
+        throw fileError(FileErrorCode::changed, found.path + " changed");
 }
 
 std::string FileService::stagingName(const std::string& targetName, const std::string& id) {
@@ -446,6 +479,15 @@ std::string FileService::stagingName(const std::string& targetName, const std::s
 }
 
 std::string FileService::sideFileName(const std::string& stagingName) { return stagingName + ".source"; }
+
+std::string FileService::bootID() {
+    static const std::string id = [] {
+        std::string text = readWholeFile("/proc/sys/kernel/random/boot_id").value_or("");
+        while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+        return text;
+    }();
+    return id;
+}
 
 std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, const FileWriteOptions& options) {
     std::string target = resolve(path);
@@ -463,7 +505,7 @@ std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, co
     if (existing && !options.overwrite) throw fileError(FileErrorCode::exists, target + " already exists");
 
     std::string staging =
-        filePath(parentDirectory(target), stagingName(lastComponent(target), options.uploadID.value_or(freshUploadName())));
+        filePath(parentDirectory(target), stagingName(lastComponent(target), options.uploadID ? *options.uploadID : freshUploadName()));
     std::string sideFile = sideFileName(staging);
 
     std::optional<uint64_t> resumeAt;

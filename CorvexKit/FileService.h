@@ -29,6 +29,8 @@ public:
     const std::string& stagingPath() const { return stagingPath_; }
 
     void append(ByteView bytes);
+    // Takes up to `most` bytes straight from a reader of a file on this machine; 0 at its end.
+    uint64_t appendFrom(ChunkReader& reader, uint64_t most);
     // Checks the promised size and the target, then moves the file into place.
     FileEntry finish();
     // Gives up after a failure of the data: keeps the staging file only for an upload id.
@@ -39,6 +41,7 @@ private:
     StagedWrite(std::string target, std::string stagingPath, FileWriteOptions options,
                 std::optional<FileEntry> existing, int fd, uint64_t offset);
     void closeFile();
+    void wrote(uint64_t count);
 
     std::string target_;
     std::string stagingPath_;
@@ -80,11 +83,16 @@ public:
     static void remove(const std::string& path, bool recursive);
     static FileSpace statfs(const std::string& path);
     static OpenedRead openRead(const std::string& path, const FileReadOptions& options);
+    // Fails with "changed" when `found` isn't the version that the options expect.
+    static void expectVersion(const FileEntry& found, const FileReadOptions& options);
     static std::unique_ptr<StagedWrite> beginWrite(const std::string& path, const FileWriteOptions& options);
 
     // The hidden names beside a target that a write stages under.
     static std::string stagingName(const std::string& targetName, const std::string& id);
     static std::string sideFileName(const std::string& stagingName);
+
+    // This machine's boot, as the kernel names it: equal on both ends only on one machine.
+    static std::string bootID();
 
     // An OS failure as a file error naming the path: "PATH: strerror".
     static BackendError posixError(const std::string& path, int error);

@@ -20,6 +20,10 @@ public:
 
     uint64_t size() const override { return entry_.size; }
     std::string fingerprint() const override { return std::to_string(entry_.size) + ":" + entry_.mtimeNs; }
+    std::optional<LocalFile> localFile() const override {
+        if (!backend_.isThisMachine()) return std::nullopt;
+        return LocalFile{entry_.path, entry_.size, entry_.mtimeNs};
+    }
 
     ByteBlocks open(uint64_t offset) override {
         FileReadOptions options;

@@ -12,6 +12,7 @@ namespace corvex {
 class LocalFileBackend final : public FileBackend {
 public:
     bool supportsFiles() const override { return true; }
+    bool isThisMachine() const override { return true; }
     std::optional<std::string> homeDirectory() const override;
 
     FileEntry stat(const std::string& path) override;

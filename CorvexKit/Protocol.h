@@ -454,11 +454,32 @@ struct FileWriteOpened {
     bool operator==(const FileWriteOpened&) const = default;
 };
 
+// A source file that the daemon can open itself, because it runs on the same machine as the
+// client: the daemon copies it into the target in the kernel, and no data frame travels. The
+// daemon refuses it with `fsLocalSourceRefused` unless the boot id is its own and the path
+// opens the very file (device and inode) the client saw, as another mount namespace may not;
+// then the client sends the bytes. Size and time are checked as a read's are ("changed").
+struct LocalSource {
+    std::string path;
+    std::string bootID;
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    uint64_t size = 0;
+    std::string mtimeNs;
+    bool operator==(const LocalSource&) const = default;
+};
+
+// In hello's features when "fs.write" takes "local_source".
+inline constexpr std::string_view fsLocalSourceFeature = "fs.local_source";
+// The error code of an "fs.write" whose local source the daemon can't open as the client's.
+inline constexpr std::string_view fsLocalSourceRefused = "local_source_refused";
+
 struct FsWrite : Gated<Hello::Feature::fs> {
     static constexpr std::string_view name = "fs.write";
     using Result = FileWriteOpened;
     std::string path;
     FileWriteOptions options;
+    std::optional<LocalSource> localSource;
 };
 
 struct FsCancel : Gated<Hello::Feature::fs> {

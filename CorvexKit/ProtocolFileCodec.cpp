@@ -172,6 +172,11 @@ json encodeParams(const FsWrite& c) {
     putOptional(out, "mtime_ns", o.mtimeNs);
     putOptional(out, "upload_id", o.uploadID);
     putOptional(out, "source", o.source);
+    if (const std::optional<LocalSource>& local = c.localSource) {
+        out["local_source"] = withRawPaths(json{{"path", local->path}, {"boot_id", local->bootID},
+                                                {"dev", local->device}, {"ino", local->inode},
+                                                {"size", local->size}, {"mtime_ns", local->mtimeNs}});
+    }
     return withRawPaths(std::move(out));
 }
 void decodeParams(const json& j, FsWrite& c) {
@@ -186,6 +191,14 @@ void decodeParams(const json& j, FsWrite& c) {
     o.mtimeNs = optionalString(j, "mtime_ns");
     o.uploadID = optionalString(j, "upload_id");
     o.source = optionalString(j, "source");
+    if (const json* local = find(j, "local_source")) {
+        if (!local->is_object()) wrong("local_source", "an object");
+        c.localSource = LocalSource{requiredPath(*local), required(optionalString(*local, "boot_id"), "boot_id"),
+                                    required(optionalUnsigned(*local, "dev"), "dev"),
+                                    required(optionalUnsigned(*local, "ino"), "ino"),
+                                    required(optionalUnsigned(*local, "size"), "size"),
+                                    required(optionalString(*local, "mtime_ns"), "mtime_ns")};
+    }
 }
 
 json encodeParams(const FsCancel& c) { return json{{"stream", c.stream}}; }

@@ -22,6 +22,8 @@ namespace {
 constexpr int largestChunk = 4 << 20;
 // What the smallest stream is charged against its client's windows, and granted as credit.
 constexpr uint64_t smallestCharge = 64u << 10;
+// How much of a file here is copied between two looks for a cancel, and acknowledged at once.
+constexpr uint64_t copyStep = 8u << 20;
 
 std::string jsonFrame(const json& value) {
     // Names that aren't valid UTF-8 go out with replacement characters, never as a failure.
@@ -48,6 +50,7 @@ struct FileStreams::Stream {
     uint64_t id = 0;
     ClientID client = 0;
     bool write = false;
+    bool copying = false; // write: from a file on this machine, not from frames
     std::string path;
     uint64_t window = 0;
     uint64_t charged = 0; // against the client's windows
@@ -96,7 +99,8 @@ FileStreams::FileStreams(Server& server, Limits limits) : server_(server), limit
     server_.addNotification(std::string(protocol::FsAck::name),
                             [this](ClientID client, const json& params) { readAck(client, params); });
     server_.addClientGoneHandler([this](ClientID client) { clientGone(client); });
-    server_.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::fs))});
+    server_.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::fs)),
+                         std::string(protocol::fsLocalSourceFeature)});
 }
 
 FileStreams::~FileStreams() {
@@ -174,7 +178,8 @@ void FileStreams::open(const std::shared_ptr<Stream>& stream, std::string reply)
     server_.sendFrames(stream->client, {std::move(reply)});
     streamThreads_.detach([this, stream] {
         platform::setCurrentThreadName(stream->write ? "corvexd.fs.write" : "corvexd.fs.read");
-        if (stream->write) runWrite(stream);
+        if (stream->copying) runCopy(stream);
+        else if (stream->write) runWrite(stream);
         else runRead(stream);
         std::lock_guard guard(lock_);
         if (--workers_ == 0) workersDone_.notify_all();
@@ -241,11 +246,17 @@ void FileStreams::serveWrite() {
             uint64_t needed = std::max({params.options.size.value_or(UINT64_MAX), piece, smallestCharge});
             stream->window = std::min({static_cast<uint64_t>(std::max(params.options.window, 0)),
                                        limits_.largestWriteWindow, needed});
+            // A copy from a file here holds no data of its own: the kernel moves it.
+            stream->copying = params.localSource.has_value();
             try {
-                charge(*stream, stream->window);
+                // The source is settled before the target is touched: a refused one leaves
+                // the target as the client's streamed retry expects to find it.
+                if (stream->copying) stream->reader = openLocalSource(*params.localSource);
+                charge(*stream, stream->copying ? smallestCharge : stream->window);
                 claimUpload(stream, params);
                 stream->staged = FileService::beginWrite(params.path, params.options);
                 stream->received = stream->taken = stream->staged->offset();
+                if (stream->copying) stream->reader->seek(stream->staged->offset());
                 server_.post([this, stream, id] {
                     {
                         std::lock_guard guard(lock_);
@@ -342,12 +353,16 @@ void FileStreams::runWrite(std::shared_ptr<Stream> stream) {
             }
             stream->staged->append(corvex::asBytes(block));
             uint64_t total = stream->staged->total();
+            bool endsNow = false;
             {
                 std::lock_guard guard(lock_);
                 stream->taken = total;
                 if (stream->spare.size() < 4) stream->spare.push_back(std::move(block));
+                endsNow = stream->fin && stream->blocks.empty() && stream->stop == Stop::none;
             }
-            server_.sendFrames(stream->client, {eventFrame(protocol::FsAck{stream->id, total})});
+            // With the end already here, "fs.done" follows at once and acknowledges it all:
+            // a small file costs one frame less.
+            if (!endsNow) server_.sendFrames(stream->client, {eventFrame(protocol::FsAck{stream->id, total})});
         }
     } catch (...) {
         BackendError error = asFileError(std::current_exception(), target);
@@ -355,13 +370,75 @@ void FileStreams::runWrite(std::shared_ptr<Stream> stream) {
         finish(stream, {eventFrame(protocol::FsError{stream->id, error.code(), error.message()})});
         return;
     }
-    // Stopped: a staging file named by an upload id stays for the next attempt.
+    endStoppedWrite(stream);
+}
+
+// Stopped: a staging file named by an upload id stays for the next attempt.
+void FileStreams::endStoppedWrite(const std::shared_ptr<Stream>& stream) {
     stream->staged->abandon();
     std::vector<std::string> frames;
     if (stream->stop == Stop::cancelled) frames.push_back(eventFrame(protocol::FsDone{stream->id, std::nullopt, true}));
     if (stream->stop == Stop::failed && stream->failure)
         frames.push_back(eventFrame(protocol::FsError{stream->id, stream->failure->code(), stream->failure->message()}));
     finish(stream, std::move(frames));
+}
+
+// The client's file, opened here: refused unless this is the client's machine and the path
+// opens the very file the client looked at (another mount namespace may show another file, or
+// none), so that the client sends the bytes instead; "changed" when it is the file but no
+// longer the version the client found, as a read would say.
+std::shared_ptr<corvex::ChunkReader> FileStreams::openLocalSource(const protocol::LocalSource& source) {
+    auto refuse = [&](const std::string& why) {
+        return BackendError(std::string(protocol::fsLocalSourceRefused), source.path + ": " + why);
+    };
+    if (source.bootID.empty() || source.bootID != FileService::bootID()) throw refuse("the source is on another machine");
+    corvex::OpenedRead opened;
+    try {
+        opened = FileService::openRead(source.path, corvex::FileReadOptions{});
+    } catch (const BackendError& error) {
+        throw refuse(error.message());
+    }
+    std::optional<corvex::ChunkReader::Identity> identity = opened.reader->identity();
+    if (!identity || identity->device != source.device || identity->inode != source.inode)
+        throw refuse("not the client's file here");
+    corvex::FileReadOptions expected;
+    expected.expectSize = source.size;
+    expected.expectMtimeNs = source.mtimeNs;
+    FileService::expectVersion(opened.entry, expected);
+    return opened.reader;
+}
+
+// Same work as a streamed write, with the data taken from the file here in window-sized
+// steps: each step is acknowledged as the client's bytes would be, and a stop between steps
+// leaves the staging file as a broken stream would.
+void FileStreams::runCopy(std::shared_ptr<Stream> stream) {
+    const std::string target = stream->staged->target();
+    try {
+        for (;;) {
+            {
+                std::lock_guard guard(lock_);
+                if (stream->stop != Stop::none) break;
+            }
+            uint64_t copied = stream->staged->appendFrom(*stream->reader, copyStep);
+            if (copied == 0) {
+                stream->reader->close();
+                corvex::FileEntry entry = stream->staged->finish();
+                finish(stream, {eventFrame(protocol::FsDone{stream->id, std::move(entry), false})});
+                return;
+            }
+            // A short step met the end of the source: "fs.done" follows at once and says it all.
+            if (copied == copyStep)
+                server_.sendFrames(stream->client, {eventFrame(protocol::FsAck{stream->id, stream->staged->total()})});
+        }
+    } catch (...) {
+        BackendError error = asFileError(std::current_exception(), target);
+        stream->reader->close();
+        stream->staged->abandon();
+        finish(stream, {eventFrame(protocol::FsError{stream->id, error.code(), error.message()})});
+        return;
+    }
+    stream->reader->close();
+    endStoppedWrite(stream);
 }
 
 void FileStreams::runRead(std::shared_ptr<Stream> stream) {
@@ -411,6 +488,7 @@ void FileStreams::fileData(ClientID client, std::string_view payload) {
         stream.failure = corvex::fileError(FileErrorCode::badRequest, stream.path + ": " + message);
         stopLocked(stream, Stop::failed);
     };
+    if (stream.copying) return fail("data for a write that copies a file here");
     if (frame->offset != stream.received)
         return fail("data at " + std::to_string(frame->offset) + ", expected " + std::to_string(stream.received));
     // Past the window is a client that ignores credit; holding it would be unbounded.

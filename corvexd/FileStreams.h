@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 
+#include "CorvexKit/ChunkReader.h"
 #include "CorvexKit/Protocol.h"
 #include "Platform/WorkerPool.h"
 #include "corvexd/Server.h"
@@ -60,6 +61,9 @@ private:
     void open(const std::shared_ptr<Stream>& stream, std::string reply);
     void runRead(std::shared_ptr<Stream> stream);
     void runWrite(std::shared_ptr<Stream> stream);
+    void runCopy(std::shared_ptr<Stream> stream);
+    void endStoppedWrite(const std::shared_ptr<Stream>& stream);
+    static std::shared_ptr<corvex::ChunkReader> openLocalSource(const corvex::protocol::LocalSource& source);
     void finish(const std::shared_ptr<Stream>& stream, std::vector<std::string> frames);
     void stopLocked(Stream& stream, Stop how);
     void fileData(ClientID client, std::string_view payload);

@@ -114,6 +114,18 @@ TEST_F(FileStreamClient, AnEmptyWriteIsOneEndFrameAndAResumedOneStartsAtTheReply
     EXPECT_EQ(frames[1].bytes, patternBytes(3000).substr(1000, frames[1].bytes.size()));
     EXPECT_EQ(frames.back().offset, 3000u) << "the end is its own empty frame at the last offset";
     EXPECT_EQ(progress, std::vector<uint64_t>{3000}) << "progress is what the daemon took, not what was sent";
+
+    // A daemon that ends the stream as soon as the last piece is in sends no ack for it.
+    auto small = answer("fs.write", {{"stream", 9}, {"offset", 0}, {"window", 1 << 20}});
+    MemorySource tiny(patternBytes(500), "t");
+    progress.clear();
+    auto third = std::async(std::launch::async, [&] {
+        return files->write("/x/g", {}, tiny, [&](uint64_t done) { progress.push_back(done); });
+    });
+    ASSERT_TRUE(eventually([&] { return daemon.fileData().back().stream == 9 && daemon.fileData().back().fin; }));
+    event("fs.done", {{"stream", 9}, {"entry", entryJSON("/x/g", 500)}});
+    third.get();
+    EXPECT_EQ(progress, std::vector<uint64_t>{500}) << "the end stands for all of it";
 }
 
 TEST_F(FileStreamClient, AnEndWhileWaitingForCreditStopsTheWriteAndErrorsGetDefaults) {

@@ -190,9 +190,11 @@ CommandRun parseCp(Arguments& args) {
         auto to = sources.front().remote == destination.remote ? from : backendFor(destination.remote, daemon);
         FileTransfer transfer(from, to);
         transfer.maxStreams = streams;
-        // Small files keep many more in flight, within the daemon's streams for one client
-        // even when both ends are on it.
-        transfer.smallFileStreams = std::max(streams, 16);
+        // Small files keep many more in flight, within the daemon's 32 streams for one client
+        // (each file takes two when both ends are on it). The more go at once, the more of
+        // them each wake-up of ssh, the bridge and the daemon carries on a busy machine.
+        const bool bothOnDaemon = sources.front().remote && destination.remote;
+        transfer.smallFileStreams = std::max(streams, bothOnDaemon ? 16 : 32);
         // Larger pieces than the app's default: fewer frames and wake-ups for the same bytes,
         // still four to a window.
         transfer.chunk = 1 << 20;

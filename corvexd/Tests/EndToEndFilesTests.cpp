@@ -648,3 +648,135 @@ TEST_F(DaemonFiles, LocalPathsNeedNoDaemon) {
     // A path on the daemon's machine still needs one.
     EXPECT_EQ(alone({"ls", ":" + scratch.path()}).status, 1);
 }
+
+// ---------------------------------------------------------------- copies the daemon makes itself
+
+namespace {
+
+// A file here as a copy's source, which a daemon on this machine copies without being sent
+// its bytes; `opens` counts the times the bytes were read here after all.
+class HereSource final : public FileDataSource {
+public:
+    HereSource(std::string path, std::string mtimeNs) : path_(std::move(path)), entry_(LocalFileBackend().stat(path_)) {
+        entry_.mtimeNs = std::move(mtimeNs);
+    }
+    uint64_t size() const override { return entry_.size; }
+    std::string fingerprint() const override { return std::to_string(entry_.size) + ":" + entry_.mtimeNs; }
+    ByteBlocks open(uint64_t offset) override {
+        ++opens;
+        LocalFileSource disk(path_);
+        return disk.open(offset);
+    }
+    std::optional<LocalFile> localFile() const override { return LocalFile{path_, entry_.size, entry_.mtimeNs}; }
+
+    int opens = 0;
+
+private:
+    std::string path_;
+    FileEntry entry_;
+};
+
+struct HereCase {
+    const char* name;
+    bool staleTime = false;  // the source changed since it was looked at
+    bool preStaged = false;  // an earlier attempt left the first MiB, with bytes the source lacks
+    bool cancelAtOnce = false;
+    std::optional<std::string> code; // the failure; none: the copy succeeds
+};
+
+} // namespace
+
+TEST_F(DaemonFiles, ACopyFromThisMachineIsMadeByTheDaemonWithTheStreamsRules) {
+    const std::string bytes = patternBytes((96u << 20) + 12345, 3);
+    writeBytes(at("source"), bytes);
+    const std::string mtimeNs = LocalFileBackend().stat(at("source")).mtimeNs;
+    const std::string staged(1u << 20, 'X');
+    const HereCase cases[] = {
+        {"copies", false, false, false, std::nullopt},
+        {"resumes from the staged bytes", false, true, false, std::nullopt},
+        {"refuses a changed source", true, false, false, "changed"},
+        {"cancelled", false, false, true, "cancelled"},
+    };
+    auto files = connect();
+    for (const HereCase& row : cases) {
+        SCOPED_TRACE(row.name);
+        const std::string target = at(std::string("to-") + row.name);
+        HereSource source(at("source"), row.staleTime ? "1" : mtimeNs);
+        FileWriteOptions options;
+        options.size = bytes.size();
+        options.source = source.fingerprint();
+        options.uploadID = FileTransfer::uploadID(target, *options.source);
+        const std::string staging = scratch.file(FileService::stagingName(fsys::path(target).filename(), *options.uploadID));
+        if (row.preStaged) {
+            writeBytes(staging, staged);
+            writeBytes(FileService::sideFileName(staging), *options.source);
+        }
+        platform::CancellationToken cancel;
+        std::vector<uint64_t> progress;
+        auto write = [&] {
+            return files->write(target, options, source, [&](uint64_t offset) {
+                progress.push_back(offset);
+                if (row.cancelAtOnce) cancel.cancel();
+            }, cancel);
+        };
+        if (!row.code) {
+            EXPECT_EQ(write().size, bytes.size());
+            EXPECT_EQ(readBytes(target), row.preStaged ? staged + bytes.substr(staged.size()) : bytes);
+            EXPECT_FALSE(fsys::exists(staging));
+            ASSERT_FALSE(progress.empty());
+            EXPECT_EQ(progress.back(), bytes.size());
+        } else {
+            std::optional<BackendError> failure;
+            try {
+                write();
+            } catch (const BackendError& error) {
+                failure = error;
+            }
+            if (row.cancelAtOnce && !failure) {
+                // So quick that it ended before the cancel reached the daemon: then it is whole.
+                EXPECT_EQ(readBytes(target), bytes);
+            } else {
+                ASSERT_TRUE(failure);
+                EXPECT_EQ(failure->code(), *row.code) << failure->message();
+                EXPECT_FALSE(fsys::exists(target)) << "nothing half-written in place";
+            }
+        }
+        EXPECT_EQ(source.opens, 0) << "the bytes were never read here";
+        EXPECT_EQ(files->openStreams(), 0u);
+    }
+}
+
+TEST_F(DaemonFiles, ACopyFromAFileTheDaemonCannotSeeAsTheClientDoesIsRefused) {
+    writeBytes(at("source"), "some bytes");
+    writeBytes(at("other"), "other bytes, more of them");
+    FileEntry entry = LocalFileBackend().stat(at("source"));
+    struct stat record {};
+    ASSERT_EQ(::stat(at("source").c_str(), &record), 0);
+    corvexd::testing::RawClient client(daemon.socketPath());
+    json features = hello(client)["features"];
+    EXPECT_NE(std::find(features.begin(), features.end(), protocol::fsLocalSourceFeature), features.end());
+    auto local = [&](const std::string& path, const std::string& boot) {
+        return json{{"path", path}, {"boot_id", boot}, {"dev", record.st_dev}, {"ino", record.st_ino},
+                    {"size", entry.size}, {"mtime_ns", entry.mtimeNs}};
+    };
+    // What another mount namespace shows: another file at the path, one of another size, or none.
+    const std::pair<const char*, json> refused[] = {
+        {"another machine", local(at("source"), "another-boot")},
+        {"another file at the path", local(at("other"), FileService::bootID())},
+        {"no file at the path", local(at("absent"), FileService::bootID())},
+    };
+    for (const auto& [name, source] : refused) {
+        SCOPED_TRACE(name);
+        json params = writeParams(at(std::string("to-") + name));
+        params["local_source"] = source;
+        auto reply = client.request("fs.write", params);
+        ASSERT_TRUE(reply);
+        EXPECT_EQ((*reply)["error"]["code"], protocol::fsLocalSourceRefused) << reply->dump();
+        EXPECT_FALSE(fsys::exists(at(std::string("to-") + name)));
+    }
+    json params = writeParams(at("to"));
+    params["local_source"] = local(at("source"), FileService::bootID());
+    auto opened = client.request("fs.write", params);
+    ASSERT_TRUE(opened && opened->contains("result")) << opened->dump();
+    ASSERT_TRUE(eventually([&] { return readBytes(at("to")) == "some bytes"; }));
+}
