@@ -114,7 +114,9 @@ TEST(FilePathText, OnlyBytesOutsideValidUTF8AreEscaped) {
         EXPECT_EQ(isValidUTF8(item.bytes), item.valid) << item.bytes;
         std::optional<std::string> raw = rawPathText(item.bytes);
         EXPECT_EQ(raw.has_value(), !item.valid);
-        if (raw) EXPECT_EQ(pathFromRawText(*raw), item.bytes);
+        if (raw) {
+            EXPECT_EQ(pathFromRawText(*raw), item.bytes);
+        }
         EXPECT_TRUE(isValidUTF8(readablePath(item.bytes)));
     }
     EXPECT_EQ(pathFromRawText("%4"), std::nullopt);

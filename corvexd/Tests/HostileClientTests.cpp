@@ -265,7 +265,9 @@ TEST(HostileClient, SubscribersJoiningAPrintingPaneGetASnapshotThenEveryByteOnce
             if (end == std::string::npos) break;
             if (at > 0 && text[at - 1] != '\n') continue; // the partial line the stream began in
             long number = std::stol(text.substr(at + 4, end - at - 4));
-            if (previous) ASSERT_EQ(number, *previous + 1);
+            if (previous) {
+                ASSERT_EQ(number, *previous + 1);
+            }
             previous = number;
         }
         EXPECT_TRUE(previous.has_value());
