@@ -228,6 +228,25 @@ PackedCell* openStretch(BufferLine& line, int start, int count, CellWordPool& po
     return line.writableCells(start + count, &pool) + start;
 }
 
+// Writes the cells of n ASCII bytes. Words between escape sequences are a few letters long and
+// of every length, so runs of 4 to 16 are written as two overlapping blocks of straight-line
+// stores instead of a loop whose end is mispredicted at almost every run.
+void writeAsciiCells(PackedCell* out, const uint8_t* in, int n, uint64_t word) {
+    auto cell = [&](int i) { out[i].raw = word | uint64_t(in[i]) << PackedCell::valueShift; };
+    auto block = [&](int from, int size) {
+        for (int i = 0; i < size; ++i) cell(from + i);
+    };
+    if (n >= 8 && n <= 16) {
+        block(0, 8);
+        block(n - 8, 8);
+    } else if (n >= 4 && n < 8) {
+        block(0, 4);
+        block(n - 4, 4);
+    } else {
+        for (int i = 0; i < n; ++i) cell(i);
+    }
+}
+
 } // namespace
 
 size_t Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell base, PackedCell blank) {
@@ -239,8 +258,7 @@ size_t Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell bas
         if (!wraparound && x == rightBound() && count - done > 1) done = count - 1; // the rest overwrite the last cell
         int n = static_cast<int>(std::min<size_t>(count - done, static_cast<size_t>(rightBound() - x + 1)));
         PackedCell* out = openStretch(row(y), x, n, compactWords);
-        const uint8_t* in = bytes + done;
-        for (int i = 0; i < n; ++i) out[i].raw = word | uint64_t(in[i]) << PackedCell::valueShift;
+        writeAsciiCells(out, bytes + done, n, word);
         x += n;
         done += static_cast<size_t>(n);
     }
