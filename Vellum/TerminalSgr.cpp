@@ -152,6 +152,80 @@ void Terminal::selectGraphicRendition(CsiParameters pars, uint64_t colonMask) {
     if (curAttr.bg != backgroundBefore) updateEraseBlank();
 }
 
+// The pen as its interning key while a plain SGR is read: each rendition is a few bit
+// operations on a word held in a register, and whether the pen changed is one comparison.
+// The renditions read here are the ones programs colour with; any other (or an extended
+// colour cut short) hands the whole sequence to the general reader, which starts afresh.
+namespace {
+constexpr uint64_t colorCodeBits = 0x3FFFFFF;
+constexpr int foregroundShift = 0, backgroundShift = 26, styleShift = 52, underlineStyleShift = 60;
+constexpr uint32_t paletteCode = 0x2000000, trueColorCode = 0x3000000;
+
+uint64_t withColorCode(uint64_t word, int shift, uint32_t code) {
+    return (word & ~(colorCodeBits << shift)) | uint64_t(code) << shift;
+}
+} // namespace
+
+void Terminal::dispatchPlainSgr(std::span<const uint16_t> pars) {
+    const InternedAttributeKey before(curAttr);
+    uint64_t word0 = before.word0, word1 = before.word1;
+    const size_t count = pars.size();
+    auto component = [&](size_t at) { return uint32_t(std::min(pars[at], uint16_t(255))); };
+    for (size_t i = 0; i < count; ++i) {
+        unsigned p = pars[i];
+        if (p == 0) {
+            word0 = word1 = 0;
+        } else if (p == 1) {
+            word0 |= uint64_t(CharacterStyle::bold.rawValue) << styleShift;
+        } else if (p - 30 < 8) {
+            word0 = withColorCode(word0, foregroundShift, paletteCode + p - 30);
+        } else if (p - 40 < 8) {
+            word0 = withColorCode(word0, backgroundShift, paletteCode + p - 40);
+        } else if (p == 38 || p == 48) {
+            int shift = p == 38 ? foregroundShift : backgroundShift;
+            if (i + 2 < count && pars[i + 1] == 5) {
+                word0 = withColorCode(word0, shift, paletteCode + component(i + 2));
+                i += 2;
+            } else if (i + 4 < count && pars[i + 1] == 2) {
+                uint32_t rgb = component(i + 2) << 16 | component(i + 3) << 8 | component(i + 4);
+                word0 = withColorCode(word0, shift, trueColorCode + rgb);
+                i += 4;
+            } else {
+                takeGeneralSgr(pars);
+                return;
+            }
+        } else if (p == 39) {
+            word0 = withColorCode(word0, foregroundShift, 0);
+        } else if (p == 49) {
+            word0 = withColorCode(word0, backgroundShift, 0);
+        } else if (p - 90 < 8) {
+            word0 = withColorCode(word0, foregroundShift, paletteCode + p - 90 + 8);
+        } else if (p - 100 < 8) {
+            word0 = withColorCode(word0, backgroundShift, paletteCode + p - 100 + 8);
+        } else if (p == 22) {
+            word0 &= ~(uint64_t((CharacterStyle::bold | CharacterStyle::dim).rawValue) << styleShift);
+        } else {
+            takeGeneralSgr(pars);
+            return;
+        }
+    }
+    if (word0 == before.word0 && word1 == before.word1) return;
+    // Only SGR 0 touches the second word, and it empties it.
+    curAttr.fg = Attribute::Color::fromInternCode(uint32_t(word0 & colorCodeBits));
+    curAttr.bg = Attribute::Color::fromInternCode(uint32_t(word0 >> backgroundShift & colorCodeBits));
+    curAttr.style = CharacterStyle(uint8_t(word0 >> styleShift));
+    curAttr.underlineStyle = UnderlineStyle(word0 >> underlineStyleShift);
+    if (word1 == 0) curAttr.underlineColor.reset();
+    curStyleID = cellArena->intern(curAttr, InternedAttributeKey::fromWords(word0, word1)).value_or(0);
+    if ((word0 ^ before.word0) >> backgroundShift & colorCodeBits) updateEraseBlank();
+}
+
+void Terminal::takeGeneralSgr(std::span<const uint16_t> pars) {
+    int64_t values[CsiParameterStorage::capacity];
+    std::copy(pars.begin(), pars.end(), values);
+    selectGraphicRendition(CsiParameters(values, int(pars.size())), 0);
+}
+
 // The renditions a VT420 can change in an area, in the numbering of SGR. Changing also takes
 // colours as SGR would; 0 turns the flags off but leaves the colours. Reversing toggles flags
 // and ignores anything else.

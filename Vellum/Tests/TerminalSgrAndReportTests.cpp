@@ -14,12 +14,19 @@ Attribute attributeAfter(std::string_view sgr) {
 }
 
 // The pen after `sgr`, fed in two chunks cut at `cut` (none when it is past the end), with a
-// bold red pen before it so that what the sequence keeps shows too.
-Attribute attributeAfterCut(std::string_view sgr, size_t cut) {
+// bold red pen before it so that what the sequence keeps shows too. `padded` surrounds the
+// sequence with carriage returns in the same chunks, so that a whole one is read in the
+// middle of a chunk, with bytes to spare on both sides.
+Attribute attributeAfterCut(std::string_view sgr, size_t cut, bool padded = false) {
     TerminalHarness h(10, 2);
+    const std::string before = padded ? "\r\r\r\r" : "", after = padded ? std::string(16, '\r') : "";
     h.terminal.feed("\x1b[1;31m");
-    h.terminal.feed(sgr.substr(0, cut));
-    if (cut < sgr.size()) h.terminal.feed(sgr.substr(cut));
+    if (cut < sgr.size()) {
+        h.terminal.feed(before + std::string(sgr.substr(0, cut)));
+        h.terminal.feed(std::string(sgr.substr(cut)) + after);
+    } else {
+        h.terminal.feed(before + std::string(sgr) + after);
+    }
     h.terminal.feed("x");
     EXPECT_EQ(h.terminal.getCharData(0, 0).attribute, h.terminal.currentAttribute());
     return h.terminal.currentAttribute();
@@ -103,11 +110,70 @@ TEST(TerminalSgr, SequencesCutAnywhereAgree) {
         // Marked or with an intermediate, it is no SGR and the pen stays.
         {"\x1b[?0m", boldRed},
         {"\x1b[0 m", boldRed},
+        // Lists of the common renditions, read together.
+        {"\x1b[0;1;32;44m", [] {
+             Attribute a;
+             a.style = CharacterStyle::bold;
+             a.fg = Color::ansi256(2);
+             a.bg = Color::ansi256(4);
+             return a;
+         }()},
+        {"\x1b[;1m", [] {
+             Attribute a;
+             a.style = CharacterStyle::bold;
+             return a;
+         }()},
+        {"\x1b[22;92;103m", [] {
+             Attribute a;
+             a.fg = Color::ansi256(10);
+             a.bg = Color::ansi256(11);
+             return a;
+         }()},
+        {"\x1b[49;39;1m", with([](Attribute& a) { a.fg = Color::defaultColor(); })},
+        {"\x1b[38;2;100;200;250;48;5;300m", with([](Attribute& a) {
+             a.fg = Color::trueColor(100, 200, 250);
+             a.bg = Color::ansi256(255);
+         })},
+        {"\x1b[48;2;1;2;3;38;5;9;1m", with([](Attribute& a) {
+             a.bg = Color::trueColor(1, 2, 3);
+             a.fg = Color::ansi256(9);
+         })},
+        {"\x1b[0;58;5;3;1m", [] {
+             Attribute a;
+             a.underlineColor = Color::ansi256(3);
+             a.style = CharacterStyle::bold;
+             return a;
+         }()},
+        {"\x1b[0;4;7m", [] {
+             Attribute a;
+             a.style = CharacterStyle::underline | CharacterStyle::inverse;
+             a.underlineStyle = UnderlineStyle::single;
+             return a;
+         }()},
+        {"\x1b[1;38;5m", boldRed},
+        {"\x1b[0;48;2;1;2m", Attribute::empty},
+        // Past what is read as plain: a five-digit number, more than sixteen numbers, a colon.
+        {"\x1b[00032m", with([](Attribute& a) { a.fg = Color::ansi256(2); })},
+        {"\x1b[0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;1;33m", [] {
+             Attribute a;
+             a.style = CharacterStyle::bold;
+             a.fg = Color::ansi256(3);
+             return a;
+         }()},
+        {"\x1b[0;4:3m", [] {
+             Attribute a;
+             a.style = CharacterStyle::underline;
+             a.underlineStyle = UnderlineStyle::curly;
+             return a;
+         }()},
     };
     for (const Case& c : cases) {
-        for (size_t cut = 1; cut <= c.sgr.size(); ++cut) {
-            SCOPED_TRACE(::testing::Message() << ::testing::PrintToString(std::string(c.sgr)) << " cut at " << cut);
-            EXPECT_EQ(attributeAfterCut(c.sgr, cut), c.expected);
+        for (bool padded : {false, true}) {
+            for (size_t cut = 1; cut <= c.sgr.size(); ++cut) {
+                SCOPED_TRACE(::testing::Message() << ::testing::PrintToString(std::string(c.sgr)) << " cut at " << cut
+                                                  << (padded ? " in a padded chunk" : ""));
+                EXPECT_EQ(attributeAfterCut(c.sgr, cut, padded), c.expected);
+            }
         }
     }
 }
