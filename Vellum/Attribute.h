@@ -76,15 +76,6 @@ struct Attribute {
             unsigned kind = tag_ & 3u;
             return internBases[kind] | payloadHigh >> internShifts[kind];
         }
-        // The colour of an interning code, the inverse of internCode.
-        static constexpr Color fromInternCode(uint32_t code) {
-            switch (code >> 24) {
-            case 0: return defaultColor();
-            case 1: return defaultInvertedColor();
-            case 2: return ansi256(uint8_t(code));
-            default: return trueColor(uint8_t(code >> 16), uint8_t(code >> 8), uint8_t(code));
-            }
-        }
         // Image bytes in order payload0, payload1, payload2, tag.
         void writeImage(uint8_t* out) const { out[0] = payload_[0], out[1] = payload_[1], out[2] = payload_[2], out[3] = tag_; }
         static std::optional<Color> fromImage(const uint8_t* bytes);

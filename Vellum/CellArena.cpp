@@ -142,7 +142,8 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identif
 // seen by a full table, are merged into one branch, which is then taken nearly always: a branch
 // per answer would be mispredicted on every switch between them, each time after waiting for
 // the loads it tests.
-int CellArena::internedIdentifier(const Attribute& attributes, const InternedAttributeKey& key) {
+int CellArena::internedIdentifier(const Attribute& attributes) {
+    InternedAttributeKey key(attributes);
     if (key.isZero()) return 0;
     uint64_t hash = cacheHash(key);
     const CacheEntry& cached = attributeCache[cacheIndex(hash)];

@@ -84,11 +84,7 @@ public:
     static std::shared_ptr<CellArena> makeSnapshot(const CellArena& source);
 
     std::optional<uint16_t> intern(const Attribute& attributes) {
-        return intern(attributes, InternedAttributeKey(attributes));
-    }
-    // For a caller that holds the key already; `key` must be the key of `attributes`.
-    std::optional<uint16_t> intern(const Attribute& attributes, const InternedAttributeKey& key) {
-        int identifier = internedIdentifier(attributes, key);
+        int identifier = internedIdentifier(attributes);
         if (identifier < 0) return std::nullopt;
         return uint16_t(identifier);
     }
@@ -226,7 +222,7 @@ private:
     }
     // The identifier, or -1 when the table is full: a plain integer comes back in a register,
     // where an optional would be assembled in memory and read back whole.
-    int internedIdentifier(const Attribute& attributes, const InternedAttributeKey& key);
+    int internedIdentifier(const Attribute& attributes);
     [[gnu::noinline]] int internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key,
                                                       uint64_t hash);
     void remember(const InternedAttributeKey& key, uint64_t hash, uint16_t identifier) {

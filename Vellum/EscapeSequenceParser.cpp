@@ -140,7 +140,7 @@ void EscapeSequenceParser::parseBorrowed(std::span<const uint8_t> bytes, ParserT
                 continue; // a reset during the print call may have changed the state
             }
             if (b == ESC && run.index + 1 < n && p[run.index + 1] == '[') {
-                if (!dispatchPlainSgr(run)) parseCsiDirectly(run);
+                parseCsiDirectly(run);
                 continue;
             }
         } else if (run.state == S::csiParam && isDigit(b)) {
@@ -348,98 +348,6 @@ void EscapeSequenceParser::dispatchSgrSequence(Run& run) {
     }
     run.hot.pars.reset();
     clearReadingBuffer(run.terminal);
-}
-
-namespace {
-
-constexpr int plainSgrCapacity = 16;
-constexpr int plainSgrMaximumDigits = 4; // below the saturation value, so no number needs clamping
-
-enum class PlainSgrRead { taken, notPlain, undecided };
-
-// Byte by byte from `i`; the end of the chunk leaves it undecided.
-PlainSgrRead readPlainSgrBytes(const uint8_t* p, size_t n, size_t& i, uint16_t* values, int& count) {
-    unsigned value = 0;
-    int digits = 0;
-    count = 0;
-    for (;;) {
-        if (i >= n) return PlainSgrRead::undecided;
-        uint8_t c = p[i++];
-        unsigned digit = unsigned(c) - '0';
-        if (digit <= 9) {
-            value = value * 10 + digit;
-            if (++digits > plainSgrMaximumDigits) return PlainSgrRead::notPlain;
-            continue;
-        }
-        if ((c != ';' && c != 'm') || count == plainSgrCapacity) return PlainSgrRead::notPlain;
-        values[count++] = uint16_t(value);
-        if (c == 'm') return PlainSgrRead::taken;
-        value = 0;
-        digits = 0;
-    }
-}
-
-#if defined(VELLUM_SCAN_SSE2)
-// The sixteen bytes from `i` at once: where the sequence ends and where its separators are
-// come out of masks, and each number (at most four digits) is read from the four bytes before
-// its separator, so the loop turns once a number rather than branching on every byte. Those
-// four bytes may reach back before `i`, which must be at least 4 into the chunk; they are read
-// from the chunk itself, since reading them back from a copy just made would wait for the copy.
-PlainSgrRead readPlainSgrVector(const uint8_t* p, size_t& i, uint16_t* values, int& count) {
-    __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
-    __m128i offset = _mm_sub_epi8(bytes, _mm_set1_epi8('0'));
-    __m128i digitOrPunctuation = _mm_cmpeq_epi8(_mm_min_epu8(offset, _mm_set1_epi8(';' - '0')), offset);
-    unsigned accepted = unsigned(_mm_movemask_epi8(digitOrPunctuation)) &
-                        ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(':'))));
-    unsigned outside = ~accepted & 0xFFFFu;
-    if (outside == 0) return PlainSgrRead::undecided;
-    unsigned end = unsigned(__builtin_ctz(outside));
-    if (p[i + end] != 'm') return PlainSgrRead::notPlain;
-    unsigned separators = (unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(';')))) | 1u << end) &
-                          ((2u << end) - 1);
-    count = 0;
-    unsigned start = 0;
-    do {
-        unsigned separator = unsigned(__builtin_ctz(separators));
-        separators &= separators - 1;
-        unsigned length = separator - start;
-        if (length > unsigned(plainSgrMaximumDigits)) return PlainSgrRead::notPlain;
-        uint32_t word;
-        std::memcpy(&word, p + i + separator - 4, 4);
-        // Digits keep their values in the low nibble; the bytes in front of the number go.
-        word &= 0x0F0F0F0Fu & uint32_t(0xFFFFFFFF00000000ull >> (8 * length));
-        uint32_t pairs = word * 10 + (word >> 8); // bytes 0 and 2: the two two-digit halves
-        values[count++] = uint16_t((pairs & 0xFF) * 100 + (pairs >> 16 & 0xFF));
-        start = separator + 1;
-    } while (separators);
-    i += end + 1;
-    return PlainSgrRead::taken;
-}
-#endif
-
-} // namespace
-
-// ESC [ then numbers and ';' up to 'm', the whole sequence in this chunk: handed over as it
-// stands. Anything else (a colon, a marker, an intermediate, a long number, too many numbers,
-// the end of the chunk) returns false having changed nothing, for the general path to read.
-bool EscapeSequenceParser::dispatchPlainSgr(Run& run) {
-    uint16_t values[plainSgrCapacity];
-    int count = 0;
-    size_t i = run.index + 2;
-    PlainSgrRead read = PlainSgrRead::undecided;
-#if defined(VELLUM_SCAN_SSE2)
-    if (i >= 4 && i + 16 <= run.size) read = readPlainSgrVector(run.bytes, i, values, count);
-#endif
-    if (read == PlainSgrRead::undecided) read = readPlainSgrBytes(run.bytes, run.size, i, values, count);
-    if (read != PlainSgrRead::taken) return false;
-    // A string that never ended leaves its payload for the general clean-up.
-    if (!run.hot.osc.empty() || !run.hot.apc.empty()) return false;
-    run.index = i;
-    _parsColonMask = 0;
-    currentState = run.state;
-    run.terminal.dispatchPlainSgr({values, size_t(count)});
-    if (!resetHappened(run)) clearReadingBuffer(run.terminal);
-    return true;
 }
 
 // The common shape ESC [ marker? parameters final, read without table lookups. It takes the

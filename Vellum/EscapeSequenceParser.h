@@ -30,14 +30,6 @@ public:
         (void)colonMask;
         dispatchCsi('m', pars, {});
     }
-    // CSI ... m whose parameters are all plain numbers of at most four digits, separated by ';'
-    // only: what programs colouring their output send nearly always. Read in the ground state
-    // without the general parameter array.
-    virtual void dispatchPlainSgr(std::span<const uint16_t> pars) {
-        int64_t values[CsiParameterStorage::capacity];
-        for (size_t i = 0; i < pars.size(); ++i) values[i] = pars[i];
-        dispatchSgr(CsiParameters(values, int(pars.size())), 0);
-    }
     virtual void dispatchEsc(std::span<const uint8_t> collect, uint8_t code) = 0;
     // The built-in DCS handlers; the parser's dcsHandlerFactory is asked first.
     virtual std::unique_ptr<DcsHandler> dispatchDcs(std::span<const uint8_t> collect, uint8_t code,
@@ -143,7 +135,6 @@ private:
     void dispatchCsiSequence(Run& run, uint8_t code);
     void dispatchSgrSequence(Run& run);
     void parseCsiDirectly(Run& run);
-    bool dispatchPlainSgr(Run& run);
     void accumulateDigits(Run& run);
     void addParameterSeparator(Run& run, uint8_t byte);
     void reportError(Run& run, uint8_t byte);

@@ -188,7 +188,6 @@ private:
     void dispatchExecute(uint8_t code) override;
     void dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect) override;
     void dispatchSgr(CsiParameters pars, uint64_t colonMask) override { selectGraphicRendition(pars, colonMask); }
-    void dispatchPlainSgr(std::span<const uint16_t> pars) override;
     void dispatchEsc(std::span<const uint8_t> collect, uint8_t code) override;
     std::unique_ptr<DcsHandler> dispatchDcs(std::span<const uint8_t> collect, uint8_t code, CsiParameters pars) override;
     void dispatchOsc(int64_t code, std::span<const uint8_t> data, uint8_t terminator) override;
@@ -261,7 +260,6 @@ private:
     void eraseInLine(int mode, bool selective = false);
     void eraseRow(BufferLine& line, int start, int end, bool selective);
     void selectGraphicRendition(CsiParameters pars, uint64_t colonMask);
-    void takeGeneralSgr(std::span<const uint16_t> pars);
     void setModes(CsiParameters pars, bool privateMode, bool value);
     void setPrivateMode(int mode, bool value);
     void deviceStatus(CsiParameters pars, bool privateMode);
