@@ -156,6 +156,8 @@ def ssh_cases(args, work, corvex):
                 peers["rsync"] = lambda d: ["rsync", "-a", "-e", "ssh -F " + config, src, "%s:%s/" % (target, remote(d))]
             peers["corvex"] = lambda d: [corvex] + ssh_args + ["cp", "--streams", str(args.streams), src, ":" + remote(d)]
             for peer, argv in peers.items():
+                if peer not in args.peers:
+                    continue
                 runs = []
                 for _ in range(args.runs):
                     fresh("dst-" + peer)
@@ -167,7 +169,7 @@ def ssh_cases(args, work, corvex):
                               "seconds_with_sync": round(min(r[1] for r in runs), 3),
                               "peak_rss_kib": max(r[2] for r in runs)}
             for peer in list(case):
-                if peer != "corvex":
+                if peer != "corvex" and "corvex" in case:
                     case["speed_vs_" + peer] = ratio(case[peer], case["corvex"])
                     case["speed_vs_" + peer + "_with_sync"] = ratio(case[peer], case["corvex"], "seconds_with_sync")
             out[name] = case
@@ -188,7 +190,9 @@ def main():
     parser.add_argument("--ssh", action="store_true")
     parser.add_argument("--cases", default="local-big,local-tree,ssh-big,ssh-tree",
                         help="comma-separated: local-big, local-tree, ssh-big, ssh-tree")
+    parser.add_argument("--peers", default="scp,rsync,corvex", help="over ssh: which of scp, rsync, corvex run")
     args = parser.parse_args()
+    args.peers = set(args.peers.split(","))
     args.cases = set(args.cases.split(","))
     corvex, corvexd = os.path.join(args.bin, "corvex"), os.path.join(args.bin, "corvexd")
     work = tempfile.mkdtemp(prefix="corvex-copy-", dir=os.environ.get("TMPDIR", "/var/tmp"))

@@ -223,6 +223,11 @@ void StagedWrite::abandon() {
 
 FileEntry StagedWrite::finish() {
     if (done_) throw fileError(FileErrorCode::ioError, target_ + ": the write has ended");
+    if (options_.size && *options_.size != total_) {
+        abandon(); // not the promised file: kept only as far as an upload id can resume it
+        throw fileError(FileErrorCode::ioError, target_ + ": expected " + std::to_string(*options_.size) +
+                                                    " bytes, got " + std::to_string(total_));
+    }
     // Every file's data reaches the disk before its name does, or a crash could leave a whole
     // name over an empty file. For a big file the write-behind above has done most of it. Small
     // files are copied many at once, each finishing on its own thread, so their syncs wait on
@@ -234,9 +239,6 @@ FileEntry StagedWrite::finish() {
     }
     // From here on the staging file is whole and stays on failure, for a later look.
     done_ = true;
-    if (options_.size && *options_.size != total_)
-        throw fileError(FileErrorCode::ioError, target_ + ": expected " + std::to_string(*options_.size) +
-                                                    " bytes, got " + std::to_string(total_));
     if (options_.expectMtimeNs) {
         std::optional<FileEntry> now = entryIfAny(target_);
         if (now && now->mtimeNs != *options_.expectMtimeNs)
