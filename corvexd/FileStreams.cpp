@@ -44,7 +44,38 @@ BackendError asFileError(const std::exception_ptr& error, const std::string& pat
     return FileService::translate(error, path);
 }
 
+// Holds one of a few places for a scope. Waiters sleep: spinning is what it keeps from happening.
+class Gate {
+public:
+    struct Places {
+        std::mutex lock;
+        std::condition_variable freed;
+        int left;
+    };
+    explicit Gate(Places& places) : places_(places) {
+        std::unique_lock guard(places_.lock);
+        places_.freed.wait(guard, [&] { return places_.left > 0; });
+        --places_.left;
+    }
+    ~Gate() {
+        {
+            std::lock_guard guard(places_.lock);
+            ++places_.left;
+        }
+        places_.freed.notify_one();
+    }
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+
+private:
+    Places& places_;
+};
+
 } // namespace
+
+struct FileStreams::FolderChanges : Gate::Places {
+    FolderChanges() : Gate::Places{{}, {}, 2} {}
+};
 
 struct FileStreams::Stream {
     uint64_t id = 0;
@@ -84,7 +115,8 @@ struct FileStreams::Stream {
     }
 };
 
-FileStreams::FileStreams(Server& server, Limits limits) : server_(server), limits_(limits) {
+FileStreams::FileStreams(Server& server, Limits limits)
+    : server_(server), limits_(limits), folderChanges_(std::make_unique<FolderChanges>()) {
     serveOffThread<protocol::FsStat>([](const auto& p) { return FileService::stat(p.path); });
     serveOffThread<protocol::FsList>([](const auto& p) { return FileService::list(p.path, p.hidden, p.limit, p.cursor); });
     serveOffThread<protocol::FsMkdir>([](const auto& p) { return FileService::mkdir(p.path, p.parents); });
@@ -382,12 +414,23 @@ void FileStreams::runPut(std::shared_ptr<Stream> stream) {
     std::string reply;
     try {
         claimUpload(stream, *stream->put);
-        std::unique_ptr<corvex::StagedWrite> staged = FileService::beginWrite(stream->path, stream->put->options);
+        std::unique_ptr<corvex::StagedWrite> staged;
+        {
+            Gate gate(*folderChanges_);
+            staged = FileService::beginWrite(stream->path, stream->put->options);
+        }
         // What an earlier attempt left is this same source's beginning.
         std::string_view rest(stream->putData);
         rest.remove_prefix(std::min<uint64_t>(staged->offset(), rest.size()));
         staged->append(corvex::asBytes(rest));
-        protocol::FileWriteOpened placed{std::nullopt, staged->offset(), std::nullopt, staged->finish()};
+        // Many syncs at once overlap on the disk; the folder changes around them take turns.
+        staged->sync();
+        std::optional<corvex::FileEntry> entry;
+        {
+            Gate gate(*folderChanges_);
+            entry = staged->finish();
+        }
+        protocol::FileWriteOpened placed{std::nullopt, staged->offset(), std::nullopt, std::move(entry)};
         reply = jsonFrame(protocol::resultEnvelope(stream->requestID, protocol::encodeResultValue(placed)));
     } catch (...) {
         BackendError error = asFileError(std::current_exception(), stream->path);

@@ -89,6 +89,10 @@ private:
     std::map<std::string, std::shared_ptr<Stream>> uploads_; // by target and upload id
     // Puts whose data is still arriving, by client and the stream the client named.
     std::map<std::pair<ClientID, uint64_t>, std::shared_ptr<Stream>> puts_;
+    // Puts that create or place a file at once. A folder takes one change at a time, and on a
+    // small machine those waiting for it spin on the processor its holder needs.
+    struct FolderChanges;
+    std::unique_ptr<FolderChanges> folderChanges_;
     std::condition_variable uploadsChanged_;
     // A stream holds its thread while it waits for its peer, so this has room for far more
     // streams than clients open; its threads are kept for the next streams, since a tree of
