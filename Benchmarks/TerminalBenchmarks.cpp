@@ -1,7 +1,7 @@
 // Headless feed throughput at 120x40 on generated streams, beside libvterm when available:
 // in-process on 4 MiB streams, and whole-process (vellum-replay against a small libvterm
 // program, each reading a 32 MiB file) on the same kinds of stream. Also the memory of a
-// full 10,000-row scrollback at 200 columns.
+// full 10,000-row scrollback at 200 columns, and of an idle terminal.
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
@@ -241,6 +241,29 @@ void scrollbackMemory(benchmark::State& state) {
     }
 }
 
+// Heap and separately mapped blocks: big tables are mapped on their own and not in uordblks.
+size_t allocatedBytes() {
+    struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+// What a pane costs before anything is written to it: terminals with the default size and
+// scrollback, as every new pane starts. Bytes asked of the allocator; what is resident depends
+// on which pages the allocator reuses, so it is measured on a fresh process instead (the
+// maximum resident size of vellum-replay on a two-byte file).
+void idleTerminalMemory(benchmark::State& state) {
+    constexpr int count = 32;
+    for (auto _ : state) {
+        size_t before = allocatedBytes();
+        std::vector<std::unique_ptr<vellum::HeadlessTerminal>> terminals;
+        for (int i = 0; i < count; ++i) {
+            terminals.push_back(std::make_unique<vellum::HeadlessTerminal>());
+            terminals.back()->feed("$ ");
+        }
+        state.counters["allocatedPerTerminal"] = static_cast<double>(allocatedBytes() - before) / count;
+    }
+}
+
 } // namespace
 
 BENCHMARK(feedVellum)->DenseRange(0, 4)->ArgNames({"plain_sgr_cjk_cursor_sgrpalette"})->Unit(benchmark::kMillisecond);
@@ -252,5 +275,6 @@ BENCHMARK(processVellum)->DenseRange(0, 4)->ArgNames({"plain_sgr_cjk_cursor_sgrp
 BENCHMARK(processLibvterm)->DenseRange(0, 4)->ArgNames({"plain_sgr_cjk_cursor_sgrpalette"})->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 #endif
 BENCHMARK(scrollbackMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(idleTerminalMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

@@ -68,16 +68,13 @@ struct Attribute {
         constexpr uint8_t blue() const { return payload_[2]; }
 
         // The interning code of the colour (see InternedAttributeKey), without a branch on the
-        // kind: SGR streams switch kinds at random. Unused payload bytes are zero, so each kind's
-        // code is the red-green-blue word shifted into place under the kind's base.
-        // The per-kind base and shifts are picked out of constants byte by byte, since small
-        // tables would be built on the stack on every call.
+        // kind: SGR streams switch kinds at random. Unused payload bytes are zero, so with the
+        // image's bytes reversed every kind's code is the payload moved into place (by a shift
+        // that the kind picks) under the kind's base.
         constexpr uint32_t internCode() const {
-            uint32_t rgb = uint32_t(payload_[0]) << 16 | uint32_t(payload_[1]) << 8 | payload_[2];
-            unsigned byteShift = (tag_ & 3u) * 8;
-            uint32_t base = ((0x0302u >> byteShift) & 0xFF) << 24;
-            unsigned left = (0x08080000u >> byteShift) & 0xFF, right = (0x10u >> byteShift) & 0xFF;
-            return base | (rgb << left) >> right;
+            uint32_t payloadHigh = __builtin_bswap32(word()) & 0xFFFFFF00u; // payload0 in the top byte
+            unsigned kind = tag_ & 3u;
+            return internBases[kind] | payloadHigh >> internShifts[kind];
         }
         // Image bytes in order payload0, payload1, payload2, tag.
         void writeImage(uint8_t* out) const { out[0] = payload_[0], out[1] = payload_[1], out[2] = payload_[2], out[3] = tag_; }
@@ -95,6 +92,10 @@ struct Attribute {
     public:
 
     private:
+        // By tag: palette index n, red-green-blue, and the default pair (payload 0 or 1).
+        static constexpr uint32_t internBases[4] = {0x2000000, 0x3000000, 0, 0};
+        static constexpr uint8_t internShifts[4] = {24, 8, 0, 0};
+
         constexpr Color(uint8_t a, uint8_t b, uint8_t c, uint8_t tag) : payload_{a, b, c}, tag_(tag) {}
         uint8_t payload_[3];
         uint8_t tag_;

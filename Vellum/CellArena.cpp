@@ -146,7 +146,7 @@ int CellArena::internedIdentifier(const Attribute& attributes) {
     InternedAttributeKey key(attributes);
     if (key.isZero()) return 0;
     uint64_t hash = cacheHash(key);
-    CacheEntry& cached = attributeCache[size_t(hash >> (64 - cacheBits))];
+    const CacheEntry& cached = attributeCache[cacheIndex(hash)];
     uint64_t mixed = remix(hash), mask = presenceMask(mixed);
     uint64_t presence = attributePresence[presenceWord(mixed)];
     __builtin_prefetch(&attributeSlots[homeSlot(hash)]);
@@ -154,15 +154,14 @@ int CellArena::internedIdentifier(const Attribute& attributes) {
     bool cacheHit = ((cached.word0 ^ key.word0) | (cached.word1 ^ key.word1)) == 0;
     bool absentFromFullTable = ((presence & mask) != mask) & (isSnapshotCopy | (attributeCountValue > attributeCapacity));
     if (cacheHit | absentFromFullTable) return cacheHit ? int(cached.identifierPlusOne) - 1 : -1;
-    return internedIdentifierFromTable(attributes, key, hash, cached);
+    return internedIdentifierFromTable(attributes, key, hash);
 }
 
-int CellArena::internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key, uint64_t hash,
-                                           CacheEntry& cached) {
+int CellArena::internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key, uint64_t hash) {
     size_t free = 0;
     if (mayBePresent(hash)) {
         if (auto found = findAttribute(key, hash, free)) {
-            cached = {key.word0, uint32_t(key.word1), uint32_t(*found) + 1};
+            remember(key, hash, *found);
             return *found;
         }
     }
@@ -170,8 +169,19 @@ int CellArena::internedIdentifierFromTable(const Attribute& attributes, const In
     uint16_t identifier = uint16_t(attributeCountValue++);
     this->attributes[identifier] = PackedAttributeRecord::from(attributes);
     storeAttribute(key, identifier);
-    cached = {key.word0, uint32_t(key.word1), uint32_t(identifier) + 1};
+    remember(key, hash, identifier);
     return identifier;
+}
+
+CellArena::LookupTables CellArena::noLookupTables;
+
+CellArena::LookupTables& CellArena::writableLookupTables() {
+    if (!lookupTables) {
+        lookupTables = std::make_unique<LookupTables>();
+        attributeCache = lookupTables->cache;
+        attributePresence = lookupTables->presence;
+    }
+    return *lookupTables;
 }
 
 CellArena::SharedScalars& CellArena::graphemeSlot(uint32_t identifier) {

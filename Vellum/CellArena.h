@@ -195,10 +195,21 @@ private:
         uint32_t identifierPlusOne = 0;
     };
     static constexpr int cacheBits = 13, presenceBits = 20;
-    std::vector<CacheEntry> attributeCache = std::vector<CacheEntry>(size_t(1) << cacheBits);
+    static constexpr size_t cacheEntries = size_t(1) << cacheBits, presenceWords = (size_t(1) << presenceBits) / 64;
     // Two bits per key, both in one word, so that one load answers: a full table leaves about
     // one absent key in sixty taking the slow probe, against one in eight with a single bit.
-    std::vector<uint64_t> attributePresence = std::vector<uint64_t>((size_t(1) << presenceBits) / 64);
+    // Both tables are a quarter of a megabyte together, most of an idle terminal; they are made
+    // with the first rendition interned. Until then the pointers name one shared all-zero image,
+    // which answers every lookup as a miss, so the hot path never tests whether they exist.
+    struct LookupTables {
+        CacheEntry cache[cacheEntries];
+        uint64_t presence[presenceWords];
+    };
+    static LookupTables noLookupTables; // never written; not const, so that it is zero pages rather than bytes of the program
+    std::unique_ptr<LookupTables> lookupTables;
+    const CacheEntry* attributeCache = noLookupTables.cache;
+    const uint64_t* attributePresence = noLookupTables.presence;
+    LookupTables& writableLookupTables();
     static uint64_t presenceMask(uint64_t mixed) { return uint64_t(1) << (mixed & 63) | uint64_t(1) << ((mixed >> 6) & 63); }
     static size_t presenceWord(uint64_t mixed) { return size_t(mixed >> (64 - (presenceBits - 6))); }
     bool mayBePresent(uint64_t hash) const {
@@ -207,13 +218,17 @@ private:
     }
     void markPresent(uint64_t hash) {
         uint64_t mixed = remix(hash);
-        attributePresence[presenceWord(mixed)] |= presenceMask(mixed);
+        writableLookupTables().presence[presenceWord(mixed)] |= presenceMask(mixed);
     }
     // The identifier, or -1 when the table is full: a plain integer comes back in a register,
     // where an optional would be assembled in memory and read back whole.
     int internedIdentifier(const Attribute& attributes);
     [[gnu::noinline]] int internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key,
-                                                      uint64_t hash, CacheEntry& cached);
+                                                      uint64_t hash);
+    void remember(const InternedAttributeKey& key, uint64_t hash, uint16_t identifier) {
+        writableLookupTables().cache[cacheIndex(hash)] = {key.word0, uint32_t(key.word1), uint32_t(identifier) + 1};
+    }
+    static size_t cacheIndex(uint64_t hash) { return size_t(hash >> (64 - cacheBits)); }
     std::optional<uint16_t> findAttribute(const InternedAttributeKey& key, uint64_t hash, size_t& slotIndex) const;
     size_t homeSlot(uint64_t hash) const {
         // Only the top bits of the hash are well mixed (a low bit of a product depends only on

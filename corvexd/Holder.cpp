@@ -262,15 +262,35 @@ private:
     std::map<uint64_t, HeldChild> held_;
 };
 
+// Opens and locks the holder's pid file, never through a link, and returns the descriptor, or
+// minus the errno (-EWOULDBLOCK while another holder has it). A departing holder removes the
+// file under its lock, so a lock won on a file no longer at the path is tried again.
+int lockPidFile(const std::string& path) {
+    for (;;) {
+        int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (fd < 0) return -errno;
+        if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+            int error = errno;
+            ::close(fd);
+            return -error;
+        }
+        struct stat opened {}, named {};
+        if (::fstat(fd, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 && opened.st_ino == named.st_ino &&
+            opened.st_dev == named.st_dev) {
+            return fd;
+        }
+        ::close(fd);
+    }
+}
+
 } // namespace
 
 int holderCommand() {
     auto directory = RuntimeDirectory::prepare(RuntimeDirectory::defaultPath());
     std::string pidPath = holder::pidPath(directory.path());
-    int pidFd = ::open(pidPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (pidFd < 0) return fail("can't open " + pidPath + ": " + std::strerror(errno));
-    // The lock, held for the holder's whole life, says that one runs.
-    if (::flock(pidFd, LOCK_EX | LOCK_NB) != 0) return fail("a holder already runs");
+    int pidFd = lockPidFile(pidPath);
+    if (pidFd == -EWOULDBLOCK) return fail("a holder already runs");
+    if (pidFd < 0) return fail("can't open " + pidPath + ": " + std::strerror(-pidFd));
     std::string pidText = std::to_string(::getpid()) + "\n";
     if (::ftruncate(pidFd, 0) != 0 || ::pwrite(pidFd, pidText.data(), pidText.size(), 0) < 0) {
         return fail("can't write " + pidPath);
@@ -301,7 +321,9 @@ int holderCommand() {
     Holder(listenFd, signalFd).run(); // closes the listening socket as it ends
 
     ::unlink(path.c_str());
-    [[maybe_unused]] int cleared = ::ftruncate(pidFd, 0);
+    // Removed while still locked; a holder starting meanwhile sees the file it locked is gone
+    // and makes a new one.
+    ::unlink(pidPath.c_str());
     ::close(pidFd);
     return 0;
 }
@@ -309,8 +331,10 @@ int holderCommand() {
 namespace {
 
 bool holderLockHeld(const std::string& runtimeDirectory) {
-    int fd = ::open(holder::pidPath(runtimeDirectory).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
+    std::string path = holder::pidPath(runtimeDirectory);
+    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0 && errno == ENOENT) return false;
+    if (fd < 0) throw DaemonError("can't open " + path + ": " + std::strerror(errno));
     bool held = ::flock(fd, LOCK_EX | LOCK_NB) != 0;
     ::close(fd);
     return held;

@@ -67,6 +67,9 @@ TEST(Attribute, ColorImagesAndKeys) {
     EXPECT_FALSE(Color::fromImage(image).has_value());
 
     EXPECT_TRUE(InternedAttributeKey(Attribute::empty).isZero());
+    EXPECT_EQ(Color::defaultInvertedColor().internCode(), 0x1000000u);
+    EXPECT_EQ(Color::ansi256(255).internCode(), 0x20000FFu);
+    EXPECT_EQ(Color::trueColor(0xFF, 0, 0x01).internCode(), 0x3FF0001u);
     // An explicit default underline colour differs from none, and the inverted default from the default.
     Attribute underlined;
     underlined.underlineColor = Color::defaultColor();

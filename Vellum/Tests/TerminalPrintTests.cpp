@@ -276,6 +276,25 @@ TEST(TerminalPrint, AnOddByteAnywhereInAShortWordIsFound) {
     }
 }
 
+// Runs are written in blocks that overlap; a run of any length, anywhere on a written row,
+// changes exactly its own cells, as the same text fed a byte at a time does.
+TEST(TerminalPrint, RunsOfEveryLengthWriteExactlyTheirCells) {
+    for (int length = 1; length <= 20; ++length) {
+        for (int column : {0, 3, 17}) {
+            std::string word;
+            for (int i = 0; i < length; ++i) word += char('a' + i);
+            std::string text = std::string(24, '.') + "\x1b[" + std::to_string(column + 1) + "G\x1b[1m" + word + "\x1b[m";
+            TerminalHarness whole(24, 3), bytewise(24, 3);
+            whole.terminal.feed(text);
+            for (char c : text) bytewise.terminal.feed(std::string_view(&c, 1));
+            ASSERT_EQ(whole.screen(), bytewise.screen()) << length << "," << column;
+            for (int c = 0; c < 24; ++c)
+                ASSERT_EQ(whole.terminal.buffer().row(0).packedCell(c), bytewise.terminal.buffer().row(0).packedCell(c))
+                    << length << "," << column << "," << c;
+        }
+    }
+}
+
 TEST(TerminalPrint, IdeographsTakeTheShortRoadOnlyWhileTheTablesAgree) {
     // The print path writes U+4E00..U+9FFF without asking the tables: every one must be two
     // columns wide with no grapheme role, or the shortcut would print them wrongly.
