@@ -355,6 +355,7 @@ void FileStreams::beginPut(MethodCall& call, const protocol::FsWrite& params) {
     stream->window = size;
     stream->requestID = call.requestID;
     stream->put = params;
+    stream->putData.reserve(size);
     try {
         charge(*stream, std::max(size, smallestCharge));
     } catch (...) {
