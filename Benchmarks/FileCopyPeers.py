@@ -38,13 +38,17 @@ def timed(argv, env=None):
             raise SystemExit("failed: %s\n%s" % (" ".join(argv), child.stderr.decode(errors="replace")))
         return plain, synced, int(peak.read().split()[-1])
 
+# ext4 without a journal passes over inodes freed in the last minute (minutes while their table
+# is unwritten) each time it allocates one, so a run that follows the removal of an earlier run's
+# tree pays for it by chance. Every run writes into a folder of its own; all are removed at the
+# end, after the measuring.
 def best(runs, make_argv, destination):
     results = []
-    for _ in range(runs):
-        shutil.rmtree(destination, ignore_errors=True)
-        os.makedirs(destination)
+    for run in range(runs):
+        folder = "%s-%d" % (destination, run)
+        os.makedirs(folder)
         subprocess.run(["sync"])
-        results.append(timed(make_argv()))
+        results.append(timed(make_argv(folder)))
     plain = min(r[0] for r in results)
     synced = min(r[1] for r in results)
     return {"seconds": round(plain, 3), "seconds_with_sync": round(synced, 3), "peak_rss_kib": max(r[2] for r in results)}
@@ -79,9 +83,9 @@ def local_cases(args, work, corvex, socket_path):
         if (name == "tree" and args.files == 0) or "local-" + name not in args.cases:
             continue
         src = os.path.join(work, source)
-        cp = best(args.runs, lambda: peer + [src, os.path.join(work, "dst-cp")], os.path.join(work, "dst-cp"))
-        ours = best(args.runs, lambda: [corvex, "--socket", socket_path, "cp", "--streams", str(args.streams), src,
-                                        ":" + os.path.join(work, "dst-corvex")], os.path.join(work, "dst-corvex"))
+        cp = best(args.runs, lambda folder: peer + [src, folder], os.path.join(work, "dst-cp-" + name))
+        ours = best(args.runs, lambda folder: [corvex, "--socket", socket_path, "cp", "--streams", str(args.streams), src,
+                                        ":" + folder], os.path.join(work, "dst-corvex-" + name))
         out[name] = {"cp": cp, "corvex": ours, "speed_vs_cp": ratio(cp, ours),
                      "speed_vs_cp_with_sync": ratio(cp, ours, "seconds_with_sync")}
     return out
@@ -147,33 +151,38 @@ def ssh_cases(args, work, corvex):
                 continue
             src = os.path.join(work, name)
             def fresh(folder):
-                subprocess.run(["rm", "-rf", remote(folder)])
                 os.makedirs(remote(folder))
                 os.chown(remote(folder), entry.pw_uid, entry.pw_gid)
+                subprocess.run(["sync"])
             case = {}
             peers = {"scp": lambda d: ["scp", "-q", "-r", "-F", config, src, "%s:%s/" % (target, remote(d))]}
             if shutil.which("rsync"):
                 peers["rsync"] = lambda d: ["rsync", "-a", "-e", "ssh -F " + config, src, "%s:%s/" % (target, remote(d))]
             peers["corvex"] = lambda d: [corvex] + ssh_args + ["cp", "--streams", str(args.streams), src, ":" + remote(d)]
-            for peer, argv in peers.items():
+            for peer in [name for name in args.peers if name in peers]:
+                argv = peers[peer]
                 runs = []
-                for _ in range(args.runs):
-                    fresh("dst-" + peer)
+                for run in range(args.runs):
+                    folder = "dst-%s-%s-%d" % (peer, name, run)
+                    fresh(folder)
                     child_env = env if peer == "corvex" else None
-                    runs.append(timed(argv("dst-" + peer), child_env))
+                    runs.append(timed(argv(folder), child_env))
                 # corvex syncs each file before placing it and the peers don't: the time with a
                 # sync after each program is the fair comparison, and both are reported.
                 case[peer] = {"seconds": round(min(r[0] for r in runs), 3),
                               "seconds_with_sync": round(min(r[1] for r in runs), 3),
                               "peak_rss_kib": max(r[2] for r in runs)}
             for peer in list(case):
-                if peer != "corvex":
+                if peer != "corvex" and "corvex" in case:
                     case["speed_vs_" + peer] = ratio(case[peer], case["corvex"])
                     case["speed_vs_" + peer + "_with_sync"] = ratio(case[peer], case["corvex"], "seconds_with_sync")
             out[name] = case
         return out
     finally:
         subprocess.run(["pkill", "-u", user], stderr=subprocess.DEVNULL)
+        for folder in os.listdir(entry.pw_dir):
+            if folder.startswith("dst-"):
+                shutil.rmtree(remote(folder), ignore_errors=True)
         sshd.send_signal(signal.SIGTERM)
         sshd.wait()
 
@@ -188,7 +197,9 @@ def main():
     parser.add_argument("--ssh", action="store_true")
     parser.add_argument("--cases", default="local-big,local-tree,ssh-big,ssh-tree",
                         help="comma-separated: local-big, local-tree, ssh-big, ssh-tree")
+    parser.add_argument("--peers", default="scp,rsync,corvex", help="over ssh: which of scp, rsync, corvex run, in this order")
     args = parser.parse_args()
+    args.peers = args.peers.split(",") # in the order given
     args.cases = set(args.cases.split(","))
     corvex, corvexd = os.path.join(args.bin, "corvex"), os.path.join(args.bin, "corvexd")
     work = tempfile.mkdtemp(prefix="corvex-copy-", dir=os.environ.get("TMPDIR", "/var/tmp"))

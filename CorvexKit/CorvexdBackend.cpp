@@ -204,7 +204,7 @@ void CorvexdBackend::sendInput(uint64_t pane, ByteView bytes) {
 json CorvexdBackend::request(const std::string& method) { return request(method, json()); }
 
 json CorvexdBackend::request(const std::string& method, const json& params, std::optional<uint64_t> subscribing,
-                             ReplyHook onReply) {
+                             ReplyHook onReply, std::string following) {
     auto waiter = std::make_shared<PendingReply>();
     std::shared_ptr<ByteStream> stream;
     int64_t id;
@@ -229,7 +229,7 @@ json CorvexdBackend::request(const std::string& method, const json& params, std:
     }
     // The frame goes to the stream the caller was entered for: a request failed by that
     // stream's close must never reach its successor.
-    sendOn(stream, makeJSONFrame(text));
+    sendOn(stream, makeJSONFrame(text) + following);
     return waiter->wait();
 }
 

@@ -80,9 +80,11 @@ public:
     // The one way a request is made: the reply's `result`, uninterpreted. `subscribing`
     // marks a pane subscribe; `onReply` runs on the reader thread before any later frame is
     // read and before the caller resumes. Blocks until the reply or the loss of the link, so
-    // it must never be called from the reader thread (a hook, the file channel).
+    // it must never be called from the reader thread (a hook, the file channel). `following`:
+    // whole frames that go out right behind the request, in the same write.
     nlohmann::json request(const std::string& method, const nlohmann::json& params,
-                           std::optional<uint64_t> subscribing = std::nullopt, ReplyHook onReply = {});
+                           std::optional<uint64_t> subscribing = std::nullopt, ReplyHook onReply = {},
+                           std::string following = {});
     nlohmann::json request(const std::string& method);
     // One frame, queued for writing in call order; dropped without a connection.
     void send(FrameType type, std::string_view payload);

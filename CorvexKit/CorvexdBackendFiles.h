@@ -72,6 +72,10 @@ private:
                     FileProgress progress, const platform::CancellationToken& cancel,
                     std::optional<protocol::LocalSource> local);
     bool waitForCredit(const std::shared_ptr<Stream>& stream, uint64_t upTo);
+    // A small file in one request with its data behind it, to a daemon that takes puts.
+    bool takesPut(const FileWriteOptions& options) const;
+    FileEntry put(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
+                  const FileProgress& progress, const platform::CancellationToken& cancel);
     // `last` sends the end frame after the piece.
     void sendPiece(const std::shared_ptr<Stream>& stream, uint64_t id, std::string_view bytes, bool last = false);
 
@@ -82,6 +86,7 @@ private:
     double stallTimeout_ = 60.0;
     bool watchdogRunning_ = false;
     bool localSourceRefused_ = false; // once refused, never asked of this daemon again
+    uint64_t nextPut_ = 1;
 };
 
 } // namespace corvex

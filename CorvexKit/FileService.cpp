@@ -144,6 +144,11 @@ struct timespec modificationTime(const std::string& value) {
 // Too small to be worth resuming: it travels in one piece or a few.
 bool isSmall(const FileWriteOptions& options) { return options.size && *options.size < (1u << 20); }
 
+void removeIfThere(const std::string& path) {
+    struct stat record {};
+    if (::lstat(path.c_str(), &record) == 0) ::unlink(path.c_str());
+}
+
 std::optional<FileEntry> entryIfAny(const std::string& path) {
     try {
         return FileService::entry(path);
@@ -221,8 +226,13 @@ void StagedWrite::abandon() {
     else if (sideFileDeferred_) writeSideFileAtomically(FileService::sideFileName(stagingPath_), *options_.source);
 }
 
-FileEntry StagedWrite::finish() {
+void StagedWrite::sync() {
     if (done_) throw fileError(FileErrorCode::ioError, target_ + ": the write has ended");
+    if (options_.size && *options_.size != total_) {
+        abandon(); // not the promised file: kept only as far as an upload id can resume it
+        throw fileError(FileErrorCode::ioError, target_ + ": expected " + std::to_string(*options_.size) +
+                                                    " bytes, got " + std::to_string(total_));
+    }
     // Every file's data reaches the disk before its name does, or a crash could leave a whole
     // name over an empty file. For a big file the write-behind above has done most of it. Small
     // files are copied many at once, each finishing on its own thread, so their syncs wait on
@@ -232,11 +242,13 @@ FileEntry StagedWrite::finish() {
         abandon();
         throw FileService::posixError(target_, error);
     }
+    synced_ = true;
+}
+
+FileEntry StagedWrite::finish() {
+    if (!synced_) sync();
     // From here on the staging file is whole and stays on failure, for a later look.
     done_ = true;
-    if (options_.size && *options_.size != total_)
-        throw fileError(FileErrorCode::ioError, target_ + ": expected " + std::to_string(*options_.size) +
-                                                    " bytes, got " + std::to_string(total_));
     if (options_.expectMtimeNs) {
         std::optional<FileEntry> now = entryIfAny(target_);
         if (now && now->mtimeNs != *options_.expectMtimeNs)
@@ -519,18 +531,21 @@ std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, co
             if (sameSource && fits) resumeAt = held;
         }
         if (!resumeAt) {
-            ::unlink(staging.c_str());
+            // Looked at before removed: a removal locks the folder even for nothing, and many
+            // small files are written into one folder at once.
+            removeIfThere(staging);
             // A small file's fingerprint is only written should the write break: a tree of
             // small files then costs no extra file per file. A crash before that leaves a
             // staging file without one, which the next attempt starts again, as it must.
-            if (options.source && isSmall(options)) ::unlink(sideFile.c_str());
+            if (options.source && isSmall(options)) removeIfThere(sideFile);
             else if (options.source) writeSideFileAtomically(sideFile, *options.source);
         }
     } else {
-        ::unlink(staging.c_str());
+        removeIfThere(staging);
     }
 
-    int flags = O_WRONLY | O_CLOEXEC | (resumeAt ? 0 : O_CREAT | O_TRUNC);
+    // A new staging file is this write's own: never one that appeared at the name meanwhile.
+    int flags = O_WRONLY | O_CLOEXEC | (resumeAt ? 0 : O_CREAT | O_EXCL);
     int fd = ::open(staging.c_str(), flags, 0600);
     if (fd < 0) {
         int error = errno;

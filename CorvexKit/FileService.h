@@ -31,6 +31,9 @@ public:
     void append(ByteView bytes);
     // Takes up to `most` bytes straight from a reader of a file on this machine; 0 at its end.
     uint64_t appendFrom(ChunkReader& reader, uint64_t most);
+    // Checks the promised size and puts the data on the disk: the slow half of finish, which
+    // needs no lock on the folder.
+    void sync();
     // Checks the promised size and the target, then moves the file into place.
     FileEntry finish();
     // Gives up after a failure of the data: keeps the staging file only for an upload id.
@@ -52,6 +55,7 @@ private:
     uint64_t total_ = 0;
     uint64_t flushed_ = 0; // handed to the disk so far
     bool done_ = false;
+    bool synced_ = false;
     bool sideFileDeferred_ = false; // the source's fingerprint is written only if the write breaks
     static constexpr uint64_t writeBehind = 8u << 20;
 };

@@ -451,6 +451,8 @@ struct FileWriteOpened {
     std::optional<uint64_t> stream;
     uint64_t offset = 0;
     std::optional<uint64_t> window;
+    // A put's reply: the file as placed. No stream stays open.
+    std::optional<FileEntry> entry;
     bool operator==(const FileWriteOpened&) const = default;
 };
 
@@ -474,12 +476,25 @@ inline constexpr std::string_view fsLocalSourceFeature = "fs.local_source";
 // The error code of an "fs.write" whose local source the daemon can't open as the client's.
 inline constexpr std::string_view fsLocalSourceRefused = "local_source_refused";
 
+// In hello's features when "fs.write" takes "put".
+inline constexpr std::string_view fsPutFeature = "fs.put";
+// The streams a client names itself for its puts: never one the daemon hands out.
+inline constexpr uint64_t fsPutStreamBit = uint64_t(1) << 63;
+// Small enough that sending it whole again costs less than asking where to resume.
+inline constexpr uint64_t fsPutLargest = 256u << 10;
+
 struct FsWrite : Gated<Hello::Feature::fs> {
     static constexpr std::string_view name = "fs.write";
     using Result = FileWriteOpened;
     std::string path;
     FileWriteOptions options;
     std::optional<LocalSource> localSource;
+    // A put: a small file's whole data follows the request at once, in frames on this stream
+    // (fsPutStreamBit set, unique among the client's puts), ending with the end frame. No
+    // reply opens a stream; the one reply comes when the file is placed, with its entry, or
+    // is the write's error. At most fsPutLargest bytes, and `size` is required; what an
+    // earlier attempt staged is kept and the rest of the data taken.
+    std::optional<uint64_t> put;
 };
 
 struct FsCancel : Gated<Hello::Feature::fs> {

@@ -172,6 +172,7 @@ json encodeParams(const FsWrite& c) {
     putOptional(out, "mtime_ns", o.mtimeNs);
     putOptional(out, "upload_id", o.uploadID);
     putOptional(out, "source", o.source);
+    putOptional(out, "put", c.put);
     if (const std::optional<LocalSource>& local = c.localSource) {
         out["local_source"] = withRawPaths(json{{"path", local->path}, {"boot_id", local->bootID},
                                                 {"dev", local->device}, {"ino", local->inode},
@@ -191,6 +192,7 @@ void decodeParams(const json& j, FsWrite& c) {
     o.mtimeNs = optionalString(j, "mtime_ns");
     o.uploadID = optionalString(j, "upload_id");
     o.source = optionalString(j, "source");
+    c.put = optionalUnsigned(j, "put");
     if (const json* local = find(j, "local_source")) {
         if (!local->is_object()) wrong("local_source", "an object");
         c.localSource = LocalSource{requiredPath(*local), required(optionalString(*local, "boot_id"), "boot_id"),
@@ -215,6 +217,7 @@ json encodeResultValue(const FileWriteOpened& opened) {
     json out{{"offset", opened.offset}};
     putOptional(out, "stream", opened.stream);
     putOptional(out, "window", opened.window);
+    if (opened.entry) out["entry"] = toJSON(*opened.entry);
     return out;
 }
 
@@ -230,6 +233,7 @@ void decodeResultValue(const json& result, FileWriteOpened& out) {
     out.stream = fileStreamID(result);
     out.offset = optionalUnsigned(result, "offset").value_or(0);
     out.window = optionalUnsigned(result, "window");
+    if (auto entry = result.find("entry"); entry != result.end()) out.entry = decodeJSON<FileEntry>(*entry);
 }
 
 json encodeFileMessage(const FsAck& ack) { return json{{"stream", ack.stream}, {"offset", ack.offset}}; }

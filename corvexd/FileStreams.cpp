@@ -44,7 +44,38 @@ BackendError asFileError(const std::exception_ptr& error, const std::string& pat
     return FileService::translate(error, path);
 }
 
+// Holds one of a few places for a scope. Waiters sleep: spinning is what it keeps from happening.
+class Gate {
+public:
+    struct Places {
+        std::mutex lock;
+        std::condition_variable freed;
+        int left;
+    };
+    explicit Gate(Places& places) : places_(places) {
+        std::unique_lock guard(places_.lock);
+        places_.freed.wait(guard, [&] { return places_.left > 0; });
+        --places_.left;
+    }
+    ~Gate() {
+        {
+            std::lock_guard guard(places_.lock);
+            ++places_.left;
+        }
+        places_.freed.notify_one();
+    }
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+
+private:
+    Places& places_;
+};
+
 } // namespace
+
+struct FileStreams::FolderChanges : Gate::Places {
+    FolderChanges() : Gate::Places{{}, {}, 2} {}
+};
 
 struct FileStreams::Stream {
     uint64_t id = 0;
@@ -66,6 +97,10 @@ struct FileStreams::Stream {
     uint64_t taken = 0;    // on disk, and acknowledged
     bool fin = false;
     std::string uploadKey; // target and upload id: one stream at a time stages under it
+    // put: the request it answers, and its data as it came
+    std::optional<protocol::FsWrite> put;
+    uint64_t requestID = 0;
+    std::string putData;
 
     // read
     std::shared_ptr<corvex::ChunkReader> reader;
@@ -80,7 +115,8 @@ struct FileStreams::Stream {
     }
 };
 
-FileStreams::FileStreams(Server& server, Limits limits) : server_(server), limits_(limits) {
+FileStreams::FileStreams(Server& server, Limits limits)
+    : server_(server), limits_(limits), folderChanges_(std::make_unique<FolderChanges>()) {
     serveOffThread<protocol::FsStat>([](const auto& p) { return FileService::stat(p.path); });
     serveOffThread<protocol::FsList>([](const auto& p) { return FileService::list(p.path, p.hidden, p.limit, p.cursor); });
     serveOffThread<protocol::FsMkdir>([](const auto& p) { return FileService::mkdir(p.path, p.parents); });
@@ -100,7 +136,7 @@ FileStreams::FileStreams(Server& server, Limits limits) : server_(server), limit
                             [this](ClientID client, const json& params) { readAck(client, params); });
     server_.addClientGoneHandler([this](ClientID client) { clientGone(client); });
     server_.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::fs)),
-                         std::string(protocol::fsLocalSourceFeature)});
+                         std::string(protocol::fsLocalSourceFeature), std::string(protocol::fsPutFeature)});
 }
 
 FileStreams::~FileStreams() {
@@ -232,6 +268,10 @@ void FileStreams::serveRead() {
 void FileStreams::serveWrite() {
     server_.addMethod(std::string(protocol::FsWrite::name), [this](MethodCall& call) -> json {
         auto params = protocol::decodeParams<protocol::FsWrite>(call.params);
+        if (params.put) {
+            beginPut(call, params);
+            return json();
+        }
         reserve(call.client);
         call.deferred = true;
         pool_.detach([this, params, client = call.client, id = call.requestID] {
@@ -298,6 +338,111 @@ void FileStreams::releaseUpload(Stream& stream) {
         uploads_.erase(held);
     stream.uploadKey.clear();
     uploadsChanged_.notify_all();
+}
+
+// On the serving thread, before any frame that follows the request: its data must find it.
+void FileStreams::beginPut(MethodCall& call, const protocol::FsWrite& params) {
+    const uint64_t size = params.options.size.value_or(UINT64_MAX);
+    if (!(*params.put & protocol::fsPutStreamBit) || params.localSource || size > protocol::fsPutLargest)
+        throw corvex::fileError(FileErrorCode::badRequest, "a put takes a stream of its own and at most " +
+                                                                std::to_string(protocol::fsPutLargest) + " bytes");
+    reserve(call.client);
+    auto stream = std::make_shared<Stream>();
+    stream->client = call.client;
+    stream->write = true;
+    stream->id = *params.put;
+    stream->path = params.path;
+    stream->window = size;
+    stream->requestID = call.requestID;
+    stream->put = params;
+    stream->putData.reserve(size);
+    try {
+        charge(*stream, std::max(size, smallestCharge));
+    } catch (...) {
+        std::lock_guard guard(lock_);
+        release(*stream);
+        throw;
+    }
+    std::lock_guard guard(lock_);
+    if (!puts_.emplace(std::pair(call.client, stream->id), stream).second) {
+        release(*stream);
+        throw corvex::fileError(FileErrorCode::badRequest, "put stream " + std::to_string(stream->id) + " is in use");
+    }
+    call.deferred = true;
+}
+
+// A put's data: kept until its end, then the file is written on a thread of its own. Data that
+// breaks the put's promises ends it with an error reply; data for no put is dropped.
+void FileStreams::putData(ClientID client, const corvex::FileDataFrame& frame) {
+    std::shared_ptr<Stream> stream;
+    std::string refusal;
+    {
+        std::lock_guard guard(lock_);
+        auto found = puts_.find(std::pair(client, frame.stream));
+        if (found == puts_.end()) return;
+        stream = found->second;
+        if (frame.offset != stream->received) refusal = "data at " + std::to_string(frame.offset) + ", expected " +
+                                                        std::to_string(stream->received);
+        else if (stream->received + frame.bytes.size() > stream->window) refusal = "more data than the size promised";
+        if (refusal.empty()) {
+            stream->putData.append(frame.bytes);
+            stream->received += frame.bytes.size();
+            if (!frame.fin) return;
+        }
+        puts_.erase(found);
+        if (refusal.empty() && !shuttingDown_) {
+            ++workers_;
+        } else {
+            release(*stream);
+            if (refusal.empty()) refusal = "corvexd is stopping";
+        }
+    }
+    if (!refusal.empty()) {
+        server_.sendFrames(client, {errorReply(stream->requestID, std::string(corvex::wireName(FileErrorCode::badRequest)),
+                                               stream->path + ": " + refusal)});
+        return;
+    }
+    streamThreads_.detach([this, stream] {
+        platform::setCurrentThreadName("corvexd.fs.put");
+        runPut(stream);
+        std::lock_guard guard(lock_);
+        if (--workers_ == 0) workersDone_.notify_all();
+    });
+}
+
+// The same staging, resume and placement as a streamed write, in one go.
+void FileStreams::runPut(std::shared_ptr<Stream> stream) {
+    std::string reply;
+    try {
+        claimUpload(stream, *stream->put);
+        std::unique_ptr<corvex::StagedWrite> staged;
+        {
+            Gate gate(*folderChanges_);
+            staged = FileService::beginWrite(stream->path, stream->put->options);
+        }
+        // What an earlier attempt left is this same source's beginning.
+        std::string_view rest(stream->putData);
+        rest.remove_prefix(std::min<uint64_t>(staged->offset(), rest.size()));
+        staged->append(corvex::asBytes(rest));
+        // Many syncs at once overlap on the disk; the folder changes around them take turns.
+        staged->sync();
+        std::optional<corvex::FileEntry> entry;
+        {
+            Gate gate(*folderChanges_);
+            entry = staged->finish();
+        }
+        protocol::FileWriteOpened placed{std::nullopt, staged->offset(), std::nullopt, std::move(entry)};
+        reply = jsonFrame(protocol::resultEnvelope(stream->requestID, protocol::encodeResultValue(placed)));
+    } catch (...) {
+        BackendError error = asFileError(std::current_exception(), stream->path);
+        reply = errorReply(stream->requestID, error.code(), error.message());
+    }
+    {
+        std::lock_guard guard(lock_);
+        release(*stream);
+        releaseUpload(*stream);
+    }
+    server_.sendFrames(stream->client, {std::move(reply)});
 }
 
 void FileStreams::serveCancel() {
@@ -479,6 +624,7 @@ void FileStreams::runRead(std::shared_ptr<Stream> stream) {
 void FileStreams::fileData(ClientID client, std::string_view payload) {
     auto frame = corvex::parseFileDataPayload(payload);
     if (!frame) return;
+    if (frame->stream & protocol::fsPutStreamBit) return putData(client, *frame);
     std::lock_guard guard(lock_);
     auto found = streams_.find(frame->stream);
     if (found == streams_.end()) return;
@@ -521,6 +667,10 @@ void FileStreams::readAck(ClientID client, const json& params) {
 void FileStreams::clientGone(ClientID client) {
     std::lock_guard guard(lock_);
     gone_.insert(client);
+    for (auto put = puts_.lower_bound(std::pair(client, uint64_t(0))); put != puts_.end() && put->first.first == client;) {
+        release(*put->second);
+        put = puts_.erase(put);
+    }
     for (auto& [id, stream] : streams_) {
         if (stream->client == client) stopLocked(*stream, Stop::quiet);
     }

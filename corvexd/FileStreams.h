@@ -9,6 +9,7 @@
 #include <string>
 
 #include "CorvexKit/ChunkReader.h"
+#include "CorvexKit/Frame.h"
 #include "CorvexKit/Protocol.h"
 #include "Platform/WorkerPool.h"
 #include "corvexd/Server.h"
@@ -49,6 +50,10 @@ private:
     void serveRead();
     void serveWrite();
     void serveCancel();
+    // A put: a small file's request with its data right behind it, and one reply at the end.
+    void beginPut(MethodCall& call, const corvex::protocol::FsWrite& params);
+    void putData(ClientID client, const corvex::FileDataFrame& frame);
+    void runPut(std::shared_ptr<Stream> stream);
     struct Windows {
         uint64_t read = 0;
         uint64_t write = 0;
@@ -82,6 +87,12 @@ private:
     std::map<ClientID, Windows> windows_;
     std::set<ClientID> gone_;
     std::map<std::string, std::shared_ptr<Stream>> uploads_; // by target and upload id
+    // Puts whose data is still arriving, by client and the stream the client named.
+    std::map<std::pair<ClientID, uint64_t>, std::shared_ptr<Stream>> puts_;
+    // Puts that create or place a file at once. A folder takes one change at a time, and on a
+    // small machine those waiting for it spin on the processor its holder needs.
+    struct FolderChanges;
+    std::unique_ptr<FolderChanges> folderChanges_;
     std::condition_variable uploadsChanged_;
     // A stream holds its thread while it waits for its peer, so this has room for far more
     // streams than clients open; its threads are kept for the next streams, since a tree of

@@ -21,6 +21,7 @@
 #include "corvexd/FileStreams.h"
 
 using namespace corvex;
+using namespace std::chrono_literals;
 using namespace corvexd::testing;
 using corvex::testing::MemorySource;
 using corvex::testing::patternBytes;
@@ -779,4 +780,95 @@ TEST_F(DaemonFiles, ACopyFromAFileTheDaemonCannotSeeAsTheClientDoesIsRefused) {
     auto opened = client.request("fs.write", params);
     ASSERT_TRUE(opened && opened->contains("result")) << opened->dump();
     ASSERT_TRUE(eventually([&] { return readBytes(at("to")) == "some bytes"; }));
+}
+
+namespace {
+
+json putParams(const std::string& path, uint64_t stream, uint64_t size, bool overwrite = false) {
+    json params = writeParams(path);
+    params["put"] = stream;
+    params["size"] = size;
+    params["overwrite"] = overwrite;
+    return params;
+}
+
+} // namespace
+
+TEST_F(DaemonFiles, APutIsOneRequestWithItsDataAndOneReplyUnderTheWriteRules) {
+    corvexd::testing::RawClient client(daemon.socketPath());
+    json features = hello(client)["features"];
+    EXPECT_NE(std::find(features.begin(), features.end(), protocol::fsPutFeature), features.end());
+    const uint64_t own = protocol::fsPutStreamBit;
+    struct Row {
+        const char* name;
+        std::optional<std::string> before; // the target's bytes, if it is there
+        std::string data;
+        uint64_t size;
+        bool overwrite;
+        uint64_t stream;
+        std::optional<std::string> code; // the error, or placed
+    };
+    const Row rows[] = {
+        {"a new file", std::nullopt, "hello", 5, false, own | 1, std::nullopt},
+        {"an empty file", std::nullopt, "", 0, false, own | 2, std::nullopt},
+        {"a target that is there", "old", "hello", 5, false, own | 3, "exists"},
+        {"a target that is there, replaced", "old", "hello", 5, true, own | 4, std::nullopt},
+        {"more data than promised", std::nullopt, "hello!", 5, false, own | 5, "bad_request"},
+        {"less data than promised", std::nullopt, "hell", 5, false, own | 6, "io_error"},
+        {"a stream the daemon hands out", std::nullopt, "hello", 5, false, 7, "bad_request"},
+        {"too big to put", std::nullopt, "", protocol::fsPutLargest + 1, false, own | 8, "bad_request"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::string target = at(row.name);
+        if (row.before) writeBytes(target, *row.before);
+        auto reply = client.request("fs.write", putParams(target, row.stream, row.size, row.overwrite), 10s,
+                                    makeFileDataFrame(row.stream, 0, true, row.data));
+        ASSERT_TRUE(reply);
+        if (row.code) {
+            EXPECT_EQ((*reply)["error"]["code"], *row.code) << reply->dump();
+            EXPECT_EQ(fsys::exists(target) ? std::optional(readBytes(target)) : std::nullopt, row.before);
+        } else {
+            ASSERT_TRUE(reply->contains("result")) << reply->dump();
+            EXPECT_FALSE((*reply)["result"].contains("stream")) << "nothing stays open";
+            EXPECT_EQ((*reply)["result"]["entry"]["size"], row.data.size());
+            EXPECT_EQ(readBytes(target), row.data);
+        }
+    }
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
+    EXPECT_FALSE(client.nextEvent(100ms)) << "a put ends with its reply, no event";
+}
+
+TEST_F(DaemonFiles, APutTakesWhatABrokenWriteStagedAndAClientGoneMidPutPlacesNothing) {
+    std::string bytes = patternBytes(200000, 3);
+    {
+        corvexd::testing::RawClient client(daemon.socketPath());
+        hello(client);
+        auto opened = client.request("fs.write", writeParams(at("resumed"), "u"));
+        uint64_t stream = (*opened)["result"]["stream"];
+        client.sendBytes(makeFileDataFrame(stream, 0, false, std::string_view(bytes).substr(0, 100000)));
+        ASSERT_TRUE(eventually([&] { return stagedBytes(scratch.path()) == 100000; }));
+        // Gone halfway through a put: its slot is freed and nothing of it stays.
+        const uint64_t put = protocol::fsPutStreamBit | 1;
+        ASSERT_TRUE(client.sendJSON(json{{"id", 99}, {"method", "fs.write"}, {"params", putParams(at("half"), put, 10)}}));
+        ASSERT_TRUE(client.sendBytes(makeFileDataFrame(put, 0, false, "hello")));
+    }
+    corvexd::testing::RawClient next(daemon.socketPath());
+    hello(next);
+    json params = putParams(at("resumed"), protocol::fsPutStreamBit | 1, bytes.size());
+    params["upload_id"] = "u";
+    params["source"] = "s";
+    std::optional<json> reply;
+    // The gone client's stream may hold the staging file a moment.
+    ASSERT_TRUE(eventually([&] {
+        reply = next.request("fs.write", params, 10s, makeFileDataFrame(protocol::fsPutStreamBit | 1, 0, true, bytes));
+        return reply && reply->contains("result");
+    })) << reply->dump();
+    EXPECT_EQ((*reply)["result"]["offset"], 100000);
+    EXPECT_EQ(readBytes(at("resumed")), bytes);
+    EXPECT_FALSE(fsys::exists(at("half")));
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
+    const int streams = corvexd::FileStreams::Limits{}.streamsPerClient;
+    for (int index = 0; index < streams; ++index)
+        EXPECT_TRUE(next.request("fs.write", writeParams(at("g" + std::to_string(index))))->contains("result"));
 }

@@ -87,11 +87,12 @@ bool RawClient::pump(std::chrono::milliseconds timeout) {
     return ok;
 }
 
-std::optional<json> RawClient::request(const std::string& method, const json& params, std::chrono::milliseconds timeout) {
+std::optional<json> RawClient::request(const std::string& method, const json& params, std::chrono::milliseconds timeout,
+                                       const std::string& following) {
     int64_t id = nextID_++;
     json message = {{"id", id}, {"method", method}};
     if (!params.is_null()) message["params"] = params;
-    if (!sendJSON(message)) return std::nullopt;
+    if (!sendBytes(corvex::makeJSONFrame(message.dump()) + following)) return std::nullopt;
     auto deadline = std::chrono::steady_clock::now() + timeout;
     while (true) {
         for (const auto& reply : replies_) {

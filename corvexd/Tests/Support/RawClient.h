@@ -36,9 +36,9 @@ public:
     bool sendBytes(const std::string& bytes);
     bool sendJSON(const json& message);
     // Sends a request and waits for its reply; events seen meanwhile are kept. Absent on
-    // timeout or a closed connection.
+    // timeout or a closed connection. `following`: frames sent right behind the request.
     std::optional<json> request(const std::string& method, const json& params = nullptr,
-                                std::chrono::milliseconds timeout = 10s);
+                                std::chrono::milliseconds timeout = 10s, const std::string& following = {});
     // The next event (or queued one); absent on timeout or close.
     std::optional<json> nextEvent(std::chrono::milliseconds timeout = 10s);
     // True when the daemon closes the connection within the timeout (reading what comes).
