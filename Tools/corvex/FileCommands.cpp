@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <iostream>
@@ -85,6 +86,19 @@ std::string byteText(double bytes) {
     return text;
 }
 
+std::string durationText(double seconds) {
+    long whole = std::lround(std::ceil(seconds)); // never "0 s left" while work remains
+    char text[32];
+    if (whole < 60) {
+        std::snprintf(text, sizeof text, "%ld s", whole);
+    } else if (whole < 3600) {
+        std::snprintf(text, sizeof text, "%ld min %ld s", whole / 60, whole % 60);
+    } else {
+        std::snprintf(text, sizeof text, "%ld h %ld min", whole / 3600, whole / 60 % 60);
+    }
+    return text;
+}
+
 // One line, redrawn in place at most ten times a second, while standard error is a terminal.
 class ProgressLine {
 public:
@@ -97,9 +111,15 @@ public:
         bool last = progress.totalFiles > 0 && progress.doneFiles == progress.totalFiles;
         if (!last && now - shown_ < std::chrono::milliseconds(100)) return;
         shown_ = now;
-        err_ << "\r\x1b[K" << byteText(static_cast<double>(progress.doneBytes)) << " of "
-             << byteText(static_cast<double>(progress.totalBytes)) << ", " << progress.doneFiles << " of "
-             << progress.totalFiles << " files, " << byteText(rate(progress.doneBytes)) << "/s" << std::flush;
+        err_ << "\r\x1b[K" << progress.doneFiles << " of " << progress.totalFiles << " files, "
+             << byteText(static_cast<double>(progress.doneBytes)) << " of "
+             << byteText(static_cast<double>(progress.totalBytes)) << ", " << byteText(rate(progress.doneBytes)) << "/s";
+        double perSecond = rate(progress.doneBytes);
+        if (!last && perSecond > 0 && progress.totalBytes > progress.doneBytes) {
+            err_ << ", " << durationText(static_cast<double>(progress.totalBytes - progress.doneBytes) / perSecond)
+                 << " left";
+        }
+        err_ << std::flush;
         drawn_ = true;
     }
 
@@ -109,7 +129,10 @@ public:
         if (terminal_) return;
         err_ << "copied " << progress.doneFiles - progress.skippedFiles << " files";
         if (progress.skippedFiles > 0) err_ << " (" << progress.skippedFiles << " skipped)";
-        err_ << ", " << progress.doneBytes << " bytes in " << seconds() << " s\n";
+        char took[32];
+        std::snprintf(took, sizeof took, "%.2f s", seconds());
+        err_ << ", " << progress.doneBytes << " bytes in " << took << " (" << byteText(rate(progress.doneBytes))
+             << "/s)\n";
     }
 
 private:
