@@ -235,7 +235,7 @@ PackedCell* openStretch(BufferLine& line, int start, int count, CellWordPool& po
 // of every length, so runs of 4 or more are written in blocks of eight (or four) cells whose
 // last block overlaps the one before, rather than in a loop whose end is mispredicted at almost
 // every run; a block widens its bytes into cell words with vector unpacks where there are some.
-void writeAsciiBlock(PackedCell* out, const uint8_t* in, uint64_t word, int size) {
+[[gnu::always_inline]] inline void writeAsciiBlock(PackedCell* out, const uint8_t* in, uint64_t word, int size) {
 #if VELLUM_SCAN_SSE2
     const __m128i zero = _mm_setzero_si128(), base = _mm_set1_epi64x(int64_t(word));
     auto put = [&](int at, __m128i twoBytes) {
@@ -260,7 +260,7 @@ void writeAsciiBlock(PackedCell* out, const uint8_t* in, uint64_t word, int size
 #endif
 }
 
-void writeAsciiCells(PackedCell* out, const uint8_t* in, int n, uint64_t word) {
+[[gnu::always_inline]] inline void writeAsciiCells(PackedCell* out, const uint8_t* in, int n, uint64_t word) {
     if (n >= 8) {
         for (int at = 0; at + 8 < n; at += 8) writeAsciiBlock(out + at, in + at, word, 8);
         writeAsciiBlock(out + n - 8, in + n - 8, word, 8);
@@ -288,6 +288,26 @@ size_t Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell bas
         done += static_cast<size_t>(n);
     }
     return count;
+}
+
+bool Buffer::writeAsciiWithinRow(const uint8_t* bytes, size_t count, PackedCell base) {
+    int room = rightBound() - x + 1;
+    if (insertMode || room <= 0 || count > size_t(room)) return false;
+    int end = x + int(count);
+    BufferLine& line = row(y);
+    // A row being written stores all its words at once: growing it word by word costs more than
+    // the one copy that trims it when it scrolls into the scrollback.
+    if (line.storedCount() < end) line.writableCells(line.count(), &compactWords);
+    PackedCell* cells = line.storage.data();
+    if ((x > 0 && cells[x - 1].isWideHead()) || cells[end - 1].isWideHead()) {
+        line.repairWideSeam(x);
+        line.repairWideSeam(end);
+    }
+    line.usedLength = std::max(line.usedLength, end);
+    ++line._generation;
+    writeAsciiCells(cells + x, bytes, int(count), base.raw & ~PackedCell::contentAndWidthBits);
+    x = end;
+    return true;
 }
 
 size_t Buffer::insertContentRun(const uint32_t* contents, size_t count, int width, PackedCell base, PackedCell blank) {

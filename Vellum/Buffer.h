@@ -39,6 +39,10 @@ public:
     // the number of characters consumed, which is 0 in insert mode: the caller then goes one by one.
     size_t insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell base, PackedCell blank);
     size_t insertContentRun(const uint32_t* contents, size_t count, int width, PackedCell base, PackedCell blank);
+    // The common case of printing in one pass: `count` printable ASCII bytes that land on the
+    // cursor's row from the cursor on, outside insert mode. False, with nothing written, when
+    // they do not (a pending wrap, too little room, insert mode).
+    bool writeAsciiWithinRow(const uint8_t* bytes, size_t count, PackedCell base);
     // Moves the cursor to where a character of `width` goes, wrapping to the next row (and
     // scrolling) when autowrap is on. False when the character is to be dropped.
     bool placeCharacter(int width, PackedCell blank) { return x + width - 1 <= rightBound() || wrapForCharacter(width, blank); }
