@@ -133,6 +133,8 @@ void EscapeSequenceParser::parseBorrowed(std::span<const uint8_t> bytes, ParserT
                 // UTF-8 characters.
                 if (run.printStart < 0) run.printStart = ptrdiff_t(run.index);
                 run.index = ByteRunScanner::firstC0Byte(bytes, run.index + 1, scanPath);
+                // Handed over at once rather than when the loop meets the byte after it.
+                flushPrint(run);
                 continue;
             }
             if (run.printStart >= 0) {
@@ -372,6 +374,39 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
     int count = 1;
     int64_t value = 0;
     uint64_t colonMask = 0;
+    // Whole parameters of up to five digits, each with the byte after it, while the chunk
+    // surely holds them: no bounds test and no saturation per digit. Anything else (a longer
+    // number, the last bytes of the chunk, a byte out of the common shape) is left to the byte
+    // loop below, from the start of the parameter at hand.
+    while (i + 6 <= n && count < CsiParameterStorage::capacity) {
+        size_t j = i;
+        unsigned number = 0, digit;
+        while ((digit = unsigned(p[j]) - '0') <= 9 && j < i + 5) {
+            number = number * 10 + digit;
+            ++j;
+        }
+        uint8_t c = p[j];
+        bool colon = c == ':' && (j > i || state == S::csiParam);
+        if (c == ';' || colon) {
+            pars[count - 1] = std::min<int64_t>(number, maximumParameterValue);
+            colonMask |= uint64_t(colon) << (count - 1);
+            ++count;
+            i = j + 1;
+            state = S::csiParam;
+            continue;
+        }
+        if (c < 0x40 || c > 0x7E) break;
+        pars[count - 1] = std::min<int64_t>(number, maximumParameterValue);
+        hot.pars.count = count;
+        hot.colonMask = colonMask;
+        run.index = j + 1;
+        run.state = S::ground;
+        if (c == 'm' && hot.collect.empty())
+            dispatchSgrSequence(run);
+        else
+            dispatchCsiSequence(run, c);
+        return;
+    }
     auto store = [&] {
         pars[count - 1] = value;
         hot.pars.count = count;
