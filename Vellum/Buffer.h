@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <memory>
 
+#include "Vellum/AsciiCells.h"
 #include "Vellum/Attribute.h"
 #include "Vellum/Charsets.h"
 #include "Vellum/CircularBufferLineList.h"
@@ -42,7 +44,22 @@ public:
     // The common case of printing in one pass: `count` printable ASCII bytes that land on the
     // cursor's row from the cursor on, outside insert mode. False, with nothing written, when
     // they do not (a pending wrap, too little room, insert mode).
-    bool writeAsciiWithinRow(const uint8_t* bytes, size_t count, PackedCell base);
+    [[gnu::always_inline]] bool writeAsciiWithinRow(const uint8_t* bytes, size_t count, PackedCell base) {
+        int room = rightBound() - x + 1;
+        if (insertMode || room <= 0 || count > size_t(room)) return false;
+        int end = x + int(count);
+        BufferLine& line = row(y);
+        // A row being written stores all its words at once: growing it word by word costs more
+        // than the one copy that trims it when it scrolls into the scrollback.
+        if (line.storedCount() < end) storeWholeRow(line);
+        PackedCell* cells = line.storage.data();
+        if ((x > 0 && cells[x - 1].isWideHead()) || cells[end - 1].isWideHead()) repairSeams(line, x, end);
+        line.usedLength = std::max(line.usedLength, end);
+        ++line._generation;
+        writeAsciiCells(cells + x, bytes, int(count), base.raw & ~PackedCell::contentAndWidthBits);
+        x = end;
+        return true;
+    }
     // Moves the cursor to where a character of `width` goes, wrapping to the next row (and
     // scrolling) when autowrap is on. False when the character is to be dropped.
     bool placeCharacter(int width, PackedCell blank) { return x + width - 1 <= rightBound() || wrapForCharacter(width, blank); }
@@ -75,6 +92,8 @@ public:
     bool insertMode = false, marginMode = false, wraparound = true;
 
 private:
+    [[gnu::cold]] void storeWholeRow(BufferLine& line);
+    [[gnu::cold]] void repairSeams(BufferLine& line, int start, int end);
     bool hasPartialMargins() const;
     void shiftInsideMargins(int top, int bottom, int count, PackedCell blank);
     bool wrapForCharacter(int width, PackedCell blank);

@@ -199,7 +199,7 @@ bool EscapeSequenceParser::resetHappened(Run& run) {
     return true;
 }
 
-void EscapeSequenceParser::flushPrint(Run& run) {
+[[gnu::always_inline]] inline void EscapeSequenceParser::flushPrint(Run& run) {
     if (run.printStart < 0) return;
     std::span<const uint8_t> text(run.bytes + run.printStart, run.index - size_t(run.printStart));
     run.printStart = -1;
@@ -337,7 +337,7 @@ void EscapeSequenceParser::dispatchCsiSequence(Run& run, uint8_t code) {
     endStringSequence(run);
 }
 
-void EscapeSequenceParser::dispatchSgrSequence(Run& run) {
+[[gnu::always_inline]] inline void EscapeSequenceParser::dispatchSgrSequence(Run& run) {
     _parsColonMask = run.hot.colonMask;
     currentState = run.state;
     run.terminal.dispatchSgr(run.pars(), run.hot.colonMask);
@@ -380,16 +380,12 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
     // loop below, from the start of the parameter at hand.
     while (i + 6 <= n && count < CsiParameterStorage::capacity) {
         size_t j = i;
-        unsigned number = 0, digit;
-        while ((digit = unsigned(p[j]) - '0') <= 9 && j < i + 5) {
-            number = number * 10 + digit;
-            ++j;
-        }
+        unsigned number = 0;
+        for (unsigned digit; j < i + 5 && (digit = unsigned(p[j]) - '0') <= 9; ++j) number = number * 10 + digit;
         uint8_t c = p[j];
-        bool colon = c == ':' && (j > i || state == S::csiParam);
-        if (c == ';' || colon) {
+        if (c == ';' || (c == ':' && (j > i || state == S::csiParam))) {
             pars[count - 1] = std::min<int64_t>(number, maximumParameterValue);
-            colonMask |= uint64_t(colon) << (count - 1);
+            if (c == ':') colonMask |= uint64_t(1) << (count - 1);
             ++count;
             i = j + 1;
             state = S::csiParam;
