@@ -372,7 +372,6 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
     // the common shape.
     int64_t* pars = hot.pars.storage;
     int count = 1;
-    int64_t value = 0;
     uint64_t colonMask = 0;
     // Whole parameters of up to five digits, each with the byte after it, while the chunk
     // surely holds them: no bounds test and no saturation per digit. Anything else (a longer
@@ -403,6 +402,16 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
             dispatchCsiSequence(run, c);
         return;
     }
+    parseCsiParametersByByte(run, i, state, count, colonMask);
+}
+
+// The rest of a CSI that the whole-number loop left, byte by byte from the start of a parameter.
+void EscapeSequenceParser::parseCsiParametersByByte(Run& run, size_t i, ParserState state, int count, uint64_t colonMask) {
+    const uint8_t* p = run.bytes;
+    const size_t n = run.size;
+    HotFields& hot = run.hot;
+    int64_t* pars = hot.pars.storage;
+    int64_t value = 0;
     auto store = [&] {
         pars[count - 1] = value;
         hot.pars.count = count;
