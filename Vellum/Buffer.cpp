@@ -251,7 +251,13 @@ size_t Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell bas
 }
 
 // The rarer steps of writeAsciiWithinRow, kept out of its inlined body.
-void Buffer::storeWholeRow(BufferLine& line) { line.writableCells(line.count(), &compactWords); }
+// A row written a word at a time stores as many words as its array holds, not just those up to
+// the word: growing the stored part word by word costs more than writing blanks ahead. Only a
+// row that outgrows its array takes a larger one (geometrically), so what scrolls into the
+// scrollback stays as compact as before.
+void Buffer::storeAhead(BufferLine& line, int end) {
+    line.writableCells(std::max(end, int(line.storage.cells.capacity())), &compactWords);
+}
 
 void Buffer::repairSeams(BufferLine& line, int start, int end) {
     line.repairWideSeam(start);

@@ -49,9 +49,7 @@ public:
         if (insertMode || room <= 0 || count > size_t(room)) return false;
         int end = x + int(count);
         BufferLine& line = row(y);
-        // A row being written stores all its words at once: growing it word by word costs more
-        // than the one copy that trims it when it scrolls into the scrollback.
-        if (line.storedCount() < end) storeWholeRow(line);
+        if (line.storedCount() < end) storeAhead(line, end);
         PackedCell* cells = line.storage.data();
         if ((x > 0 && cells[x - 1].isWideHead()) || cells[end - 1].isWideHead()) repairSeams(line, x, end);
         line.usedLength = std::max(line.usedLength, end);
@@ -92,7 +90,7 @@ public:
     bool insertMode = false, marginMode = false, wraparound = true;
 
 private:
-    [[gnu::cold]] void storeWholeRow(BufferLine& line);
+    void storeAhead(BufferLine& line, int end);
     [[gnu::cold]] void repairSeams(BufferLine& line, int start, int end);
     bool hasPartialMargins() const;
     void shiftInsideMargins(int top, int bottom, int count, PackedCell blank);
