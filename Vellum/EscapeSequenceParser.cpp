@@ -133,8 +133,11 @@ void EscapeSequenceParser::parseBorrowed(std::span<const uint8_t> bytes, ParserT
                 // UTF-8 characters.
                 if (run.printStart < 0) run.printStart = ptrdiff_t(run.index);
                 run.index = ByteRunScanner::firstC0Byte(bytes, run.index + 1, scanPath);
-                // Handed over at once rather than when the loop meets the byte after it.
+                // Handed over at once rather than when the loop meets the byte after it, and the
+                // sequence that most often follows a word is read straight after it.
                 flushPrint(run);
+                if (run.state == S::ground && run.index + 1 < n && p[run.index] == ESC && p[run.index + 1] == '[')
+                    parseCsiDirectly(run);
                 continue;
             }
             if (run.printStart >= 0) {
