@@ -376,6 +376,20 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
     int64_t* pars = hot.pars.storage;
     int count = 1;
     uint64_t colonMask = 0;
+    // The colour forms 38;5; 48;5; 38;2; and 48;2; open most colourful sequences: their first two
+    // parameters are taken from one load.
+    if (state == S::csiEntry && i + 8 <= n) {
+        uint64_t head;
+        std::memcpy(&head, p + i, sizeof head);
+        uint8_t first = uint8_t(head), kind = uint8_t(head >> 24);
+        if ((head & 0xFF00FFFF00) == 0x3B003B3800 && (first == '3' || first == '4') && (kind == '5' || kind == '2')) {
+            pars[0] = first == '3' ? 38 : 48;
+            pars[1] = kind - '0';
+            count = 3;
+            i += 5;
+            state = S::csiParam;
+        }
+    }
     // Whole parameters of up to five digits, each with the byte after it, while the chunk
     // surely holds them: no bounds test and no saturation per digit. Anything else (a longer
     // number, the last bytes of the chunk, a byte out of the common shape) is left to the byte

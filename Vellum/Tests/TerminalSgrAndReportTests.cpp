@@ -101,6 +101,8 @@ TEST(TerminalSgr, SequencesCutAnywhereAgree) {
              a.underlineStyle = UnderlineStyle::single;
          })},
         {"\x1b[48;2;1;2m", boldRed},
+        {"\x1b[38;6;1m", boldRed},
+        {"\x1b[28;5;2m", with([](Attribute& a) { a.style.insert(CharacterStyle::blink | CharacterStyle::dim); })},
         {"\x1b[48;5m", boldRed},
         {"\x1b[38;3;1;2;3m", with([](Attribute& a) { a.style.insert(CharacterStyle::dim | CharacterStyle::italic); })},
         {"\x1b[39;2;1;2;3m", with([](Attribute& a) {
