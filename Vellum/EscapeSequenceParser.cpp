@@ -397,7 +397,21 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
     while (i + 6 <= n && count < CsiParameterStorage::capacity) {
         size_t j = i;
         unsigned number = 0;
-        for (unsigned digit; j < i + 5 && (digit = unsigned(p[j]) - '0') <= 9; ++j) number = number * 10 + digit;
+        // Spelled out: the loop form kept a bounds test per digit.
+        auto digitAt = [&](size_t at, unsigned& digit) { return (digit = unsigned(p[at]) - '0') <= 9; };
+        if (unsigned d; digitAt(j, d)) {
+            number = d, ++j;
+            if (digitAt(j, d)) {
+                number = number * 10 + d, ++j;
+                if (digitAt(j, d)) {
+                    number = number * 10 + d, ++j;
+                    if (digitAt(j, d)) {
+                        number = number * 10 + d, ++j;
+                        if (digitAt(j, d)) number = number * 10 + d, ++j;
+                    }
+                }
+            }
+        }
         uint8_t c = p[j];
         if (c == ';' || (c == ':' && (j > i || state == S::csiParam))) {
             pars[count - 1] = std::min<int64_t>(number, maximumParameterValue);
