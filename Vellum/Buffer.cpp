@@ -250,8 +250,7 @@ size_t Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell bas
     return count;
 }
 
-// The rarer steps of writeAsciiWithinRow, kept out of its inlined body.
-// A row written a word at a time stores as many words as its array holds, not just those up to
+// The rarer steps of writeAsciiWithinRow, kept out of its inlined body. A row written a word at a time stores as many words as its array holds, not just those up to
 // the word: growing the stored part word by word costs more than writing blanks ahead. Only a
 // row that outgrows its array takes a larger one (geometrically), so what scrolls into the
 // scrollback stays as compact as before.
