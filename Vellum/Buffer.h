@@ -47,16 +47,20 @@ public:
     [[gnu::always_inline]] bool writeAsciiWithinRow(const uint8_t* bytes, size_t count, PackedCell base) {
         int room = rightBound() - x + 1;
         if (insertMode || room <= 0 || count > size_t(room)) return false;
-        int end = x + int(count);
-        BufferLine& line = row(y);
+        writeAsciiOnRow(row(y), x, bytes, int(count), base.raw & ~PackedCell::contentAndWidthBits);
+        x += int(count);
+        return true;
+    }
+    // The cells of writeAsciiWithinRow at column `at` of `line`, which the caller knows has the
+    // room; the cursor is the caller's. `word` is the shared word with no content or width.
+    [[gnu::always_inline]] void writeAsciiOnRow(BufferLine& line, int at, const uint8_t* bytes, int count, uint64_t word) {
+        int end = at + count;
         if (line.storedCount() < end) storeAhead(line, end);
         PackedCell* cells = line.storage.data();
-        if ((x > 0 && cells[x - 1].isWideHead()) || cells[end - 1].isWideHead()) repairSeams(line, x, end);
+        if ((at > 0 && cells[at - 1].isWideHead()) || cells[end - 1].isWideHead()) repairSeams(line, at, end);
         line.usedLength = std::max(line.usedLength, end);
         ++line._generation;
-        writeAsciiCells(cells + x, bytes, int(count), base.raw & ~PackedCell::contentAndWidthBits);
-        x = end;
-        return true;
+        writeAsciiCells(cells + at, bytes, count, word);
     }
     // Moves the cursor to where a character of `width` goes, wrapping to the next row (and
     // scrolling) when autowrap is on. False when the character is to be dropped.

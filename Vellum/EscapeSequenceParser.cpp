@@ -128,6 +128,17 @@ void EscapeSequenceParser::parseBorrowed(std::span<const uint8_t> bytes, ParserT
     while (run.index < n) {
         uint8_t b = p[run.index];
         if (run.state == S::ground) {
+            if (groundLane && run.printStart < 0 && (b - 0x20u < 0x5Fu || b == ESC)) {
+                size_t next = run.terminal.consumeGroundLane(p, run.index, n);
+                if (next != run.index) {
+                    // What the lane took leaves the state of a sequence just dispatched.
+                    run.index = next;
+                    run.hot.pars.reset();
+                    run.hot.colonMask = 0;
+                    if (next == n) break;
+                    b = p[next];
+                }
+            }
             if (b >= 0x20) {
                 // Everything from 0x20 up is text here, C1 values included: they are parts of
                 // UTF-8 characters.

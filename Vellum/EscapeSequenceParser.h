@@ -30,6 +30,15 @@ public:
         (void)colonMask;
         dispatchCsi('m', pars, {});
     }
+    // From the ground state at `from`, with no text run pending: takes as much of the common
+    // alternation of printable ASCII words and CSI ... m sequences (wholly inside the chunk, no
+    // colons, markers or intermediates) as the target can without the parser, and returns where it
+    // stopped; `from` when it took nothing. The parser stays in the ground state throughout.
+    virtual size_t consumeGroundLane(const uint8_t* bytes, size_t from, size_t size) {
+        (void)bytes;
+        (void)size;
+        return from;
+    }
     virtual void dispatchEsc(std::span<const uint8_t> collect, uint8_t code) = 0;
     // The built-in DCS handlers; the parser's dcsHandlerFactory is asked first.
     virtual std::unique_ptr<DcsHandler> dispatchDcs(std::span<const uint8_t> collect, uint8_t code,
@@ -103,6 +112,8 @@ public:
     const TransitionTable& table = sharedVt500TransitionTable();
     // Tests run the same input through both to compare them.
     ScanPath scanPath = ScanPath::vector;
+    // Off, every text run and sequence goes through the parser's own paths; tests compare the two.
+    bool groundLane = true;
 
 private:
     struct HotFields;

@@ -55,6 +55,8 @@ public:
     const std::string& title() const { return terminalTitle; }
     bool cursorHidden = false;
     const TerminalOptions& options() const { return options_; }
+    // Off, words and renditions go through the parser's general paths; tests compare the two.
+    void setGroundLane(bool on) { parser.groundLane = on; }
 
     // The text of a screen row, right-trimmed, wide characters once.
     std::string lineText(int screenRow);
@@ -188,6 +190,7 @@ private:
     void dispatchExecute(uint8_t code) override;
     void dispatchCsi(uint8_t code, CsiParameters pars, std::span<const uint8_t> collect) override;
     void dispatchSgr(CsiParameters pars, uint64_t colonMask) override { selectGraphicRendition(pars, colonMask); }
+    size_t consumeGroundLane(const uint8_t* bytes, size_t from, size_t size) override;
     void dispatchEsc(std::span<const uint8_t> collect, uint8_t code) override;
     std::unique_ptr<DcsHandler> dispatchDcs(std::span<const uint8_t> collect, uint8_t code, CsiParameters pars) override;
     void dispatchOsc(int64_t code, std::span<const uint8_t> data, uint8_t terminator) override;

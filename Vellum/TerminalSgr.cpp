@@ -189,3 +189,99 @@ void Terminal::changeAreaRendition(Attribute& a, CsiParameters renditions, bool 
 }
 
 } // namespace vellum
+
+namespace vellum {
+
+namespace {
+
+constexpr uint8_t laneEscape = 0x1B;
+
+// The end of the printable ASCII (0x20-0x7E) starting at `from`: the first byte outside it, or `size`.
+size_t printableAsciiEnd(const uint8_t* p, size_t from, size_t size) {
+#if VELLUM_SCAN_SSE2
+    const __m128i space = _mm_set1_epi8(0x1F), del = _mm_set1_epi8(0x7F);
+    for (; from + 16 <= size; from += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + from));
+        // Signed: bytes of 0x80 and more are negative, so they fail the test with the controls.
+        int printable = _mm_movemask_epi8(_mm_cmpgt_epi8(v, space)) & ~_mm_movemask_epi8(_mm_cmpeq_epi8(v, del));
+        if (printable != 0xFFFF) return from + size_t(__builtin_ctz(~unsigned(printable)));
+    }
+#endif
+    while (from < size && p[from] - 0x20u < 0x5Fu) ++from;
+    return from;
+}
+
+// ESC [ parameters m at `from`, the parameters whole numbers of up to five digits separated by
+// semicolons, wholly inside the chunk with room to read a parameter past the end: the index after
+// the m, or 0 for anything else (which the parser then reads).
+size_t readLaneSgr(const uint8_t* p, size_t from, size_t size, CsiParameterStorage& pars) {
+    if (from + 2 >= size || p[from + 1] != '[') return 0;
+    size_t i = from + 2;
+    int count = 1;
+    while (i + 6 <= size) {
+        unsigned number = 0;
+        auto digitAt = [&](size_t at, unsigned& digit) { return (digit = unsigned(p[at]) - '0') <= 9; };
+        if (unsigned d; digitAt(i, d)) {
+            number = d, ++i;
+            if (digitAt(i, d)) {
+                number = number * 10 + d, ++i;
+                if (digitAt(i, d)) {
+                    number = number * 10 + d, ++i;
+                    if (digitAt(i, d)) {
+                        number = number * 10 + d, ++i;
+                        if (digitAt(i, d)) number = number * 10 + d, ++i;
+                    }
+                }
+            }
+        }
+        pars.storage[count - 1] = std::min<int64_t>(number, maximumParameterValue);
+        uint8_t c = p[i++];
+        if (c == 'm') {
+            pars.count = count;
+            return i;
+        }
+        if (c != ';' || count == CsiParameterStorage::capacity) return 0;
+        ++count;
+    }
+    return 0;
+}
+
+} // namespace
+
+// Words and renditions alternate in coloured output: this loop takes them with the row, the
+// cursor column and the print word in locals, and hands back to the parser at anything else
+// (another byte or sequence, a word that would wrap or that has more than ASCII in it, a
+// sequence cut by the end of the chunk), and whenever printing takes more than a plain write.
+size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
+    Buffer& buf = *buffer_;
+    if (charset || !readingBuffer.empty() || pendingHyperlink || buf.insertMode) return from;
+    BufferLine& line = buf.row(buf.y);
+    const int right = buf.rightBound();
+    int x = buf.x;
+    constexpr uint64_t styleBits = PackedCell::styleMask << PackedCell::styleShift;
+    uint64_t word = printBase().raw & ~PackedCell::contentAndWidthBits & ~styleBits;
+    CsiParameterStorage pars;
+    size_t i = from;
+    while (i < size) {
+        uint8_t b = p[i];
+        if (b == laneEscape) {
+            size_t end = readLaneSgr(p, i, size, pars);
+            if (end == 0) break;
+            selectGraphicRendition(CsiParameters(pars), 0);
+            i = end;
+            continue;
+        }
+        if (b - 0x20u >= 0x5Fu) break;
+        size_t end = printableAsciiEnd(p, i + 1, size);
+        int count = int(end - i);
+        if ((end < size && p[end] >= 0x7F) || count > right - x + 1) break;
+        buf.writeAsciiOnRow(line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
+        x += count;
+        previousScalar = p[end - 1];
+        i = end;
+    }
+    buf.x = x;
+    return i;
+}
+
+} // namespace vellum

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "Support/TerminalHarness.h"
 
 using namespace vellum;
@@ -179,6 +181,105 @@ TEST(TerminalSgr, SequencesCutAnywhereAgree) {
             }
         }
     }
+}
+
+namespace {
+
+// Everything the two terminals could disagree on: every cell of the screen and the history, the
+// cursor and the pen. Link codes are handed out once per process, so two terminals given the
+// same link hold different codes: only whether a cell has one is compared.
+void expectSameState(TerminalHarness& lane, TerminalHarness& general, const std::string& trace) {
+    SCOPED_TRACE(trace);
+    auto comparable = [](PackedCell cell) {
+        bool linked = cell.payloadCode() != 0;
+        return PackedCell{(cell.raw & ~(PackedCell::payloadMask << PackedCell::payloadShift)) | uint64_t(linked) << PackedCell::payloadShift};
+    };
+    ASSERT_EQ(lane.terminal.buffer().scrollbackRows(), general.terminal.buffer().scrollbackRows());
+    for (int r = -lane.terminal.buffer().scrollbackRows(); r < lane.terminal.rows(); ++r)
+        for (int c = 0; c < lane.terminal.cols(); ++c)
+            ASSERT_EQ(comparable(lane.terminal.buffer().row(r).packedCell(c)), comparable(general.terminal.buffer().row(r).packedCell(c)))
+                << r << "," << c;
+    ASSERT_EQ(lane.x(), general.x());
+    ASSERT_EQ(lane.y(), general.y());
+    ASSERT_EQ(lane.terminal.currentAttribute(), general.terminal.currentAttribute());
+}
+
+// Words and renditions, with everything that must send the lane back to the parser mixed in:
+// renditions it does not read, non-ASCII, insert mode, charsets, links, protection, margins,
+// line ends and cursor moves.
+std::string alternation(std::mt19937& random, int pairs) {
+    static const std::string interruptions[] = {
+        "\x1b[38:2::1:2:3m", "\x1b[?0m", "\x1b[0 m", "\x1b[123456m", "\x1b[1;2;3;4;5;6;7;8;9;0;1;2;3;4;5;6;7;8;9;0;1;2;3;4;5m",
+        "\xc3\xa9t\xc3\xa9 ", "\xe4\xb8\xad\xe6\x96\x87", "e\xcc\x81", "\x7f", "\xff", "\x1b[4h", "\x1b[4l",
+        "\x1b(0lqk", "\x1b(B", "\x1b]8;;http://x\x1b\\", "\x1b]8;;\x1b\\", "\x1b[1\"q", "\x1b[0\"q",
+        "\x1b[?69h\x1b[3;9s", "\x1b[?69l", "\r\n", "\x1b[H", "\x1b[K", "\x1b[2;4H", "\x1b[5m\x1b", "\x1b[",
+    };
+    std::string out;
+    for (int i = 0; i < pairs; ++i) {
+        switch (random() % 6) {
+        case 0: out += "\x1b[38;2;" + std::to_string(random() % 256) + ";" + std::to_string(random() % 256) + ";7m"; break;
+        case 1: out += "\x1b[48;5;" + std::to_string(random() % 300) + "m"; break;
+        case 2: out += "\x1b[1;3" + std::to_string(random() % 8) + "m"; break;
+        case 3: out += random() % 2 ? "\x1b[m" : "\x1b[;4;00041m"; break;
+        case 4: out += "\x1b[22;39;49m"; break;
+        default: break; // two words in a row
+        }
+        for (int n = 1 + int(random() % 9); n > 0; --n) out.push_back(char('a' + random() % 26));
+        out.push_back(' ');
+        if (random() % 3 == 0) out += interruptions[random() % std::size(interruptions)];
+    }
+    return out;
+}
+
+} // namespace
+
+// The parser hands words and renditions to a loop of the terminal's own while they alternate
+// plainly; whatever the chunks, the screen must be the one the general paths give.
+TEST(TerminalSgr, TheGroundLaneAgreesWithTheGeneralPaths) {
+    std::mt19937 random(19);
+    for (int round = 0; round < 60; ++round) {
+        std::string text = alternation(random, 120);
+        TerminalHarness whole(23, 5, 20), pieces(23, 5, 20), general(23, 5, 20);
+        general.terminal.setGroundLane(false);
+        general.terminal.feed(text);
+        whole.terminal.feed(text);
+        for (size_t at = 0; at < text.size();) {
+            size_t n = random() % 3 ? 1 + random() % 40 : 1 + random() % 400;
+            pieces.terminal.feed(std::string_view(text).substr(at, n));
+            at += n;
+        }
+        expectSameState(whole, general, "whole, round " + std::to_string(round));
+        expectSameState(pieces, general, "in pieces, round " + std::to_string(round));
+    }
+}
+
+TEST(TerminalSgr, TheGroundLaneAgreesWhereverAPairIsCut) {
+    const std::string text = "ab \x1b[38;2;10;200;7mword \x1b[1;31mx\x1b[mend\x1b[48;5;12m  \x1b[;1mlast\r\x1b[4hin\x1b[7mserted\x1b[4l\n";
+    TerminalHarness general(12, 3, 10);
+    general.terminal.setGroundLane(false);
+    general.terminal.feed(text + text);
+    for (size_t cut = 1; cut < text.size() * 2; ++cut) {
+        TerminalHarness lane(12, 3, 10);
+        lane.terminal.feed(std::string_view(text + text).substr(0, cut));
+        lane.terminal.feed(std::string_view(text + text).substr(cut));
+        expectSameState(lane, general, "cut at " + std::to_string(cut));
+    }
+}
+
+// Past 65,536 renditions the table is full and new ones print in the default style: the lane
+// must fall back exactly where the general path does, in the middle of a chunk.
+TEST(TerminalSgr, TheGroundLaneFallsBackWhenTheStyleTableFills) {
+    std::string text;
+    for (int i = 0; i < 70000; ++i)
+        text += "\x1b[38;2;" + std::to_string(i & 255) + ";" + std::to_string((i >> 8) & 255) + ";" + std::to_string(i >> 16) + "mw ";
+    TerminalHarness lane(97, 4, 50), general(97, 4, 50);
+    general.terminal.setGroundLane(false);
+    for (size_t at = 0; at < text.size(); at += 65536) {
+        lane.terminal.feed(std::string_view(text).substr(at, 65536));
+        general.terminal.feed(std::string_view(text).substr(at, 65536));
+    }
+    expectSameState(lane, general, "after the table filled");
+    EXPECT_EQ(lane.terminal.buffer().row(3).packedCell(lane.x() - 2).styleID(), 0);
 }
 
 // Answers that only the terminal's own dispatch can give; the report formats themselves are
