@@ -128,13 +128,17 @@ void EscapeSequenceParser::parseBorrowed(std::span<const uint8_t> bytes, ParserT
     while (run.index < n) {
         uint8_t b = p[run.index];
         if (run.state == S::ground) {
-            if (groundLane && run.printStart < 0 && (b - 0x20u < 0x5Fu || b == ESC)) {
+            // Words and renditions alternating go to the target's lane, entered at a sequence:
+            // plain text gains nothing there.
+            if (b == ESC && groundLane && run.printStart < 0) {
+                currentState = S::ground;
                 size_t next = run.terminal.consumeGroundLane(p, run.index, n);
                 if (next != run.index) {
                     // What the lane took leaves the state of a sequence just dispatched.
                     run.index = next;
                     run.hot.pars.reset();
                     run.hot.colonMask = 0;
+                    if (resetHappened(run)) continue;
                     if (next == n) break;
                     b = p[next];
                 }
@@ -147,7 +151,7 @@ void EscapeSequenceParser::parseBorrowed(std::span<const uint8_t> bytes, ParserT
                 // Handed over at once rather than when the loop meets the byte after it, and the
                 // sequence that most often follows a word is read straight after it.
                 flushPrint(run);
-                if (run.state == S::ground && run.index + 1 < n && p[run.index] == ESC && p[run.index + 1] == '[')
+                if (run.state == S::ground && run.index + 1 < n && p[run.index] == ESC && p[run.index + 1] == '[' && !groundLane)
                     parseCsiDirectly(run);
                 continue;
             }
@@ -389,17 +393,10 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
     uint64_t colonMask = 0;
     // The colour forms 38;5; 48;5; 38;2; and 48;2; open most colourful sequences: their first two
     // parameters are taken from one load.
-    if (state == S::csiEntry && i + 8 <= n) {
-        uint64_t head;
-        std::memcpy(&head, p + i, sizeof head);
-        uint8_t first = uint8_t(head), kind = uint8_t(head >> 24);
-        if ((head & 0xFF00FFFF00) == 0x3B003B3800 && (first == '3' || first == '4') && (kind == '5' || kind == '2')) {
-            pars[0] = first == '3' ? 38 : 48;
-            pars[1] = kind - '0';
-            count = 3;
-            i += 5;
-            state = S::csiParam;
-        }
+    if (state == S::csiEntry && i + 8 <= n && csiShapes::readColourPrefix(p + i, pars)) {
+        count = 3;
+        i += 5;
+        state = S::csiParam;
     }
     // Whole parameters of up to five digits, each with the byte after it, while the chunk
     // surely holds them: no bounds test and no saturation per digit. Anything else (a longer
@@ -407,22 +404,7 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
     // loop below, from the start of the parameter at hand.
     while (i + 6 <= n && count < CsiParameterStorage::capacity) {
         size_t j = i;
-        unsigned number = 0;
-        // Spelled out: the loop form kept a bounds test per digit.
-        auto digitAt = [&](size_t at, unsigned& digit) { return (digit = unsigned(p[at]) - '0') <= 9; };
-        if (unsigned d; digitAt(j, d)) {
-            number = d, ++j;
-            if (digitAt(j, d)) {
-                number = number * 10 + d, ++j;
-                if (digitAt(j, d)) {
-                    number = number * 10 + d, ++j;
-                    if (digitAt(j, d)) {
-                        number = number * 10 + d, ++j;
-                        if (digitAt(j, d)) number = number * 10 + d, ++j;
-                    }
-                }
-            }
-        }
+        unsigned number = csiShapes::readWholeNumber(p, j);
         uint8_t c = p[j];
         if (c == ';' || (c == ':' && (j > i || state == S::csiParam))) {
             pars[count - 1] = std::min<int64_t>(number, maximumParameterValue);

@@ -33,7 +33,8 @@ public:
     // From the ground state at `from`, with no text run pending: takes as much of the common
     // alternation of printable ASCII words and CSI ... m sequences (wholly inside the chunk, no
     // colons, markers or intermediates) as the target can without the parser, and returns where it
-    // stopped; `from` when it took nothing. The parser stays in the ground state throughout.
+    // stopped; `from` when it took nothing. The parser stays in the ground state throughout. The
+    // target may end with another CSI of that plain shape, dispatched as the parser would.
     virtual size_t consumeGroundLane(const uint8_t* bytes, size_t from, size_t size) {
         (void)bytes;
         (void)size;

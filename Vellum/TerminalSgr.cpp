@@ -211,33 +211,25 @@ size_t printableAsciiEnd(const uint8_t* p, size_t from, size_t size) {
     return from;
 }
 
-// ESC [ parameters m at `from`, the parameters whole numbers of up to five digits separated by
-// semicolons, wholly inside the chunk with room to read a parameter past the end: the index after
-// the m, or 0 for anything else (which the parser then reads).
-size_t readLaneSgr(const uint8_t* p, size_t from, size_t size, CsiParameterStorage& pars) {
+// ESC [ parameters final at `from`, the parameters whole numbers of up to five digits separated
+// by semicolons, wholly inside the chunk with room to read a parameter past the end: the index
+// after the final byte, or 0 for anything else (a marker, an intermediate, a colon, a long
+// number, too many parameters, the end of the chunk near), which the parser then reads.
+size_t readLaneCsi(const uint8_t* p, size_t from, size_t size, CsiParameterStorage& pars, uint8_t& final) {
     if (from + 2 >= size || p[from + 1] != '[') return 0;
     size_t i = from + 2;
     int count = 1;
+    if (i + 8 <= size && csiShapes::readColourPrefix(p + i, pars.storage)) {
+        count = 3;
+        i += 5;
+    }
     while (i + 6 <= size) {
-        unsigned number = 0;
-        auto digitAt = [&](size_t at, unsigned& digit) { return (digit = unsigned(p[at]) - '0') <= 9; };
-        if (unsigned d; digitAt(i, d)) {
-            number = d, ++i;
-            if (digitAt(i, d)) {
-                number = number * 10 + d, ++i;
-                if (digitAt(i, d)) {
-                    number = number * 10 + d, ++i;
-                    if (digitAt(i, d)) {
-                        number = number * 10 + d, ++i;
-                        if (digitAt(i, d)) number = number * 10 + d, ++i;
-                    }
-                }
-            }
-        }
+        unsigned number = csiShapes::readWholeNumber(p, i);
         pars.storage[count - 1] = std::min<int64_t>(number, maximumParameterValue);
         uint8_t c = p[i++];
-        if (c == 'm') {
+        if (c - 0x40u <= 0x3Eu) {
             pars.count = count;
+            final = c;
             return i;
         }
         if (c != ';' || count == CsiParameterStorage::capacity) return 0;
@@ -250,32 +242,43 @@ size_t readLaneSgr(const uint8_t* p, size_t from, size_t size, CsiParameterStora
 
 // Words and renditions alternate in coloured output: this loop takes them with the row, the
 // cursor column and the print word in locals, and hands back to the parser at anything else
-// (another byte or sequence, a word that would wrap or that has more than ASCII in it, a
-// sequence cut by the end of the chunk), and whenever printing takes more than a plain write.
+// (another byte, a sequence it does not read, a word that would wrap or that has more than ASCII
+// in it), and whenever printing takes more than a plain write. Another plain CSI is dispatched
+// here, since it is read already, and ends the loop: it may move the cursor or change the modes.
 size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
     Buffer& buf = *buffer_;
     if (charset || !readingBuffer.empty() || pendingHyperlink || buf.insertMode) return from;
-    BufferLine& line = buf.row(buf.y);
-    const int right = buf.rightBound();
-    int x = buf.x;
     constexpr uint64_t styleBits = PackedCell::styleMask << PackedCell::styleShift;
-    uint64_t word = printBase().raw & ~PackedCell::contentAndWidthBits & ~styleBits;
+    BufferLine* line = nullptr; // looked up at the first word
+    int x = buf.x, right = 0;
+    uint64_t word = 0;
     CsiParameterStorage pars;
     size_t i = from;
     while (i < size) {
         uint8_t b = p[i];
         if (b == laneEscape) {
-            size_t end = readLaneSgr(p, i, size, pars);
+            uint8_t final = 0;
+            size_t end = readLaneCsi(p, i, size, pars, final);
             if (end == 0) break;
-            selectGraphicRendition(CsiParameters(pars), 0);
-            i = end;
-            continue;
+            if (final == 'm') {
+                selectGraphicRendition(CsiParameters(pars), 0);
+                i = end;
+                continue;
+            }
+            buf.x = x;
+            dispatchCsi(final, CsiParameters(pars), {});
+            return end;
         }
         if (b - 0x20u >= 0x5Fu) break;
         size_t end = printableAsciiEnd(p, i + 1, size);
+        if (!line) {
+            line = &buf.row(buf.y);
+            right = buf.rightBound();
+            word = printBase().raw & ~PackedCell::contentAndWidthBits & ~styleBits;
+        }
         int count = int(end - i);
         if ((end < size && p[end] >= 0x7F) || count > right - x + 1) break;
-        buf.writeAsciiOnRow(line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
+        buf.writeAsciiOnRow(*line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
         x += count;
         previousScalar = p[end - 1];
         i = end;
