@@ -215,20 +215,20 @@ size_t printableAsciiEnd(const uint8_t* p, size_t from, size_t size) {
 // by semicolons, wholly inside the chunk with room to read a parameter past the end: the index
 // after the final byte, or 0 for anything else (a marker, an intermediate, a colon, a long
 // number, too many parameters, the end of the chunk near), which the parser then reads.
-size_t readLaneCsi(const uint8_t* p, size_t from, size_t size, CsiParameterStorage& pars, uint8_t& final) {
+size_t readLaneCsi(const uint8_t* p, size_t from, size_t size, int64_t* pars, int& parsCount, uint8_t& final) {
     if (from + 2 >= size || p[from + 1] != '[') return 0;
     size_t i = from + 2;
     int count = 1;
-    if (i + 8 <= size && csiShapes::readColourPrefix(p + i, pars.storage)) {
+    if (i + 8 <= size && csiShapes::readColourPrefix(p + i, pars)) {
         count = 3;
         i += 5;
     }
     while (i + 6 <= size) {
         unsigned number = csiShapes::readWholeNumber(p, i);
-        pars.storage[count - 1] = std::min<int64_t>(number, maximumParameterValue);
+        pars[count - 1] = std::min<int64_t>(number, maximumParameterValue);
         uint8_t c = p[i++];
         if (c - 0x40u <= 0x3Eu) {
-            pars.count = count;
+            parsCount = count;
             final = c;
             return i;
         }
@@ -249,36 +249,33 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
     Buffer& buf = *buffer_;
     if (charset || !readingBuffer.empty() || pendingHyperlink || buf.insertMode) return from;
     constexpr uint64_t styleBits = PackedCell::styleMask << PackedCell::styleShift;
-    BufferLine* line = nullptr; // looked up at the first word
-    int x = buf.x, right = 0;
-    uint64_t word = 0;
-    CsiParameterStorage pars;
+    BufferLine& line = buf.row(buf.y);
+    const int right = buf.rightBound();
+    int x = buf.x;
+    const uint64_t word = printBase().raw & ~PackedCell::contentAndWidthBits & ~styleBits;
+    int64_t pars[CsiParameterStorage::capacity]; // filled as read: no need to clear it
+    int parsCount = 0;
     size_t i = from;
     while (i < size) {
         uint8_t b = p[i];
         if (b == laneEscape) {
             uint8_t final = 0;
-            size_t end = readLaneCsi(p, i, size, pars, final);
+            size_t end = readLaneCsi(p, i, size, pars, parsCount, final);
             if (end == 0) break;
             if (final == 'm') {
-                selectGraphicRendition(CsiParameters(pars), 0);
+                selectGraphicRendition(CsiParameters(pars, parsCount), 0);
                 i = end;
                 continue;
             }
             buf.x = x;
-            dispatchCsi(final, CsiParameters(pars), {});
+            dispatchCsi(final, CsiParameters(pars, parsCount), {});
             return end;
         }
         if (b - 0x20u >= 0x5Fu) break;
         size_t end = printableAsciiEnd(p, i + 1, size);
-        if (!line) {
-            line = &buf.row(buf.y);
-            right = buf.rightBound();
-            word = printBase().raw & ~PackedCell::contentAndWidthBits & ~styleBits;
-        }
         int count = int(end - i);
         if ((end < size && p[end] >= 0x7F) || count > right - x + 1) break;
-        buf.writeAsciiOnRow(*line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
+        buf.writeAsciiOnRow(line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
         x += count;
         previousScalar = p[end - 1];
         i = end;
