@@ -243,14 +243,15 @@ size_t readLaneCsi(const uint8_t* p, size_t from, size_t size, int64_t* pars, in
 // Words and renditions alternate in coloured output: this loop takes them with the row, the
 // cursor column and the print word in locals, and hands back to the parser at anything else
 // (another byte, a sequence it does not read, a word that would wrap or that has more than ASCII
-// in it), and whenever printing takes more than a plain write. Another plain CSI is dispatched
+// in it), and whenever printing takes more than a plain write. Carriage returns and line feeds
+// are executed in place and the row looked up again. Another plain CSI is dispatched
 // here, since it is read already, and ends the loop: it may move the cursor or change the modes.
 size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
     Buffer& buf = *buffer_;
     if (charset || !readingBuffer.empty() || pendingHyperlink || buf.insertMode) return from;
     constexpr uint64_t styleBits = PackedCell::styleMask << PackedCell::styleShift;
-    BufferLine& line = buf.row(buf.y);
-    const int right = buf.rightBound();
+    BufferLine* line = &buf.row(buf.y);
+    int right = buf.rightBound();
     int x = buf.x;
     const uint64_t word = printBase().raw & ~PackedCell::contentAndWidthBits & ~styleBits;
     int64_t pars[CsiParameterStorage::capacity]; // filled as read: no need to clear it
@@ -271,11 +272,21 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
             dispatchCsi(final, CsiParameters(pars, parsCount), {});
             return end;
         }
+        if (b == '\r' || b == '\n') {
+            // Line ends come once a row: taken here, the lane goes on along the next row.
+            buf.x = x;
+            dispatchExecute(b);
+            line = &buf.row(buf.y);
+            right = buf.rightBound();
+            x = buf.x;
+            ++i;
+            continue;
+        }
         if (b - 0x20u >= 0x5Fu) break;
         size_t end = printableAsciiEnd(p, i + 1, size);
         int count = int(end - i);
         if ((end < size && p[end] >= 0x7F) || count > right - x + 1) break;
-        buf.writeAsciiOnRow(line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
+        buf.writeAsciiOnRow(*line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
         x += count;
         previousScalar = p[end - 1];
         i = end;

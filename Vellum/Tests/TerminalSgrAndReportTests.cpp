@@ -205,14 +205,15 @@ void expectSameState(TerminalHarness& lane, TerminalHarness& general, const std:
 }
 
 // Words and renditions, with everything that must send the lane back to the parser mixed in:
-// renditions it does not read, non-ASCII, insert mode, charsets, links, protection, margins,
-// line ends and cursor moves.
+// renditions it does not read, non-ASCII, insert mode, charsets, links, protection, margins and
+// cursor moves; and the line ends, scroll regions and line feed mode it must honour itself.
 std::string alternation(std::mt19937& random, int pairs) {
     static const std::string interruptions[] = {
         "\x1b[38:2::1:2:3m", "\x1b[?0m", "\x1b[0 m", "\x1b[123456m", "\x1b[1;2;3;4;5;6;7;8;9;0;1;2;3;4;5;6;7;8;9;0;1;2;3;4;5m",
         "\xc3\xa9t\xc3\xa9 ", "\xe4\xb8\xad\xe6\x96\x87", "e\xcc\x81", "\x7f", "\xff", "\x1b[4h", "\x1b[4l",
         "\x1b(0lqk", "\x1b(B", "\x1b]8;;http://x\x1b\\", "\x1b]8;;\x1b\\", "\x1b[1\"q", "\x1b[0\"q",
-        "\x1b[?69h\x1b[3;9s", "\x1b[?69l", "\r\n", "\x1b[H", "\x1b[K", "\x1b[2;4H", "\x1b[5m\x1b", "\x1b[",
+        "\x1b[?69h\x1b[3;9s", "\x1b[?69l", "\r\n", "\r", "\n", "\x1b[2;4r", "\x1b[r", "\x1b[20h", "\x1b[20l",
+        "\x1b[H", "\x1b[K", "\x1b[2;4H", "\x1b[5m\x1b", "\x1b[",
     };
     std::string out;
     for (int i = 0; i < pairs; ++i) {
