@@ -54,13 +54,21 @@ public:
     // The cells of writeAsciiWithinRow at column `at` of `line`, which the caller knows has the
     // room; the cursor is the caller's. `word` is the shared word with no content or width.
     [[gnu::always_inline]] void writeAsciiOnRow(BufferLine& line, int at, const uint8_t* bytes, int count, uint64_t word) {
+        putAsciiCells(line, at, bytes, count, word);
+        finishAsciiWrites(line, at + count);
+    }
+    // writeAsciiOnRow in two halves, for a writer that puts several words on a row and then
+    // finishes the row once, with the end of the last of them.
+    [[gnu::always_inline]] void putAsciiCells(BufferLine& line, int at, const uint8_t* bytes, int count, uint64_t word) {
         int end = at + count;
         if (line.storedCount() < end) storeAhead(line, end);
         PackedCell* cells = line.storage.data();
         if ((at > 0 && cells[at - 1].isWideHead()) || cells[end - 1].isWideHead()) repairSeams(line, at, end);
+        writeAsciiCells(cells + at, bytes, count, word);
+    }
+    static void finishAsciiWrites(BufferLine& line, int end) {
         line.usedLength = std::max(line.usedLength, end);
         ++line._generation;
-        writeAsciiCells(cells + at, bytes, count, word);
     }
     // Moves the cursor to where a character of `width` goes, wrapping to the next row (and
     // scrolling) when autowrap is on. False when the character is to be dropped.

@@ -257,6 +257,11 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
     int64_t pars[CsiParameterStorage::capacity]; // filled as read: no need to clear it
     int parsCount = 0;
     size_t i = from;
+    int rowEnd = -1; // the end of the last word put on the row, until the row is finished
+    auto finishRow = [&] {
+        if (rowEnd >= 0) Buffer::finishAsciiWrites(*line, rowEnd);
+        rowEnd = -1;
+    };
     while (i < size) {
         uint8_t b = p[i];
         if (b == laneEscape) {
@@ -269,12 +274,14 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
                 continue;
             }
             buf.x = x;
+            finishRow();
             dispatchCsi(final, CsiParameters(pars, parsCount), {});
             return end;
         }
         if (b == '\r' || b == '\n') {
             // Line ends come once a row: taken here, the lane goes on along the next row.
             buf.x = x;
+            finishRow();
             dispatchExecute(b);
             line = &buf.row(buf.y);
             right = buf.rightBound();
@@ -286,12 +293,14 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
         size_t end = printableAsciiEnd(p, i + 1, size);
         int count = int(end - i);
         if ((end < size && p[end] >= 0x7F) || count > right - x + 1) break;
-        buf.writeAsciiOnRow(*line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
+        buf.putAsciiCells(*line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
         x += count;
+        rowEnd = x;
         previousScalar = p[end - 1];
         i = end;
     }
     buf.x = x;
+    finishRow();
     return i;
 }
 
