@@ -233,13 +233,20 @@ FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOpti
     return write(path, options, source, std::move(progress), cancel, std::nullopt);
 }
 
-bool CorvexdFileBackend::takesPut(const FileWriteOptions& options) const {
-    if (!options.size || *options.size > protocol::fsPutLargest) return false;
+bool CorvexdFileBackend::announces(std::string_view feature) const {
     auto live = backend();
     auto hello = live ? live->lastHello() : std::nullopt;
     if (!hello || !hello->featureNames) return false;
     const auto& names = *hello->featureNames;
-    return std::find(names.begin(), names.end(), protocol::fsPutFeature) != names.end();
+    return std::find(names.begin(), names.end(), feature) != names.end();
+}
+
+int CorvexdFileBackend::putsAtOnce() const {
+    return announces(protocol::fsPutFeature) && announces(protocol::fsPutsFeature) ? protocol::fsPutsAtOnce : 0;
+}
+
+bool CorvexdFileBackend::takesPut(const FileWriteOptions& options) const {
+    return options.size && *options.size <= protocol::fsPutLargest && announces(protocol::fsPutFeature);
 }
 
 // One message each way instead of an opening round trip, data, acks and an end: what bounds a
