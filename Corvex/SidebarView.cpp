@@ -80,7 +80,11 @@ SidebarView::SidebarView(QWidget* parent) : QWidget(parent) {
     layout->setSpacing(0);
     tree_ = new SidebarTree(this);
     tree_->setContextMenuPolicy(Qt::CustomContextMenu);
+    // Only a click gives the sidebar the keyboard: a window that opens or comes back must
+    // hand it to the focused pane, not to the first widget in the focus chain.
+    tree_->setFocusPolicy(Qt::ClickFocus);
     newWorkspace_ = new QPushButton("New Workspace", this);
+    newWorkspace_->setFocusPolicy(Qt::NoFocus);
     newWorkspace_->setObjectName("newWorkspace");
     newWorkspace_->setToolTip("New Workspace (Ctrl+Shift+N)");
     layout->addWidget(tree_, 1);

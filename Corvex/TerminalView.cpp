@@ -377,9 +377,11 @@ bool TerminalView::event(QEvent* event) {
     if (event->type() == QEvent::ShortcutOverride) {
         auto* key = static_cast<QKeyEvent*>(event);
         Qt::KeyboardModifiers mods = key->modifiers();
-        // Ctrl+Shift chords belong to the application's shortcuts; every other key is the
-        // program's, plain Ctrl keys included.
+        // Ctrl+Shift chords and Ctrl with the paging keys (next and previous tab) belong to the
+        // application's shortcuts; every other key is the program's, plain Ctrl keys included.
         if (mods.testFlag(Qt::ControlModifier) && mods.testFlag(Qt::ShiftModifier)) return QWidget::event(event);
+        bool paging = key->key() == Qt::Key_PageUp || key->key() == Qt::Key_PageDown;
+        if (paging && (mods & ~Qt::KeypadModifier) == Qt::ControlModifier) return QWidget::event(event);
         event->accept();
         return true;
     }

@@ -80,11 +80,20 @@ void endPaneSessions(const PaneSessions& leaders, std::chrono::milliseconds pati
         }
         return true;
     };
-    for (int signal : {SIGTERM, SIGKILL}) {
-        if (settled()) return;
-        for (pid_t pid : sessionMembers(leaders)) ::kill(pid, signal);
+    auto signalAll = [&](int signal) {
+        auto members = sessionMembers(leaders);
+        for (pid_t pid : members) ::kill(pid, signal);
+        return !members.empty();
+    };
+    if (settled()) return;
+    signalAll(SIGTERM);
+    if (settled()) return;
+    // A shell in a loop forks between our listing and our kill, and its new child, which may
+    // ignore HUP and TERM too, would live on: kill again until the session is empty.
+    auto deadline = std::chrono::steady_clock::now() + patience;
+    while (signalAll(SIGKILL) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    settled();
 }
 
 } // namespace corvexd

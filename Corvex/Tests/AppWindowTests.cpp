@@ -62,6 +62,10 @@ TEST(AppWindowTest, FirstLaunchOpensWorkspaceOneWithALiveShellThatTakesTyping) {
               nullptr);
 
     uint64_t pane = harness.focusedPane();
+    // Keys typed into the new window go to the shell, not to the first widget that could take them.
+    QWidget* terminal = harness.app().host(pane)->terminal();
+    EXPECT_TRUE(eventually([&] { return QApplication::focusWidget() == terminal; }))
+        << (QApplication::focusWidget() ? QApplication::focusWidget()->metaObject()->className() : "no widget");
     harness.type("echo typed-$((6*7))");
     harness.pressReturn();
     EXPECT_TRUE(harness.screenShows(pane, "typed-42")) << harness.screenText(pane);

@@ -314,7 +314,9 @@ TEST(HostileClient, ShutdownEndsProgramsThatIgnoreHangUpAndTerminate) {
     RawClient client(daemon.socketPath());
     std::vector<pid_t> groups;
     for (const char* ignored : {"HUP", "HUP TERM"}) {
-        std::string script = std::string("trap '' ") + ignored + "; echo stubborn; while :; do sleep 1; done";
+        // Children that inherit the ignored signals keep coming, so some are born while the
+        // daemon is ending the session.
+        std::string script = std::string("trap '' ") + ignored + "; echo stubborn; while :; do sleep 3 & sleep 0.05; done";
         uint64_t pane = createPane(client, shell({"/bin/sh", "-c", script}));
         ASSERT_TRUE(client.request("pane.subscribe", {{"pane", pane}}));
         ASSERT_TRUE(eventually([&] {
@@ -329,7 +331,11 @@ TEST(HostileClient, ShutdownEndsProgramsThatIgnoreHangUpAndTerminate) {
     }
     ASSERT_EQ(groups.size(), 2u);
     ASSERT_EQ(daemon.run({"shutdown"}).status, 0);
-    for (pid_t leader : groups) EXPECT_FALSE(sessionLives(leader)) << "the session of " << leader << " outlived the daemon";
+    // A daemon that died before the shutdown leaves its log behind: show why.
+    std::string log = corvex::testing::readFile(daemon.runtimeDir() + "/corvexd.log");
+    for (pid_t leader : groups) {
+        EXPECT_FALSE(sessionLives(leader)) << "the session of " << leader << " outlived the daemon\n" << log;
+    }
 }
 
 TEST(HostileClient, RuntimeFilesAreNeitherFollowedNorLeftBehind) {

@@ -46,7 +46,13 @@ struct Ran {
 // A program built beside the tests, in CORVEX_BUILD_BIN.
 inline std::string builtProgram(const std::string& name) {
     const char* bin = std::getenv("CORVEX_BUILD_BIN");
-    return std::string(bin ? bin : "build/ci/bin") + "/" + name;
+    std::string folder = bin ? bin : "build/ci/bin";
+    // Absolute, so a test may run it from another folder.
+    if (!folder.empty() && folder.front() != '/') {
+        char here[4096];
+        if (::getcwd(here, sizeof here)) folder = std::string(here) + "/" + folder;
+    }
+    return folder + "/" + name;
 }
 inline bool isBuilt(const std::string& name) { return ::access(builtProgram(name).c_str(), X_OK) == 0; }
 
