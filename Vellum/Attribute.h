@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -85,7 +86,9 @@ struct Attribute {
         constexpr bool operator==(const Color& other) const { return word() == other.word(); }
 
     private:
+        // One load where the byte order allows; the compiler does not merge the four byte loads.
         constexpr uint32_t word() const {
+            if constexpr (std::endian::native == std::endian::little) return std::bit_cast<uint32_t>(*this);
             return uint32_t(payload_[0]) | uint32_t(payload_[1]) << 8 | uint32_t(payload_[2]) << 16 | uint32_t(tag_) << 24;
         }
 

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <memory>
 
+#include "Vellum/AsciiCells.h"
 #include "Vellum/Attribute.h"
 #include "Vellum/Charsets.h"
 #include "Vellum/CircularBufferLineList.h"
@@ -39,6 +41,23 @@ public:
     // the number of characters consumed, which is 0 in insert mode: the caller then goes one by one.
     size_t insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell base, PackedCell blank);
     size_t insertContentRun(const uint32_t* contents, size_t count, int width, PackedCell base, PackedCell blank);
+    // The common case of printing in one pass: `count` printable ASCII bytes that land on the
+    // cursor's row from the cursor on, outside insert mode. False, with nothing written, when
+    // they do not (a pending wrap, too little room, insert mode).
+    [[gnu::always_inline]] bool writeAsciiWithinRow(const uint8_t* bytes, size_t count, PackedCell base) {
+        int room = rightBound() - x + 1;
+        if (insertMode || room <= 0 || count > size_t(room)) return false;
+        int end = x + int(count);
+        BufferLine& line = row(y);
+        if (line.storedCount() < end) storeAhead(line, end);
+        PackedCell* cells = line.storage.data();
+        if ((x > 0 && cells[x - 1].isWideHead()) || cells[end - 1].isWideHead()) repairSeams(line, x, end);
+        line.usedLength = std::max(line.usedLength, end);
+        ++line._generation;
+        writeAsciiCells(cells + x, bytes, int(count), base.raw & ~PackedCell::contentAndWidthBits);
+        x = end;
+        return true;
+    }
     // Moves the cursor to where a character of `width` goes, wrapping to the next row (and
     // scrolling) when autowrap is on. False when the character is to be dropped.
     bool placeCharacter(int width, PackedCell blank) { return x + width - 1 <= rightBound() || wrapForCharacter(width, blank); }
@@ -71,6 +90,8 @@ public:
     bool insertMode = false, marginMode = false, wraparound = true;
 
 private:
+    void storeAhead(BufferLine& line, int end);
+    [[gnu::cold]] void repairSeams(BufferLine& line, int start, int end);
     bool hasPartialMargins() const;
     void shiftInsideMargins(int top, int bottom, int count, PackedCell blank);
     bool wrapForCharacter(int width, PackedCell blank);

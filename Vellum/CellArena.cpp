@@ -142,21 +142,6 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identif
 // seen by a full table, are merged into one branch, which is then taken nearly always: a branch
 // per answer would be mispredicted on every switch between them, each time after waiting for
 // the loads it tests.
-int CellArena::internedIdentifier(const Attribute& attributes) {
-    InternedAttributeKey key(attributes);
-    if (key.isZero()) return 0;
-    uint64_t hash = cacheHash(key);
-    const CacheEntry& cached = attributeCache[cacheIndex(hash)];
-    uint64_t mixed = remix(hash), mask = presenceMask(mixed);
-    uint64_t presence = attributePresence[presenceWord(mixed)];
-    __builtin_prefetch(&attributeSlots[homeSlot(hash)]);
-    // A zero entry never matches, since the key is not zero.
-    bool cacheHit = ((cached.word0 ^ key.word0) | (cached.word1 ^ key.word1)) == 0;
-    bool absentFromFullTable = ((presence & mask) != mask) & (isSnapshotCopy | (attributeCountValue > attributeCapacity));
-    if (cacheHit | absentFromFullTable) return cacheHit ? int(cached.identifierPlusOne) - 1 : -1;
-    return internedIdentifierFromTable(attributes, key, hash);
-}
-
 int CellArena::internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key, uint64_t hash) {
     size_t free = 0;
     if (mayBePresent(hash)) {

@@ -242,4 +242,20 @@ private:
     std::unordered_map<SharedScalars, uint32_t, ScalarsHash, ScalarsEqual> graphemeIdentifiers;
 };
 
+// Inline: every SGR that changes the pen asks, and most are answered here.
+inline int CellArena::internedIdentifier(const Attribute& attributes) {
+    InternedAttributeKey key(attributes);
+    if (key.isZero()) return 0;
+    uint64_t hash = cacheHash(key);
+    const CacheEntry& cached = attributeCache[cacheIndex(hash)];
+    uint64_t mixed = remix(hash), mask = presenceMask(mixed);
+    uint64_t presence = attributePresence[presenceWord(mixed)];
+    __builtin_prefetch(&attributeSlots[homeSlot(hash)]);
+    // A zero entry never matches, since the key is not zero.
+    bool cacheHit = ((cached.word0 ^ key.word0) | (cached.word1 ^ key.word1)) == 0;
+    bool absentFromFullTable = ((presence & mask) != mask) & (isSnapshotCopy | (attributeCountValue > attributeCapacity));
+    if (cacheHit | absentFromFullTable) return cacheHit ? int(cached.identifierPlusOne) - 1 : -1;
+    return internedIdentifierFromTable(attributes, key, hash);
+}
+
 } // namespace vellum

@@ -133,6 +133,11 @@ void EscapeSequenceParser::parseBorrowed(std::span<const uint8_t> bytes, ParserT
                 // UTF-8 characters.
                 if (run.printStart < 0) run.printStart = ptrdiff_t(run.index);
                 run.index = ByteRunScanner::firstC0Byte(bytes, run.index + 1, scanPath);
+                // Handed over at once rather than when the loop meets the byte after it, and the
+                // sequence that most often follows a word is read straight after it.
+                flushPrint(run);
+                if (run.state == S::ground && run.index + 1 < n && p[run.index] == ESC && p[run.index + 1] == '[')
+                    parseCsiDirectly(run);
                 continue;
             }
             if (run.printStart >= 0) {
@@ -197,7 +202,7 @@ bool EscapeSequenceParser::resetHappened(Run& run) {
     return true;
 }
 
-void EscapeSequenceParser::flushPrint(Run& run) {
+[[gnu::always_inline]] inline void EscapeSequenceParser::flushPrint(Run& run) {
     if (run.printStart < 0) return;
     std::span<const uint8_t> text(run.bytes + run.printStart, run.index - size_t(run.printStart));
     run.printStart = -1;
@@ -335,7 +340,7 @@ void EscapeSequenceParser::dispatchCsiSequence(Run& run, uint8_t code) {
     endStringSequence(run);
 }
 
-void EscapeSequenceParser::dispatchSgrSequence(Run& run) {
+[[gnu::always_inline]] inline void EscapeSequenceParser::dispatchSgrSequence(Run& run) {
     _parsColonMask = run.hot.colonMask;
     currentState = run.state;
     run.terminal.dispatchSgr(run.pars(), run.hot.colonMask);
@@ -370,8 +375,74 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
     // the common shape.
     int64_t* pars = hot.pars.storage;
     int count = 1;
-    int64_t value = 0;
     uint64_t colonMask = 0;
+    // The colour forms 38;5; 48;5; 38;2; and 48;2; open most colourful sequences: their first two
+    // parameters are taken from one load.
+    if (state == S::csiEntry && i + 8 <= n) {
+        uint64_t head;
+        std::memcpy(&head, p + i, sizeof head);
+        uint8_t first = uint8_t(head), kind = uint8_t(head >> 24);
+        if ((head & 0xFF00FFFF00) == 0x3B003B3800 && (first == '3' || first == '4') && (kind == '5' || kind == '2')) {
+            pars[0] = first == '3' ? 38 : 48;
+            pars[1] = kind - '0';
+            count = 3;
+            i += 5;
+            state = S::csiParam;
+        }
+    }
+    // Whole parameters of up to five digits, each with the byte after it, while the chunk
+    // surely holds them: no bounds test and no saturation per digit. Anything else (a longer
+    // number, the last bytes of the chunk, a byte out of the common shape) is left to the byte
+    // loop below, from the start of the parameter at hand.
+    while (i + 6 <= n && count < CsiParameterStorage::capacity) {
+        size_t j = i;
+        unsigned number = 0;
+        // Spelled out: the loop form kept a bounds test per digit.
+        auto digitAt = [&](size_t at, unsigned& digit) { return (digit = unsigned(p[at]) - '0') <= 9; };
+        if (unsigned d; digitAt(j, d)) {
+            number = d, ++j;
+            if (digitAt(j, d)) {
+                number = number * 10 + d, ++j;
+                if (digitAt(j, d)) {
+                    number = number * 10 + d, ++j;
+                    if (digitAt(j, d)) {
+                        number = number * 10 + d, ++j;
+                        if (digitAt(j, d)) number = number * 10 + d, ++j;
+                    }
+                }
+            }
+        }
+        uint8_t c = p[j];
+        if (c == ';' || (c == ':' && (j > i || state == S::csiParam))) {
+            pars[count - 1] = std::min<int64_t>(number, maximumParameterValue);
+            if (c == ':') colonMask |= uint64_t(1) << (count - 1);
+            ++count;
+            i = j + 1;
+            state = S::csiParam;
+            continue;
+        }
+        if (c < 0x40 || c > 0x7E) break;
+        pars[count - 1] = std::min<int64_t>(number, maximumParameterValue);
+        hot.pars.count = count;
+        hot.colonMask = colonMask;
+        run.index = j + 1;
+        run.state = S::ground;
+        if (c == 'm' && hot.collect.empty())
+            dispatchSgrSequence(run);
+        else
+            dispatchCsiSequence(run, c);
+        return;
+    }
+    parseCsiParametersByByte(run, i, state, count, colonMask);
+}
+
+// The rest of a CSI that the whole-number loop left, byte by byte from the start of a parameter.
+void EscapeSequenceParser::parseCsiParametersByByte(Run& run, size_t i, ParserState state, int count, uint64_t colonMask) {
+    const uint8_t* p = run.bytes;
+    const size_t n = run.size;
+    HotFields& hot = run.hot;
+    int64_t* pars = hot.pars.storage;
+    int64_t value = 0;
     auto store = [&] {
         pars[count - 1] = value;
         hot.pars.count = count;

@@ -135,6 +135,7 @@ private:
     void dispatchCsiSequence(Run& run, uint8_t code);
     void dispatchSgrSequence(Run& run);
     void parseCsiDirectly(Run& run);
+    [[gnu::noinline]] void parseCsiParametersByByte(Run& run, size_t i, ParserState state, int count, uint64_t colonMask);
     void accumulateDigits(Run& run);
     void addParameterSeparator(Run& run, uint8_t byte);
     void reportError(Run& run, uint8_t byte);

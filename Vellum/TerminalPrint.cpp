@@ -119,6 +119,10 @@ void Terminal::handlePrintBorrowed(std::span<const uint8_t> run) {
     char32_t previous = unknownScalar;
     if (ascii > 0) {
         PackedCell base = printBase();
+        if (ascii == run.size() && buffer_->writeAsciiWithinRow(run.data(), ascii, base)) {
+            previousScalar = run[ascii - 1];
+            return;
+        }
         size_t written = buffer_->insertAsciiRun(run.data(), ascii, base, currentEraseBlankCell);
         for (; written < ascii; ++written) {
             PackedCell cell{base.raw | uint64_t(run[written]) << PackedCell::valueShift};

@@ -128,6 +128,31 @@ TEST(TerminalPrint, RunsHealTheWideCharactersTheyCut) {
     EXPECT_EQ(cjk.x(), 2);
 }
 
+// Words written in place into a row that stores more words than it has been written: the
+// columns between and past them keep the row's blank, here a coloured one, on the screen and
+// once the row has scrolled into the scrollback.
+TEST(TerminalPrint, WordsWrittenInPlaceLeaveTheRowsBlankAroundThem) {
+    TerminalHarness h(12, 2, 10);
+    h.terminal.feed("\x1b[41m\x1b[2K\x1b[m\x1b[5Gab\x1b[1Gxyz\x1b[9Gcd");
+    const Attribute::Color red = Attribute::Color::ansi256(1), none = Attribute::Color::defaultColor();
+    auto backgrounds = [&](BufferLine& line) {
+        std::string marks;
+        for (int col = 0; col < line.count(); ++col) {
+            Attribute::Color bg = line.view(col).attribute().bg;
+            marks += bg == red ? 'r' : bg == none ? '.' : '?';
+        }
+        return marks;
+    };
+    EXPECT_EQ(h.screen()[0], "xyz ab  cd");
+    EXPECT_EQ(backgrounds(h.terminal.buffer().row(0)), "...r..rr..rr");
+    h.terminal.feed("\r\n\n");
+    BufferLine& history = h.terminal.buffer().lines[0];
+    EXPECT_EQ(history.translateToString(true), "xyz ab  cd");
+    EXPECT_EQ(backgrounds(history), "...r..rr..rr");
+    h.terminal.resize(16, 2);
+    EXPECT_EQ(h.terminal.buffer().lines[0].translateToString(true), "xyz ab  cd");
+}
+
 TEST(TerminalPrint, InsertModeShiftsWithinTheMargins) {
     TerminalHarness h(8, 2);
     h.terminal.feed("abcdefgh\x1b[?69h\x1b[1;6s\x1b[1;2H\x1b[4hXY\xe4\xb8\xad");

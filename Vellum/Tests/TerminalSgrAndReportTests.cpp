@@ -101,6 +101,8 @@ TEST(TerminalSgr, SequencesCutAnywhereAgree) {
              a.underlineStyle = UnderlineStyle::single;
          })},
         {"\x1b[48;2;1;2m", boldRed},
+        {"\x1b[38;6;1m", boldRed},
+        {"\x1b[28;5;2m", with([](Attribute& a) { a.style.insert(CharacterStyle::blink | CharacterStyle::dim); })},
         {"\x1b[48;5m", boldRed},
         {"\x1b[38;3;1;2;3m", with([](Attribute& a) { a.style.insert(CharacterStyle::dim | CharacterStyle::italic); })},
         {"\x1b[39;2;1;2;3m", with([](Attribute& a) {
@@ -154,6 +156,7 @@ TEST(TerminalSgr, SequencesCutAnywhereAgree) {
         {"\x1b[0;48;2;1;2m", Attribute::empty},
         // Past what is read as plain: a five-digit number, more than sixteen numbers, a colon.
         {"\x1b[00032m", with([](Attribute& a) { a.fg = Color::ansi256(2); })},
+        {"\x1b[38;2;65536;000255;1m", with([](Attribute& a) { a.fg = Color::trueColor(255, 255, 1); })},
         {"\x1b[0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;1;33m", [] {
              Attribute a;
              a.style = CharacterStyle::bold;
