@@ -242,7 +242,12 @@ bool CorvexdFileBackend::announces(std::string_view feature) const {
 }
 
 int CorvexdFileBackend::putsAtOnce() const {
-    return announces(protocol::fsPutFeature) && announces(protocol::fsPutsFeature) ? protocol::fsPutsAtOnce : 0;
+    if (!announces(protocol::fsPutFeature) || !announces(protocol::fsPutsFeature)) return 0;
+    // A daemon that copies this machine's files itself is sent no puts: its copies are streams.
+    auto live = backend();
+    bool localSources = live && live->overUnixSocket() && announces(protocol::fsLocalSourceFeature);
+    std::lock_guard guard(lock_);
+    return localSources && !localSourceRefused_ ? 0 : protocol::fsPutsAtOnce;
 }
 
 bool CorvexdFileBackend::takesPut(const FileWriteOptions& options) const {

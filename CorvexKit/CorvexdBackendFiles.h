@@ -29,8 +29,8 @@ public:
     void setFileStallTimeout(double seconds);
     // Streams open now, for tests and diagnostics.
     size_t openStreams() const;
-    // How many small files this daemon takes unanswered at once apart from its streams; 0 when
-    // it counts them among its streams.
+    // How many small files from here this daemon takes unanswered at once apart from its
+    // streams; 0 when it counts them among its streams or copies files from here itself.
     int putsAtOnce() const;
 
     bool supportsFiles() const override;

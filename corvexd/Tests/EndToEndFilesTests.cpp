@@ -875,7 +875,8 @@ TEST_F(DaemonFiles, APutTakesWhatABrokenWriteStagedAndAClientGoneMidPutPlacesNot
 }
 
 TEST_F(DaemonFiles, ADaemonKilledWhileSmallFilesWaitForTheirSyncLeavesNoPartFileAndARerunFinishes) {
-    // Many small files at once: the daemon stages them and syncs and places them in groups.
+    // Many small files at once, sent as puts (a source the daemon can't open itself): the
+    // daemon stages them and syncs and places them in groups.
     std::map<std::string, std::string> tree; // by path under the tree
     for (int index = 0; index < 600; ++index) {
         std::string folder = "d" + std::to_string(index / 50);
@@ -900,10 +901,8 @@ TEST_F(DaemonFiles, ADaemonKilledWhileSmallFilesWaitForTheirSyncLeavesNoPartFile
         SCOPED_TRACE(row.name);
         std::string into = at(std::string("to-") + std::to_string(row.placedBeforeKill));
         fsys::create_directories(into);
-        auto files = connect();
-        ASSERT_GT(files->putsAtOnce(), 0);
-        FileTransfer first(std::make_shared<LocalFileBackend>(), files);
-        first.smallFileStreams = files->putsAtOnce();
+        FileTransfer first(std::make_shared<corvex::testing::ForwardingFileBackend>(), connect());
+        first.smallFileStreams = protocol::fsPutsAtOnce;
         first.smallFileSize = protocol::fsPutLargest;
         first.retryDelays = {};
         std::thread copying([&] {
@@ -922,7 +921,8 @@ TEST_F(DaemonFiles, ADaemonKilledWhileSmallFilesWaitForTheirSyncLeavesNoPartFile
         copying.join();
 
         daemon.serve();
-        FileTransfer again(std::make_shared<LocalFileBackend>(), connect());
+        FileTransfer again(std::make_shared<corvex::testing::ForwardingFileBackend>(), connect());
+        again.smallFileStreams = protocol::fsPutsAtOnce;
         again.copy({at("tree")}, into, FileTransfer::Conflict::skip);
         EXPECT_EQ(placedFiles(into).size(), tree.size());
         for (const auto& [name, bytes] : tree) EXPECT_EQ(readBytes(into + "/tree/" + name), bytes) << name;
