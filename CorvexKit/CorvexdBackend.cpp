@@ -229,7 +229,16 @@ json CorvexdBackend::request(const std::string& method, const json& params, std:
     }
     // The frame goes to the stream the caller was entered for: a request failed by that
     // stream's close must never reach its successor.
-    sendOn(stream, makeJSONFrame(text) + following);
+    if (following.empty()) {
+        sendOn(stream, makeJSONFrame(text));
+    } else {
+        // Two writes in one turn of the queue, so nothing comes between them: the data, often
+        // a whole file, isn't copied once more to sit behind the request.
+        writeQueue_.async([stream, head = makeJSONFrame(text), following = std::move(following)] {
+            stream->write(head);
+            stream->write(following);
+        });
+    }
     return waiter->wait();
 }
 

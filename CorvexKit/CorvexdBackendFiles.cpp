@@ -233,31 +233,54 @@ FileEntry CorvexdFileBackend::write(const std::string& path, const FileWriteOpti
     return write(path, options, source, std::move(progress), cancel, std::nullopt);
 }
 
-bool CorvexdFileBackend::takesPut(const FileWriteOptions& options) const {
-    if (!options.size || *options.size > protocol::fsPutLargest) return false;
+bool CorvexdFileBackend::announces(std::string_view feature) const {
     auto live = backend();
     auto hello = live ? live->lastHello() : std::nullopt;
     if (!hello || !hello->featureNames) return false;
     const auto& names = *hello->featureNames;
-    return std::find(names.begin(), names.end(), protocol::fsPutFeature) != names.end();
+    return std::find(names.begin(), names.end(), feature) != names.end();
+}
+
+int CorvexdFileBackend::putsAtOnce() const {
+    if (!announces(protocol::fsPutFeature) || !announces(protocol::fsPutsFeature)) return 0;
+    // A daemon that copies this machine's files itself is sent no puts: its copies are streams.
+    auto live = backend();
+    bool localSources = live && live->overUnixSocket() && announces(protocol::fsLocalSourceFeature);
+    std::lock_guard guard(lock_);
+    return localSources && !localSourceRefused_ ? 0 : protocol::fsPutsAtOnce;
+}
+
+bool CorvexdFileBackend::takesPut(const FileWriteOptions& options) const {
+    return options.size && *options.size <= protocol::fsPutLargest && announces(protocol::fsPutFeature);
 }
 
 // One message each way instead of an opening round trip, data, acks and an end: what bounds a
 // tree of small files is the messages, not the bytes.
 FileEntry CorvexdFileBackend::put(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
                                   const FileProgress& progress, const platform::CancellationToken& cancel) {
-    std::string data;
-    data.reserve(*options.size);
     ByteBlocks blocks = source.open(0);
-    // A source longer than promised is sent one byte too long, for the daemon to refuse.
-    while (data.size() <= *options.size) {
-        if (cancel.isCancelled()) throw cancellationError();
-        std::optional<Bytes> block = blocks();
-        if (!block) break;
-        data.append(reinterpret_cast<const char*>(block->data()),
-                    std::min<size_t>(block->size(), *options.size + 1 - data.size()));
+    const uint64_t promised = *options.size;
+    // Most often the whole file is one block, which goes into the frame as it is. A source
+    // longer than promised is sent one byte too long, for the daemon to refuse.
+    std::optional<Bytes> first = blocks();
+    std::optional<Bytes> more = first && first->size() <= promised ? blocks() : std::nullopt;
+    std::string gathered;
+    if (more) {
+        gathered.reserve(promised + 1);
+        for (std::optional<Bytes>* block : {&first, &more})
+            gathered.append(reinterpret_cast<const char*>((*block)->data()), (*block)->size());
+        while (gathered.size() <= promised) {
+            if (cancel.isCancelled()) throw cancellationError();
+            std::optional<Bytes> block = blocks();
+            if (!block) break;
+            gathered.append(reinterpret_cast<const char*>(block->data()), block->size());
+        }
     }
     if (cancel.isCancelled()) throw cancellationError();
+    std::string_view bytes = more    ? std::string_view(gathered)
+                             : first ? std::string_view(reinterpret_cast<const char*>(first->data()), first->size())
+                                     : std::string_view();
+    bytes = bytes.substr(0, promised + 1);
     auto live = backend();
     if (!live) throw disconnected();
     uint64_t id;
@@ -267,10 +290,10 @@ FileEntry CorvexdFileBackend::put(const std::string& path, const FileWriteOption
     }
     protocol::FsWrite method{{}, path, options, std::nullopt, id};
     json result = live->request(std::string(method.name), protocol::encodeParams(method), std::nullopt, {},
-                                makeFileDataFrame(id, 0, true, data));
+                                makeFileDataFrame(id, 0, true, bytes));
     auto placed = protocol::decodeResult<protocol::FsWrite>(result);
     if (!placed.entry) throw BackendError("internal", "fs.write put reply without an entry");
-    if (progress) progress(data.size());
+    if (progress) progress(bytes.size());
     return *placed.entry;
 }
 

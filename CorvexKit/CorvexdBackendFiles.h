@@ -29,6 +29,9 @@ public:
     void setFileStallTimeout(double seconds);
     // Streams open now, for tests and diagnostics.
     size_t openStreams() const;
+    // How many small files from here this daemon takes unanswered at once apart from its
+    // streams; 0 when it counts them among its streams or copies files from here itself.
+    int putsAtOnce() const;
 
     bool supportsFiles() const override;
     std::optional<std::string> homeDirectory() const override;
@@ -72,6 +75,7 @@ private:
                     FileProgress progress, const platform::CancellationToken& cancel,
                     std::optional<protocol::LocalSource> local);
     bool waitForCredit(const std::shared_ptr<Stream>& stream, uint64_t upTo);
+    bool announces(std::string_view feature) const;
     // A small file in one request with its data behind it, to a daemon that takes puts.
     bool takesPut(const FileWriteOptions& options) const;
     FileEntry put(const std::string& path, const FileWriteOptions& options, FileDataSource& source,

@@ -121,13 +121,6 @@ void writeSideFileAtomically(const std::string& path, const std::string& text) {
     if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) ::unlink(temporary.c_str());
 }
 
-bool isRegularFile(const std::string& path, uint64_t& size) {
-    struct stat record {};
-    if (::lstat(path.c_str(), &record) != 0 || !S_ISREG(record.st_mode)) return false;
-    size = static_cast<uint64_t>(record.st_size);
-    return true;
-}
-
 // Nanoseconds since 1970 in decimal, as a file time; anything else is a bad request.
 struct timespec modificationTime(const std::string& value) {
     std::optional<int64_t> nanoseconds = parseSignedDecimal(value);
@@ -150,6 +143,9 @@ void removeIfThere(const std::string& path) {
 }
 
 std::optional<FileEntry> entryIfAny(const std::string& path) {
+    // Most often nothing is there: answered without building an error to throw away.
+    struct stat record {};
+    if (::lstat(path.c_str(), &record) != 0) return std::nullopt;
     try {
         return FileService::entry(path);
     } catch (const BackendError&) {
@@ -218,6 +214,15 @@ void StagedWrite::wrote(uint64_t count) {
     }
 }
 
+void StagedWrite::startWriteback() {
+#ifdef __linux__
+    if (fd_ >= 0 && total_ > flushed_)
+        (void)::sync_file_range(fd_, static_cast<off_t>(flushed_), static_cast<off_t>(total_ - flushed_),
+                                SYNC_FILE_RANGE_WRITE);
+#endif
+    flushed_ = total_;
+}
+
 void StagedWrite::abandon() {
     if (done_) return;
     done_ = true;
@@ -234,9 +239,8 @@ void StagedWrite::sync() {
                                                     " bytes, got " + std::to_string(total_));
     }
     // Every file's data reaches the disk before its name does, or a crash could leave a whole
-    // name over an empty file. For a big file the write-behind above has done most of it. Small
-    // files are copied many at once, each finishing on its own thread, so their syncs wait on
-    // the same journal commit rather than one commit each.
+    // name over an empty file. For a big file the write-behind above has done most of it; the
+    // daemon syncs small files in groups, side by side, so they share their metadata writes.
     if (::fdatasync(fd_) != 0) {
         int error = errno;
         abandon();
@@ -522,23 +526,29 @@ std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, co
 
     std::optional<uint64_t> resumeAt;
     if (options.uploadID) {
-        uint64_t held = 0;
-        if (isRegularFile(staging, held)) {
+        struct stat held {};
+        const bool staged = ::lstat(staging.c_str(), &held) == 0;
+        if (staged && S_ISREG(held.st_mode)) {
             std::optional<std::string> recorded = readWholeFile(sideFile);
             bool sameSource = recorded ? recorded == options.source : !options.source;
             // More than the source promises can't be a beginning of it.
-            bool fits = !options.size || held <= *options.size;
-            if (sameSource && fits) resumeAt = held;
+            uint64_t size = static_cast<uint64_t>(held.st_size);
+            bool fits = !options.size || size <= *options.size;
+            if (sameSource && fits) resumeAt = size;
         }
         if (!resumeAt) {
             // Looked at before removed: a removal locks the folder even for nothing, and many
             // small files are written into one folder at once.
-            removeIfThere(staging);
+            if (staged) ::unlink(staging.c_str());
             // A small file's fingerprint is only written should the write break: a tree of
             // small files then costs no extra file per file. A crash before that leaves a
-            // staging file without one, which the next attempt starts again, as it must.
-            if (options.source && isSmall(options)) removeIfThere(sideFile);
-            else if (options.source) writeSideFileAtomically(sideFile, *options.source);
+            // staging file without one, which the next attempt starts again, as it must. A
+            // fingerprint is only ever left beside a staging file.
+            if (options.source && isSmall(options)) {
+                if (staged) removeIfThere(sideFile);
+            } else if (options.source) {
+                writeSideFileAtomically(sideFile, *options.source);
+            }
         }
     } else {
         removeIfThere(staging);

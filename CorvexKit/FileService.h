@@ -31,6 +31,9 @@ public:
     void append(ByteView bytes);
     // Takes up to `most` bytes straight from a reader of a file on this machine; 0 at its end.
     uint64_t appendFrom(ChunkReader& reader, uint64_t most);
+    // Hands what is written to the disk now, without waiting for it: a sync that comes later
+    // finds the data on its way, and many files synced together share their metadata writes.
+    void startWriteback();
     // Checks the promised size and puts the data on the disk: the slow half of finish, which
     // needs no lock on the folder.
     void sync();

@@ -482,6 +482,10 @@ inline constexpr std::string_view fsPutFeature = "fs.put";
 inline constexpr uint64_t fsPutStreamBit = uint64_t(1) << 63;
 // Small enough that sending it whole again costs less than asking where to resume.
 inline constexpr uint64_t fsPutLargest = 256u << 10;
+// In hello's features when a client's puts count apart from its streams, up to fsPutsAtOnce
+// of them unanswered at a time: a tree of small files is bound by how many are on their way.
+inline constexpr std::string_view fsPutsFeature = "fs.puts";
+inline constexpr int fsPutsAtOnce = 128;
 
 struct FsWrite : Gated<Hello::Feature::fs> {
     static constexpr std::string_view name = "fs.write";

@@ -1,6 +1,7 @@
 #include "corvexd/FileStreams.h"
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <thread>
 
@@ -24,6 +25,10 @@ constexpr int largestChunk = 4 << 20;
 constexpr uint64_t smallestCharge = 64u << 10;
 // How much of a file here is copied between two looks for a cancel, and acknowledged at once.
 constexpr uint64_t copyStep = 8u << 20;
+// Staged puts wait for their sync in groups of at most this many, each holding a descriptor.
+constexpr size_t largestPlacingGroup = 64;
+// Syncs of one group in flight at once.
+constexpr size_t syncsAtOnce = 8;
 
 std::string jsonFrame(const json& value) {
     // Names that aren't valid UTF-8 go out with replacement characters, never as a failure.
@@ -44,38 +49,7 @@ BackendError asFileError(const std::exception_ptr& error, const std::string& pat
     return FileService::translate(error, path);
 }
 
-// Holds one of a few places for a scope. Waiters sleep: spinning is what it keeps from happening.
-class Gate {
-public:
-    struct Places {
-        std::mutex lock;
-        std::condition_variable freed;
-        int left;
-    };
-    explicit Gate(Places& places) : places_(places) {
-        std::unique_lock guard(places_.lock);
-        places_.freed.wait(guard, [&] { return places_.left > 0; });
-        --places_.left;
-    }
-    ~Gate() {
-        {
-            std::lock_guard guard(places_.lock);
-            ++places_.left;
-        }
-        places_.freed.notify_one();
-    }
-    Gate(const Gate&) = delete;
-    Gate& operator=(const Gate&) = delete;
-
-private:
-    Places& places_;
-};
-
 } // namespace
-
-struct FileStreams::FolderChanges : Gate::Places {
-    FolderChanges() : Gate::Places{{}, {}, 2} {}
-};
 
 struct FileStreams::Stream {
     uint64_t id = 0;
@@ -97,10 +71,11 @@ struct FileStreams::Stream {
     uint64_t taken = 0;    // on disk, and acknowledged
     bool fin = false;
     std::string uploadKey; // target and upload id: one stream at a time stages under it
-    // put: the request it answers, and its data as it came
+    // put: the request it answers, its data as it came, and a failure of its sync
     std::optional<protocol::FsWrite> put;
     uint64_t requestID = 0;
     std::string putData;
+    std::exception_ptr syncFailure;
 
     // read
     std::shared_ptr<corvex::ChunkReader> reader;
@@ -116,7 +91,7 @@ struct FileStreams::Stream {
 };
 
 FileStreams::FileStreams(Server& server, Limits limits)
-    : server_(server), limits_(limits), folderChanges_(std::make_unique<FolderChanges>()) {
+    : server_(server), limits_(limits) {
     serveOffThread<protocol::FsStat>([](const auto& p) { return FileService::stat(p.path); });
     serveOffThread<protocol::FsList>([](const auto& p) { return FileService::list(p.path, p.hidden, p.limit, p.cursor); });
     serveOffThread<protocol::FsMkdir>([](const auto& p) { return FileService::mkdir(p.path, p.parents); });
@@ -136,7 +111,8 @@ FileStreams::FileStreams(Server& server, Limits limits)
                             [this](ClientID client, const json& params) { readAck(client, params); });
     server_.addClientGoneHandler([this](ClientID client) { clientGone(client); });
     server_.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::fs)),
-                         std::string(protocol::fsLocalSourceFeature), std::string(protocol::fsPutFeature)});
+                         std::string(protocol::fsLocalSourceFeature), std::string(protocol::fsPutFeature),
+                         std::string(protocol::fsPutsFeature)});
 }
 
 FileStreams::~FileStreams() {
@@ -191,7 +167,8 @@ void FileStreams::charge(Stream& stream, uint64_t bytes) {
 }
 
 void FileStreams::release(Stream& stream) {
-    if (--openStreams_[stream.client] <= 0) openStreams_.erase(stream.client);
+    std::map<ClientID, int>& open = stream.put ? openPuts_ : openStreams_;
+    if (--open[stream.client] <= 0) open.erase(stream.client);
     Windows& used = windows_[stream.client];
     (stream.write ? used.write : used.read) -= stream.charged;
     stream.charged = 0;
@@ -346,7 +323,13 @@ void FileStreams::beginPut(MethodCall& call, const protocol::FsWrite& params) {
     if (!(*params.put & protocol::fsPutStreamBit) || params.localSource || size > protocol::fsPutLargest)
         throw corvex::fileError(FileErrorCode::badRequest, "a put takes a stream of its own and at most " +
                                                                 std::to_string(protocol::fsPutLargest) + " bytes");
-    reserve(call.client);
+    {
+        std::lock_guard guard(lock_);
+        if (openPuts_[call.client] >= limits_.putsPerClient)
+            throw corvex::fileError(FileErrorCode::tooManyStreams, "too many puts at once (" +
+                                                                       std::to_string(openPuts_[call.client]) + ")");
+        ++openPuts_[call.client];
+    }
     auto stream = std::make_shared<Stream>();
     stream->client = call.client;
     stream->write = true;
@@ -371,7 +354,7 @@ void FileStreams::beginPut(MethodCall& call, const protocol::FsWrite& params) {
     call.deferred = true;
 }
 
-// A put's data: kept until its end, then the file is written on a thread of its own. Data that
+// A put's data: kept until its end, then the put is queued to be staged. Data that
 // breaks the put's promises ends it with an error reply; data for no put is dropped.
 void FileStreams::putData(ClientID client, const corvex::FileDataFrame& frame) {
     std::shared_ptr<Stream> stream;
@@ -390,59 +373,143 @@ void FileStreams::putData(ClientID client, const corvex::FileDataFrame& frame) {
             if (!frame.fin) return;
         }
         puts_.erase(found);
-        if (refusal.empty() && !shuttingDown_) {
-            ++workers_;
-        } else {
-            release(*stream);
-            if (refusal.empty()) refusal = "corvexd is stopping";
-        }
+        if (refusal.empty() && !shuttingDown_) return queuePut(std::move(stream));
+        release(*stream);
+        if (refusal.empty()) refusal = "corvexd is stopping";
     }
-    if (!refusal.empty()) {
-        server_.sendFrames(client, {errorReply(stream->requestID, std::string(corvex::wireName(FileErrorCode::badRequest)),
-                                               stream->path + ": " + refusal)});
-        return;
-    }
-    streamThreads_.detach([this, stream] {
-        platform::setCurrentThreadName("corvexd.fs.put");
-        runPut(stream);
-        std::lock_guard guard(lock_);
-        if (--workers_ == 0) workersDone_.notify_all();
-    });
+    server_.sendFrames(client, {errorReply(stream->requestID, std::string(corvex::wireName(FileErrorCode::badRequest)),
+                                           stream->path + ": " + refusal)});
 }
 
-// The same staging, resume and placement as a streamed write, in one go.
-void FileStreams::runPut(std::shared_ptr<Stream> stream) {
-    std::string reply;
+// A put whose data has all come is staged by one thread, in the order they came: its file is
+// created, written and handed to the disk without waiting. Meanwhile another thread syncs and
+// places every file staged so far, their syncs side by side: the disk then writes a folder's
+// blocks and the inode blocks once for the group rather than once for each file, and a crash
+// leaves staging files, never a name over data that isn't there.
+void FileStreams::queuePut(std::shared_ptr<Stream> stream) {
+    toStage_.push_back(std::move(stream));
+    if (staging_) return;
+    staging_ = true;
+    ++workers_;
+    streamThreads_.detach([this] { stagePuts(); });
+}
+
+void FileStreams::stagePuts() {
+    platform::setCurrentThreadName("corvexd.fs.stage");
+    std::unique_lock guard(lock_);
+    while (!toStage_.empty()) {
+        std::shared_ptr<Stream> stream = std::move(toStage_.front());
+        toStage_.pop_front();
+        guard.unlock();
+        bool staged = stagePut(stream);
+        guard.lock();
+        if (!staged) continue;
+        placeRoom_.wait(guard, [&] { return toPlace_.size() < largestPlacingGroup; });
+        toPlace_.push_back(std::move(stream));
+        if (!placing_) {
+            placing_ = true;
+            ++workers_;
+            streamThreads_.detach([this] { placePuts(); });
+        }
+    }
+    staging_ = false;
+    if (--workers_ == 0) workersDone_.notify_all();
+}
+
+// The same staging and resume as a streamed write, in one go. A failure answers the put here.
+bool FileStreams::stagePut(const std::shared_ptr<Stream>& stream) {
     try {
         claimUpload(stream, *stream->put);
-        std::unique_ptr<corvex::StagedWrite> staged;
-        {
-            Gate gate(*folderChanges_);
-            staged = FileService::beginWrite(stream->path, stream->put->options);
-        }
+        stream->staged = FileService::beginWrite(stream->path, stream->put->options);
         // What an earlier attempt left is this same source's beginning.
         std::string_view rest(stream->putData);
-        rest.remove_prefix(std::min<uint64_t>(staged->offset(), rest.size()));
-        staged->append(corvex::asBytes(rest));
-        // Many syncs at once overlap on the disk; the folder changes around them take turns.
-        staged->sync();
-        std::optional<corvex::FileEntry> entry;
-        {
-            Gate gate(*folderChanges_);
-            entry = staged->finish();
-        }
-        protocol::FileWriteOpened placed{std::nullopt, staged->offset(), std::nullopt, std::move(entry)};
-        reply = jsonFrame(protocol::resultEnvelope(stream->requestID, protocol::encodeResultValue(placed)));
+        rest.remove_prefix(std::min<uint64_t>(stream->staged->offset(), rest.size()));
+        stream->staged->append(corvex::asBytes(rest));
+        stream->staged->startWriteback();
+        std::string().swap(stream->putData);
+        return true;
     } catch (...) {
         BackendError error = asFileError(std::current_exception(), stream->path);
-        reply = errorReply(stream->requestID, error.code(), error.message());
+        stream->staged.reset();
+        {
+            std::lock_guard guard(lock_);
+            release(*stream);
+            releaseUpload(*stream);
+        }
+        server_.sendFrames(stream->client, {errorReply(stream->requestID, error.code(), error.message())});
+        return false;
     }
-    {
-        std::lock_guard guard(lock_);
-        release(*stream);
-        releaseUpload(*stream);
+}
+
+void FileStreams::placePuts() {
+    platform::setCurrentThreadName("corvexd.fs.place");
+    std::unique_lock guard(lock_);
+    while (!toPlace_.empty()) {
+        std::vector<std::shared_ptr<Stream>> group;
+        group.swap(toPlace_);
+        placeRoom_.notify_all();
+        guard.unlock();
+        syncTogether(group);
+        std::map<ClientID, std::vector<std::string>> replies;
+        for (const auto& stream : group) replies[stream->client].push_back(placePut(*stream));
+        guard.lock();
+        for (const auto& stream : group) {
+            release(*stream);
+            releaseUpload(*stream);
+        }
+        guard.unlock();
+        for (auto& [client, frames] : replies) server_.sendFrames(client, std::move(frames));
+        guard.lock();
     }
-    server_.sendFrames(stream->client, {std::move(reply)});
+    placing_ = false;
+    if (--workers_ == 0) workersDone_.notify_all();
+}
+
+void FileStreams::syncTogether(const std::vector<std::shared_ptr<Stream>>& group) {
+    struct Shared {
+        std::atomic<size_t> next{0};
+        std::mutex lock;
+        std::condition_variable done;
+        size_t helping = 0;
+    };
+    auto shared = std::make_shared<Shared>();
+    auto work = [&group, shared] {
+        for (size_t index = shared->next++; index < group.size(); index = shared->next++) {
+            try {
+                group[index]->staged->sync();
+            } catch (...) {
+                group[index]->syncFailure = std::current_exception();
+            }
+        }
+    };
+    size_t helpers = std::min(group.size(), syncsAtOnce) - 1;
+    shared->helping = helpers;
+    for (size_t count = 0; count < helpers; ++count) {
+        streamThreads_.detach([work, shared] {
+            work();
+            std::lock_guard guard(shared->lock);
+            if (--shared->helping == 0) shared->done.notify_all();
+        });
+    }
+    work();
+    std::unique_lock guard(shared->lock);
+    shared->done.wait(guard, [&] { return shared->helping == 0; });
+}
+
+// Moves a synced file into place; the put's reply either way.
+std::string FileStreams::placePut(Stream& stream) {
+    std::string reply;
+    try {
+        if (stream.syncFailure) std::rethrow_exception(stream.syncFailure);
+        corvex::FileEntry entry = stream.staged->finish();
+        protocol::FileWriteOpened placed{std::nullopt, stream.staged->offset(), std::nullopt, std::move(entry)};
+        reply = jsonFrame(protocol::resultEnvelope(stream.requestID, protocol::encodeResultValue(placed)));
+    } catch (...) {
+        BackendError error = asFileError(std::current_exception(), stream.path);
+        reply = errorReply(stream.requestID, error.code(), error.message());
+    }
+    stream.staged.reset();
+    return reply;
 }
 
 void FileStreams::serveCancel() {

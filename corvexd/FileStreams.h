@@ -1,12 +1,14 @@
 #pragma once
 
 #include <condition_variable>
+#include <deque>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "CorvexKit/ChunkReader.h"
 #include "CorvexKit/Frame.h"
@@ -24,6 +26,8 @@ class FileStreams {
 public:
     struct Limits {
         int streamsPerClient = 32;
+        // Puts count apart: each is one small file, answered once it is placed.
+        int putsPerClient = corvex::protocol::fsPutsAtOnce;
         // What all of one client's read windows may add up to: their frames wait in that
         // client's send queue, which has a bound of its own.
         uint64_t readWindowsPerClient = 24u << 20;
@@ -53,7 +57,12 @@ private:
     // A put: a small file's request with its data right behind it, and one reply at the end.
     void beginPut(MethodCall& call, const corvex::protocol::FsWrite& params);
     void putData(ClientID client, const corvex::FileDataFrame& frame);
-    void runPut(std::shared_ptr<Stream> stream);
+    void queuePut(std::shared_ptr<Stream> stream); // lock_ held
+    void stagePuts();
+    bool stagePut(const std::shared_ptr<Stream>& stream);
+    void placePuts();
+    void syncTogether(const std::vector<std::shared_ptr<Stream>>& group);
+    std::string placePut(Stream& stream);
     struct Windows {
         uint64_t read = 0;
         uint64_t write = 0;
@@ -84,15 +93,20 @@ private:
     uint64_t nextStream_ = 1;
     std::map<uint64_t, std::shared_ptr<Stream>> streams_;
     std::map<ClientID, int> openStreams_;
+    std::map<ClientID, int> openPuts_;
     std::map<ClientID, Windows> windows_;
     std::set<ClientID> gone_;
     std::map<std::string, std::shared_ptr<Stream>> uploads_; // by target and upload id
     // Puts whose data is still arriving, by client and the stream the client named.
     std::map<std::pair<ClientID, uint64_t>, std::shared_ptr<Stream>> puts_;
-    // Puts that create or place a file at once. A folder takes one change at a time, and on a
-    // small machine those waiting for it spin on the processor its holder needs.
-    struct FolderChanges;
-    std::unique_ptr<FolderChanges> folderChanges_;
+    // Puts whose data has all come, waiting to be staged in the order they came; then staged,
+    // their data on its way to the disk, waiting to be synced and placed. One thread does each
+    // while it has work.
+    std::deque<std::shared_ptr<Stream>> toStage_;
+    std::vector<std::shared_ptr<Stream>> toPlace_;
+    bool staging_ = false;
+    bool placing_ = false;
+    std::condition_variable placeRoom_;
     std::condition_variable uploadsChanged_;
     // A stream holds its thread while it waits for its peer, so this has room for far more
     // streams than clients open; its threads are kept for the next streams, since a tree of

@@ -218,6 +218,12 @@ CommandRun parseCp(Arguments& args) {
         // them each wake-up of ssh, the bridge and the daemon carries on a busy machine.
         const bool bothOnDaemon = sources.front().remote && destination.remote;
         transfer.smallFileStreams = std::max(streams, bothOnDaemon ? 16 : 32);
+        // A daemon that counts puts apart takes many more of them, and syncs them in groups.
+        auto daemonFiles = std::dynamic_pointer_cast<CorvexdFileBackend>(to);
+        if (int puts = daemonFiles && !sources.front().remote ? daemonFiles->putsAtOnce() : 0) {
+            transfer.smallFileStreams = std::max(streams, puts);
+            transfer.smallFileSize = protocol::fsPutLargest;
+        }
         // Larger pieces than the app's default: fewer frames and wake-ups for the same bytes,
         // still four to a window.
         transfer.chunk = 1 << 20;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <map>
 #include <filesystem>
 #include <sys/stat.h>
 #include <thread>
@@ -871,4 +872,60 @@ TEST_F(DaemonFiles, APutTakesWhatABrokenWriteStagedAndAClientGoneMidPutPlacesNot
     const int streams = corvexd::FileStreams::Limits{}.streamsPerClient;
     for (int index = 0; index < streams; ++index)
         EXPECT_TRUE(next.request("fs.write", writeParams(at("g" + std::to_string(index))))->contains("result"));
+}
+
+TEST_F(DaemonFiles, ADaemonKilledWhileSmallFilesWaitForTheirSyncLeavesNoPartFileAndARerunFinishes) {
+    // Many small files at once, sent as puts (a source the daemon can't open itself): the
+    // daemon stages them and syncs and places them in groups.
+    std::map<std::string, std::string> tree; // by path under the tree
+    for (int index = 0; index < 600; ++index) {
+        std::string folder = "d" + std::to_string(index / 50);
+        std::string name = folder + "/f" + std::to_string(index);
+        tree[name] = patternBytes(static_cast<size_t>(index * 37 % 5000), static_cast<unsigned>(index));
+        fsys::create_directories(at("tree/" + folder));
+        writeBytes(at("tree/" + name), tree[name]);
+    }
+    auto placedFiles = [&](const std::string& into) {
+        std::vector<std::string> found;
+        for (const auto& item : fsys::recursive_directory_iterator(into, fsys::directory_options::skip_permission_denied))
+            if (item.is_regular_file() && item.path().filename().string().find(".corvex-part-") == std::string::npos)
+                found.push_back(fsys::relative(item.path(), into + "/tree").string());
+        return found;
+    };
+    struct Row {
+        const char* name;
+        size_t placedBeforeKill;
+    };
+    const Row rows[] = {{"killed as the first files are staged", 0}, {"killed midway", 300}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::string into = at(std::string("to-") + std::to_string(row.placedBeforeKill));
+        fsys::create_directories(into);
+        FileTransfer first(std::make_shared<corvex::testing::ForwardingFileBackend>(), connect());
+        first.smallFileStreams = protocol::fsPutsAtOnce;
+        first.smallFileSize = protocol::fsPutLargest;
+        first.retryDelays = {};
+        std::thread copying([&] {
+            try {
+                first.copy({at("tree")}, into, FileTransfer::Conflict::fail);
+            } catch (const BackendError&) {
+            }
+        });
+        EXPECT_TRUE(eventually([&] {
+            return !stagingFiles(into).empty() && placedFiles(into).size() >= row.placedBeforeKill;
+        }));
+        // Stopped first, so what is looked at below is what the kill leaves.
+        ::kill(daemon.pid(), SIGSTOP);
+        for (const std::string& name : placedFiles(into)) EXPECT_EQ(readBytes(into + "/tree/" + name), tree.at(name)) << name;
+        daemon.kill(SIGKILL);
+        copying.join();
+
+        daemon.serve();
+        FileTransfer again(std::make_shared<corvex::testing::ForwardingFileBackend>(), connect());
+        again.smallFileStreams = protocol::fsPutsAtOnce;
+        again.copy({at("tree")}, into, FileTransfer::Conflict::skip);
+        EXPECT_EQ(placedFiles(into).size(), tree.size());
+        for (const auto& [name, bytes] : tree) EXPECT_EQ(readBytes(into + "/tree/" + name), bytes) << name;
+        EXPECT_TRUE(stagingFiles(into).empty());
+    }
 }
