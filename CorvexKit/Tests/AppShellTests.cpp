@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "CorvexKit/AppLog.h"
 #include "CorvexKit/AppPreferences.h"
@@ -83,26 +82,19 @@ TEST(PreferenceRulesTest, StoredValuesAreKeptInTheirRanges) {
     EXPECT_EQ(prefs::appearance(std::string("purple")), "system");
 }
 
-TEST(AppLogTest, LinesAreAppendedWithAUTCStamp) {
+TEST(AppLogTest, LinesAreAppendedWithAUTCStampAndAnUnwritablePathIsIgnored) {
     corvex::testing::ScratchDirectory scratch;
     std::string path = scratch.path() + "/state/Corvex/Corvex.log";
     AppLog log(path);
     log.write("backend: fake");
     log.write("quitting");
-    std::ifstream file(path);
-    std::stringstream content;
-    content << file.rdbuf();
-    std::string text = content.str();
+    std::string text = corvex::testing::readFile(path);
     EXPECT_NE(text.find(" backend: fake\n"), std::string::npos);
     EXPECT_NE(text.find(" quitting\n"), std::string::npos);
     EXPECT_EQ(AppLog::line(std::chrono::system_clock::from_time_t(0), "x"), "1970-01-01T00:00:00Z x\n");
     EXPECT_EQ(AppLog::defaultPath("/home/u", false), "/home/u/.local/state/Corvex/Corvex.log");
-}
 
-TEST(AppLogTest, AnUnwritablePathIsIgnored) {
-    AppLog log("/proc/no/such/place.log");
-    log.write("dropped");
-    SUCCEED();
+    AppLog("/proc/no/such/place.log").write("dropped");
 }
 
 class WindowModelTest : public ::testing::Test {
