@@ -62,29 +62,17 @@ protected:
 
 } // namespace
 
-TEST_F(LocalFiles, StatDescribesFilesLinksAndTheRoot) {
+// What every file backend must do is held by the file contract suite, on this computer and
+// over the daemon; these are the local backend's own edges.
+
+TEST_F(LocalFiles, StatDescribesDanglingLinksTrailingSlashesAndHome) {
     writeBytes(at("notes.txt"), "hello\n");
-    writeBytes(at("blob"), std::string("a\0b", 3));
-    ::symlink("notes.txt", at("link").c_str());
     ::symlink("nowhere", at("dangling").c_str());
-
     FileEntry notes = backend.stat(at("notes.txt"));
-    EXPECT_EQ(notes.type, FileType::file);
-    EXPECT_EQ(notes.size, 6u);
-    EXPECT_EQ(notes.text, true);
     EXPECT_EQ(std::to_string(static_cast<int64_t>(notes.mtime * 1e9)).substr(0, 12), notes.mtimeNs.substr(0, 12));
-    EXPECT_EQ(backend.stat(at("blob")).text, false);
-
-    FileEntry link = backend.stat(at("link"));
-    EXPECT_TRUE(link.link);
-    EXPECT_EQ(link.target, "notes.txt");
-    EXPECT_EQ(link.size, 6u) << "a link describes what it points at";
-
     FileEntry dangling = backend.stat(at("dangling"));
     EXPECT_TRUE(dangling.link);
     EXPECT_EQ(dangling.type, FileType::other);
-
-    EXPECT_EQ(backend.stat("/").name, "/");
     EXPECT_TRUE(backend.stat(scratch.path() + "/").isDirectory());
     EXPECT_EQ(backend.stat("~").path, backend.homeDirectory());
 }
@@ -95,7 +83,6 @@ TEST_F(LocalFiles, PathsMustBeAbsoluteAndWhole) {
         EXPECT_EQ(error.code(), "bad_request") << bad;
     }
     EXPECT_EQ(failureOf([&] { backend.stat("x/y"); }).message(), "not an absolute path: x/y");
-    EXPECT_EQ(failureOf([&] { backend.stat(at("missing")); }).code(), "not_found");
     EXPECT_EQ(failureOf([&] { backend.list(at("missing"), true, {}, {}); }).code(), "not_found");
 }
 
@@ -103,7 +90,6 @@ TEST_F(LocalFiles, ListingsAreInByteOrderPagedByCursor) {
     for (std::string name : {"b", "a", "B", ".hidden", "\xc3\xa9t\xc3\xa9", "bad\xff"}) writeBytes(at(name), "x");
     EXPECT_EQ(names(backend.list(scratch.path(), false, {}, {})),
               (std::vector<std::string>{"B", "a", "b", "bad\xff", "\xc3\xa9t\xc3\xa9"}));
-    EXPECT_EQ(backend.list(scratch.path(), true, {}, {}).entries.front().name, ".hidden");
 
     FileListing first = backend.list(scratch.path(), false, 0, {});
     EXPECT_EQ(names(first), std::vector<std::string>{"B"});
@@ -115,43 +101,27 @@ TEST_F(LocalFiles, ListingsAreInByteOrderPagedByCursor) {
     EXPECT_TRUE(past.entries.empty());
     EXPECT_FALSE(past.next);
     EXPECT_EQ(backend.list(scratch.path(), false, 20000, {}).entries.size(), 5u);
-    EXPECT_EQ(failureOf([&] { backend.list(at("a"), false, {}, {}); }).code(), "not_a_directory");
 }
 
-TEST_F(LocalFiles, DirectoriesAttributesRenamesAndRemoval) {
-    EXPECT_TRUE(backend.mkdir(at("one/two/three"), true).isDirectory());
-    EXPECT_EQ(failureOf([&] { backend.mkdir(at("one"), false); }).code(), "exists");
-    EXPECT_EQ(failureOf([&] { backend.mkdir(at("x/y"), false); }).code(), "not_found");
+TEST_F(LocalFiles, AttributesRenamesAndRemovalAtTheirEdges) {
     writeBytes(at("file"), "data");
     EXPECT_EQ(failureOf([&] { backend.mkdir(at("file"), true); }).code(), "exists");
-
-    FileEntry changed = backend.setattr(at("file"), "1500000000123456789", 0600);
-    EXPECT_EQ(changed.mtimeNs, "1500000000123456789");
-    EXPECT_EQ(changed.mode, 0600);
     EXPECT_EQ(backend.setattr(at("file"), "-1500000000", std::nullopt).mtimeNs, "-1500000000");
-    BackendError bad = failureOf([&] { backend.setattr(at("file"), "abc", std::nullopt); });
-    EXPECT_EQ(bad.code(), "bad_request");
-    EXPECT_EQ(bad.message(), "bad mtime_ns abc");
-
     writeBytes(at("other"), "other");
-    EXPECT_EQ(failureOf([&] { backend.rename(at("file"), at("other"), false); }).code(), "exists");
-    EXPECT_EQ(readBytes(at("other")), "other");
-    EXPECT_EQ(backend.rename(at("file"), at("other"), true).size, 4u);
-    EXPECT_EQ(readBytes(at("other")), "data");
+    failureOf([&] { backend.rename(at("file"), at("other"), false); });
+    EXPECT_EQ(readBytes(at("other")), "other") << "a refused rename leaves the target alone";
 
+    // Removing a link to a folder removes the link, not what is in the folder.
+    backend.mkdir(at("one/two"), true);
     ::symlink(at("one").c_str(), at("dirlink").c_str());
     backend.remove(at("dirlink"), true);
     EXPECT_TRUE(backend.stat(at("one/two")).isDirectory());
-    EXPECT_EQ(failureOf([&] { backend.remove(at("one"), false); }).code(), "not_empty");
-    backend.remove(at("one"), true);
-    EXPECT_EQ(failureOf([&] { backend.stat(at("one")); }).code(), "not_found");
 
     FileSpace space = backend.statfs(scratch.path());
-    EXPECT_GT(space.total, 0u);
     EXPECT_LE(space.available, space.total);
 }
 
-TEST_F(LocalFiles, ReadsARangeAndRefusesAChangedSource) {
+TEST_F(LocalFiles, ReadsRaiseTinyChunksAndEndEmptyPastTheEnd) {
     std::string bytes = patternBytes(100000);
     writeBytes(at("data"), bytes);
     FileEntry entry = backend.stat(at("data"));
@@ -161,16 +131,12 @@ TEST_F(LocalFiles, ReadsARangeAndRefusesAChangedSource) {
     options.length = 50000;
     options.chunk = 1; // raised to a sane block size
     FileReadStream stream = backend.read(at("data"), options);
-    EXPECT_EQ(stream.size, 100000u);
     std::optional<Bytes> first = stream.data();
     ASSERT_TRUE(first);
     EXPECT_EQ(first->size(), 4096u);
     EXPECT_EQ(std::string(first->begin(), first->end()) + drain(stream.data), bytes.substr(10, 50000));
 
     options = FileReadOptions{};
-    options.expectSize = 99999;
-    EXPECT_EQ(failureOf([&] { backend.read(at("data"), options); }).code(), "changed");
-    options.expectSize = 100000;
     options.expectMtimeNs = "1";
     EXPECT_EQ(failureOf([&] { backend.read(at("data"), options); }).message(), at("data") + " changed");
     options.expectMtimeNs = entry.mtimeNs;
@@ -178,49 +144,19 @@ TEST_F(LocalFiles, ReadsARangeAndRefusesAChangedSource) {
     FileReadStream beyond = backend.read(at("data"), options);
     EXPECT_EQ(drain(beyond.data), "");
 
-    ::mkfifo(at("fifo").c_str(), 0600);
-    EXPECT_EQ(failureOf([&] { backend.read(scratch.path(), {}); }).code(), "is_a_directory");
-    EXPECT_EQ(failureOf([&] { backend.read(at("fifo"), {}); }).code(), "bad_request");
-}
-
-TEST_F(LocalFiles, ACancelledReadEndsWithACancellation) {
-    writeBytes(at("data"), patternBytes(20000));
-    FileReadOptions options;
-    options.chunk = 4096;
-    FileReadStream stream = backend.read(at("data"), options);
-    ASSERT_TRUE(stream.data());
-    stream.cancel();
-    stream.cancel();
-    BackendError error = failureOf([&] { stream.data(); });
-    EXPECT_TRUE(isCancellation(error));
-
-    FileReadStream finished = backend.read(at("data"), options);
+    FileReadStream finished = backend.read(at("data"), {});
     drain(finished.data);
     finished.cancel(); // after the end there is nothing to cancel
     EXPECT_EQ(finished.data(), std::nullopt);
 }
 
-TEST_F(LocalFiles, AWritePlacesTheWholeFileWithItsModeAndTime) {
-    std::string bytes = patternBytes(70000);
-    MemorySource source(bytes);
+TEST_F(LocalFiles, AWriteReportsFromZeroAndASourceThatFallsShortPlacesNothing) {
+    MemorySource source(patternBytes(70000));
     FileWriteOptions options;
-    options.size = bytes.size();
-    options.mode = 0640;
-    options.mtimeNs = "1600000000000000042";
+    options.size = 70000;
     std::vector<uint64_t> progress;
-    FileEntry written = backend.write(at("out"), options, source, [&](uint64_t bytes) { progress.push_back(bytes); });
-    EXPECT_EQ(readBytes(at("out")), bytes);
-    EXPECT_EQ(written.mode, 0640);
-    EXPECT_EQ(written.mtimeNs, "1600000000000000042");
+    backend.write(at("out"), options, source, [&](uint64_t bytes) { progress.push_back(bytes); });
     EXPECT_EQ(progress.front(), 0u);
-    EXPECT_EQ(progress.back(), 70000u);
-    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
-    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
-
-    EXPECT_EQ(failureOf([&] { backend.write(at("out"), options, source, {}); }).code(), "exists");
-    backend.mkdir(at("dir"), false);
-    options.overwrite = true;
-    EXPECT_EQ(failureOf([&] { backend.write(at("dir"), options, source, {}); }).code(), "is_a_directory");
     EXPECT_EQ(failureOf([&] { backend.write(at("nodir/out"), options, source, {}); }).code(), "not_found");
 
     MemorySource shorter("abc");
