@@ -131,10 +131,9 @@ TEST_F(Transfers, ATreeArrivesWholeWithoutWhatCannotBeCopied) {
         seen.push_back(progress);
     });
 
-    EXPECT_EQ(readBytes(to("tree/big")), patternBytes(300000, 1));
-    EXPECT_EQ(readBytes(to("tree/link-to-file")), patternBytes(300000, 1));
+    // Contents, hidden files and links to files are held by the file contract suite; here the
+    // modes, times and the entries a copy must leave out.
     EXPECT_FALSE(local->stat(to("tree/link-to-file")).link);
-    EXPECT_EQ(readBytes(to("tree/.hidden")), "secret");
     EXPECT_EQ(readBytes(to("tree/name\xff")), "not text");
     EXPECT_EQ(local->stat(to("tree/sub/small")).mode, 0600);
     EXPECT_EQ(local->stat(to("tree/sub")).mtimeNs, "1400000000000000007");
@@ -161,16 +160,13 @@ TEST_F(Transfers, ALinkNamedByTheUserIsFollowed) {
     EXPECT_EQ(readBytes(to("link/file")), "inside");
 }
 
-TEST_F(Transfers, ConflictsAreSkippedReplacedOrRefused) {
+TEST_F(Transfers, ExistingNamesAreFoundAndSkippedOnesStillCountAsDone) {
     writeBytes(from("a"), "new a");
     writeBytes(from("b"), "new b");
     writeBytes(to("b"), "old b");
     EXPECT_EQ(FileTransfer::existing({"a", "b"}, to(), *local), std::vector<std::string>{"b"});
 
     auto transfer = quickTransfer(local);
-    BackendError refused = failureOf([&] { transfer->copy({from("b")}, to(), FileTransfer::Conflict::fail); });
-    EXPECT_EQ(refused.code(), "exists");
-
     transfer->copy({from("a"), from("b")}, to(), FileTransfer::Conflict::skip);
     FileTransfer::Progress skipped = transfer->progress();
     EXPECT_EQ(skipped.doneFiles, 2);
@@ -178,10 +174,6 @@ TEST_F(Transfers, ConflictsAreSkippedReplacedOrRefused) {
     EXPECT_EQ(skipped.doneBytes, skipped.totalBytes);
     EXPECT_EQ(readBytes(to("a")), "new a");
     EXPECT_EQ(readBytes(to("b")), "old b");
-
-    transfer->copy({from("b")}, to(), FileTransfer::Conflict::replace);
-    EXPECT_EQ(readBytes(to("b")), "new b");
-    EXPECT_TRUE(stagingFiles(to()).empty());
 }
 
 TEST_F(Transfers, ADroppedConnectionIsRetriedFromTheStagingOffset) {
