@@ -16,21 +16,6 @@ std::vector<uint64_t> tabIDs(const Workspace& workspace) {
 
 } // namespace
 
-TEST(ModelState, LookupsFindByIdentifierAndTreatAbsentAsAbsent) {
-    auto state = sampleState();
-    ASSERT_NE(state.tab(4), nullptr);
-    EXPECT_EQ(state.tab(4)->activePane, 5u);
-    EXPECT_EQ(state.pane(99), nullptr);
-    EXPECT_EQ(state.workspace(std::nullopt), nullptr);
-
-    auto location = state.location(6);
-    ASSERT_TRUE(location);
-    EXPECT_EQ(location->tab->id, 4u);
-    EXPECT_FALSE(state.location(99));
-    EXPECT_EQ(state.workspaceContaining(9)->id, 8u);
-    EXPECT_EQ(state.workspaceContaining(3), nullptr); // a pane identifier is no tab
-}
-
 TEST(ModelState, FocusingAPaneOrTabActivatesItsTabAndWorkspaceButKeepsRevAndPanes) {
     auto state = sampleState();
     auto next = state.focusing(FocusTarget::pane(6));
