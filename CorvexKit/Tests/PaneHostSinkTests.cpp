@@ -5,6 +5,7 @@
 #include "CorvexKit/PaneHostSink.h"
 #include "Platform/MainQueue.h"
 #include "Support/ManualExecutor.h"
+#include "Support/ScriptedBackend.h"
 
 using namespace corvex;
 
@@ -13,49 +14,6 @@ namespace {
 std::string text(ByteView bytes) {
     return std::string(bytes.begin(), bytes.end());
 }
-
-// A backend that writes down the calls a pane host makes, with their arguments.
-class PaneCallsBackend final : public SessionBackend {
-public:
-    std::vector<std::string> calls;
-
-    std::shared_ptr<SessionEventStream> events() override { return stream_; }
-    void start() override {}
-    void stop() override {}
-    ModelState getState() override { return {}; }
-    CreatedWorkspace createWorkspace(const std::optional<std::string>&, const SpawnOptions&) override { return {}; }
-    void renameWorkspace(uint64_t, const std::string&) override {}
-    void closeWorkspace(uint64_t) override {}
-    CreatedTab createTab(uint64_t, const SpawnOptions&) override { return {}; }
-    void renameTab(uint64_t, const std::optional<std::string>&) override {}
-    void closeTab(uint64_t) override {}
-    CreatedSplit split(uint64_t, Direction, std::optional<double>, const SpawnOptions&) override { return {}; }
-    void closePane(uint64_t) override {}
-    void setRatio(uint64_t, double) override {}
-    void focus(const FocusTarget&) override {}
-    Subscription subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<int>,
-                           std::optional<Size> viewport) override {
-        calls.push_back("subscribe " + std::to_string(pane) + " have " +
-                        (haveSeq ? std::to_string(*haveSeq) : std::string("none")) + " viewport " +
-                        std::to_string(viewport->cols) + "x" + std::to_string(viewport->rows));
-        if (failSubscribe) throw BackendError("disconnected", "link down");
-        return {};
-    }
-    void unsubscribe(uint64_t pane) override { calls.push_back("unsubscribe " + std::to_string(pane)); }
-    void setViewport(uint64_t pane, Size size) override {
-        calls.push_back("viewport " + std::to_string(pane) + " " + std::to_string(size.cols) + "x" +
-                        std::to_string(size.rows));
-    }
-    void resize(uint64_t, Size) override {}
-    void sendInput(uint64_t pane, ByteView bytes) override {
-        calls.push_back("input " + std::to_string(pane) + " " + text(bytes));
-    }
-
-    bool failSubscribe = false;
-
-private:
-    std::shared_ptr<SessionEventStream> stream_ = std::make_shared<SessionEventStream>();
-};
 
 class RecordingTerminal final : public PaneTerminal {
 public:
@@ -105,7 +63,7 @@ protected:
 
     platform::ManualMainQueue queue;
     testkit::ManualExecutor executor;
-    std::shared_ptr<PaneCallsBackend> backend = std::make_shared<PaneCallsBackend>();
+    std::shared_ptr<testkit::ScriptedBackend> backend = std::make_shared<testkit::ScriptedBackend>();
     RecordingTerminal terminal;
     std::shared_ptr<PaneHostSink> host;
     std::mutex logLock;
@@ -115,19 +73,19 @@ protected:
 TEST_F(PaneHostSinkTest, SubscribesOnlyOnceItHasARealSizeAndThenSendsViewportChanges) {
     host->subscribe();
     executor.runAll();
-    EXPECT_TRUE(backend->calls.empty());
+    EXPECT_TRUE(backend->calls().empty());
     EXPECT_EQ(terminal.layoutRequests, 1);
 
     // 812 x 492 less the margin is 80 x 24 cells of 10 x 20: the first real layout subscribes.
     host->layoutChanged(812, 492);
     executor.runAll();
     subscribeAt(812, 492);
-    EXPECT_EQ(backend->calls, (std::vector<std::string>{"subscribe 7 have none viewport 80x24"}));
+    EXPECT_EQ(backend->calls(), (std::vector<std::string>{"subscribe 7 have none viewport 80x24"}));
 
     subscribeAt(1012, 492);
     subscribeAt(1015, 499); // the same number of cells: nothing to say
-    EXPECT_EQ(backend->calls.back(), "viewport 7 100x24");
-    EXPECT_EQ(backend->calls.size(), 2u);
+    EXPECT_EQ(backend->calls().back(), "viewport 7 100x24");
+    EXPECT_EQ(backend->calls().size(), 2u);
     // The terminal waits for the daemon's word before it changes size.
     EXPECT_EQ(terminal.resizes, 0);
 }
@@ -196,7 +154,7 @@ TEST_F(PaneHostSinkTest, ResetBlanksTheTerminalAndTheNextSubscribeAsksFromTheSta
 
     host->subscribe();
     executor.runAll();
-    EXPECT_EQ(backend->calls.back(), "subscribe 7 have none viewport 80x24");
+    EXPECT_EQ(backend->calls().back(), "subscribe 7 have none viewport 80x24");
 }
 
 TEST_F(PaneHostSinkTest, ResubscribingAsksForWhatIsMissing) {
@@ -206,7 +164,7 @@ TEST_F(PaneHostSinkTest, ResubscribingAsksForWhatIsMissing) {
     host->unsubscribe();
     host->subscribe();
     executor.runAll();
-    EXPECT_EQ(backend->calls.back(), "subscribe 7 have 44 viewport 80x24");
+    EXPECT_EQ(backend->calls().back(), "subscribe 7 have 44 viewport 80x24");
 }
 
 TEST_F(PaneHostSinkTest, OnlyAShownPaneWritesTheClipboard) {
@@ -220,7 +178,7 @@ TEST_F(PaneHostSinkTest, OnlyAShownPaneWritesTheClipboard) {
 }
 
 TEST_F(PaneHostSinkTest, AFailedSubscribeIsLogged) {
-    backend->failSubscribe = true;
+    backend->failSubscribe(BackendError("disconnected", "link down"));
     subscribeAt(812, 492);
     ASSERT_FALSE(logLines.empty());
     EXPECT_EQ(logLines.back(), "subscribe pane 7 failed: link down");

@@ -27,6 +27,11 @@ void ScriptedBackend::failMove(std::optional<BackendError> error) {
     moveError_ = std::move(error);
 }
 
+void ScriptedBackend::failSubscribe(std::optional<BackendError> error) {
+    std::lock_guard guard(mutex_);
+    subscribeError_ = std::move(error);
+}
+
 void ScriptedBackend::scriptSettings(DaemonSettings settings) {
     std::lock_guard guard(mutex_);
     settings_ = std::move(settings);
@@ -130,13 +135,26 @@ void ScriptedBackend::closePane(uint64_t) { unscripted("closePane"); }
 
 void ScriptedBackend::setRatio(uint64_t, double) { unscripted("setRatio"); }
 
-Subscription ScriptedBackend::subscribe(uint64_t, std::optional<uint64_t>, std::optional<int>, std::optional<Size>) {
-    unscripted("subscribe");
+namespace {
+
+std::string cells(std::optional<Size> size) {
+    return size ? std::to_string(size->cols) + "x" + std::to_string(size->rows) : "none";
 }
 
-void ScriptedBackend::unsubscribe(uint64_t) { unscripted("unsubscribe"); }
+} // namespace
 
-void ScriptedBackend::setViewport(uint64_t, Size) { unscripted("setViewport"); }
+Subscription ScriptedBackend::subscribe(uint64_t pane, std::optional<uint64_t> haveSeq, std::optional<int>,
+                                        std::optional<Size> viewport) {
+    record("subscribe " + std::to_string(pane) + " have " + (haveSeq ? std::to_string(*haveSeq) : "none") +
+           " viewport " + cells(viewport));
+    std::lock_guard guard(mutex_);
+    if (subscribeError_) throw *subscribeError_;
+    return {};
+}
+
+void ScriptedBackend::unsubscribe(uint64_t pane) { record("unsubscribe " + std::to_string(pane)); }
+
+void ScriptedBackend::setViewport(uint64_t pane, Size size) { record("viewport " + std::to_string(pane) + " " + cells(size)); }
 
 void ScriptedBackend::resize(uint64_t, Size) { unscripted("resize"); }
 

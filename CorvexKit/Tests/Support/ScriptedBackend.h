@@ -22,6 +22,7 @@ public:
     void failStart(std::optional<BackendError> error);
     void failFocus(std::optional<BackendError> error);
     void failMove(std::optional<BackendError> error);
+    void failSubscribe(std::optional<BackendError> error);
     void scriptSettings(DaemonSettings settings);
     void scriptService(DaemonService service);
 
@@ -68,6 +69,7 @@ private:
     std::optional<BackendError> startError_;
     std::optional<BackendError> focusError_;
     std::optional<BackendError> moveError_;
+    std::optional<BackendError> subscribeError_;
     DaemonSettings settings_;
     DaemonService service_;
 };
