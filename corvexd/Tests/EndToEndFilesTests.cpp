@@ -271,15 +271,6 @@ TYPED_TEST(FileContract, ATreeCopiesWithItsHiddenFilesAndWithoutLinksToFoldersOr
     EXPECT_FALSE(fsys::exists(fsys::symlink_status(into + "/link-to-dir")));
     EXPECT_FALSE(fsys::exists(fsys::symlink_status(into + "/fifo")));
     EXPECT_EQ(copy.progress().totalFiles, 4);
-
-    // A second copy meets every file again.
-    EXPECT_EQ(failureOf([&] { copy.copy({from}, this->at("to"), FileTransfer::Conflict::fail); }).code(), "exists");
-    writeBytes(from + "/.hidden", "changed");
-    copy.copy({from}, this->at("to"), FileTransfer::Conflict::skip);
-    EXPECT_EQ(copy.progress().skippedFiles, 4);
-    EXPECT_EQ(readBytes(into + "/.hidden"), "secret");
-    copy.copy({from}, this->at("to"), FileTransfer::Conflict::replace);
-    EXPECT_EQ(readBytes(into + "/.hidden"), "changed");
     EXPECT_TRUE(stagingFiles(this->at("to")).empty());
 
     // Back again, from the daemon's side to this computer's.
@@ -365,19 +356,6 @@ json writeParams(const std::string& path, std::optional<std::string> upload = st
 
 } // namespace
 
-TEST_F(DaemonFiles, HelloAnnouncesFilesOnlyWithEveryMethodServed) {
-    corvexd::testing::RawClient client(daemon.socketPath());
-    json features = hello(client)["features"];
-    ASSERT_NE(std::find(features.begin(), features.end(), "fs"), features.end());
-    for (const char* method : {"fs.stat", "fs.list", "fs.mkdir", "fs.setattr", "fs.rename", "fs.remove", "fs.statfs",
-                               "fs.read", "fs.write", "fs.cancel"}) {
-        auto reply = client.request(method, json::object());
-        ASSERT_TRUE(reply) << method;
-        EXPECT_NE((*reply)["error"].value("code", ""), "unknown_method") << method;
-    }
-    EXPECT_TRUE(connect()->supportsFiles());
-}
-
 TEST_F(DaemonFiles, AClientHasAFewStreamsAndLosesThemWhenItGoes) {
     const int streams = corvexd::FileStreams::Limits{}.streamsPerClient;
     {
@@ -406,42 +384,6 @@ TEST_F(DaemonFiles, AClientHasAFewStreamsAndLosesThemWhenItGoes) {
     hello(next);
     for (int index = 0; index < streams; ++index)
         EXPECT_TRUE(next.request("fs.write", writeParams(at("g" + std::to_string(index))))->contains("result"));
-}
-
-TEST_F(DaemonFiles, AWriteOfAClientThatDiedResumesFromWhatTheDaemonTook) {
-    std::string bytes = patternBytes(1 << 20, 9);
-    uint64_t taken = 0;
-    {
-        corvexd::testing::RawClient client(daemon.socketPath());
-        hello(client);
-        auto opened = client.request("fs.write", writeParams(at("out"), "u"));
-        uint64_t stream = (*opened)["result"]["stream"];
-        EXPECT_EQ((*opened)["result"]["offset"], 0);
-        for (uint64_t offset = 0; offset < 300000; offset += 100000)
-            client.sendBytes(makeFileDataFrame(stream, offset, false, std::string_view(bytes).substr(offset, 100000)));
-        while (taken < 300000) {
-            auto event = client.nextEvent();
-            ASSERT_TRUE(event);
-            if ((*event)["event"] == "fs.ack") taken = (*event)["data"]["offset"];
-        }
-    }
-    auto files = connect();
-    MemorySource source(bytes, "s", 65536);
-    FileWriteOptions options;
-    options.uploadID = "u";
-    options.source = "s";
-    options.size = bytes.size();
-    ASSERT_TRUE(eventually([&] {
-        try {
-            files->write(at("out"), options, source, {});
-            return true;
-        } catch (const BackendError&) {
-            return false; // the dead client's stream may still hold the staging file a moment
-        }
-    }));
-    EXPECT_EQ(source.openedAt.back(), 300000u);
-    EXPECT_EQ(readBytes(at("out")), bytes);
-    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
 }
 
 TEST_F(DaemonFiles, AReaderThatStopsReadingIsSentItsWindowAndNoMore) {
@@ -596,25 +538,6 @@ TEST_F(DaemonFiles, CorvexListsStatsAndCopiesBothWays) {
     ASSERT_EQ(down.status, 0) << down.err;
     EXPECT_EQ(readBytes(at("copy-of-a")), readBytes(at("tree/a")));
     EXPECT_EQ(daemon.corvex({"cp", "--skip", "--overwrite", "a", "b"}).status, 2);
-}
-
-TEST_F(DaemonFiles, CorvexCpRerunContinuesWhatAnInterruptedRunLeft) {
-    std::string bytes = patternBytes(2 << 20, 2);
-    writeBytes(at("big"), bytes);
-    fsys::create_directories(at("remote"));
-    FileEntry entry = LocalFileBackend().stat(at("big"));
-    std::string fingerprint = std::to_string(entry.size) + ":" + entry.mtimeNs;
-    std::string target = at("remote/big");
-    std::string staging = at("remote/" + FileService::stagingName("big", FileTransfer::uploadID(target, fingerprint)));
-    // What an interrupted run left: the first half, marked so that a restart from 0 would show.
-    std::string half(1 << 20, 'Z');
-    writeBytes(staging, half);
-    writeBytes(FileService::sideFileName(staging), fingerprint);
-
-    Ran rerun = daemon.corvex({"cp", at("big"), ":" + at("remote")});
-    ASSERT_EQ(rerun.status, 0) << rerun.err;
-    EXPECT_EQ(readBytes(target), half + bytes.substr(half.size())) << "the staged half is kept, the rest appended";
-    EXPECT_TRUE(stagingFiles(at("remote")).empty());
 }
 
 TEST_F(DaemonFiles, NamesThatAreNotUTF8AreListedAndCopiedBothWays) {

@@ -7,6 +7,7 @@
 
 #include "CorvexKit/SessionBackend.h"
 #include "CorvexKit/Tests/Support/ScratchDirectory.h"
+#include "Platform/Tests/Support/Eventually.h"
 #include "Support/RawClient.h"
 #include "corvexd/Server.h"
 
@@ -160,11 +161,10 @@ TEST(CorvexdServerMachinery, InputErrorsAndDepartures) {
     ClientID id = daemon.inputs[0].client;
     ASSERT_TRUE(client.sendBytes(std::string("\0\0\0\0", 4)));
     EXPECT_TRUE(client.closedByPeer());
-    auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (std::chrono::steady_clock::now() < deadline) {
+    platform::testing::eventually([&] {
         std::lock_guard guard(daemon.lock);
-        if (!daemon.gone.empty()) break;
-    }
+        return !daemon.gone.empty();
+    });
     std::lock_guard guard(daemon.lock);
     EXPECT_EQ(daemon.gone, std::vector<ClientID>{id}) << "the session layer learns who left";
 }
