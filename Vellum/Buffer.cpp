@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "Vellum/AsciiCells.h"
-#include "Vellum/ByteRunScanner.h"
 
 namespace vellum {
 
@@ -250,10 +248,11 @@ size_t Buffer::insertAsciiRun(const uint8_t* bytes, size_t count, PackedCell bas
     return count;
 }
 
-// The rarer steps of writeAsciiWithinRow, kept out of its inlined body. A row written a word at a time stores as many words as its array holds, not just those up to
-// the word: growing the stored part word by word costs more than writing blanks ahead. Only a
-// row that outgrows its array takes a larger one (geometrically), so what scrolls into the
-// scrollback stays as compact as before.
+// The rarer steps of writeAsciiWithinRow, kept out of its inlined body. A row written a word
+// at a time stores as many words as its array holds, not just those up to the word: growing
+// the stored part word by word costs more than writing blanks ahead. Only a row that outgrows
+// its array takes a larger one (geometrically), so what scrolls into the scrollback stays as
+// compact as before.
 void Buffer::storeAhead(BufferLine& line, int end) {
     line.writableCells(std::max(end, int(line.storage.cells.capacity())), &compactWords);
 }

@@ -39,6 +39,12 @@ struct ByteRunScanner {
         return scalarFind(in, from, [](uint8_t b) { return b >= 0x7F; });
     }
 
+    // Index of the first byte outside printable ASCII (0x20 to 0x7E) at or after `from`, or the end.
+    static size_t firstNonPrintableByte(std::span<const uint8_t> in, size_t from, ScanPath path = ScanPath::vector) {
+        if (path == ScanPath::vector) from = vectorSkip(in, from, Match::nonPrintable);
+        return scalarFind(in, from, [](uint8_t b) { return b - 0x20u >= 0x5Fu; });
+    }
+
     // Index of the first byte that can stop an OSC payload (below 0x20, or 0x9C), or the end.
     // Short payload runs are common, so the first eight bytes are tested singly.
     static size_t firstOscStop(std::span<const uint8_t> in, size_t from, ScanPath path = ScanPath::vector) {
@@ -51,7 +57,7 @@ struct ByteRunScanner {
     }
 
 private:
-    enum class Match { c0, nonAscii, delOrNonAscii, oscStop };
+    enum class Match { c0, nonAscii, delOrNonAscii, nonPrintable, oscStop };
 
     template <typename Predicate>
     static size_t scalarFind(std::span<const uint8_t> in, size_t from, Predicate matches) {
@@ -70,6 +76,8 @@ private:
             return _mm_movemask_epi8(v);
         case Match::delOrNonAscii: // signed: 0x7F is the only value above 0x7E, the rest are negative
             return _mm_movemask_epi8(_mm_or_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8(0x7E)), v));
+        case Match::nonPrintable: // signed: below 0x20 are the controls and every byte of 0x80 or more
+            return _mm_movemask_epi8(_mm_or_si128(_mm_cmpgt_epi8(_mm_set1_epi8(0x20), v), _mm_cmpeq_epi8(v, _mm_set1_epi8(0x7F))));
         case Match::oscStop:
             return _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(_mm_min_epu8(v, _mm_set1_epi8(0x1F)), v),
                                                   _mm_cmpeq_epi8(v, _mm_set1_epi8(char(0x9C)))));
@@ -107,6 +115,8 @@ private:
             return vcgeq_u8(v, vdupq_n_u8(0x80));
         case Match::delOrNonAscii:
             return vcgeq_u8(v, vdupq_n_u8(0x7F));
+        case Match::nonPrintable:
+            return vorrq_u8(vcltq_u8(v, vdupq_n_u8(0x20)), vcgeq_u8(v, vdupq_n_u8(0x7F)));
         case Match::oscStop:
             return vorrq_u8(vcltq_u8(v, vdupq_n_u8(0x20)), vceqq_u8(v, vdupq_n_u8(0x9C)));
         }

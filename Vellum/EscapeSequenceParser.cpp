@@ -370,6 +370,14 @@ void EscapeSequenceParser::dispatchCsiSequence(Run& run, uint8_t code) {
     clearReadingBuffer(run.terminal);
 }
 
+// A plain SGR, with no intermediates, takes the short way; every other final byte the general one.
+[[gnu::always_inline]] inline void EscapeSequenceParser::dispatchCsiFinal(Run& run, uint8_t code) {
+    if (code == 'm' && run.hot.collect.empty())
+        dispatchSgrSequence(run);
+    else
+        dispatchCsiSequence(run, code);
+}
+
 // The common shape ESC [ marker? parameters final, read without table lookups. It takes the
 // same steps the table would, and leaves anything unusual (intermediates, controls, the end of
 // the chunk) to the table in the state reached so far.
@@ -420,10 +428,7 @@ void EscapeSequenceParser::parseCsiDirectly(Run& run) {
         hot.colonMask = colonMask;
         run.index = j + 1;
         run.state = S::ground;
-        if (c == 'm' && hot.collect.empty())
-            dispatchSgrSequence(run);
-        else
-            dispatchCsiSequence(run, c);
+        dispatchCsiFinal(run, c);
         return;
     }
     parseCsiParametersByByte(run, i, state, count, colonMask);
@@ -467,10 +472,7 @@ void EscapeSequenceParser::parseCsiParametersByByte(Run& run, size_t i, ParserSt
             if (c >= 0x40 && c <= 0x7E) {
                 ++run.index;
                 run.state = S::ground;
-                if (c == 'm' && hot.collect.empty())
-                    dispatchSgrSequence(run);
-                else
-                    dispatchCsiSequence(run, c);
+                dispatchCsiFinal(run, c);
             }
             return;
         }

@@ -146,6 +146,7 @@ private:
     void performAction(Run& run, ParserAction action, ParserState next, uint8_t byte);
     void dispatchCsiSequence(Run& run, uint8_t code);
     void dispatchSgrSequence(Run& run);
+    void dispatchCsiFinal(Run& run, uint8_t code);
     void parseCsiDirectly(Run& run);
     [[gnu::noinline]] void parseCsiParametersByByte(Run& run, size_t i, ParserState state, int count, uint64_t colonMask);
     void accumulateDigits(Run& run);

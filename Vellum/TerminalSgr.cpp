@@ -1,6 +1,8 @@
 // Select Graphic Rendition: the parameters of CSI ... m change the pen that printed cells take.
 #include "Vellum/Terminal.h"
 
+#include "Vellum/ByteRunScanner.h"
+
 namespace vellum {
 
 namespace {
@@ -188,28 +190,9 @@ void Terminal::changeAreaRendition(Attribute& a, CsiParameters renditions, bool 
     }
 }
 
-} // namespace vellum
-
-namespace vellum {
-
 namespace {
 
 constexpr uint8_t laneEscape = 0x1B;
-
-// The end of the printable ASCII (0x20-0x7E) starting at `from`: the first byte outside it, or `size`.
-size_t printableAsciiEnd(const uint8_t* p, size_t from, size_t size) {
-#if VELLUM_SCAN_SSE2
-    const __m128i space = _mm_set1_epi8(0x1F), del = _mm_set1_epi8(0x7F);
-    for (; from + 16 <= size; from += 16) {
-        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + from));
-        // Signed: bytes of 0x80 and more are negative, so they fail the test with the controls.
-        int printable = _mm_movemask_epi8(_mm_cmpgt_epi8(v, space)) & ~_mm_movemask_epi8(_mm_cmpeq_epi8(v, del));
-        if (printable != 0xFFFF) return from + size_t(__builtin_ctz(~unsigned(printable)));
-    }
-#endif
-    while (from < size && p[from] - 0x20u < 0x5Fu) ++from;
-    return from;
-}
 
 // ESC [ parameters final at `from`, the parameters whole numbers of up to five digits separated
 // by semicolons, wholly inside the chunk with room to read a parameter past the end: the index
@@ -290,7 +273,7 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
             continue;
         }
         if (b - 0x20u >= 0x5Fu) break;
-        size_t end = printableAsciiEnd(p, i + 1, size);
+        size_t end = ByteRunScanner::firstNonPrintableByte({p, size}, i + 1);
         int count = int(end - i);
         if ((end < size && p[end] >= 0x7F) || count > right - x + 1) break;
         buf.putAsciiCells(*line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);

@@ -247,6 +247,7 @@ TEST(ByteRunScannerTest, VectorAndScalarPathsAgree) {
             EXPECT_EQ(ByteRunScanner::firstC0Byte(span, from, ScanPath::vector), ByteRunScanner::firstC0Byte(span, from, ScanPath::scalar));
             EXPECT_EQ(ByteRunScanner::firstNonAsciiByte(span, from, ScanPath::vector), ByteRunScanner::firstNonAsciiByte(span, from, ScanPath::scalar));
             EXPECT_EQ(ByteRunScanner::firstOscStop(span, from, ScanPath::vector), ByteRunScanner::firstOscStop(span, from, ScanPath::scalar));
+            EXPECT_EQ(ByteRunScanner::firstNonPrintableByte(span, from, ScanPath::vector), ByteRunScanner::firstNonPrintableByte(span, from, ScanPath::scalar));
         }
     }
     std::vector<uint8_t> text(100, 'a');
@@ -255,6 +256,7 @@ TEST(ByteRunScannerTest, VectorAndScalarPathsAgree) {
     EXPECT_EQ(ByteRunScanner::firstC0Byte(text, 3), 90u);
     EXPECT_EQ(ByteRunScanner::firstNonAsciiByte(text, 3), 70u);
     EXPECT_EQ(ByteRunScanner::firstOscStop(text, 71), 90u);
+    EXPECT_EQ(ByteRunScanner::firstNonPrintableByte(text, 3), 70u);
 }
 
 TEST(OscHelpersTest, Utf8ContinuationAndDecimalNumbers) {
