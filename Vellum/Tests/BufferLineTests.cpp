@@ -44,25 +44,6 @@ TEST(BufferLine, OutOfRangeWritesLandInTheLastColumnWithAWarning) {
     EXPECT_EQ(diagnostics.lines.size(), 1u);
 }
 
-TEST(BufferLine, ConstructionKnowsWhetherTheRowIsBlank) {
-    CharData redBlank = narrow(0, background(1));
-    BufferLine red(10, redBlank);
-    EXPECT_EQ(red.usedLength, 0);
-    EXPECT_EQ(red.tailBlankCell.tag(), PackedCell::paletteBackgroundTag);
-    EXPECT_EQ(red[9].attribute.bg, Color::ansi256(1));
-
-    BufferLine dots(10, narrow('.'));
-    EXPECT_EQ(dots.usedLength, 10);
-    EXPECT_EQ(text(dots), "..........");
-
-    // Rows made together share an arena only when asked to.
-    auto arena = std::make_shared<CellArena>();
-    BufferLine a(4, std::nullopt, true, {}, arena), b(4, std::nullopt, false, {}, arena);
-    EXPECT_EQ(&a.arena(), &b.arena());
-    EXPECT_NE(&BufferLine(4).arena(), &a.arena());
-    EXPECT_NE(a.renderIdentity, b.renderIdentity);
-}
-
 TEST(BufferLine, OverwritingHalfAWideCharacterHealsTheOtherHalf) {
     Attribute red = background(1);
     BufferLine line(10);

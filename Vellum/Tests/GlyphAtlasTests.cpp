@@ -7,20 +7,12 @@
 #include "Platform/Tests/Support/ScopedEnvironment.h"
 #include "Vellum/BoxDrawingRenderer.h"
 #include "Vellum/GlyphAtlas.h"
-#include "Vellum/RenderLog.h"
+#include "Support/CapturedRenderLog.h"
 
 using namespace vellum;
+using vellum::testing::CapturedRenderLog;
 
 namespace {
-
-struct CapturedRenderLog {
-    std::vector<std::string> lines;
-    RenderLogSink previous;
-    CapturedRenderLog() {
-        previous = setRenderLogSink([this](std::string_view line) { lines.emplace_back(line); });
-    }
-    ~CapturedRenderLog() { setRenderLogSink(previous); }
-};
 
 // Fills shelves of 30 × 30 glyphs (32 × 32 with their gutter) until the atlas grows or resets.
 std::vector<AtlasRegion> fillUntilGrowth(GlyphAtlas& atlas) {

@@ -11,14 +11,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <mutex>
 #include <future>
 #include <pthread.h>
 #include <set>
@@ -381,38 +377,6 @@ TEST_F(LocalProcessTest, TheReaperNeverSignalsAReapedChild) {
     EXPECT_EQ(reaper->wait(), std::nullopt) << "a second wait reaps nothing";
     EXPECT_TRUE(reaper->awaitExit(0));
     EXPECT_EQ(reaper->whileAlive([](pid_t) { return 1; }), std::nullopt);
-}
-
-TEST_F(LocalProcessTest, HostLoggingKeepsEachReadAndDebugReportsCount) {
-    std::string pattern = (fs::temp_directory_path() / "host-log-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    auto lines = std::make_shared<platform::Locked<std::vector<std::string>>>();
-    LocalProcess::setLogger([lines](const std::string& line) { lines->withLock([&](auto& all) { all.push_back(line); }); });
-
-    auto process = LocalProcess::create(recorder);
-    process->setHostLogging(pattern);
-    process->setDebugIO(true);
-    ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "read x; echo got"}), std::nullopt);
-    process->send(bytes("ok\n"));
-    ASSERT_TRUE(recorder->waitForExits(1));
-    LocalProcess::setLogger(nullptr);
-
-    std::string logged;
-    for (size_t i = 0; fs::exists(fs::path(pattern) / ("log-" + std::to_string(i))); ++i) {
-        std::ifstream file(fs::path(pattern) / ("log-" + std::to_string(i)), std::ios::binary);
-        logged.append(std::istreambuf_iterator<char>(file), {});
-    }
-    EXPECT_EQ(logged, recorder->output()) << "every read, each in a file of its own, in order";
-
-    auto all = lines->copy();
-    auto has = [&](std::string_view text) {
-        return std::any_of(all.begin(), all.end(), [&](auto& line) { return line.find(text) != std::string::npos; });
-    };
-    EXPECT_TRUE(has("[SEND-1] Queuing data to client: ok\n"));
-    EXPECT_TRUE(has("[SEND-1] completed bytes=3"));
-    EXPECT_TRUE(has("[READ] count="));
-    EXPECT_TRUE(has("received from host total="));
-    fs::remove_all(pattern);
 }
 
 TEST_F(LocalProcessTest, ExitsRacingTeardownsAndRestartsLeaveNothingBehind) {

@@ -5,10 +5,11 @@
 #include <vector>
 
 #include "Support/TerminalHarness.h"
-#include "Vellum/RenderLog.h"
+#include "Support/CapturedRenderLog.h"
 #include "Vellum/TerminalFrameBuilder.h"
 
 using namespace vellum;
+using vellum::testing::CapturedRenderLog;
 using vellum::testing::TerminalHarness;
 
 namespace {
@@ -42,16 +43,6 @@ std::vector<TextCell> inCell(const std::vector<TextCell>& cells, const Scene& s,
             out.push_back(c);
     return out;
 }
-
-struct CapturedRenderLog {
-    std::vector<std::string> lines;
-    RenderLogSink previous;
-    CapturedRenderLog() { previous = setRenderLogSink([this](std::string_view l) { lines.emplace_back(l); }); }
-    ~CapturedRenderLog() { setRenderLogSink(previous); }
-    bool has(std::string_view text) const {
-        return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
-    }
-};
 
 } // namespace
 

@@ -217,18 +217,6 @@ TEST_F(TerminalIOPipelineTest, TheLastOutputIsParsedBeforeTheEndIsReportedOnce) 
     EXPECT_FALSE(collector->bytesAfterEOF());
 }
 
-TEST_F(TerminalIOPipelineTest, ADrainEndsAtItsDeadlineWhenABackgroundJobHoldsTheTerminal) {
-    pid_t pid = 0;
-    auto pipeline = launch({"/bin/sh", "-c", "printf ready; exec sleep 30"}, &pid);
-    ASSERT_TRUE(pipeline);
-    ASSERT_TRUE(collector->waitForText("ready"));
-    ASSERT_TRUE(pipeline->requestDrain(std::chrono::steady_clock::now() + 100ms));
-    EXPECT_TRUE(pipeline->waitUntilFinished(std::chrono::steady_clock::now() + 10s));
-    EXPECT_EQ(collector->eofs(), 0) << "the terminal is still open: no end of file";
-    // A second request after the end is harmless.
-    EXPECT_TRUE(pipeline->requestShutdown());
-}
-
 TEST_F(TerminalIOPipelineTest, ShutdownFromThePipelinesOwnThreadDoesNotWaitForItself) {
     // A delegate that shuts the pipeline down from inside its first delivery.
     struct Stopper : TerminalIOPipelineDelegate {

@@ -99,17 +99,6 @@ TEST(TerminalRenderSnapshot, WideCharactersAndTheirSpacers) {
     EXPECT_EQ((*snapshot.lines[1].cells)[0].widthState, RenderSnapshotWidthState::wide);
 }
 
-TEST(TerminalRenderSnapshot, CellsCarryTheirRendition) {
-    TerminalHarness h(6, 1);
-    h.terminal.feed("\x1b[1;38;5;200;48;2;1;2;3mX\x1b[0m\x1b[44m\x1b[K");
-    const auto& cells = *dirty(h.terminal).lines[0].cells;
-    EXPECT_TRUE(cells[0].attribute.style.contains(CharacterStyle::bold));
-    EXPECT_EQ(cells[0].attribute.fg, Attribute::Color::ansi256(200));
-    EXPECT_EQ(cells[0].attribute.bg, Attribute::Color::trueColor(1, 2, 3));
-    EXPECT_EQ(cells[1].text, ""); // an erased cell that only carries a background
-    EXPECT_EQ(cells[1].attribute.bg, Attribute::Color::ansi256(4));
-}
-
 TEST(TerminalRenderSnapshot, CursorStateAndSynchronizedOutput) {
     TerminalHarness h(4, 2);
     dirty(h.terminal);

@@ -49,26 +49,6 @@ TEST(TerminalSgr, UnderlineForms) {
     EXPECT_FALSE(attributeAfter("\x1b[4:0m").style.contains(CharacterStyle::underline));
 }
 
-TEST(TerminalSgr, ColourFormsAgree) {
-    auto rgb = Attribute::Color::trueColor(10, 20, 30);
-    EXPECT_EQ(attributeAfter("\x1b[38;2;10;20;30m").fg, rgb);
-    EXPECT_EQ(attributeAfter("\x1b[38:2::10:20:30m").fg, rgb);
-    EXPECT_EQ(attributeAfter("\x1b[38:2:10:20:30m").fg, rgb);
-    EXPECT_EQ(attributeAfter("\x1b[48;5;200m").bg, Attribute::Color::ansi256(200));
-    EXPECT_EQ(attributeAfter("\x1b[48:5:200m").bg, Attribute::Color::ansi256(200));
-    EXPECT_EQ(attributeAfter("\x1b[38:5m").fg, Attribute::Color::defaultColor());
-    EXPECT_EQ(attributeAfter("\x1b[38;2;1;2m").fg, Attribute::Color::defaultColor());
-    EXPECT_EQ(attributeAfter("\x1b[38;2;999;0;0m").fg, Attribute::Color::trueColor(255, 0, 0));
-    EXPECT_EQ(attributeAfter("\x1b[58:2::1:2:3m").underlineColor, Attribute::Color::trueColor(1, 2, 3));
-    // What follows an extended colour is still read.
-    Attribute after = attributeAfter("\x1b[38;5;3;1;44m");
-    EXPECT_EQ(after.fg, Attribute::Color::ansi256(3));
-    EXPECT_TRUE(after.style.contains(CharacterStyle::bold));
-    EXPECT_EQ(after.bg, Attribute::Color::ansi256(4));
-    EXPECT_EQ(attributeAfter("\x1b[95;105m").fg, Attribute::Color::ansi256(13));
-    EXPECT_EQ(attributeAfter("\x1b[31;1m\x1b[0m"), Attribute::empty);
-}
-
 // A sequence whole in one chunk takes the parser's direct path and the shortcuts for common
 // shapes; cut anywhere it takes the general one. Both must leave the same pen.
 TEST(TerminalSgr, SequencesCutAnywhereAgree) {
@@ -94,6 +74,7 @@ TEST(TerminalSgr, SequencesCutAnywhereAgree) {
         {"\x1b[48;2;1;22;133m", with([](Attribute& a) { a.bg = Color::trueColor(1, 22, 133); })},
         {"\x1b[38;2;999;0;99999999999m", with([](Attribute& a) { a.fg = Color::trueColor(255, 0, 255); })},
         {"\x1b[38:2::1:2:3m", with([](Attribute& a) { a.fg = Color::trueColor(1, 2, 3); })},
+        {"\x1b[38:2:4:5:6m", with([](Attribute& a) { a.fg = Color::trueColor(4, 5, 6); })}, // no colour space
         {"\x1b[48:5:9m", with([](Attribute& a) { a.bg = Color::ansi256(9); })},
         {"\x1b[58;2;4;5;6m", with([](Attribute& a) { a.underlineColor = Color::trueColor(4, 5, 6); })},
         // Shapes next to the common ones, which must not be taken for them.

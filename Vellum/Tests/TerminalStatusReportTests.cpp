@@ -62,14 +62,6 @@ TEST(TerminalStatusReports, StatusStringsReportEverySettingTheyCanRestore) {
     EXPECT_EQ(statusString(h, "%q"), "\x1bP0$r\x1b\\") << "unknown requests are refused";
 }
 
-TEST(TerminalStatusReports, IdentificationAnswers) {
-    TerminalHarness h(10, 4);
-    std::string primary = h.reply("\x1b[c");
-    EXPECT_EQ(primary, "\x1b[?65;4;1;2;6;21;22;17;28c");
-    EXPECT_EQ(h.reply("\x1bZ"), primary) << "DECID answers as DA does";
-    EXPECT_EQ(h.reply("\x1b[>c"), "\x1b[>65;20;1c");
-}
-
 TEST(TerminalStatusReports, WindowReportsInCharactersAndPixels) {
     TerminalHarness h(30, 8);
     EXPECT_EQ(h.reply("\x1b[18t"), "\x1b[8;8;30t");

@@ -2,7 +2,6 @@
 #include "Platform/Tests/Support/Eventually.h"
 #include "Vellum/SynchronizedOutputWatchdog.h"
 #include "Vellum/TerminalEventQueue.h"
-#include "Vellum/TerminalFeedSender.h"
 #include "Vellum/TerminalInputSender.h"
 #include "Vellum/TerminalLock.h"
 
@@ -126,19 +125,8 @@ TEST(TerminalEventQueueTest, EventsMergeIntoOneHopAndArriveInTheirOrder) {
     EXPECT_EQ(delivered.size(), 2u);
 }
 
-TEST(TerminalSendersTest, CallsReachTheInstalledFunctionsUntilTheyAreCleared) {
-    TerminalFeedSender feed;
-    std::string fed;
-    EXPECT_FALSE(feed.feed(std::string_view("early")));
-    feed.configure([&](std::span<const unsigned char> bytes) { fed.append(bytes.begin(), bytes.end()); },
-                   [&](std::string_view text) { fed += text; });
+TEST(TerminalSendersTest, InputCallsReachTheInstalledFunctionsUntilTheyAreCleared) {
     const unsigned char raw[] = {'a', 'b'};
-    EXPECT_TRUE(feed.feed(raw));
-    EXPECT_TRUE(feed.feed(std::string_view("cd")));
-    feed.clear();
-    EXPECT_FALSE(feed.feed(raw));
-    EXPECT_EQ(fed, "abcd");
-
     TerminalInputSender input;
     int registered = 0, notified = 0;
     std::string delivered;

@@ -51,6 +51,14 @@ struct BasicTerminalHarness {
         return rows;
     }
 
+    // Every cell of the screen, row by row, for comparing two terminals exactly.
+    std::vector<std::vector<PackedCell>> cells() {
+        std::vector<std::vector<PackedCell>> rows(size_t(terminal.rows()));
+        for (int r = 0; r < terminal.rows(); ++r)
+            for (int c = 0; c < terminal.cols(); ++c) rows[size_t(r)].push_back(terminal.buffer().row(r).packedCell(c));
+        return rows;
+    }
+
     int x() { return terminal.buffer().x; }
     int y() { return terminal.buffer().y; }
 
