@@ -88,11 +88,11 @@ const std::vector<std::pair<std::string, std::string>>& AppDelegate::shortcutLis
 
 AppDelegate::AppDelegate(Options options)
     : options_(std::move(options)),
-      log_(options_.logPath.empty() ? AppLog::defaultPath(platform::homeDirectory(), options_.developmentBuild)
-                                    : options_.logPath) {}
+      log_(std::make_shared<AppLog>(options_.logPath.empty()
+                                        ? AppLog::defaultPath(platform::homeDirectory(), options_.developmentBuild)
+                                        : options_.logPath)) {}
 
 AppDelegate::~AppDelegate() {
-    *alive_ = false;
     terminate();
     for (auto& [key, host] : paneHosts_) {
         if (host) host->retire();
@@ -101,7 +101,12 @@ AppDelegate::~AppDelegate() {
 }
 
 void AppDelegate::log(const std::string& text) {
-    log_.write(text);
+    log_->write(text);
+}
+
+// For work on other threads, which may outlive this controller: the log goes with it.
+std::function<void(const std::string&)> AppDelegate::fileLogger(std::string prefix) const {
+    return [log = log_, prefix = std::move(prefix)](const std::string& text) { log->write(prefix + text); };
 }
 
 void AppDelegate::launch() {
@@ -179,16 +184,11 @@ std::shared_ptr<SessionBackend> AppDelegate::makeBackend() {
     daemon.runInPlace = choice.runInPlace;
     daemon.runtimeDir = choice.runtimeDir;
     daemon.installDir = choice.installDir;
-    daemon.log = [this, alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
-        // Only the file is touched, which is safe from any thread while the app lives.
-        if (alive.lock()) log_.write("corvexd: " + text);
-    };
+    daemon.log = fileLogger("corvexd: ");
     localDaemon_ = daemon;
     std::string socket = daemon.socketPath().value_or(CorvexdBackend::defaultSocketPath(choice.runtimeDir));
     log(choice.daemonLogLine(socket));
-    auto logger = [this, alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
-        if (alive.lock()) log_.write(text);
-    };
+    auto logger = fileLogger();
     daemon.log = {};
     auto configuration = CorvexdBackend::Configuration::socket(socket, clientIdentity(std::nullopt), logger,
                                                                [daemon] { daemon.start(); });
@@ -228,10 +228,7 @@ std::shared_ptr<SessionBackend> AppDelegate::makeRemoteBackend(const Machine& ma
     SSHOptions ssh = SSHOptions::fromEnvironment(options_.developmentBuild, proxy);
     std::string executable = std::filesystem::canonical("/proc/self/exe").string();
     RemoteLinkSettings settings = RemoteLinkSettings::from(preferences_, bundledDistFolder(executable), ssh);
-    std::weak_ptr<bool> alive = alive_;
-    settings.log = [this, alive](const std::string& text) {
-        if (alive.lock()) log_.write(text);
-    };
+    settings.log = fileLogger();
     RemoteLink link = makeRemoteLink(machine.target.value_or(""), machine.label, settings);
     installer = link.installer;
     CorvexdBackend::Configuration configuration;
@@ -393,16 +390,16 @@ void AppDelegate::startBackend() {
     Connection* local = connections_.empty() ? nullptr : connections_.front().get();
     if (!local) return;
     std::optional<LocalDaemon> daemon = localDaemon_;
-    std::weak_ptr<bool> alive = alive_;
     QPointer<AppDelegate> self(this);
-    platform::WorkerPool::shared().detach([this, daemon, alive, self] {
+    // Nothing of this controller is touched off the main thread: it may be gone by then.
+    platform::WorkerPool::shared().detach([daemon, self, mainQueue = QtMainQueue()]() mutable {
         std::exception_ptr failure;
         try {
             if (daemon) daemon->start();
         } catch (...) {
             failure = std::current_exception();
         }
-        mainQueue_.post([self, failure] {
+        mainQueue.post([self, failure] {
             if (!self) return;
             if (failure) {
                 bool tooOld = false;
@@ -480,14 +477,13 @@ void AppDelegate::run(const std::string& label, std::function<void(SessionBacken
 void AppDelegate::runOn(Connection& connection, const std::string& label,
                         std::function<void(SessionBackend&)> operation) {
     auto backend = connection.backend;
-    std::weak_ptr<bool> alive = alive_;
     QPointer<AppDelegate> self(this);
-    platform::WorkerPool::shared().detach([this, backend, label, operation, self] {
+    platform::WorkerPool::shared().detach([backend, label, operation, self, mainQueue = QtMainQueue()]() mutable {
         try {
             operation(*backend);
         } catch (...) {
             std::string text = label + " failed: " + describe(std::current_exception());
-            mainQueue_.post([self, text] {
+            mainQueue.post([self, text] {
                 if (self) self->log(text);
             });
         }
@@ -525,10 +521,7 @@ PaneHostView* AppDelegate::makeHost(Connection& connection, uint64_t pane) {
     context.backend = connection.backend;
     context.mainQueue = &mainQueue_;
     context.offMain = [](std::function<void()> work) { platform::WorkerPool::shared().detach(std::move(work)); };
-    std::weak_ptr<bool> alive = alive_;
-    context.log = [this, alive](const std::string& text) {
-        if (alive.lock()) log_.write(text);
-    };
+    context.log = fileLogger();
     context.logModel = logModel_;
     double fontSize = prefs::fontSize(preferences_.number(prefkey::fontSize)) *
                       prefs::uiScale(preferences_.number(prefkey::uiScale));
@@ -691,7 +684,6 @@ void AppDelegate::paneTookKeyboard(const std::string& machine, uint64_t pane) {
         const Pane* shown = target->store->focusedPane();
         if (shown && shown->id == key->pane) return;
         uint64_t pane = key->pane;
-        std::weak_ptr<bool> alive = self->alive_;
         target->store->focus(FocusTarget::pane(pane), [self, pane](std::exception_ptr error) {
             if (self && error) self->log("focus pane " + std::to_string(pane) + " failed: " + describe(error));
         });

@@ -101,7 +101,7 @@ public:
     ModelStore* store(const std::string& machine = "local") const;
     PaneHostView* host(uint64_t pane, const std::string& machine = "local") const;
     PaneHostView* focusedHost() const;
-    const std::string& logPath() const { return log_.path(); }
+    const std::string& logPath() const { return log_->path(); }
     const std::string& focusedMachine() const { return focusedMachine_; }
 
     static const std::vector<std::pair<std::string, std::string>>& shortcutList();
@@ -146,7 +146,8 @@ private:
     Options options_;
     QtMainQueue mainQueue_;
     QtPreferences preferences_;
-    AppLog log_;
+    std::shared_ptr<AppLog> log_;
+    std::function<void(const std::string&)> fileLogger(std::string prefix = {}) const;
     bool logModel_ = false;
 
     QMainWindow* window_ = nullptr;
@@ -177,9 +178,6 @@ private:
     std::optional<PaneKey> lastReportedFocus_;
     bool focusReportScheduled_ = false;
     bool terminated_ = false;
-
-    // Cleared when the controller goes, so work finishing on other threads finds it gone.
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 } // namespace corvex
