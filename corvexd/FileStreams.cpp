@@ -27,8 +27,6 @@ constexpr uint64_t smallestCharge = 64u << 10;
 constexpr uint64_t copyStep = 8u << 20;
 // Staged puts wait for their sync in groups of at most this many, each holding a descriptor.
 constexpr size_t largestPlacingGroup = 64;
-// Syncs of one group in flight at once.
-constexpr size_t syncsAtOnce = 8;
 
 std::string jsonFrame(const json& value) {
     // Names that aren't valid UTF-8 go out with replacement characters, never as a failure.
@@ -382,10 +380,10 @@ void FileStreams::putData(ClientID client, const corvex::FileDataFrame& frame) {
 }
 
 // A put whose data has all come is staged by one thread, in the order they came: its file is
-// created, written and handed to the disk without waiting. Meanwhile another thread syncs and
-// places every file staged so far, their syncs side by side: the disk then writes a folder's
-// blocks and the inode blocks once for the group rather than once for each file, and a crash
-// leaves staging files, never a name over data that isn't there.
+// created and written. Meanwhile another thread syncs and places every file staged so far with
+// one sync for the group: the disk then writes the group's data and inode blocks in one pass
+// with one flush rather than once for each file, and a crash leaves staging files, never a
+// name over data that isn't there.
 void FileStreams::queuePut(std::shared_ptr<Stream> stream) {
     toStage_.push_back(std::move(stream));
     if (staging_) return;
@@ -425,7 +423,6 @@ bool FileStreams::stagePut(const std::shared_ptr<Stream>& stream) {
         std::string_view rest(stream->putData);
         rest.remove_prefix(std::min<uint64_t>(stream->staged->offset(), rest.size()));
         stream->staged->append(corvex::asBytes(rest));
-        stream->staged->startWriteback();
         std::string().swap(stream->putData);
         return true;
     } catch (...) {
@@ -466,34 +463,11 @@ void FileStreams::placePuts() {
 }
 
 void FileStreams::syncTogether(const std::vector<std::shared_ptr<Stream>>& group) {
-    struct Shared {
-        std::atomic<size_t> next{0};
-        std::mutex lock;
-        std::condition_variable done;
-        size_t helping = 0;
-    };
-    auto shared = std::make_shared<Shared>();
-    auto work = [&group, shared] {
-        for (size_t index = shared->next++; index < group.size(); index = shared->next++) {
-            try {
-                group[index]->staged->sync();
-            } catch (...) {
-                group[index]->syncFailure = std::current_exception();
-            }
-        }
-    };
-    size_t helpers = std::min(group.size(), syncsAtOnce) - 1;
-    shared->helping = helpers;
-    for (size_t count = 0; count < helpers; ++count) {
-        streamThreads_.detach([work, shared] {
-            work();
-            std::lock_guard guard(shared->lock);
-            if (--shared->helping == 0) shared->done.notify_all();
-        });
-    }
-    work();
-    std::unique_lock guard(shared->lock);
-    shared->done.wait(guard, [&] { return shared->helping == 0; });
+    std::vector<corvex::StagedWrite*> writes;
+    writes.reserve(group.size());
+    for (const auto& stream : group) writes.push_back(stream->staged.get());
+    std::vector<std::exception_ptr> failures = corvex::StagedWrite::syncTogether(writes);
+    for (size_t index = 0; index < group.size(); ++index) group[index]->syncFailure = failures[index];
 }
 
 // Moves a synced file into place; the put's reply either way.
