@@ -74,6 +74,8 @@ struct FileStreams::Stream {
     uint64_t requestID = 0;
     std::string putData;
     std::exception_ptr syncFailure;
+    std::shared_ptr<PutBatch> batch; // the batch it is a file of, if any
+    size_t batchIndex = 0;
 
     // read
     std::shared_ptr<corvex::ChunkReader> reader;
@@ -86,6 +88,14 @@ struct FileStreams::Stream {
         uint64_t piece = std::min({chunk, end - sent, std::max<uint64_t>(window, 1)});
         return window > 0 && sent + piece <= consumed + window;
     }
+};
+
+struct FileStreams::PutBatch {
+    ClientID client = 0;
+    uint64_t requestID = 0;
+    std::mutex lock;
+    protocol::FilePutOutcomes outcomes;
+    size_t unanswered = 0;
 };
 
 FileStreams::FileStreams(Server& server, Limits limits)
@@ -102,6 +112,7 @@ FileStreams::FileStreams(Server& server, Limits limits)
     serveOffThread<protocol::FsStatfs>([](const auto& p) { return FileService::statfs(p.path); });
     serveRead();
     serveWrite();
+    serveBatch();
     serveCancel();
     server_.setFrameHandler(static_cast<uint8_t>(corvex::FrameType::fileData),
                             [this](ClientID client, std::string_view payload) { fileData(client, payload); });
@@ -110,7 +121,7 @@ FileStreams::FileStreams(Server& server, Limits limits)
     server_.addClientGoneHandler([this](ClientID client) { clientGone(client); });
     server_.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::fs)),
                          std::string(protocol::fsLocalSourceFeature), std::string(protocol::fsPutFeature),
-                         std::string(protocol::fsPutsFeature)});
+                         std::string(protocol::fsPutsFeature), std::string(protocol::fsPutBatchFeature)});
 }
 
 FileStreams::~FileStreams() {
@@ -317,17 +328,19 @@ void FileStreams::releaseUpload(Stream& stream) {
 
 // On the serving thread, before any frame that follows the request: its data must find it.
 void FileStreams::beginPut(MethodCall& call, const protocol::FsWrite& params) {
+    std::lock_guard guard(lock_);
+    if (openPuts_[call.client] >= limits_.putsPerClient)
+        throw corvex::fileError(FileErrorCode::tooManyStreams,
+                                "too many puts at once (" + std::to_string(openPuts_[call.client]) + ")");
+    addPut(call, params);
+    call.deferred = true;
+}
+
+std::shared_ptr<FileStreams::Stream> FileStreams::addPut(MethodCall& call, const protocol::FsWrite& params) {
     const uint64_t size = params.options.size.value_or(UINT64_MAX);
-    if (!(*params.put & protocol::fsPutStreamBit) || params.localSource || size > protocol::fsPutLargest)
+    if (!params.put || !(*params.put & protocol::fsPutStreamBit) || params.localSource || size > protocol::fsPutLargest)
         throw corvex::fileError(FileErrorCode::badRequest, "a put takes a stream of its own and at most " +
                                                                 std::to_string(protocol::fsPutLargest) + " bytes");
-    {
-        std::lock_guard guard(lock_);
-        if (openPuts_[call.client] >= limits_.putsPerClient)
-            throw corvex::fileError(FileErrorCode::tooManyStreams, "too many puts at once (" +
-                                                                       std::to_string(openPuts_[call.client]) + ")");
-        ++openPuts_[call.client];
-    }
     auto stream = std::make_shared<Stream>();
     stream->client = call.client;
     stream->write = true;
@@ -336,20 +349,81 @@ void FileStreams::beginPut(MethodCall& call, const protocol::FsWrite& params) {
     stream->window = size;
     stream->requestID = call.requestID;
     stream->put = params;
-    stream->putData.reserve(size);
-    try {
-        charge(*stream, std::max(size, smallestCharge));
-    } catch (...) {
-        std::lock_guard guard(lock_);
-        release(*stream);
-        throw;
-    }
-    std::lock_guard guard(lock_);
-    if (!puts_.emplace(std::pair(call.client, stream->id), stream).second) {
-        release(*stream);
+    // Charged what it may hold, as a streamed write is: the client's share bounds its puts.
+    const uint64_t charge = std::max(size, smallestCharge);
+    Windows& used = windows_[call.client];
+    if (used.write + charge > limits_.writeWindowsPerClient)
+        throw corvex::fileError(FileErrorCode::tooManyStreams, "too many puts at once (" +
+                                                                   std::to_string(openPuts_[call.client]) + ")");
+    if (puts_.count(std::pair(call.client, stream->id)))
         throw corvex::fileError(FileErrorCode::badRequest, "put stream " + std::to_string(stream->id) + " is in use");
+    stream->putData.reserve(size);
+    used.write += charge;
+    stream->charged = charge;
+    ++openPuts_[call.client];
+    puts_.emplace(std::pair(call.client, stream->id), stream);
+    return stream;
+}
+
+void FileStreams::serveBatch() {
+    server_.addMethod(std::string(protocol::FsPutBatch::name), [this](MethodCall& call) -> json {
+        beginBatch(call, protocol::decodeParams<protocol::FsPutBatch>(call.params));
+        return json();
+    });
+}
+
+// A file refused here is answered in the batch's reply; the others go on. The batch as a
+// whole is refused only when it couldn't be taken at all.
+void FileStreams::beginBatch(MethodCall& call, const protocol::FsPutBatch& params) {
+    const size_t count = params.files.size();
+    if (count == 0 || count > static_cast<size_t>(protocol::fsPutBatchLargest))
+        throw corvex::fileError(FileErrorCode::badRequest, "a batch holds 1 to " +
+                                                                std::to_string(protocol::fsPutBatchLargest) + " files");
+    auto batch = std::make_shared<PutBatch>();
+    batch->client = call.client;
+    batch->requestID = call.requestID;
+    batch->outcomes.files.resize(count);
+    batch->unanswered = count;
+    std::vector<std::pair<size_t, BackendError>> refused;
+    {
+        std::lock_guard guard(lock_);
+        if (openPuts_[call.client] + static_cast<int>(count) > limits_.putsPerClient)
+            throw corvex::fileError(FileErrorCode::tooManyStreams,
+                                    "too many puts at once (" + std::to_string(openPuts_[call.client]) + ")");
+        for (size_t index = 0; index < count; ++index) {
+            try {
+                std::shared_ptr<Stream> stream = addPut(call, params.files[index]);
+                stream->batch = batch;
+                stream->batchIndex = index;
+            } catch (const BackendError& error) {
+                refused.emplace_back(index, error);
+            }
+        }
     }
     call.deferred = true;
+    for (auto& [index, error] : refused) {
+        Stream unplaced;
+        unplaced.batch = batch;
+        unplaced.batchIndex = index;
+        if (std::optional<std::string> reply = answerPut(unplaced, error)) server_.sendFrames(call.client, {std::move(*reply)});
+    }
+}
+
+std::optional<std::string> FileStreams::answerPut(Stream& stream, protocol::FilePutOutcome outcome) {
+    if (!stream.batch) {
+        if (!outcome.code.empty()) return errorReply(stream.requestID, outcome.code, outcome.message);
+        protocol::FileWriteOpened placed{std::nullopt, outcome.offset, std::nullopt, std::move(outcome.entry)};
+        return jsonFrame(protocol::resultEnvelope(stream.requestID, protocol::encodeResultValue(placed)));
+    }
+    PutBatch& batch = *stream.batch;
+    std::lock_guard guard(batch.lock);
+    batch.outcomes.files[stream.batchIndex] = std::move(outcome);
+    if (--batch.unanswered > 0) return std::nullopt;
+    return jsonFrame(protocol::resultEnvelope(batch.requestID, protocol::encodeResultValue(batch.outcomes)));
+}
+
+std::optional<std::string> FileStreams::answerPut(Stream& stream, const BackendError& error) {
+    return answerPut(stream, protocol::FilePutOutcome{std::nullopt, 0, error.code(), error.message()});
 }
 
 // A put's data: kept until its end, then the put is queued to be staged. Data that
@@ -375,8 +449,8 @@ void FileStreams::putData(ClientID client, const corvex::FileDataFrame& frame) {
         release(*stream);
         if (refusal.empty()) refusal = "corvexd is stopping";
     }
-    server_.sendFrames(client, {errorReply(stream->requestID, std::string(corvex::wireName(FileErrorCode::badRequest)),
-                                           stream->path + ": " + refusal)});
+    if (auto reply = answerPut(*stream, corvex::fileError(FileErrorCode::badRequest, stream->path + ": " + refusal)))
+        server_.sendFrames(client, {std::move(*reply)});
 }
 
 // A put whose data has all come is staged by one thread, in the order they came: its file is
@@ -433,7 +507,7 @@ bool FileStreams::stagePut(const std::shared_ptr<Stream>& stream) {
             release(*stream);
             releaseUpload(*stream);
         }
-        server_.sendFrames(stream->client, {errorReply(stream->requestID, error.code(), error.message())});
+        if (auto reply = answerPut(*stream, error)) server_.sendFrames(stream->client, {std::move(*reply)});
         return false;
     }
 }
@@ -448,7 +522,9 @@ void FileStreams::placePuts() {
         guard.unlock();
         syncTogether(group);
         std::map<ClientID, std::vector<std::string>> replies;
-        for (const auto& stream : group) replies[stream->client].push_back(placePut(*stream));
+        for (const auto& stream : group) {
+            if (std::optional<std::string> reply = placePut(*stream)) replies[stream->client].push_back(std::move(*reply));
+        }
         guard.lock();
         for (const auto& stream : group) {
             release(*stream);
@@ -470,20 +546,19 @@ void FileStreams::syncTogether(const std::vector<std::shared_ptr<Stream>>& group
     for (size_t index = 0; index < group.size(); ++index) group[index]->syncFailure = failures[index];
 }
 
-// Moves a synced file into place; the put's reply either way.
-std::string FileStreams::placePut(Stream& stream) {
-    std::string reply;
+// Moves a synced file into place; the put's answer either way.
+std::optional<std::string> FileStreams::placePut(Stream& stream) {
+    protocol::FilePutOutcome outcome;
     try {
         if (stream.syncFailure) std::rethrow_exception(stream.syncFailure);
-        corvex::FileEntry entry = stream.staged->finish();
-        protocol::FileWriteOpened placed{std::nullopt, stream.staged->offset(), std::nullopt, std::move(entry)};
-        reply = jsonFrame(protocol::resultEnvelope(stream.requestID, protocol::encodeResultValue(placed)));
+        outcome.entry = stream.staged->finish();
+        outcome.offset = stream.staged->offset();
     } catch (...) {
         BackendError error = asFileError(std::current_exception(), stream.path);
-        reply = errorReply(stream.requestID, error.code(), error.message());
+        outcome = {std::nullopt, 0, error.code(), error.message()};
     }
     stream.staged.reset();
-    return reply;
+    return answerPut(stream, std::move(outcome));
 }
 
 void FileStreams::serveCancel() {

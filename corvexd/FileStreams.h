@@ -56,13 +56,23 @@ private:
     void serveCancel();
     // A put: a small file's request with its data right behind it, and one reply at the end.
     void beginPut(MethodCall& call, const corvex::protocol::FsWrite& params);
+    // Many puts in one request, answered together once each has its outcome.
+    struct PutBatch;
+    void serveBatch();
+    void beginBatch(MethodCall& call, const corvex::protocol::FsPutBatch& params);
+    // Registers one put (serving thread, lock_ held); raises what refuses it.
+    std::shared_ptr<Stream> addPut(MethodCall& call, const corvex::protocol::FsWrite& params); // lock_ held
+    // The put's answer: its reply frame, or for a file of a batch the batch's reply once it is
+    // the last to have its outcome, else nothing.
+    std::optional<std::string> answerPut(Stream& stream, corvex::protocol::FilePutOutcome outcome);
+    std::optional<std::string> answerPut(Stream& stream, const corvex::BackendError& error);
     void putData(ClientID client, const corvex::FileDataFrame& frame);
     void queuePut(std::shared_ptr<Stream> stream); // lock_ held
     void stagePuts();
     bool stagePut(const std::shared_ptr<Stream>& stream);
     void placePuts();
     void syncTogether(const std::vector<std::shared_ptr<Stream>>& group);
-    std::string placePut(Stream& stream);
+    std::optional<std::string> placePut(Stream& stream);
     struct Windows {
         uint64_t read = 0;
         uint64_t write = 0;
