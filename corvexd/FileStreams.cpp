@@ -454,12 +454,18 @@ void FileStreams::putData(ClientID client, const corvex::FileDataFrame& frame) {
 }
 
 // A put whose data has all come is staged by one thread, in the order they came: its file is
-// created and written. Meanwhile another thread syncs and places every file staged so far with
-// one sync for the group: the disk then writes the group's data and inode blocks in one pass
-// with one flush rather than once for each file, and a crash leaves staging files, never a
+// created and written. Meanwhile another thread syncs every file staged so far with one sync
+// for the group: the disk then writes the group's data and inode blocks in one pass with one
+// flush rather than once for each file. The staging thread then moves the synced files into
+// place between the files it stages: creating and renaming both lock the folder, and one
+// thread doing both never spins waiting for the other. A crash leaves staging files, never a
 // name over data that isn't there.
 void FileStreams::queuePut(std::shared_ptr<Stream> stream) {
     toStage_.push_back(std::move(stream));
+    startStaging();
+}
+
+void FileStreams::startStaging() {
     if (staging_) return;
     staging_ = true;
     ++workers_;
@@ -469,19 +475,27 @@ void FileStreams::queuePut(std::shared_ptr<Stream> stream) {
 void FileStreams::stagePuts() {
     platform::setCurrentThreadName("corvexd.fs.stage");
     std::unique_lock guard(lock_);
-    while (!toStage_.empty()) {
+    for (;;) {
+        if (!toFinish_.empty()) {
+            placeSynced(guard);
+            continue;
+        }
+        if (toStage_.empty()) break;
+        if (toSync_.size() >= largestPlacingGroup) {
+            syncedOrRoom_.wait(guard, [&] { return toSync_.size() < largestPlacingGroup || !toFinish_.empty(); });
+            continue;
+        }
         std::shared_ptr<Stream> stream = std::move(toStage_.front());
         toStage_.pop_front();
         guard.unlock();
         bool staged = stagePut(stream);
         guard.lock();
         if (!staged) continue;
-        placeRoom_.wait(guard, [&] { return toPlace_.size() < largestPlacingGroup; });
-        toPlace_.push_back(std::move(stream));
-        if (!placing_) {
-            placing_ = true;
+        toSync_.push_back(std::move(stream));
+        if (!syncing_) {
+            syncing_ = true;
             ++workers_;
-            streamThreads_.detach([this] { placePuts(); });
+            streamThreads_.detach([this] { syncPuts(); });
         }
     }
     staging_ = false;
@@ -512,30 +526,41 @@ bool FileStreams::stagePut(const std::shared_ptr<Stream>& stream) {
     }
 }
 
-void FileStreams::placePuts() {
-    platform::setCurrentThreadName("corvexd.fs.place");
+void FileStreams::syncPuts() {
+    platform::setCurrentThreadName("corvexd.fs.sync");
     std::unique_lock guard(lock_);
-    while (!toPlace_.empty()) {
+    while (!toSync_.empty()) {
         std::vector<std::shared_ptr<Stream>> group;
-        group.swap(toPlace_);
-        placeRoom_.notify_all();
+        group.swap(toSync_);
+        syncedOrRoom_.notify_all();
         guard.unlock();
         syncTogether(group);
-        std::map<ClientID, std::vector<std::string>> replies;
-        for (const auto& stream : group) {
-            if (std::optional<std::string> reply = placePut(*stream)) replies[stream->client].push_back(std::move(*reply));
-        }
         guard.lock();
-        for (const auto& stream : group) {
-            release(*stream);
-            releaseUpload(*stream);
-        }
-        guard.unlock();
-        for (auto& [client, frames] : replies) server_.sendFrames(client, std::move(frames));
-        guard.lock();
+        toFinish_.push_back(std::move(group));
+        syncedOrRoom_.notify_all();
+        startStaging();
     }
-    placing_ = false;
+    syncing_ = false;
     if (--workers_ == 0) workersDone_.notify_all();
+}
+
+// Staging thread: places the oldest synced group and answers its puts, one write per client.
+void FileStreams::placeSynced(std::unique_lock<std::mutex>& guard) {
+    std::vector<std::shared_ptr<Stream>> group = std::move(toFinish_.front());
+    toFinish_.pop_front();
+    guard.unlock();
+    std::map<ClientID, std::vector<std::string>> replies;
+    for (const auto& stream : group) {
+        if (std::optional<std::string> reply = placePut(*stream)) replies[stream->client].push_back(std::move(*reply));
+    }
+    guard.lock();
+    for (const auto& stream : group) {
+        release(*stream);
+        releaseUpload(*stream);
+    }
+    guard.unlock();
+    for (auto& [client, frames] : replies) server_.sendFrames(client, std::move(frames));
+    guard.lock();
 }
 
 void FileStreams::syncTogether(const std::vector<std::shared_ptr<Stream>>& group) {

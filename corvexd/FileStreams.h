@@ -68,9 +68,11 @@ private:
     std::optional<std::string> answerPut(Stream& stream, const corvex::BackendError& error);
     void putData(ClientID client, const corvex::FileDataFrame& frame);
     void queuePut(std::shared_ptr<Stream> stream); // lock_ held
+    void startStaging(); // lock_ held
     void stagePuts();
     bool stagePut(const std::shared_ptr<Stream>& stream);
-    void placePuts();
+    void syncPuts();
+    void placeSynced(std::unique_lock<std::mutex>& guard);
     void syncTogether(const std::vector<std::shared_ptr<Stream>>& group);
     std::optional<std::string> placePut(Stream& stream);
     struct Windows {
@@ -110,13 +112,14 @@ private:
     // Puts whose data is still arriving, by client and the stream the client named.
     std::map<std::pair<ClientID, uint64_t>, std::shared_ptr<Stream>> puts_;
     // Puts whose data has all come, waiting to be staged in the order they came; then staged,
-    // their data on its way to the disk, waiting to be synced and placed. One thread does each
-    // while it has work.
+    // their data on its way to the disk, waiting to be synced; then synced, in groups, waiting
+    // to be placed. One thread stages and places, another syncs, each while it has work.
     std::deque<std::shared_ptr<Stream>> toStage_;
-    std::vector<std::shared_ptr<Stream>> toPlace_;
+    std::vector<std::shared_ptr<Stream>> toSync_;
+    std::deque<std::vector<std::shared_ptr<Stream>>> toFinish_;
     bool staging_ = false;
-    bool placing_ = false;
-    std::condition_variable placeRoom_;
+    bool syncing_ = false;
+    std::condition_variable syncedOrRoom_;
     std::condition_variable uploadsChanged_;
     // A stream holds its thread while it waits for its peer, so this has room for far more
     // streams than clients open; its threads are kept for the next streams, since a tree of
