@@ -351,8 +351,6 @@ std::vector<SmallFileOutcome> CorvexdFileBackend::writeBatch(const std::vector<S
         protocol::FilePutOutcome& file = placed.files[position];
         SmallFileOutcome& outcome = outcomes[sent[position]];
         if (!file.code.empty()) outcome.failure = std::make_exception_ptr(BackendError(file.code, file.message));
-        else if (!file.entry) outcome.failure = std::make_exception_ptr(BackendError("internal", "fs.put_batch reply without an entry"));
-        else outcome.entry = std::move(file.entry);
     }
     return outcomes;
 }

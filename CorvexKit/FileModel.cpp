@@ -103,7 +103,7 @@ std::vector<SmallFileOutcome> FileBackend::writeBatch(const std::vector<SmallFil
     std::vector<SmallFileOutcome> outcomes(files.size());
     for (size_t index = 0; index < files.size(); ++index) {
         try {
-            outcomes[index].entry = write(files[index].path, files[index].options, *files[index].source, {}, cancel);
+            write(files[index].path, files[index].options, *files[index].source, {}, cancel);
         } catch (...) {
             outcomes[index].failure = std::current_exception();
         }

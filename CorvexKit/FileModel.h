@@ -154,10 +154,9 @@ struct SmallFileWrite {
     FileDataSource* source = nullptr;
 };
 
-// A file of a batch as it ended: its entry, or what its own write would have raised.
+// A file of a batch as it ended: placed, or with what its own write would have raised.
 struct SmallFileOutcome {
-    std::optional<FileEntry> entry;
-    std::exception_ptr failure;
+    std::exception_ptr failure; // null: placed
 };
 
 // What one batch may carry.

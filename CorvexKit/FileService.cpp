@@ -292,6 +292,11 @@ std::vector<std::exception_ptr> StagedWrite::syncTogether(const std::vector<Stag
 }
 
 FileEntry StagedWrite::finish() {
+    place();
+    return FileService::entry(target_);
+}
+
+void StagedWrite::place() {
     if (!synced_) sync();
     // From here on the staging file is whole and stays on failure, for a later look.
     done_ = true;
@@ -313,7 +318,6 @@ FileEntry StagedWrite::finish() {
                      : ::renameat2(AT_FDCWD, stagingPath_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE);
     if (placed != 0) throw FileService::posixError(target_, errno);
     if (options_.uploadID && !sideFileDeferred_) ::unlink(FileService::sideFileName(stagingPath_).c_str());
-    return FileService::entry(target_);
 }
 
 // MARK: - FileService

@@ -41,6 +41,8 @@ public:
     static std::vector<std::exception_ptr> syncTogether(const std::vector<StagedWrite*>& writes);
     // Checks the promised size and the target, then moves the file into place.
     FileEntry finish();
+    // finish() without looking at the placed file again, for a caller that needn't know it.
+    void place();
     // Gives up after a failure of the data: keeps the staging file only for an upload id.
     void abandon();
 

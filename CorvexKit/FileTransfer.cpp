@@ -275,7 +275,7 @@ void FileTransfer::copyBatch(const std::vector<Item>& files, const std::vector<s
     }
     for (size_t position = 0; position < batch.size(); ++position) {
         const Item& item = files[batch[position]];
-        if (outcomes[position].entry) {
+        if (!outcomes[position].failure) {
             countDone(item.target, item.entry.size, false);
             continue;
         }

@@ -506,10 +506,10 @@ inline constexpr std::string_view fsPutBatchFeature = "fs.put_batch";
 // Files in one batch at most. Each counts as one of the client's fsPutsAtOnce puts.
 inline constexpr int fsPutBatchLargest = 64;
 
-// One file's outcome in a batch: the file as placed (with the offset its data continued
-// from), or the error code and message its own put would have been answered with.
+// One file's outcome in a batch: placed (with the offset its data continued from), or the
+// error code and message its own put would have been answered with.
 struct FilePutOutcome {
-    std::optional<FileEntry> entry;
+    std::optional<FileEntry> entry; // in a single put's reply only
     uint64_t offset = 0;
     std::string code; // empty when placed
     std::string message;

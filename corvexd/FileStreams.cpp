@@ -576,7 +576,10 @@ std::optional<std::string> FileStreams::placePut(Stream& stream) {
     protocol::FilePutOutcome outcome;
     try {
         if (stream.syncFailure) std::rethrow_exception(stream.syncFailure);
-        outcome.entry = stream.staged->finish();
+        // A batch's reply says only how each file ended: its entry would be looked up, encoded
+        // and decoded for each file, for a client that copies a tree and needs none of them.
+        if (stream.batch) stream.staged->place();
+        else outcome.entry = stream.staged->finish();
         outcome.offset = stream.staged->offset();
     } catch (...) {
         BackendError error = asFileError(std::current_exception(), stream.path);
