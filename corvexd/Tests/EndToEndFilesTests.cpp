@@ -788,6 +788,7 @@ TEST_F(DaemonFiles, ABatchAnswersEachFileAsItsOwnPutWouldAndRefusesOnlyWhatItCan
         {"a stream the daemon hands out", std::nullopt, "hello", 5, false, 7, "bad_request"},
         {"too big to put", std::nullopt, "", protocol::fsPutLargest + 1, false, own | 8, "bad_request"},
         {"a stream another file of the batch took", std::nullopt, "hello", 5, false, own | 1, "bad_request"},
+        {"no-such-folder/a file in a folder that isn't there", std::nullopt, "hello", 5, false, own | 11, "not_found"},
         {"another new file", std::nullopt, patternBytes(70000), 70000, false, own | 9, std::nullopt},
         {"a last new file", std::nullopt, "bye", 3, false, own | 10, std::nullopt},
     };
