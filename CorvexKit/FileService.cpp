@@ -28,7 +28,7 @@ constexpr int defaultPageSize = 1000;
 constexpr int largestPageSize = 10000;
 constexpr int smallestReadChunk = 4096;
 constexpr int64_t nanosecondsPerSecond = 1'000'000'000;
-constexpr size_t smallestSyncedGroup = 4;
+constexpr size_t smallestSyncedGroup = 2;
 
 std::string lastComponent(const std::string& path) {
     size_t end = path.find_last_not_of('/');
@@ -249,7 +249,7 @@ void StagedWrite::sync() {
 std::vector<std::exception_ptr> StagedWrite::syncTogether(const std::vector<StagedWrite*>& writes) {
     std::vector<std::exception_ptr> failures(writes.size());
     // A sync of the whole file system also waits for whatever else is dirty on it: worth it
-    // only when it stands for several files.
+    // only when it stands for more than one file.
     if (writes.size() < smallestSyncedGroup) {
         for (size_t index = 0; index < writes.size(); ++index) {
             try {

@@ -27,6 +27,8 @@ constexpr uint64_t smallestCharge = 64u << 10;
 constexpr uint64_t copyStep = 8u << 20;
 // Staged puts wait for their sync in groups of at most this many, each holding a descriptor.
 constexpr size_t largestPlacingGroup = 64;
+// What a group waits to grow to while more files are coming.
+constexpr size_t syncGroupGoal = 32;
 
 std::string jsonFrame(const json& value) {
     // Names that aren't valid UTF-8 go out with replacement characters, never as a failure.
@@ -128,6 +130,7 @@ FileStreams::~FileStreams() {
     std::unique_lock guard(lock_);
     shuttingDown_ = true;
     uploadsChanged_.notify_all();
+    stagedMore_.notify_all();
     for (auto& [id, stream] : streams_) stopLocked(*stream, Stop::quiet);
     workersDone_.wait(guard, [&] { return workers_ == 0; });
 }
@@ -490,6 +493,7 @@ void FileStreams::stagePuts() {
         guard.unlock();
         bool staged = stagePut(stream);
         guard.lock();
+        stagedMore_.notify_all();
         if (!staged) continue;
         toSync_.push_back(std::move(stream));
         if (!syncing_) {
@@ -498,6 +502,7 @@ void FileStreams::stagePuts() {
             streamThreads_.detach([this] { syncPuts(); });
         }
     }
+    stagedMore_.notify_all();
     staging_ = false;
     if (--workers_ == 0) workersDone_.notify_all();
 }
@@ -526,10 +531,13 @@ bool FileStreams::stagePut(const std::shared_ptr<Stream>& stream) {
     }
 }
 
+// A sync costs about the same for a few files as for many: while more files wait to be
+// staged, the group waits for them, up to a goal; with none waiting it goes as it is.
 void FileStreams::syncPuts() {
     platform::setCurrentThreadName("corvexd.fs.sync");
     std::unique_lock guard(lock_);
     while (!toSync_.empty()) {
+        stagedMore_.wait(guard, [&] { return toSync_.size() >= syncGroupGoal || toStage_.empty() || shuttingDown_; });
         std::vector<std::shared_ptr<Stream>> group;
         group.swap(toSync_);
         syncedOrRoom_.notify_all();

@@ -120,6 +120,7 @@ private:
     bool staging_ = false;
     bool syncing_ = false;
     std::condition_variable syncedOrRoom_;
+    std::condition_variable stagedMore_;
     std::condition_variable uploadsChanged_;
     // A stream holds its thread while it waits for its peer, so this has room for far more
     // streams than clients open; its threads are kept for the next streams, since a tree of
