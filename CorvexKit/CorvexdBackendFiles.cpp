@@ -328,9 +328,8 @@ FileEntry CorvexdFileBackend::put(const std::string& path, const FileWriteOption
     return *placed.entry;
 }
 
-std::optional<WriteBatchLimits> CorvexdFileBackend::writeBatchLimits(const FileBackend& source) const {
+std::optional<WriteBatchLimits> CorvexdFileBackend::writeBatchLimits(const FileBackend&) const {
     if (!announces(protocol::fsPutBatchFeature)) return std::nullopt;
-    if (source.isThisMachine() && putsAtOnce() == 0) return std::nullopt;
     return WriteBatchLimits{filesPerBatch, protocol::fsPutLargest};
 }
 

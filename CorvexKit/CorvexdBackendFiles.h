@@ -48,8 +48,8 @@ public:
                     FileProgress progress,
                     const platform::CancellationToken& cancel = platform::CancellationToken()) override;
 
-    // Small files in batches, to a daemon that takes them, unless it copies them from the
-    // source's disk itself.
+    // Small files in batches, to a daemon that takes them: even from this machine's disk,
+    // where the daemon could copy each file itself, that costs a stream and a sync per file.
     std::optional<WriteBatchLimits> writeBatchLimits(const FileBackend& source) const override;
     std::vector<SmallFileOutcome> writeBatch(const std::vector<SmallFileWrite>& files,
                                              const platform::CancellationToken& cancel) override;

@@ -223,6 +223,10 @@ CommandRun parseCp(Arguments& args) {
         if (int puts = daemonFiles && !sources.front().remote ? daemonFiles->putsAtOnce() : 0) {
             transfer.smallFileStreams = std::max(streams, puts);
             transfer.smallFileSize = protocol::fsPutLargest;
+        } else if (daemonFiles && !sources.front().remote && daemonFiles->writeBatchLimits(*from)) {
+            // Files from here that the daemon would copy itself go in batches when small.
+            transfer.smallFileStreams = std::max(streams, protocol::fsPutsAtOnce);
+            transfer.smallFileSize = protocol::fsPutLargest;
         }
         // Larger pieces than the app's default: fewer frames and wake-ups for the same bytes,
         // still four to a window.

@@ -811,8 +811,9 @@ TEST_F(DaemonFiles, ABatchAnswersEachFileAsItsOwnPutWouldAndRefusesOnlyWhatItCan
         const json& outcome = outcomes[index];
         if (row.code) {
             EXPECT_EQ(outcome["code"], *row.code) << outcome.dump();
-            if (std::string(row.name) != "a stream another file of the batch took")
+            if (std::string(row.name) != "a stream another file of the batch took") {
                 EXPECT_EQ(fsys::exists(at(row.name)) ? std::optional(readBytes(at(row.name))) : std::nullopt, row.before);
+            }
         } else {
             EXPECT_EQ(outcome, json({{"offset", 0}})) << "placed, and nothing more to say";
             EXPECT_EQ(readBytes(at(row.name)), row.data);
