@@ -142,7 +142,7 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identif
 // seen by a full table, are merged into one branch, which is then taken nearly always: a branch
 // per answer would be mispredicted on every switch between them, each time after waiting for
 // the loads it tests.
-int CellArena::internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key, uint64_t hash) {
+int CellArena::internedIdentifierFromTable(const Attribute* attributes, const InternedAttributeKey& key, uint64_t hash) {
     size_t free = 0;
     if (mayBePresent(hash)) {
         if (auto found = findAttribute(key, hash, free)) {
@@ -152,7 +152,7 @@ int CellArena::internedIdentifierFromTable(const Attribute& attributes, const In
     }
     if (isSnapshotCopy || attributeCountValue > attributeCapacity) return -1;
     uint16_t identifier = uint16_t(attributeCountValue++);
-    this->attributes[identifier] = PackedAttributeRecord::from(attributes);
+    this->attributes[identifier] = PackedAttributeRecord::from(attributes ? *attributes : key.attribute());
     storeAttribute(key, identifier);
     remember(key, hash, identifier);
     return identifier;

@@ -28,8 +28,8 @@ struct InternedAttributeKey {
     InternedAttributeKey() = default;
     // Inline: every SGR that changes the pen builds one.
     explicit InternedAttributeKey(const Attribute& attribute)
-        : word0(attribute.fg.internCode() | uint64_t(attribute.bg.internCode()) << 26 |
-                uint64_t(attribute.style.rawValue) << 52 | uint64_t(attribute.underlineStyle) << 60),
+        : word0(attribute.fg.internCode() | uint64_t(attribute.bg.internCode()) << backgroundShift |
+                uint64_t(attribute.style.rawValue) << styleShift | uint64_t(attribute.underlineStyle) << underlineStyleShift),
           word1(attribute.underlineColor ? uint64_t(attribute.underlineColor->internCode()) + 0x4000000 : 0) {}
     static InternedAttributeKey fromWords(uint64_t word0, uint64_t word1) {
         InternedAttributeKey key;
@@ -37,6 +37,25 @@ struct InternedAttributeKey {
         key.word1 = word1;
         return key;
     }
+
+    // The attribute the key was made from.
+    Attribute attribute() const {
+        Attribute a;
+        writeAttribute(a);
+        return a;
+    }
+    // The same into an existing one, field by field: an attribute has an odd size, and one built
+    // aside and copied whole is read back across the small stores that made it.
+    void writeAttribute(Attribute& a) const {
+        a.fg = Attribute::Color::fromInternCode(uint32_t(word0 & codeMask));
+        a.bg = Attribute::Color::fromInternCode(uint32_t(word0 >> backgroundShift & codeMask));
+        a.style = CharacterStyle(uint8_t(word0 >> styleShift));
+        a.underlineStyle = UnderlineStyle(word0 >> underlineStyleShift);
+        if (word1 != 0) a.underlineColor = Attribute::Color::fromInternCode(uint32_t(word1 - 0x4000000));
+        else a.underlineColor.reset();
+    }
+    static constexpr int backgroundShift = 26, styleShift = 52, underlineStyleShift = 60;
+    static constexpr uint64_t codeMask = 0x3FFFFFF; // one colour's code
 
     bool isZero() const { return (word0 | word1) == 0; }
     bool operator==(const InternedAttributeKey&) const = default;
@@ -84,10 +103,13 @@ public:
     static std::shared_ptr<CellArena> makeSnapshot(const CellArena& source);
 
     std::optional<uint16_t> intern(const Attribute& attributes) {
-        int identifier = internedIdentifier(attributes);
+        int identifier = internedIdentifier(InternedAttributeKey(attributes), &attributes);
         if (identifier < 0) return std::nullopt;
         return uint16_t(identifier);
     }
+    // The same from the key alone, for a writer that keeps its rendition as one: the identifier,
+    // or -1 when the table is full.
+    int internedIdentifier(const InternedAttributeKey& key) { return internedIdentifier(key, nullptr); }
     std::optional<uint32_t> intern(std::u32string_view graphemes);
 
     std::optional<PackedCell> pack(const CharData& data);
@@ -222,8 +244,10 @@ private:
     }
     // The identifier, or -1 when the table is full: a plain integer comes back in a register,
     // where an optional would be assembled in memory and read back whole.
-    int internedIdentifier(const Attribute& attributes);
-    [[gnu::noinline]] int internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key,
+    // `attributes` is the key's attribute when the caller has it, else null: it is made from the
+    // key only when a new rendition is stored.
+    int internedIdentifier(const InternedAttributeKey& key, const Attribute* attributes);
+    [[gnu::noinline]] int internedIdentifierFromTable(const Attribute* attributes, const InternedAttributeKey& key,
                                                       uint64_t hash);
     void remember(const InternedAttributeKey& key, uint64_t hash, uint16_t identifier) {
         writableLookupTables().cache[cacheIndex(hash)] = {key.word0, uint32_t(key.word1), uint32_t(identifier) + 1};
@@ -243,8 +267,7 @@ private:
 };
 
 // Inline: every SGR that changes the pen asks, and most are answered here.
-inline int CellArena::internedIdentifier(const Attribute& attributes) {
-    InternedAttributeKey key(attributes);
+inline int CellArena::internedIdentifier(const InternedAttributeKey& key, const Attribute* attributes) {
     if (key.isZero()) return 0;
     uint64_t hash = cacheHash(key);
     const CacheEntry& cached = attributeCache[cacheIndex(hash)];
