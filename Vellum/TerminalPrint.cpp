@@ -39,19 +39,55 @@ inline unicode::Utf8Step decodeStep(const uint8_t* p, size_t available) {
 
 GraphemeBreak breakClass(uint8_t properties) { return GraphemeBreak(properties & unicode::tables::breakClassMask); }
 
-// Stores the CJK ideographs at `p` (three bytes each, leads E4 to E9) into `out`, up to `room`
-// of them, and gives how many bytes they took.
-size_t takeIdeographs(const uint8_t* p, size_t available, uint32_t* out, size_t room, size_t& taken) {
+// What a run of wide text ended on: the last scalar stored and its property byte.
+struct WideRunEnd {
     size_t used = 0;
-    taken = 0;
-    while (taken < room && used + 3 <= available) {
-        uint32_t lead = p[used], second = p[used + 1], third = p[used + 2];
-        char32_t scalar = char32_t((lead & 0x0F) << 12 | (second & 0x3F) << 6 | (third & 0x3F));
-        if (lead - 0xE4 > 5 || (second & 0xC0) != 0x80 || (third & 0xC0) != 0x80 || scalar < cjkIdeographsStart) break;
-        out[taken++] = uint32_t(scalar) << PackedCell::valueShift;
-        used += 3;
+    size_t taken = 0;
+    char32_t last = 0;
+    uint8_t lastProperties = 0;
+};
+
+// A scalar of four bytes (lead F0) that is drawn two columns wide and has no grapheme role
+// (most emoji), so that, like an ideograph, it joins nothing before it: zero when `word` (the
+// four bytes in memory order) is anything else. Its properties go to `properties`.
+inline char32_t plainWideFourByteScalar(uint32_t word, uint8_t& properties) {
+    if ((word & 0xC0C0C0FFu) != 0x808080F0u) return 0;
+    char32_t scalar = char32_t((word & 0x3F00u) << 4 | (word & 0x3F0000u) >> 10 | (word & 0x3F000000u) >> 24);
+    if (scalar < 0x10000) return 0; // overlong
+    // Break class other and no conjunct role; the pictographic and emoji bits do not matter.
+    constexpr uint8_t joiningBits = unicode::tables::breakClassMask | uint8_t(3 << unicode::tables::indicConjunctShift);
+    properties = unicode::propertyByte(scalar);
+    if ((properties & joiningBits) != 0 || unicode::widthCode(scalar) != 3) return 0;
+    return scalar;
+}
+
+// Stores the CJK ideographs (three bytes each, leads E4 to E9) and plain wide four-byte scalars
+// at `p` into `out`, up to `room` of them. Emoji among ideographs then cost no trip through the
+// general decoder and segmentation. A character that ends the chunk is left to that decoder.
+WideRunEnd takeWideRun(const uint8_t* p, size_t available, uint32_t* out, size_t room) {
+    WideRunEnd end;
+    while (end.taken < room && end.used + 4 <= available) {
+        const uint8_t* at = p + end.used;
+        uint32_t lead = at[0], second = at[1], third = at[2];
+        if (lead - 0xE4 <= 5) {
+            char32_t scalar = char32_t((lead & 0x0F) << 12 | (second & 0x3F) << 6 | (third & 0x3F));
+            if ((second & 0xC0) != 0x80 || (third & 0xC0) != 0x80 || scalar < cjkIdeographsStart) break;
+            out[end.taken++] = uint32_t(scalar) << PackedCell::valueShift;
+            end.used += 3;
+            end.last = scalar;
+            end.lastProperties = 0;
+            continue;
+        }
+        uint32_t word = lead | second << 8 | third << 16 | uint32_t(at[3]) << 24;
+        uint8_t properties = 0;
+        char32_t scalar = plainWideFourByteScalar(word, properties);
+        if (scalar == 0) break;
+        out[end.taken++] = uint32_t(scalar) << PackedCell::valueShift;
+        end.used += 4;
+        end.last = scalar;
+        end.lastProperties = properties;
     }
-    return used;
+    return end;
 }
 
 // True when a run of 4 to 16 bytes is all printable ASCII, read as two overlapping words rather
@@ -156,15 +192,16 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
     PrintBatch batch;
     while (i < count) {
         uint8_t lead = bytes[i];
-        // An ideograph joins nothing but a prepend character, so in a run of wide text the
-        // ones that follow go to the batch directly.
-        if (lead - 0xE4u <= 5 && batch.count > 0 && batch.width == 2 && breakClass(previousProperties) != GraphemeBreak::prepend) {
-            size_t taken = 0;
-            i += takeIdeographs(bytes + i, count - i, batch.contents + batch.count, PrintBatch::capacity - batch.count, taken);
-            batch.count += taken;
-            if (taken > 0) {
-                previous = char32_t(batch.contents[batch.count - 1] >> PackedCell::valueShift);
-                previousProperties = 0;
+        // An ideograph or a plain wide emoji joins nothing but a prepend character (and the emoji
+        // a joiner), so in a run of wide text the ones that follow go to the batch directly.
+        if ((lead - 0xE4u <= 5 || lead == 0xF0) && batch.count > 0 && batch.width == 2 &&
+            breakClass(previousProperties) != GraphemeBreak::prepend && breakClass(previousProperties) != GraphemeBreak::zwj) {
+            WideRunEnd run = takeWideRun(bytes + i, count - i, batch.contents + batch.count, PrintBatch::capacity - batch.count);
+            if (run.taken > 0) {
+                i += run.used;
+                batch.count += run.taken;
+                previous = run.last;
+                previousProperties = run.lastProperties;
                 continue;
             }
         }
