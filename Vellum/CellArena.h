@@ -61,14 +61,6 @@ struct InternedAttributeKey {
     bool operator==(const InternedAttributeKey&) const = default;
 };
 
-// An attribute as the arena stores it: 14 bytes, colours in their four-byte images.
-struct PackedAttributeRecord {
-    uint8_t bytes[14];
-
-    static PackedAttributeRecord from(const Attribute& attribute);
-    Attribute attribute() const;
-};
-
 class CellArena;
 
 // A cell word with the arena that gives it meaning, for readers that do not unpack.
@@ -103,13 +95,13 @@ public:
     static std::shared_ptr<CellArena> makeSnapshot(const CellArena& source);
 
     std::optional<uint16_t> intern(const Attribute& attributes) {
-        int identifier = internedIdentifier(InternedAttributeKey(attributes), &attributes);
+        int identifier = internedIdentifier(InternedAttributeKey(attributes));
         if (identifier < 0) return std::nullopt;
         return uint16_t(identifier);
     }
-    // The same from the key alone, for a writer that keeps its rendition as one: the identifier,
-    // or -1 when the table is full.
-    int internedIdentifier(const InternedAttributeKey& key) { return internedIdentifier(key, nullptr); }
+    // The same by key, for a writer that keeps its rendition as one: the identifier, or -1 when
+    // the table is full. Inline: every SGR that changes the pen asks, and most are answered here.
+    int internedIdentifier(const InternedAttributeKey& key);
     std::optional<uint32_t> intern(std::u32string_view graphemes);
 
     std::optional<PackedCell> pack(const CharData& data);
@@ -189,7 +181,6 @@ private:
                                                    uint8_t semanticContentCode, bool isProtected) const;
     SharedScalars& graphemeSlot(uint32_t identifier);
 
-    std::unique_ptr<PackedAttributeRecord[]> attributes;
     int attributeCountValue = 1;
     // Identifiers by key: open addressing with linear probing, at most half full. A slot is an
     // identifier (0: empty, as the zero key never needs a slot) and sixteen bits of the key's
@@ -205,7 +196,9 @@ private:
         uint64_t word0;
         uint32_t word1;
     };
-    std::unique_ptr<StoredKey[]> attributeKeys; // by identifier; left uninitialised like the records
+    // By identifier, also the renditions themselves (an attribute is made from its key when read);
+    // left uninitialised past the count.
+    std::unique_ptr<StoredKey[]> attributeKeys;
     static uint16_t fingerprint(uint64_t hash) { return uint16_t(remix(hash) >> 20); }
     // In front of the slots, which a full table spreads over two megabytes: the renditions
     // met last, direct-mapped, and one bit per hash value telling that no key with that hash
@@ -244,11 +237,7 @@ private:
     }
     // The identifier, or -1 when the table is full: a plain integer comes back in a register,
     // where an optional would be assembled in memory and read back whole.
-    // `attributes` is the key's attribute when the caller has it, else null: it is made from the
-    // key only when a new rendition is stored.
-    int internedIdentifier(const InternedAttributeKey& key, const Attribute* attributes);
-    [[gnu::noinline]] int internedIdentifierFromTable(const Attribute* attributes, const InternedAttributeKey& key,
-                                                      uint64_t hash);
+    [[gnu::noinline]] int internedIdentifierFromTable(const InternedAttributeKey& key, uint64_t hash);
     void remember(const InternedAttributeKey& key, uint64_t hash, uint16_t identifier) {
         writableLookupTables().cache[cacheIndex(hash)] = {key.word0, uint32_t(key.word1), uint32_t(identifier) + 1};
     }
@@ -266,8 +255,7 @@ private:
     std::unordered_map<SharedScalars, uint32_t, ScalarsHash, ScalarsEqual> graphemeIdentifiers;
 };
 
-// Inline: every SGR that changes the pen asks, and most are answered here.
-inline int CellArena::internedIdentifier(const InternedAttributeKey& key, const Attribute* attributes) {
+inline int CellArena::internedIdentifier(const InternedAttributeKey& key) {
     if (key.isZero()) return 0;
     uint64_t hash = cacheHash(key);
     const CacheEntry& cached = attributeCache[cacheIndex(hash)];
@@ -278,7 +266,7 @@ inline int CellArena::internedIdentifier(const InternedAttributeKey& key, const 
     bool cacheHit = ((cached.word0 ^ key.word0) | (cached.word1 ^ key.word1)) == 0;
     bool absentFromFullTable = ((presence & mask) != mask) & (isSnapshotCopy | (attributeCountValue > attributeCapacity));
     if (cacheHit | absentFromFullTable) return cacheHit ? int(cached.identifierPlusOne) - 1 : -1;
-    return internedIdentifierFromTable(attributes, key, hash);
+    return internedIdentifierFromTable(key, hash);
 }
 
 } // namespace vellum

@@ -194,7 +194,7 @@ std::string alternation(std::mt19937& random, int pairs) {
         "\xc3\xa9t\xc3\xa9 ", "\xe4\xb8\xad\xe6\x96\x87", "e\xcc\x81", "\x7f", "\xff", "\x1b[4h", "\x1b[4l",
         "\x1b(0lqk", "\x1b(B", "\x1b]8;;http://x\x1b\\", "\x1b]8;;\x1b\\", "\x1b[1\"q", "\x1b[0\"q",
         "\x1b[?69h\x1b[3;9s", "\x1b[?69l", "\r\n", "\r", "\n", "\x1b[2;4r", "\x1b[r", "\x1b[20h", "\x1b[20l",
-        "\x1b[H", "\x1b[K", "\x1b[2;4H", "\x1b[5m\x1b", "\x1b[", "\x1b7", "\x1b8", "\x1b[!p", "\x1b[58:5:3m",
+        "\x1b[H", "\x1b[K", "\x1b[2;4H", "\x1b[5m\x1b", "\x1b[", "\x1b" "7", "\x1b" "8", "\x1b[!p", "\x1b[58:5:3m",
     };
     std::string out;
     for (int i = 0; i < pairs; ++i) {
