@@ -221,6 +221,7 @@ private:
     };
     enum class BatchJoin : uint8_t { separate, joined, unsettled };
     BatchJoin joinBatched(PrintBatch& batch, char32_t scalar);
+    size_t takeWideRun(const uint8_t* p, size_t available, PrintBatch& batch, char32_t& previous, uint8_t& previousProperties);
     bool widenIntoBatch(PrintBatch& batch, char32_t scalar);
     void writeBatch(PrintBatch& batch);
     void writeContents(const uint32_t* contents, size_t count, int width);

@@ -320,9 +320,9 @@ TEST(TerminalPrint, IdeographsTakeTheShortRoadOnlyWhileTheTablesAgree) {
     }
 }
 
-// Ideographs and plain wide emoji of four bytes are batched straight from the bytes while the run
-// lasts; anything that may join, or is not plainly wide, must leave that road. Fed a byte at a
-// time, nothing takes it, so both feeds must agree, also where the row wraps.
+// Ideographs, plain wide emoji, modifiers and VS16 widenings are batched straight from the bytes
+// while a run of wide text lasts; anything else must leave that road. Fed a byte at a time,
+// nothing takes it, so both feeds must agree, also where the row wraps.
 TEST(TerminalPrint, WideRunsLeaveTheShortRoadForAnythingThatMayJoin) {
     const char* cases[] = {
         "\xe4\xb8\xad\xf0\x9f\x98\x80\xe6\x96\x87",                                 // plain emoji
@@ -330,6 +330,11 @@ TEST(TerminalPrint, WideRunsLeaveTheShortRoadForAnythingThatMayJoin) {
         "\xe4\xb8\xad\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x91\xa7\xe6\x96\x87",     // joiner sequence
         "\xe4\xb8\xad\xf0\x9f\x91\x8d\xf0\x9f\x8f\xbd\xe6\x96\x87",                 // modifier on its base
         "\xe4\xb8\xad\xf0\x9f\x8f\xbd\xe6\x96\x87",                                 // modifier after an ideograph
+        "\xe4\xb8\xad\xf0\x9f\x91\x8d\xf0\x9f\x8f\xbd\xf0\x9f\x8f\xbd",                 // two modifiers
+        "\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f\xe6\x96\x87",                         // widened by VS16
+        "\xe4\xb8\xad\xe4\xb8\xad\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f\xe6\x96\x87", // widened at the last column
+        "\xe4\xb8\xad\xe2\x9c\x94\xef\xb8\x8f\xf0\x9f\x8f\xbd",                     // widened, then a modifier
+        "\xe4\xb8\xad\xe2\x9d\xa4\xf0\x9f\x98\x80",                                 // narrow, no selector
         "\xe4\xb8\xad\xf0\x9f\x87\xab\xf0\x9f\x87\xb7\xe6\x96\x87",                 // flag
         "\xe4\xb8\xad\xf0\x9f\x98\x80\xef\xb8\x8e\xe6\x96\x87",                     // text presentation
         "\xe4\xb8\xad\xf3\xa0\x80\x81\xf0\x9f\x98\x80",                             // tag character
