@@ -77,6 +77,14 @@ struct Attribute {
             unsigned kind = tag_ & 3u;
             return internBases[kind] | payloadHigh >> internShifts[kind];
         }
+        // The colour of an interning code, the inverse of internCode, again without a branch.
+        static constexpr Color fromInternCode(uint32_t code) {
+            unsigned tag = internTags[code >> 24 & 3];
+            uint32_t payloadHigh = (code - internBases[tag]) << internShifts[tag];
+            uint32_t image = __builtin_bswap32(payloadHigh) | tag << 24;
+            if constexpr (std::endian::native == std::endian::little) return std::bit_cast<Color>(image);
+            return Color(uint8_t(image), uint8_t(image >> 8), uint8_t(image >> 16), uint8_t(tag));
+        }
         // Image bytes in order payload0, payload1, payload2, tag.
         void writeImage(uint8_t* out) const { out[0] = payload_[0], out[1] = payload_[1], out[2] = payload_[2], out[3] = tag_; }
         static std::optional<Color> fromImage(const uint8_t* bytes);
@@ -98,6 +106,8 @@ struct Attribute {
         // By tag: palette index n, red-green-blue, and the default pair (payload 0 or 1).
         static constexpr uint32_t internBases[4] = {0x2000000, 0x3000000, 0, 0};
         static constexpr uint8_t internShifts[4] = {24, 8, 0, 0};
+        // By the code's top bits: the default pair, palette, true colour.
+        static constexpr uint8_t internTags[4] = {2, 2, 0, 1};
 
         constexpr Color(uint8_t a, uint8_t b, uint8_t c, uint8_t tag) : payload_{a, b, c}, tag_(tag) {}
         uint8_t payload_[3];

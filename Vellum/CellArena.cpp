@@ -43,26 +43,6 @@ std::optional<PackedCell> validated(PackedCell cell) {
 
 } // namespace
 
-PackedAttributeRecord PackedAttributeRecord::from(const Attribute& attribute) {
-    PackedAttributeRecord record;
-    attribute.fg.writeImage(record.bytes);
-    attribute.bg.writeImage(record.bytes + 4);
-    record.bytes[8] = attribute.style.rawValue;
-    record.bytes[9] = uint8_t(attribute.underlineStyle);
-    Color::writeOptionalImage(attribute.underlineColor, record.bytes + 10);
-    return record;
-}
-
-Attribute PackedAttributeRecord::attribute() const {
-    Attribute a;
-    a.fg = Color::fromImage(bytes).value_or(Color::defaultColor());
-    a.bg = Color::fromImage(bytes + 4).value_or(Color::defaultColor());
-    a.style = CharacterStyle(bytes[8]);
-    a.underlineStyle = UnderlineStyle(bytes[9]);
-    a.underlineColor = Color::fromImage(bytes + 10);
-    return a;
-}
-
 void PackedCellView::getScalarValues(std::u32string& appending) const { arena->scalarValues(cell, appending); }
 std::string PackedCellView::text() const { return arena->text(cell); }
 Attribute PackedCellView::attribute() const { return arena->attribute(cell); }
@@ -73,11 +53,9 @@ CellArena::CellArena(int styleCapacity, int graphemeCapacity)
       graphemeCapacity(std::clamp(graphemeCapacity, 0, 0xFFFFFF)),
       graphemeBlockCapacity(std::max(1, (this->graphemeCapacity + graphemeBlockSize - 1) / graphemeBlockSize)),
       isSnapshotCopy(false),
-      // Left uninitialised on purpose: a full table is 65,536 records and most terminals use few.
-      attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
+      // Left uninitialised on purpose: a full table is 65,536 keys and most terminals use few.
       attributeKeys(new StoredKey[size_t(attributeCapacity) + 1]),
       graphemeBlocks(size_t(graphemeBlockCapacity)) {
-    attributes[0] = PackedAttributeRecord::from(Attribute::empty);
     attributeKeys[0] = {0, 0};
 }
 
@@ -88,10 +66,8 @@ CellArena::CellArena(SnapshotTag, const CellArena& source)
       graphemeBlockCapacity(source.graphemeBlockCapacity),
       snapshotSourceIdentity(source.identity),
       isSnapshotCopy(true),
-      attributes(new PackedAttributeRecord[size_t(attributeCapacity) + 1]),
       attributeKeys(new StoredKey[size_t(attributeCapacity) + 1]),
       graphemeBlocks(size_t(graphemeBlockCapacity)) {
-    attributes[0] = PackedAttributeRecord::from(Attribute::empty);
     attributeKeys[0] = {0, 0};
     synchronizeSnapshotPrefix(source);
 }
@@ -142,7 +118,7 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identif
 // seen by a full table, are merged into one branch, which is then taken nearly always: a branch
 // per answer would be mispredicted on every switch between them, each time after waiting for
 // the loads it tests.
-int CellArena::internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key, uint64_t hash) {
+int CellArena::internedIdentifierFromTable(const InternedAttributeKey& key, uint64_t hash) {
     size_t free = 0;
     if (mayBePresent(hash)) {
         if (auto found = findAttribute(key, hash, free)) {
@@ -152,7 +128,6 @@ int CellArena::internedIdentifierFromTable(const Attribute& attributes, const In
     }
     if (isSnapshotCopy || attributeCountValue > attributeCapacity) return -1;
     uint16_t identifier = uint16_t(attributeCountValue++);
-    this->attributes[identifier] = PackedAttributeRecord::from(attributes);
     storeAttribute(key, identifier);
     remember(key, hash, identifier);
     return identifier;
@@ -200,7 +175,8 @@ const CellArena::Scalars* CellArena::grapheme(uint32_t identifier) const {
 
 Attribute CellArena::attributeFor(uint16_t styleID) const {
     if (styleID >= attributeCountValue) return Attribute::empty;
-    return attributes[styleID].attribute();
+    const StoredKey& stored = attributeKeys[styleID];
+    return InternedAttributeKey::fromWords(stored.word0, stored.word1).attribute();
 }
 
 std::optional<PackedCell> CellArena::packInlineBackground(const Attribute& attribute, uint8_t widthState,
@@ -353,8 +329,8 @@ bool CellArena::synchronizeSnapshotPrefix(const CellArena& source) {
     if (source.attributeCountValue > attributeCapacity + 1 || source.graphemeCountValue > uint32_t(graphemeCapacity)) {
         return false;
     }
-    std::memcpy(&attributes[attributeCountValue], &source.attributes[attributeCountValue],
-                sizeof(PackedAttributeRecord) * size_t(source.attributeCountValue - attributeCountValue));
+    std::memcpy(&attributeKeys[attributeCountValue], &source.attributeKeys[attributeCountValue],
+                sizeof(StoredKey) * size_t(source.attributeCountValue - attributeCountValue));
     attributeCountValue = source.attributeCountValue;
     for (uint32_t identifier = graphemeCountValue + 1; identifier <= source.graphemeCountValue; ++identifier) {
         uint32_t index = identifier - 1;

@@ -28,8 +28,8 @@ struct InternedAttributeKey {
     InternedAttributeKey() = default;
     // Inline: every SGR that changes the pen builds one.
     explicit InternedAttributeKey(const Attribute& attribute)
-        : word0(attribute.fg.internCode() | uint64_t(attribute.bg.internCode()) << 26 |
-                uint64_t(attribute.style.rawValue) << 52 | uint64_t(attribute.underlineStyle) << 60),
+        : word0(attribute.fg.internCode() | uint64_t(attribute.bg.internCode()) << backgroundShift |
+                uint64_t(attribute.style.rawValue) << styleShift | uint64_t(attribute.underlineStyle) << underlineStyleShift),
           word1(attribute.underlineColor ? uint64_t(attribute.underlineColor->internCode()) + 0x4000000 : 0) {}
     static InternedAttributeKey fromWords(uint64_t word0, uint64_t word1) {
         InternedAttributeKey key;
@@ -38,16 +38,27 @@ struct InternedAttributeKey {
         return key;
     }
 
+    // The attribute the key was made from.
+    Attribute attribute() const {
+        Attribute a;
+        writeAttribute(a);
+        return a;
+    }
+    // The same into an existing one, field by field: an attribute has an odd size, and one built
+    // aside and copied whole is read back across the small stores that made it.
+    void writeAttribute(Attribute& a) const {
+        a.fg = Attribute::Color::fromInternCode(uint32_t(word0 & codeMask));
+        a.bg = Attribute::Color::fromInternCode(uint32_t(word0 >> backgroundShift & codeMask));
+        a.style = CharacterStyle(uint8_t(word0 >> styleShift));
+        a.underlineStyle = UnderlineStyle(word0 >> underlineStyleShift);
+        if (word1 != 0) a.underlineColor = Attribute::Color::fromInternCode(uint32_t(word1 - 0x4000000));
+        else a.underlineColor.reset();
+    }
+    static constexpr int backgroundShift = 26, styleShift = 52, underlineStyleShift = 60;
+    static constexpr uint64_t codeMask = 0x3FFFFFF; // one colour's code
+
     bool isZero() const { return (word0 | word1) == 0; }
     bool operator==(const InternedAttributeKey&) const = default;
-};
-
-// An attribute as the arena stores it: 14 bytes, colours in their four-byte images.
-struct PackedAttributeRecord {
-    uint8_t bytes[14];
-
-    static PackedAttributeRecord from(const Attribute& attribute);
-    Attribute attribute() const;
 };
 
 class CellArena;
@@ -84,10 +95,13 @@ public:
     static std::shared_ptr<CellArena> makeSnapshot(const CellArena& source);
 
     std::optional<uint16_t> intern(const Attribute& attributes) {
-        int identifier = internedIdentifier(attributes);
+        int identifier = internedIdentifier(InternedAttributeKey(attributes));
         if (identifier < 0) return std::nullopt;
         return uint16_t(identifier);
     }
+    // The same by key, for a writer that keeps its rendition as one: the identifier, or -1 when
+    // the table is full. Inline: every SGR that changes the pen asks, and most are answered here.
+    int internedIdentifier(const InternedAttributeKey& key);
     std::optional<uint32_t> intern(std::u32string_view graphemes);
 
     std::optional<PackedCell> pack(const CharData& data);
@@ -167,7 +181,6 @@ private:
                                                    uint8_t semanticContentCode, bool isProtected) const;
     SharedScalars& graphemeSlot(uint32_t identifier);
 
-    std::unique_ptr<PackedAttributeRecord[]> attributes;
     int attributeCountValue = 1;
     // Identifiers by key: open addressing with linear probing, at most half full. A slot is an
     // identifier (0: empty, as the zero key never needs a slot) and sixteen bits of the key's
@@ -183,7 +196,9 @@ private:
         uint64_t word0;
         uint32_t word1;
     };
-    std::unique_ptr<StoredKey[]> attributeKeys; // by identifier; left uninitialised like the records
+    // By identifier, also the renditions themselves (an attribute is made from its key when read);
+    // left uninitialised past the count.
+    std::unique_ptr<StoredKey[]> attributeKeys;
     static uint16_t fingerprint(uint64_t hash) { return uint16_t(remix(hash) >> 20); }
     // In front of the slots, which a full table spreads over two megabytes: the renditions
     // met last, direct-mapped, and one bit per hash value telling that no key with that hash
@@ -222,9 +237,7 @@ private:
     }
     // The identifier, or -1 when the table is full: a plain integer comes back in a register,
     // where an optional would be assembled in memory and read back whole.
-    int internedIdentifier(const Attribute& attributes);
-    [[gnu::noinline]] int internedIdentifierFromTable(const Attribute& attributes, const InternedAttributeKey& key,
-                                                      uint64_t hash);
+    [[gnu::noinline]] int internedIdentifierFromTable(const InternedAttributeKey& key, uint64_t hash);
     void remember(const InternedAttributeKey& key, uint64_t hash, uint16_t identifier) {
         writableLookupTables().cache[cacheIndex(hash)] = {key.word0, uint32_t(key.word1), uint32_t(identifier) + 1};
     }
@@ -242,9 +255,7 @@ private:
     std::unordered_map<SharedScalars, uint32_t, ScalarsHash, ScalarsEqual> graphemeIdentifiers;
 };
 
-// Inline: every SGR that changes the pen asks, and most are answered here.
-inline int CellArena::internedIdentifier(const Attribute& attributes) {
-    InternedAttributeKey key(attributes);
+inline int CellArena::internedIdentifier(const InternedAttributeKey& key) {
     if (key.isZero()) return 0;
     uint64_t hash = cacheHash(key);
     const CacheEntry& cached = attributeCache[cacheIndex(hash)];
@@ -255,7 +266,7 @@ inline int CellArena::internedIdentifier(const Attribute& attributes) {
     bool cacheHit = ((cached.word0 ^ key.word0) | (cached.word1 ^ key.word1)) == 0;
     bool absentFromFullTable = ((presence & mask) != mask) & (isSnapshotCopy | (attributeCountValue > attributeCapacity));
     if (cacheHit | absentFromFullTable) return cacheHit ? int(cached.identifierPlusOne) - 1 : -1;
-    return internedIdentifierFromTable(attributes, key, hash);
+    return internedIdentifierFromTable(key, hash);
 }
 
 } // namespace vellum

@@ -86,7 +86,7 @@ void Terminal::setup(bool isReset) {
     gCharsets = {};
     charset = nullptr;
     gLevel = 0;
-    curAttr = Attribute::empty;
+    writablePen() = Attribute::empty;
     curStyleID = 0;
     protectedPen = rectangularAttributeChange = false;
     updateEraseWords();
@@ -140,26 +140,29 @@ std::string Terminal::lineText(int screenRow) {
 CharData Terminal::getCharData(int col, int row) { return buffer_->row(row)[col]; }
 
 void Terminal::updateEraseWords() {
+    curKey = InternedAttributeKey(pen());
     curStyleID = cellArena->intern(curAttr).value_or(0);
     updateEraseBlank();
 }
 
 PackedCell Terminal::eraseSpaceCell() {
     Attribute erase = Attribute::empty;
-    erase.bg = curAttr.bg;
+    erase.bg = pen().bg;
     return cellArena->pack(erase, U" ", 0).value_or(PackedCell::make(PackedCell::scalarTag, 32, 0, 0, false, 0, 0));
 }
 
 // Erased cells keep only the background, which an empty cell carries inline: no style is
 // interned for it, so a colour change costs nothing here.
 void Terminal::updateEraseBlank() {
-    if (curAttr.bg == Attribute::Color::defaultColor()) {
+    // From the key, which is never stale.
+    auto bg = Attribute::Color::fromInternCode(uint32_t(curKey.word0 >> InternedAttributeKey::backgroundShift & InternedAttributeKey::codeMask));
+    if (bg == Attribute::Color::defaultColor()) {
         currentEraseBlankCell = PackedCell{};
-    } else if (auto inlined = CellArena::inlineBackgroundCell(curAttr.bg)) {
+    } else if (auto inlined = CellArena::inlineBackgroundCell(bg)) {
         currentEraseBlankCell = *inlined;
     } else {
         Attribute erase = Attribute::empty;
-        erase.bg = curAttr.bg;
+        erase.bg = bg;
         currentEraseBlankCell = cellArena->pack(erase, std::u32string_view(U"\0", 1), 0).value_or(PackedCell{});
     }
 }
@@ -366,7 +369,7 @@ void Terminal::saveCursor() {
     Buffer& b = *buffer_;
     b.savedX = b.x;
     b.savedY = b.y;
-    b.savedAttr = curAttr;
+    b.savedAttr = pen();
     b.savedCharset = charset;
     b.savedWraparound = b.wraparound;
     b.savedOriginMode = originMode;
@@ -379,7 +382,7 @@ void Terminal::restoreCursor() {
     Buffer& b = *buffer_;
     b.x = std::min(b.savedX, cols_ - 1);
     b.y = std::min(b.savedY, rows_ - 1);
-    curAttr = b.savedAttr;
+    writablePen() = b.savedAttr;
     updateEraseWords();
     charset = b.savedCharset;
     originMode = b.savedOriginMode;
@@ -461,7 +464,7 @@ void Terminal::softReset() {
     }
     buffer_->scrollTop = 0;
     buffer_->scrollBottom = rows_ - 1;
-    curAttr = Attribute::empty;
+    writablePen() = Attribute::empty;
     protectedPen = false;
     updateEraseWords();
     gCharsets = {};

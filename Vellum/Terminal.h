@@ -49,7 +49,7 @@ public:
     // The normal screen, also while the alternate one is shown.
     Buffer& normalScreen() { return *normalBuffer; }
     // The rendition that printed characters take now.
-    const Attribute& currentAttribute() const { return curAttr; }
+    const Attribute& currentAttribute() const { return pen(); }
     // Whether cells printed now are protected from selective erase (DECSCA).
     bool protectsPrintedCells() const { return protectedPen; }
     const std::string& title() const { return terminalTitle; }
@@ -221,6 +221,7 @@ private:
     };
     enum class BatchJoin : uint8_t { separate, joined, unsettled };
     BatchJoin joinBatched(PrintBatch& batch, char32_t scalar);
+    size_t takeWideRun(const uint8_t* p, size_t available, PrintBatch& batch, char32_t& previous, uint8_t& previousProperties);
     bool widenIntoBatch(PrintBatch& batch, char32_t scalar);
     void writeBatch(PrintBatch& batch);
     void writeContents(const uint32_t* contents, size_t count, int width);
@@ -263,6 +264,7 @@ private:
     void eraseInLine(int mode, bool selective = false);
     void eraseRow(BufferLine& line, int start, int end, bool selective);
     void selectGraphicRendition(CsiParameters pars, uint64_t colonMask);
+    void applyPlainRendition(const int64_t* pars, int count);
     void setModes(CsiParameters pars, bool privateMode, bool value);
     void setPrivateMode(int mode, bool value);
     void deviceStatus(CsiParameters pars, bool privateMode);
@@ -380,7 +382,20 @@ private:
     Buffer* buffer_ = nullptr;
     EscapeSequenceParser parser;
 
-    Attribute curAttr;
+    // The pen is its interning key; the attribute is made from it when something reads it, as
+    // coloured output changes the pen far more often than anything reads it. Writers of the
+    // attribute read it first and keep the key with it (updateEraseWords).
+    const Attribute& pen() const {
+        if (penAttributeStale) {
+            curKey.writeAttribute(curAttr);
+            penAttributeStale = false;
+        }
+        return curAttr;
+    }
+    Attribute& writablePen() { return const_cast<Attribute&>(pen()); }
+    mutable Attribute curAttr;
+    mutable bool penAttributeStale = false;
+    InternedAttributeKey curKey;
     uint16_t curStyleID = 0;
     bool protectedPen = false;               // DECSCA
     bool rectangularAttributeChange = false; // DECSACE

@@ -63,7 +63,7 @@ std::unique_ptr<DcsHandler> Terminal::dispatchDcs(std::span<const uint8_t> colle
 std::optional<std::string> Terminal::statusStringPayload(std::string_view request) const {
     const Buffer& b = *buffer_;
     auto pair = [](int first, int second) { return std::to_string(first) + ";" + std::to_string(second); };
-    if (request == "m") return curAttr.toSgr();
+    if (request == "m") return pen().toSgr();
     if (request == "r") return pair(b.scrollTop + 1, b.scrollBottom + 1) + "r";
     if (request == "s") return pair(b.marginLeft + 1, b.marginRight + 1) + "s";
     if (request == " q") return std::to_string(static_cast<int>(cursorStyle) + 1) + " q";

@@ -39,19 +39,27 @@ inline unicode::Utf8Step decodeStep(const uint8_t* p, size_t available) {
 
 GraphemeBreak breakClass(uint8_t properties) { return GraphemeBreak(properties & unicode::tables::breakClassMask); }
 
-// Stores the CJK ideographs at `p` (three bytes each, leads E4 to E9) into `out`, up to `room`
-// of them, and gives how many bytes they took.
-size_t takeIdeographs(const uint8_t* p, size_t available, uint32_t* out, size_t room, size_t& taken) {
-    size_t used = 0;
-    taken = 0;
-    while (taken < room && used + 3 <= available) {
-        uint32_t lead = p[used], second = p[used + 1], third = p[used + 2];
-        char32_t scalar = char32_t((lead & 0x0F) << 12 | (second & 0x3F) << 6 | (third & 0x3F));
-        if (lead - 0xE4 > 5 || (second & 0xC0) != 0x80 || (third & 0xC0) != 0x80 || scalar < cjkIdeographsStart) break;
-        out[taken++] = uint32_t(scalar) << PackedCell::valueShift;
-        used += 3;
-    }
-    return used;
+// Property bits of a scalar that may join what comes before it: its break class (other is zero)
+// and its conjunct role. A scalar with none of them joins nothing but a prepend character, and an
+// extended pictographic one also a joiner.
+constexpr uint8_t joiningBits = unicode::tables::breakClassMask | uint8_t(3 << unicode::tables::indicConjunctShift);
+
+// A scalar of four bytes (lead F0) that is drawn two columns wide and has no grapheme role
+// (most emoji), so that, like an ideograph, it joins nothing before it: zero when `word` (the
+// four bytes in memory order) is anything else. Its properties go to `properties`.
+inline char32_t plainWideFourByteScalar(uint32_t word, uint8_t& properties) {
+    if ((word & 0xC0C0C0FFu) != 0x808080F0u) return 0;
+    char32_t scalar = char32_t((word & 0x3F00u) << 4 | (word & 0x3F0000u) >> 10 | (word & 0x3F000000u) >> 24);
+    if (scalar < 0x10000) return 0; // overlong
+    properties = unicode::propertyByte(scalar);
+    if ((properties & joiningBits) != 0 || unicode::widthCode(scalar) != 3) return 0;
+    return scalar;
+}
+
+// The emoji modifier U+1F3FB..U+1F3FF in `word`, or zero.
+inline char32_t emojiModifierIn(uint32_t word) {
+    uint32_t last = word >> 24;
+    return (word & 0xFFFFFFu) == 0x8F9FF0u && last - 0xBB <= 4 ? char32_t(0x1F3FB + (last - 0xBB)) : 0;
 }
 
 // True when a run of 4 to 16 bytes is all printable ASCII, read as two overlapping words rather
@@ -156,15 +164,12 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
     PrintBatch batch;
     while (i < count) {
         uint8_t lead = bytes[i];
-        // An ideograph joins nothing but a prepend character, so in a run of wide text the
-        // ones that follow go to the batch directly.
-        if (lead - 0xE4u <= 5 && batch.count > 0 && batch.width == 2 && breakClass(previousProperties) != GraphemeBreak::prepend) {
-            size_t taken = 0;
-            i += takeIdeographs(bytes + i, count - i, batch.contents + batch.count, PrintBatch::capacity - batch.count, taken);
-            batch.count += taken;
-            if (taken > 0) {
-                previous = char32_t(batch.contents[batch.count - 1] >> PackedCell::valueShift);
-                previousProperties = 0;
+        // An ideograph or a plain wide emoji joins nothing but a prepend character (and the emoji
+        // a joiner), so in a run of wide text the ones that follow go to the batch directly.
+        if ((lead - 0xE4u <= 5 || lead == 0xF0) && batch.count > 0 && batch.width == 2 &&
+            breakClass(previousProperties) != GraphemeBreak::prepend && breakClass(previousProperties) != GraphemeBreak::zwj) {
+            if (size_t used = takeWideRun(bytes + i, count - i, batch, previous, previousProperties)) {
+                i += used;
                 continue;
             }
         }
@@ -223,6 +228,58 @@ void Terminal::handlePrintSlow(const uint8_t* bytes, size_t count, char32_t prev
     }
     writeBatch(batch);
     if (previous != unknownScalar) previousScalar = previous;
+}
+
+// Extends a batch of wide text, while it lasts, straight from the bytes at `p`: CJK ideographs
+// (three bytes, leads E4 to E9), plain wide scalars of four bytes, an emoji modifier on the
+// character before it, and a narrow character that VS16 widens (hearts, check marks). Emoji
+// among ideographs then cost no trip through the general decoder and segmentation. Anything
+// else, a join with another outcome, and a character that ends the chunk are left to the general
+// road. Gives the bytes taken, with the last scalar and its properties in `previous`.
+size_t Terminal::takeWideRun(const uint8_t* p, size_t available, PrintBatch& batch, char32_t& previous,
+                             uint8_t& previousProperties) {
+    size_t used = 0;
+    while (batch.count < PrintBatch::capacity && used + 4 <= available) {
+        const uint8_t* at = p + used;
+        uint32_t lead = at[0], second = at[1], third = at[2];
+        if (lead - 0xE4 <= 5) {
+            char32_t scalar = char32_t((lead & 0x0F) << 12 | (second & 0x3F) << 6 | (third & 0x3F));
+            if ((second & 0xC0) != 0x80 || (third & 0xC0) != 0x80 || scalar < cjkIdeographsStart) break;
+            batch.contents[batch.count++] = uint32_t(scalar) << PackedCell::valueShift;
+            used += 3;
+            previous = scalar;
+            previousProperties = 0;
+            continue;
+        }
+        uint32_t word = lead | second << 8 | third << 16 | uint32_t(at[3]) << 24;
+        uint8_t properties = 0;
+        if (char32_t scalar = plainWideFourByteScalar(word, properties)) {
+            batch.contents[batch.count++] = uint32_t(scalar) << PackedCell::valueShift;
+            used += 4;
+            previous = scalar;
+            previousProperties = properties;
+            continue;
+        }
+        if (char32_t modifier = emojiModifierIn(word)) {
+            uint32_t& last = batch.contents[batch.count - 1];
+            JoinMemo outcome = joinOutcome(PackedCell{uint64_t(last) | uint64_t(CellWidthState::wide) << PackedCell::widthStateShift}, modifier);
+            if (outcome.kind != JoinMemo::Kind::extended) break;
+            last = uint32_t(outcome.joinedContent & PackedCell::contentBits);
+            used += 4;
+            previous = modifier;
+            previousProperties = unicode::propertyByte(modifier);
+            continue;
+        }
+        bool threeBytes = lead >= 0xE1 && lead <= 0xEF && lead != 0xED && (second & 0xC0) == 0x80 && (third & 0xC0) == 0x80;
+        if (!threeBytes || used + 6 > available || at[3] != 0xEF || at[4] != 0xB8 || at[5] != 0x8F) break;
+        char32_t scalar = char32_t((lead & 0x0F) << 12 | (second & 0x3F) << 6 | (third & 0x3F));
+        properties = unicode::propertyByte(scalar);
+        if ((properties & joiningBits) != 0 || unicode::widthCode(scalar) != 2 || !widenIntoBatch(batch, scalar)) break;
+        used += 6;
+        previous = emojiPresentationSelector;
+        previousProperties = unicode::propertyByte(emojiPresentationSelector);
+    }
+    return used;
 }
 
 // Joins a scalar to the last character of the batch before it is written, which saves a write

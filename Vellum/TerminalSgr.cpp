@@ -1,6 +1,8 @@
 // Select Graphic Rendition: the parameters of CSI ... m change the pen that printed cells take.
 #include "Vellum/Terminal.h"
 
+#include <array>
+
 #include "Vellum/ByteRunScanner.h"
 
 namespace vellum {
@@ -131,26 +133,124 @@ std::optional<LoneColor> extendedColorAlone(Attribute& a, CsiParameters pars, ui
     return std::nullopt;
 }
 
+// What each plain SGR code does to the pen's interning key: the bits of its first word kept and
+// then set, and whether the underline colour (its second word) is kept. Folding a sequence over
+// these takes no branch per code, where a switch would be mispredicted at every change of
+// shape. Codes past the table and the ones nobody acts on leave the pen alone; 38, 48 and 58
+// take the parameters after them and are left to the general path.
+struct KeyEffect {
+    uint64_t keep = ~uint64_t(0);
+    uint64_t set = 0;
+    uint64_t keepUnderlineColor = ~uint64_t(0);
+    bool takesParameters = false;
+};
+
+constexpr int keyEffectCount = 128;
+
+constexpr std::array<KeyEffect, keyEffectCount> makeKeyEffects() {
+    using Key = InternedAttributeKey;
+    std::array<KeyEffect, keyEffectCount> effects{};
+    auto style = [](CharacterStyle flags) { return uint64_t(flags.rawValue) << Key::styleShift; };
+    constexpr uint64_t underlineStyles = uint64_t(0xF) << Key::underlineStyleShift;
+    auto underline = [](UnderlineStyle kind) { return uint64_t(kind) << Key::underlineStyleShift; };
+    auto turnOn = [&](int code, CharacterStyle flags) { effects[code].set = style(flags); };
+    auto turnOff = [&](int code, CharacterStyle flags) { effects[code].keep = ~style(flags); };
+    effects[0] = {0, 0, 0, false};
+    turnOn(1, CharacterStyle::bold);
+    turnOn(2, CharacterStyle::dim);
+    turnOn(3, CharacterStyle::italic);
+    effects[4] = {~underlineStyles, style(CharacterStyle::underline) | underline(UnderlineStyle::single)};
+    turnOn(5, CharacterStyle::blink);
+    turnOn(7, CharacterStyle::inverse);
+    turnOn(8, CharacterStyle::invisible);
+    turnOn(9, CharacterStyle::crossedOut);
+    effects[21] = {~underlineStyles, style(CharacterStyle::underline) | underline(UnderlineStyle::double_)};
+    turnOff(22, CharacterStyle::bold | CharacterStyle::dim);
+    turnOff(23, CharacterStyle::italic);
+    effects[24].keep = ~(style(CharacterStyle::underline) | underlineStyles);
+    turnOff(25, CharacterStyle::blink);
+    turnOff(27, CharacterStyle::inverse);
+    turnOff(28, CharacterStyle::invisible);
+    turnOff(29, CharacterStyle::crossedOut);
+    auto colour = [&](int code, int shift, uint64_t internCode) { effects[code] = {~(Key::codeMask << shift), internCode << shift}; };
+    for (int i = 0; i < 8; ++i) {
+        colour(30 + i, 0, Attribute::Color::ansi256(uint8_t(i)).internCode());
+        colour(40 + i, Key::backgroundShift, Attribute::Color::ansi256(uint8_t(i)).internCode());
+        colour(90 + i, 0, Attribute::Color::ansi256(uint8_t(8 + i)).internCode());
+        colour(100 + i, Key::backgroundShift, Attribute::Color::ansi256(uint8_t(8 + i)).internCode());
+    }
+    colour(39, 0, Attribute::Color::defaultColor().internCode());
+    colour(49, Key::backgroundShift, Attribute::Color::defaultColor().internCode());
+    effects[59].keepUnderlineColor = 0;
+    for (int code : {38, 48, 58}) effects[code].takesParameters = true;
+    return effects;
+}
+
+constexpr std::array<KeyEffect, keyEffectCount> keyEffects = makeKeyEffects();
+
+uint32_t colourComponent(int64_t value) { return uint32_t(std::min<int64_t>(value, 255)); }
+
+// Interning codes of the two colour kinds, written straight from the parameters: a colour built
+// from its bytes and read back as a word waits for the bytes to be stored.
+constexpr uint32_t paletteCode = Attribute::Color::ansi256(0).internCode(),
+                   trueColourCode = Attribute::Color::trueColor(0, 0, 0).internCode();
+static_assert(Attribute::Color::ansi256(200).internCode() == (paletteCode | 200));
+static_assert(Attribute::Color::trueColor(1, 2, 3).internCode() == (trueColourCode | 1 << 16 | 2 << 8 | 3));
+
 } // namespace
+
+// A plain SGR (whole numbers, no colons) as the ground lane reads them: a lone 38 or 48 colour
+// or a run of codes from the table is applied to the pen's interning key, and the identifier is
+// looked up by the new key; the pen's attribute is made only when something reads it. Anything
+// else goes the general way.
+void Terminal::applyPlainRendition(const int64_t* pars, int count) {
+    using Key = InternedAttributeKey;
+    Key before = curKey;
+    uint64_t word0 = before.word0, word1 = before.word1;
+    int64_t first = pars[0];
+    if ((first == 38 || first == 48) && ((count == 3 && pars[1] == 5) || (count == 5 && pars[1] == 2))) {
+        uint32_t code = count == 3 ? paletteCode | colourComponent(pars[2])
+                                   : trueColourCode | colourComponent(pars[2]) << 16 | colourComponent(pars[3]) << 8 | colourComponent(pars[4]);
+        int shift = first == 38 ? 0 : Key::backgroundShift;
+        word0 = (word0 & ~(Key::codeMask << shift)) | uint64_t(code) << shift;
+    } else {
+        for (int i = 0; i < count; ++i) {
+            const KeyEffect& effect = keyEffects[size_t(std::min<int64_t>(pars[i], keyEffectCount - 1))];
+            if (effect.takesParameters) {
+                selectGraphicRendition(CsiParameters(pars, count), 0);
+                return;
+            }
+            word0 = (word0 & effect.keep) | effect.set;
+            word1 &= effect.keepUnderlineColor;
+        }
+    }
+    if (word0 == before.word0 && word1 == before.word1) return;
+    curKey = Key::fromWords(word0, word1);
+    penAttributeStale = true;
+    curStyleID = uint16_t(std::max(cellArena->internedIdentifier(curKey), 0));
+    if (((word0 ^ before.word0) >> Key::backgroundShift & Key::codeMask) != 0) updateEraseBlank();
+}
 
 // The common shapes learn whether the pen changed before they write it: comparing the whole pen
 // right after writing one field of it would wait for that store to reach memory.
 void Terminal::selectGraphicRendition(CsiParameters pars, uint64_t colonMask) {
+    Attribute& curAttr = writablePen();
     Attribute::Color backgroundBefore = curAttr.bg;
     if (auto lone = extendedColorAlone(curAttr, pars, colonMask)) {
         if (*lone->target == lone->color) return;
         *lone->target = lone->color;
-        curStyleID = cellArena->intern(curAttr).value_or(0);
+        curKey = InternedAttributeKey(curAttr);
     } else if (pars.size() == 1 && pars[0] == 0) {
         if (curAttr == Attribute::empty) return;
         curAttr = Attribute::empty;
-        curStyleID = 0;
+        curKey = {};
     } else {
         Attribute before = curAttr;
         for (int i = 0; i < pars.size(); ++i) applyRendition(curAttr, pars, i, colonMask);
         if (curAttr == before) return;
-        curStyleID = cellArena->intern(curAttr).value_or(0);
+        curKey = InternedAttributeKey(curAttr);
     }
+    curStyleID = uint16_t(std::max(cellArena->internedIdentifier(curKey), 0));
     if (curAttr.bg != backgroundBefore) updateEraseBlank();
 }
 
@@ -252,7 +352,7 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
             size_t end = readLaneCsi(p, i, size, pars, parsCount, final);
             if (end == 0) break;
             if (final == 'm') {
-                selectGraphicRendition(CsiParameters(pars, parsCount), 0);
+                applyPlainRendition(pars, parsCount);
                 i = end;
                 continue;
             }

@@ -66,7 +66,12 @@ TEST(Attribute, ColorImagesAndKeys) {
     full.style = CharacterStyle::bold | CharacterStyle::italic;
     full.underlineStyle = UnderlineStyle::curly;
     full.underlineColor = Color::ansi256(9);
-    EXPECT_EQ(PackedAttributeRecord::from(full).attribute(), full);
+    EXPECT_EQ(InternedAttributeKey(full).attribute(), full);
+    for (Attribute::Color each : {Color::defaultColor(), Color::defaultInvertedColor(), Color::ansi256(255), Color::trueColor(255, 0, 1)}) {
+        full.fg = full.bg = each;
+        full.underlineColor = each;
+        EXPECT_EQ(InternedAttributeKey(full).attribute(), full);
+    }
 
     EXPECT_EQ(CharacterStyle::fromAttribute(int32_t((1 | 128) << 18)), CharacterStyle::bold | CharacterStyle::crossedOut);
 }

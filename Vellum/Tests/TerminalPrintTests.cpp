@@ -319,3 +319,36 @@ TEST(TerminalPrint, IdeographsTakeTheShortRoadOnlyWhileTheTablesAgree) {
         ASSERT_EQ(platform::unicode::propertyByte(scalar), 0) << std::hex << uint32_t(scalar);
     }
 }
+
+// Ideographs, plain wide emoji, modifiers and VS16 widenings are batched straight from the bytes
+// while a run of wide text lasts; anything else must leave that road. Fed a byte at a time,
+// nothing takes it, so both feeds must agree, also where the row wraps.
+TEST(TerminalPrint, WideRunsLeaveTheShortRoadForAnythingThatMayJoin) {
+    const char* cases[] = {
+        "\xe4\xb8\xad\xf0\x9f\x98\x80\xe6\x96\x87",                                 // plain emoji
+        "\xe4\xb8\xad\xf0\xa0\x80\x80\xe6\x96\x87",                                 // ideograph beyond the BMP
+        "\xe4\xb8\xad\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x91\xa7\xe6\x96\x87",     // joiner sequence
+        "\xe4\xb8\xad\xf0\x9f\x91\x8d\xf0\x9f\x8f\xbd\xe6\x96\x87",                 // modifier on its base
+        "\xe4\xb8\xad\xf0\x9f\x8f\xbd\xe6\x96\x87",                                 // modifier after an ideograph
+        "\xe4\xb8\xad\xf0\x9f\x91\x8d\xf0\x9f\x8f\xbd\xf0\x9f\x8f\xbd",                 // two modifiers
+        "\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f\xe6\x96\x87",                         // widened by VS16
+        "\xe4\xb8\xad\xe4\xb8\xad\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f\xe6\x96\x87", // widened at the last column
+        "\xe4\xb8\xad\xe2\x9c\x94\xef\xb8\x8f\xf0\x9f\x8f\xbd",                     // widened, then a modifier
+        "\xe4\xb8\xad\xe2\x9d\xa4\xf0\x9f\x98\x80",                                 // narrow, no selector
+        "\xe4\xb8\xad\xf0\x9f\x87\xab\xf0\x9f\x87\xb7\xe6\x96\x87",                 // flag
+        "\xe4\xb8\xad\xf0\x9f\x98\x80\xef\xb8\x8e\xe6\x96\x87",                     // text presentation
+        "\xe4\xb8\xad\xf3\xa0\x80\x81\xf0\x9f\x98\x80",                             // tag character
+        "\xe4\xb8\xad\xd8\x80\xf0\x9f\x98\x80",                                     // prepend before an emoji
+        "\xe4\xb8\xad\xf0\x9f\x98\xe6\x96\x87",                                     // truncated
+        "\xe4\xb8\xad\xf0\x80\x9f\x98\x80\xe6\x96\x87",                             // overlong
+        "\xe4\xb8\xad\xe4\xb8\xad\xe4\xb8\xad\xf0\x9f\x98\x80\xf0\x9f\x98\x80\xe6\x96\x87\xe6\x96\x87", // wraps
+    };
+    for (const char* text : cases) {
+        std::string line = std::string("ab") + text + "\r\n";
+        TerminalHarness whole(9, 4), bytewise(9, 4);
+        whole.terminal.feed(line);
+        for (char c : line) bytewise.terminal.feed(std::string_view(&c, 1));
+        ASSERT_EQ(whole.cells(), bytewise.cells()) << text;
+        ASSERT_EQ(whole.x(), bytewise.x()) << text;
+    }
+}

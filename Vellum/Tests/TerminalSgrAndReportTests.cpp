@@ -194,7 +194,7 @@ std::string alternation(std::mt19937& random, int pairs) {
         "\xc3\xa9t\xc3\xa9 ", "\xe4\xb8\xad\xe6\x96\x87", "e\xcc\x81", "\x7f", "\xff", "\x1b[4h", "\x1b[4l",
         "\x1b(0lqk", "\x1b(B", "\x1b]8;;http://x\x1b\\", "\x1b]8;;\x1b\\", "\x1b[1\"q", "\x1b[0\"q",
         "\x1b[?69h\x1b[3;9s", "\x1b[?69l", "\r\n", "\r", "\n", "\x1b[2;4r", "\x1b[r", "\x1b[20h", "\x1b[20l",
-        "\x1b[H", "\x1b[K", "\x1b[2;4H", "\x1b[5m\x1b", "\x1b[",
+        "\x1b[H", "\x1b[K", "\x1b[2;4H", "\x1b[5m\x1b", "\x1b[", "\x1b" "7", "\x1b" "8", "\x1b[!p", "\x1b[58:5:3m",
     };
     std::string out;
     for (int i = 0; i < pairs; ++i) {
@@ -246,6 +246,32 @@ TEST(TerminalSgr, TheGroundLaneAgreesWhereverAPairIsCut) {
         lane.terminal.feed(std::string_view(text + text).substr(cut));
         expectSameState(lane, general, "cut at " + std::to_string(cut));
     }
+}
+
+// The lane applies plain renditions to the pen's interning key, code by code from a table. Every
+// code, alone and followed by others, from pens with and without an underline colour, must give
+// the cells and the pen that the general path gives.
+TEST(TerminalSgr, PlainRenditionsOnTheKeyAgreeWithTheGeneralPath) {
+    const std::string pens[] = {"", "\x1b[1;2;3;4;5;7;8;9;31;42m", "\x1b[4:3;58:2::9:8:7;38;2;1;2;3;48;5;200m", "\x1b[21;95;105m"};
+    std::vector<std::string> firsts;
+    for (int code = 0; code <= 110; ++code) firsts.push_back(std::to_string(code));
+    for (const char* other : {"", "255", "65535", "38;5;300", "48;2;1;2;65535", "38;5", "48;2;1", "38;2;1;2", "38;5;9;1",
+                              "58;5;3", "38;7;1", "1;48;5;9", "0;38;2;4;5;6", "48;5;9;0"})
+        firsts.push_back(other);
+    const char* thens[] = {"0", "1", "4", "22", "24", "30", "39", "49", "59", "38;5;9", "107", "65535", ";3"};
+    std::string text;
+    for (const std::string& pen : pens) {
+        for (const std::string& first : firsts) {
+            text += "\x1b[m" + pen + "\x1b[" + first + "mx";
+            for (const char* then : thens) text += "\x1b[" + first + ";" + then + "my";
+            text += "\r\n";
+        }
+    }
+    TerminalHarness lane(30, 3, 600), general(30, 3, 600);
+    general.terminal.setGroundLane(false);
+    lane.terminal.feed(text);
+    general.terminal.feed(text);
+    expectSameState(lane, general, "every plain code");
 }
 
 // Past 65,536 renditions the table is full and new ones print in the default style: the lane
