@@ -5,11 +5,12 @@ Local: `corvex cp SRC :DST` to a corvexd on this machine beside `cp` (`cp -r` fo
 Over ssh (--ssh, as root): a loopback sshd of its own with a throwaway user; `corvex --ssh`
 beside `scp` and `rsync` over the same sshd. One big file (--big-mib, default 1024) and a tree
 of small files (--files, default 20000, each 0 to 64 KiB). Each copy runs --runs times into a
-fresh folder (best time kept), timed to the end of the program and again with a `sync` after
-it, so deferred write-back doesn't flatter anyone. Peak memory: the client's from rusage, the
+fresh folder (best time kept; the local big file takes --big-runs turns of cp and corvex, and
+the medians count), timed to the end of the program and again with a `sync` after it, so
+deferred write-back doesn't flatter anyone. Peak memory: the client's from rusage, the
 daemon's VmHWM. Prints one JSON object; the load average is part of it.
 """
-import argparse, json, os, pwd, random, shutil, signal, socket, subprocess, sys, tempfile, time
+import argparse, json, os, pwd, random, shutil, signal, socket, statistics, subprocess, sys, tempfile, time
 
 def make_corpus(root, big_mib, files):
     rng = random.Random(42)
@@ -53,6 +54,25 @@ def best(runs, make_argv, destination):
     synced = min(r[1] for r in results)
     return {"seconds": round(plain, 3), "seconds_with_sync": round(synced, 3), "peak_rss_kib": max(r[2] for r in results)}
 
+# The local big file is decided by the disk, whose speed wanders from run to run: cp and corvex
+# take turns, each run into a folder of its own, and the median of each decides.
+def interleaved(runs, argvs, destination):
+    results = {name: [] for name in argvs}
+    for run in range(runs):
+        for name, make_argv in argvs.items():
+            folder = "%s-%s-%d" % (destination, name, run)
+            os.makedirs(folder)
+            subprocess.run(["sync"])
+            results[name].append(timed(make_argv(folder)))
+    out = {}
+    for name, runs_of in results.items():
+        out[name] = {"seconds": round(statistics.median(r[0] for r in runs_of), 3),
+                     "seconds_with_sync": round(statistics.median(r[1] for r in runs_of), 3),
+                     "best_seconds": round(min(r[0] for r in runs_of), 3),
+                     "best_seconds_with_sync": round(min(r[1] for r in runs_of), 3),
+                     "runs": len(runs_of), "peak_rss_kib": max(r[2] for r in runs_of)}
+    return out
+
 def vm_hwm(pid):
     with open("/proc/%d/status" % pid) as status:
         for line in status:
@@ -83,9 +103,14 @@ def local_cases(args, work, corvex, socket_path):
         if (name == "tree" and args.files == 0) or "local-" + name not in args.cases:
             continue
         src = os.path.join(work, source)
-        cp = best(args.runs, lambda folder: peer + [src, folder], os.path.join(work, "dst-cp-" + name))
-        ours = best(args.runs, lambda folder: [corvex, "--socket", socket_path, "cp", "--streams", str(args.streams), src,
-                                        ":" + folder], os.path.join(work, "dst-corvex-" + name))
+        ours_argv = lambda folder: [corvex, "--socket", socket_path, "cp", "--streams", str(args.streams), src, ":" + folder]
+        if name == "big":
+            both = interleaved(args.big_runs, {"cp": lambda folder: peer + [src, folder], "corvex": ours_argv},
+                               os.path.join(work, "dst-big"))
+            cp, ours = both["cp"], both["corvex"]
+        else:
+            cp = best(args.runs, lambda folder: peer + [src, folder], os.path.join(work, "dst-cp-" + name))
+            ours = best(args.runs, ours_argv, os.path.join(work, "dst-corvex-" + name))
         out[name] = {"cp": cp, "corvex": ours, "speed_vs_cp": ratio(cp, ours),
                      "speed_vs_cp_with_sync": ratio(cp, ours, "seconds_with_sync")}
     return out
@@ -193,6 +218,7 @@ def main():
     parser.add_argument("--big-mib", type=int, default=1024)
     parser.add_argument("--files", type=int, default=20000)
     parser.add_argument("--runs", type=int, default=2)
+    parser.add_argument("--big-runs", type=int, default=5, help="local big file: runs of each, median reported")
     parser.add_argument("--streams", type=int, default=4)
     parser.add_argument("--ssh", action="store_true")
     parser.add_argument("--cases", default="local-big,local-tree,ssh-big,ssh-tree",

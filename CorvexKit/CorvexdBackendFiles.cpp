@@ -254,40 +254,71 @@ bool CorvexdFileBackend::takesPut(const FileWriteOptions& options) const {
     return options.size && *options.size <= protocol::fsPutLargest && announces(protocol::fsPutFeature);
 }
 
+namespace {
+
+// Many small files share one request and one reply: 8 batches in flight keep the daemon's
+// puts all in use.
+constexpr int filesPerBatch = protocol::fsPutsAtOnce / 8;
+
+// A small file's whole data: at most one byte more than promised, so that a source longer
+// than it said is sent too long, for the daemon to refuse.
+std::string readWhole(FileDataSource& source, uint64_t promised, const platform::CancellationToken& cancel) {
+    ByteBlocks blocks = source.open(0);
+    std::string bytes;
+    bytes.reserve(promised + 1);
+    while (bytes.size() <= promised) {
+        if (cancel.isCancelled()) throw cancellationError();
+        std::optional<Bytes> block = blocks();
+        if (!block) break;
+        bytes.append(reinterpret_cast<const char*>(block->data()), block->size());
+    }
+    if (cancel.isCancelled()) throw cancellationError();
+    if (bytes.size() > promised + 1) bytes.resize(promised + 1);
+    return bytes;
+}
+
+// readWhole for one file of a batch, straight into the batch's frames: its one end frame,
+// with the data read into place rather than copied there.
+void appendWholeFile(std::string& frames, uint64_t stream, FileDataSource& source, uint64_t promised,
+                     const platform::CancellationToken& cancel) {
+    const size_t start = frames.size();
+    frames += makeFileDataFrame(stream, 0, true, {});
+    const size_t dataStart = frames.size();
+    try {
+        ByteBlocks blocks = source.open(0);
+        while (frames.size() - dataStart <= promised) {
+            if (cancel.isCancelled()) throw cancellationError();
+            std::optional<Bytes> block = blocks();
+            if (!block) break;
+            frames.append(reinterpret_cast<const char*>(block->data()), block->size());
+        }
+    } catch (...) {
+        frames.resize(start);
+        throw;
+    }
+    const uint64_t count = std::min<uint64_t>(frames.size() - dataStart, promised + 1);
+    frames.resize(dataStart + count);
+    // The frame's length leads it: the empty frame's, grown by the data.
+    std::string length;
+    appendBigEndian(length, readBigEndian(frames.data() + start, 4) + count, 4);
+    frames.replace(start, length.size(), length);
+}
+
+} // namespace
+
+uint64_t CorvexdFileBackend::nextPutStream() {
+    std::lock_guard guard(lock_);
+    return protocol::fsPutStreamBit | nextPut_++;
+}
+
 // One message each way instead of an opening round trip, data, acks and an end: what bounds a
 // tree of small files is the messages, not the bytes.
 FileEntry CorvexdFileBackend::put(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
                                   const FileProgress& progress, const platform::CancellationToken& cancel) {
-    ByteBlocks blocks = source.open(0);
-    const uint64_t promised = *options.size;
-    // Most often the whole file is one block, which goes into the frame as it is. A source
-    // longer than promised is sent one byte too long, for the daemon to refuse.
-    std::optional<Bytes> first = blocks();
-    std::optional<Bytes> more = first && first->size() <= promised ? blocks() : std::nullopt;
-    std::string gathered;
-    if (more) {
-        gathered.reserve(promised + 1);
-        for (std::optional<Bytes>* block : {&first, &more})
-            gathered.append(reinterpret_cast<const char*>((*block)->data()), (*block)->size());
-        while (gathered.size() <= promised) {
-            if (cancel.isCancelled()) throw cancellationError();
-            std::optional<Bytes> block = blocks();
-            if (!block) break;
-            gathered.append(reinterpret_cast<const char*>(block->data()), block->size());
-        }
-    }
-    if (cancel.isCancelled()) throw cancellationError();
-    std::string_view bytes = more    ? std::string_view(gathered)
-                             : first ? std::string_view(reinterpret_cast<const char*>(first->data()), first->size())
-                                     : std::string_view();
-    bytes = bytes.substr(0, promised + 1);
+    std::string bytes = readWhole(source, *options.size, cancel);
     auto live = backend();
     if (!live) throw disconnected();
-    uint64_t id;
-    {
-        std::lock_guard guard(lock_);
-        id = protocol::fsPutStreamBit | nextPut_++;
-    }
+    uint64_t id = nextPutStream();
     protocol::FsWrite method{{}, path, options, std::nullopt, id};
     json result = live->request(std::string(method.name), protocol::encodeParams(method), std::nullopt, {},
                                 makeFileDataFrame(id, 0, true, bytes));
@@ -295,6 +326,63 @@ FileEntry CorvexdFileBackend::put(const std::string& path, const FileWriteOption
     if (!placed.entry) throw BackendError("internal", "fs.write put reply without an entry");
     if (progress) progress(bytes.size());
     return *placed.entry;
+}
+
+std::optional<WriteBatchLimits> CorvexdFileBackend::writeBatchLimits(const FileBackend& source) const {
+    if (!announces(protocol::fsPutBatchFeature)) return std::nullopt;
+    if (source.isThisMachine() && putsAtOnce() == 0) return std::nullopt;
+    return WriteBatchLimits{filesPerBatch, protocol::fsPutLargest};
+}
+
+std::vector<SmallFileOutcome> CorvexdFileBackend::writeBatch(const std::vector<SmallFileWrite>& files,
+                                                             const platform::CancellationToken& cancel) {
+    if (!announces(protocol::fsPutBatchFeature) || files.size() > static_cast<size_t>(protocol::fsPutBatchLargest))
+        return FileBackend::writeBatch(files, cancel);
+    std::vector<SmallFileOutcome> outcomes(files.size());
+    protocol::FsPutBatch method;
+    std::vector<size_t> sent; // the index of each file of the request
+    std::string frames;
+    uint64_t promised = 0;
+    for (const SmallFileWrite& file : files) promised += file.options.size.value_or(0) + 1;
+    frames.reserve(std::min<uint64_t>(promised, uint64_t(protocol::fsPutBatchLargest) * (protocol::fsPutLargest + 1)) +
+                   files.size() * (frameHeaderSize + fileDataHeaderSize));
+    for (size_t index = 0; index < files.size(); ++index) {
+        const SmallFileWrite& file = files[index];
+        if (cancel.isCancelled()) throw cancellationError();
+        if (!file.options.size || *file.options.size > protocol::fsPutLargest) {
+            // Not a small file after all: it goes as a write of its own.
+            outcomes[index] = FileBackend::writeBatch({file}, cancel).front();
+            continue;
+        }
+        try {
+            uint64_t id = nextPutStream();
+            appendWholeFile(frames, id, *file.source, *file.options.size, cancel);
+            method.files.push_back(protocol::FsWrite{{}, file.path, file.options, std::nullopt, id});
+            sent.push_back(index);
+        } catch (...) {
+            outcomes[index].failure = std::current_exception();
+        }
+    }
+    if (sent.empty()) return outcomes;
+    auto live = backend();
+    if (!live) throw disconnected();
+    json result = live->request(std::string(method.name), protocol::encodeParams(method), std::nullopt, {},
+                                std::move(frames));
+    protocol::FilePutOutcomes placed;
+    try {
+        placed = protocol::decodeResult<protocol::FsPutBatch>(result);
+    } catch (const std::exception& error) {
+        throw BackendError("internal", std::string("fs.put_batch reply: ") + error.what());
+    }
+    if (placed.files.size() != sent.size())
+        throw BackendError("internal", "fs.put_batch reply for " + std::to_string(placed.files.size()) + " of " +
+                                           std::to_string(sent.size()) + " files");
+    for (size_t position = 0; position < sent.size(); ++position) {
+        protocol::FilePutOutcome& file = placed.files[position];
+        SmallFileOutcome& outcome = outcomes[sent[position]];
+        if (!file.code.empty()) outcome.failure = std::make_exception_ptr(BackendError(file.code, file.message));
+    }
+    return outcomes;
 }
 
 std::optional<protocol::LocalSource> CorvexdFileBackend::localSourceFor(const FileDataSource& source) const {

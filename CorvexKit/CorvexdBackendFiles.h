@@ -48,6 +48,12 @@ public:
                     FileProgress progress,
                     const platform::CancellationToken& cancel = platform::CancellationToken()) override;
 
+    // Small files in batches, to a daemon that takes them, unless it copies them from the
+    // source's disk itself.
+    std::optional<WriteBatchLimits> writeBatchLimits(const FileBackend& source) const override;
+    std::vector<SmallFileOutcome> writeBatch(const std::vector<SmallFileWrite>& files,
+                                             const platform::CancellationToken& cancel) override;
+
     // CorvexdFileChannel: the reader thread's side.
     void fileData(const FileDataFrame& frame) override;
     void fileEvent(const std::string& name, const nlohmann::json& data) override;
@@ -78,6 +84,7 @@ private:
     bool announces(std::string_view feature) const;
     // A small file in one request with its data behind it, to a daemon that takes puts.
     bool takesPut(const FileWriteOptions& options) const;
+    uint64_t nextPutStream();
     FileEntry put(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
                   const FileProgress& progress, const platform::CancellationToken& cancel);
     // `last` sends the end frame after the piece.

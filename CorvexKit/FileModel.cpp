@@ -98,6 +98,19 @@ std::pair<FileEntry, std::vector<FileEntry>> listAll(FileBackend& backend, const
     return {std::move(*dir), std::move(entries)};
 }
 
+std::vector<SmallFileOutcome> FileBackend::writeBatch(const std::vector<SmallFileWrite>& files,
+                                                      const platform::CancellationToken& cancel) {
+    std::vector<SmallFileOutcome> outcomes(files.size());
+    for (size_t index = 0; index < files.size(); ++index) {
+        try {
+            write(files[index].path, files[index].options, *files[index].source, {}, cancel);
+        } catch (...) {
+            outcomes[index].failure = std::current_exception();
+        }
+    }
+    return outcomes;
+}
+
 std::string filePath(std::string_view directory, std::string_view name) {
     std::string path(directory);
     if (path.empty() || path.back() != '/') path += '/';

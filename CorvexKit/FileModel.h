@@ -147,6 +147,24 @@ public:
 
 using FileProgress = std::function<void(uint64_t bytes)>;
 
+// A small file to be written whole, one of a batch.
+struct SmallFileWrite {
+    std::string path;
+    FileWriteOptions options; // `size` is required
+    FileDataSource* source = nullptr;
+};
+
+// A file of a batch as it ended: placed, or with what its own write would have raised.
+struct SmallFileOutcome {
+    std::exception_ptr failure; // null: placed
+};
+
+// What one batch may carry.
+struct WriteBatchLimits {
+    int files = 0;
+    uint64_t largestFile = 0;
+};
+
 // The file side of a machine. Every operation but the first two blocks, and raises
 // BackendError with a file code (or "disconnected", "stalled" from a daemon).
 class FileBackend {
@@ -172,6 +190,17 @@ public:
     virtual FileEntry write(const std::string& path, const FileWriteOptions& options, FileDataSource& source,
                             FileProgress progress,
                             const platform::CancellationToken& cancel = platform::CancellationToken()) = 0;
+
+    // Set where many small files from `source` go cheaper together than one by one.
+    virtual std::optional<WriteBatchLimits> writeBatchLimits(const FileBackend& source) const {
+        (void)source;
+        return std::nullopt;
+    }
+    // Writes each file whole under the rules of write(), each failing on its own; raises only
+    // when the batch as a whole didn't go (the connection, too many at once). By default one
+    // write after another.
+    virtual std::vector<SmallFileOutcome> writeBatch(const std::vector<SmallFileWrite>& files,
+                                                     const platform::CancellationToken& cancel);
 };
 
 // Every page of a directory in order, 1000 names at a time.

@@ -8,6 +8,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <random>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -27,6 +28,7 @@ constexpr int defaultPageSize = 1000;
 constexpr int largestPageSize = 10000;
 constexpr int smallestReadChunk = 4096;
 constexpr int64_t nanosecondsPerSecond = 1'000'000'000;
+constexpr size_t smallestSyncedGroup = 2;
 
 std::string lastComponent(const std::string& path) {
     size_t end = path.find_last_not_of('/');
@@ -214,15 +216,6 @@ void StagedWrite::wrote(uint64_t count) {
     }
 }
 
-void StagedWrite::startWriteback() {
-#ifdef __linux__
-    if (fd_ >= 0 && total_ > flushed_)
-        (void)::sync_file_range(fd_, static_cast<off_t>(flushed_), static_cast<off_t>(total_ - flushed_),
-                                SYNC_FILE_RANGE_WRITE);
-#endif
-    flushed_ = total_;
-}
-
 void StagedWrite::abandon() {
     if (done_) return;
     done_ = true;
@@ -231,16 +224,20 @@ void StagedWrite::abandon() {
     else if (sideFileDeferred_) writeSideFileAtomically(FileService::sideFileName(stagingPath_), *options_.source);
 }
 
-void StagedWrite::sync() {
+void StagedWrite::checkComplete() {
     if (done_) throw fileError(FileErrorCode::ioError, target_ + ": the write has ended");
     if (options_.size && *options_.size != total_) {
         abandon(); // not the promised file: kept only as far as an upload id can resume it
         throw fileError(FileErrorCode::ioError, target_ + ": expected " + std::to_string(*options_.size) +
                                                     " bytes, got " + std::to_string(total_));
     }
+}
+
+void StagedWrite::sync() {
+    checkComplete();
     // Every file's data reaches the disk before its name does, or a crash could leave a whole
     // name over an empty file. For a big file the write-behind above has done most of it; the
-    // daemon syncs small files in groups, side by side, so they share their metadata writes.
+    // daemon syncs small files in groups (syncTogether), so they share one device flush.
     if (::fdatasync(fd_) != 0) {
         int error = errno;
         abandon();
@@ -249,7 +246,57 @@ void StagedWrite::sync() {
     synced_ = true;
 }
 
+std::vector<std::exception_ptr> StagedWrite::syncTogether(const std::vector<StagedWrite*>& writes) {
+    std::vector<std::exception_ptr> failures(writes.size());
+    // A sync of the whole file system also waits for whatever else is dirty on it: worth it
+    // only when it stands for more than one file.
+    if (writes.size() < smallestSyncedGroup) {
+        for (size_t index = 0; index < writes.size(); ++index) {
+            try {
+                writes[index]->sync();
+            } catch (...) {
+                failures[index] = std::current_exception();
+            }
+        }
+        return failures;
+    }
+    // One descriptor of each file system stands for all of its writes in the group.
+    std::map<dev_t, std::vector<size_t>> byDevice;
+    for (size_t index = 0; index < writes.size(); ++index) {
+        StagedWrite& write = *writes[index];
+        try {
+            write.checkComplete();
+            struct stat record {};
+            if (::fstat(write.fd_, &record) != 0) throw FileService::posixError(write.target_, errno);
+            byDevice[record.st_dev].push_back(index);
+        } catch (...) {
+            failures[index] = std::current_exception();
+        }
+    }
+    for (const auto& [device, members] : byDevice) {
+        StagedWrite& first = *writes[members.front()];
+        // Since Linux 5.8 a failed writeback of any file since the descriptor was opened is
+        // reported here, so no file of the group can pass unwritten.
+        int error = ::syncfs(first.fd_) == 0 ? 0 : errno;
+        for (size_t index : members) {
+            StagedWrite& write = *writes[index];
+            if (error == 0) {
+                write.synced_ = true;
+                continue;
+            }
+            write.abandon();
+            failures[index] = std::make_exception_ptr(FileService::posixError(write.target_, error));
+        }
+    }
+    return failures;
+}
+
 FileEntry StagedWrite::finish() {
+    place();
+    return FileService::entry(target_);
+}
+
+void StagedWrite::place() {
     if (!synced_) sync();
     // From here on the staging file is whole and stays on failure, for a later look.
     done_ = true;
@@ -271,7 +318,6 @@ FileEntry StagedWrite::finish() {
                      : ::renameat2(AT_FDCWD, stagingPath_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE);
     if (placed != 0) throw FileService::posixError(target_, errno);
     if (options_.uploadID && !sideFileDeferred_) ::unlink(FileService::sideFileName(stagingPath_).c_str());
-    return FileService::entry(target_);
 }
 
 // MARK: - FileService

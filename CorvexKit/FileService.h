@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "CorvexKit/ChunkReader.h"
 #include "CorvexKit/FileModel.h"
@@ -31,14 +32,17 @@ public:
     void append(ByteView bytes);
     // Takes up to `most` bytes straight from a reader of a file on this machine; 0 at its end.
     uint64_t appendFrom(ChunkReader& reader, uint64_t most);
-    // Hands what is written to the disk now, without waiting for it: a sync that comes later
-    // finds the data on its way, and many files synced together share their metadata writes.
-    void startWriteback();
     // Checks the promised size and puts the data on the disk: the slow half of finish, which
     // needs no lock on the folder.
     void sync();
+    // sync() for many writes at once: each is checked on its own, then one pass of each file
+    // system's writeback and one device flush cover them all, where a sync per file pays a
+    // flush and a few small writes per file. Gives each write's failure, or null, in order.
+    static std::vector<std::exception_ptr> syncTogether(const std::vector<StagedWrite*>& writes);
     // Checks the promised size and the target, then moves the file into place.
     FileEntry finish();
+    // finish() without looking at the placed file again, for a caller that needn't know it.
+    void place();
     // Gives up after a failure of the data: keeps the staging file only for an upload id.
     void abandon();
 
@@ -48,6 +52,8 @@ private:
                 std::optional<FileEntry> existing, int fd, uint64_t offset);
     void closeFile();
     void wrote(uint64_t count);
+    // The size check of sync(): a write short of or beyond its promise is abandoned.
+    void checkComplete();
 
     std::string target_;
     std::string stagingPath_;

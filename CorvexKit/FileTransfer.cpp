@@ -4,6 +4,7 @@
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <thread>
 
 namespace corvex {
@@ -150,9 +151,25 @@ bool isTooManyStreams(const std::exception_ptr& error) {
 
 } // namespace
 
+// Consecutive files small enough for the destination's batches go together; the rest, and
+// all of them where the destination takes no batches, go one by one.
+std::vector<FileTransfer::Unit> FileTransfer::plan(const std::vector<Item>& files) const {
+    std::vector<Unit> units;
+    std::optional<WriteBatchLimits> limits = destination_->writeBatchLimits(*source_);
+    for (size_t index = 0; index < files.size(); ++index) {
+        const bool batched = limits && limits->files > 1 && files[index].entry.size <= limits->largestFile;
+        if (!batched || units.empty() || !units.back().batched ||
+            units.back().files.size() >= static_cast<size_t>(limits->files))
+            units.push_back(Unit{{}, batched});
+        units.back().files.push_back(index);
+    }
+    return units;
+}
+
 void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
                              const platform::CancellationToken& cancel) {
     if (maxStreams < 1 || files.empty()) return;
+    const std::vector<Unit> units = plan(files);
     // One token for the group: the caller's cancel and the first failure both stop every file.
     platform::CancellationToken group;
     cancel.onCancel([group] { group.cancel(); });
@@ -163,7 +180,7 @@ void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
         std::condition_variable freed;
         int bigInFlight = 0;
         int inFlight = 0;
-        uint64_t ended = 0; // files that have ended, counted to wake those waiting for a stream
+        uint64_t ended = 0; // units that have ended, counted to wake those waiting for a stream
         std::exception_ptr failure;
     };
     auto slots = std::make_shared<Slots>();
@@ -173,8 +190,9 @@ void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
     });
 
     auto work = [&] {
-        for (size_t index = next++; index < files.size() && !group.isCancelled(); index = next++) {
-            const bool big = files[index].entry.size > smallFileSize;
+        for (size_t index = next++; index < units.size() && !group.isCancelled(); index = next++) {
+            const Unit& unit = units[index];
+            const bool big = !unit.batched && files[unit.files.front()].entry.size > smallFileSize;
             if (big) {
                 std::unique_lock guard(slots->lock);
                 slots->freed.wait(guard, [&] { return slots->bigInFlight < maxStreams || group.isCancelled(); });
@@ -189,7 +207,8 @@ void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
                 }
                 std::exception_ptr failed;
                 try {
-                    copyFile(files[index], conflict, group);
+                    if (unit.batched) copyBatch(files, unit.files, conflict, group);
+                    else copyFile(files[unit.files.front()], conflict, group);
                 } catch (...) {
                     failed = std::current_exception();
                 }
@@ -218,14 +237,59 @@ void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
         }
     };
     // Small files wait on round trips more than on bytes, so more of them go at once; big
-    // ones keep to maxStreams, which is what bounds the memory of a copy.
-    size_t workers = std::min(files.size(), static_cast<size_t>(std::max(maxStreams, smallFileStreams)));
+    // ones keep to maxStreams, which is what bounds the memory of a copy. A batch carries
+    // many small files, so fewer threads keep as many in flight.
+    size_t smallAtOnce = static_cast<size_t>(std::max(smallFileStreams, 0));
+    if (std::optional<WriteBatchLimits> limits = destination_->writeBatchLimits(*source_); limits && limits->files > 1)
+        smallAtOnce = (smallAtOnce + static_cast<size_t>(limits->files) - 1) / static_cast<size_t>(limits->files);
+    size_t workers = std::min(units.size(), std::max(static_cast<size_t>(maxStreams), smallAtOnce));
     std::vector<std::thread> threads;
     threads.reserve(workers - 1);
     for (size_t count = 1; count < workers; ++count) threads.emplace_back(work);
     work();
     for (std::thread& thread : threads) thread.join();
     if (slots->failure) std::rethrow_exception(slots->failure);
+}
+
+// Each file of the batch ends as its own write would: done, skipped, or failed. One that met
+// a broken connection is tried again on its own, with the retries of a single file.
+void FileTransfer::copyBatch(const std::vector<Item>& files, const std::vector<size_t>& batch, Conflict conflict,
+                             const platform::CancellationToken& cancel) {
+    std::vector<std::unique_ptr<StreamedSource>> sources;
+    std::vector<SmallFileWrite> writes;
+    sources.reserve(batch.size());
+    writes.reserve(batch.size());
+    for (size_t index : batch) {
+        const Item& item = files[index];
+        sources.push_back(std::make_unique<StreamedSource>(*source_, item.entry, chunk, window));
+        writes.push_back(SmallFileWrite{item.target, writeOptions(item, *sources.back(), conflict), sources.back().get()});
+    }
+    setCurrent(files[batch.back()].target);
+    std::vector<SmallFileOutcome> outcomes;
+    try {
+        outcomes = destination_->writeBatch(writes, cancel);
+    } catch (const BackendError& error) {
+        if (!isRetryable(error)) throw;
+        for (size_t index : batch) copyFile(files[index], conflict, cancel);
+        return;
+    }
+    for (size_t position = 0; position < batch.size(); ++position) {
+        const Item& item = files[batch[position]];
+        if (!outcomes[position].failure) {
+            countDone(item.target, item.entry.size, false);
+            continue;
+        }
+        try {
+            std::rethrow_exception(outcomes[position].failure);
+        } catch (const BackendError& error) {
+            if (conflict == Conflict::skip && fileErrorCode(error) == FileErrorCode::exists) {
+                countDone(item.target, item.entry.size, true);
+                continue;
+            }
+            if (!isRetryable(error)) throw;
+            copyFile(item, conflict, cancel);
+        }
+    }
 }
 
 void FileTransfer::copyFile(const Item& item, Conflict conflict, const platform::CancellationToken& cancel) {
@@ -244,8 +308,7 @@ void FileTransfer::copyFile(const Item& item, Conflict conflict, const platform:
     }
 }
 
-void FileTransfer::copyFileOnce(const Item& item, Conflict conflict, const platform::CancellationToken& cancel) {
-    StreamedSource source(*source_, item.entry, chunk, window);
+FileWriteOptions FileTransfer::writeOptions(const Item& item, const FileDataSource& source, Conflict conflict) const {
     std::string fingerprint = source.fingerprint();
     FileWriteOptions options;
     options.size = item.entry.size;
@@ -256,8 +319,13 @@ void FileTransfer::copyFileOnce(const Item& item, Conflict conflict, const platf
     options.source = fingerprint;
     if (chunk) options.chunk = *chunk;
     if (window) options.window = *window;
+    return options;
+}
+
+void FileTransfer::copyFileOnce(const Item& item, Conflict conflict, const platform::CancellationToken& cancel) {
+    StreamedSource source(*source_, item.entry, chunk, window);
     try {
-        destination_->write(item.target, options, source,
+        destination_->write(item.target, writeOptions(item, source, conflict), source,
                             [this, &item](uint64_t bytes) { setWritten(item.target, bytes); }, cancel);
     } catch (const BackendError& error) {
         if (conflict != Conflict::skip || fileErrorCode(error) != FileErrorCode::exists) throw;

@@ -79,7 +79,16 @@ private:
     void walk(const FileEntry& entry, const std::string& target, bool top, Plan& plan,
               const platform::CancellationToken& cancel);
     void makeDirectories(const std::vector<Item>& directories);
+    // Files copied together: one, or several small ones in one batch.
+    struct Unit {
+        std::vector<size_t> files; // indices into the plan's files
+        bool batched = false;
+    };
+    std::vector<Unit> plan(const std::vector<Item>& files) const;
     void copyFiles(const std::vector<Item>& files, Conflict conflict, const platform::CancellationToken& cancel);
+    void copyBatch(const std::vector<Item>& files, const std::vector<size_t>& batch, Conflict conflict,
+                   const platform::CancellationToken& cancel);
+    FileWriteOptions writeOptions(const Item& item, const FileDataSource& source, Conflict conflict) const;
     void copyFile(const Item& item, Conflict conflict, const platform::CancellationToken& cancel);
     void copyFileOnce(const Item& item, Conflict conflict, const platform::CancellationToken& cancel);
     void setWritten(const std::string& path, uint64_t bytes);

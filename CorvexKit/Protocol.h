@@ -501,6 +501,36 @@ struct FsWrite : Gated<Hello::Feature::fs> {
     std::optional<uint64_t> put;
 };
 
+// In hello's features when "fs.put_batch" is served.
+inline constexpr std::string_view fsPutBatchFeature = "fs.put_batch";
+// Files in one batch at most. Each counts as one of the client's fsPutsAtOnce puts.
+inline constexpr int fsPutBatchLargest = 64;
+
+// One file's outcome in a batch: placed (with the offset its data continued from), or the
+// error code and message its own put would have been answered with.
+struct FilePutOutcome {
+    std::optional<FileEntry> entry; // in a single put's reply only
+    uint64_t offset = 0;
+    std::string code; // empty when placed
+    std::string message;
+    bool operator==(const FilePutOutcome&) const = default;
+};
+
+struct FilePutOutcomes {
+    std::vector<FilePutOutcome> files; // in the order of the request
+    bool operator==(const FilePutOutcomes&) const = default;
+};
+
+// Many small files in one request: each is a put ("put" set, a stream of its own), its data in
+// frames right behind the request, in any order. One reply once every file has its outcome;
+// a file's failure is its own and the others go on. A request that can't be taken at all
+// (too many files, too many puts at once) is answered with its error, and no file is written.
+struct FsPutBatch : Gated<Hello::Feature::fs> {
+    static constexpr std::string_view name = "fs.put_batch";
+    using Result = FilePutOutcomes;
+    std::vector<FsWrite> files;
+};
+
 struct FsCancel : Gated<Hello::Feature::fs> {
     static constexpr std::string_view name = "fs.cancel";
     using Result = NoResult;
@@ -534,7 +564,7 @@ struct FsError {
 };
 
 #define CORVEX_PROTOCOL_FILE_METHODS(X)                                                                              \
-    X(FsStat) X(FsList) X(FsMkdir) X(FsSetattr) X(FsRename) X(FsRemove) X(FsStatfs) X(FsRead) X(FsWrite) X(FsCancel)
+    X(FsStat) X(FsList) X(FsMkdir) X(FsSetattr) X(FsRename) X(FsRemove) X(FsStatfs) X(FsRead) X(FsWrite) X(FsPutBatch) X(FsCancel)
 
 // Wire names of the events a daemon sends.
 namespace event {

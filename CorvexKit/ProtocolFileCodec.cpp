@@ -203,6 +203,19 @@ void decodeParams(const json& j, FsWrite& c) {
     }
 }
 
+json encodeParams(const FsPutBatch& c) {
+    json files = json::array();
+    for (const FsWrite& file : c.files) files.push_back(encodeParams(file));
+    return json{{"files", std::move(files)}};
+}
+
+void decodeParams(const json& j, FsPutBatch& c) {
+    const json* files = find(j, "files");
+    if (!files || !files->is_array()) wrong("files", "an array");
+    c.files.reserve(files->size());
+    for (const json& file : *files) decodeParams(file, c.files.emplace_back());
+}
+
 json encodeParams(const FsCancel& c) { return json{{"stream", c.stream}}; }
 void decodeParams(const json& j, FsCancel& c) { c.stream = required(optionalUnsigned(j, "stream"), "stream"); }
 
@@ -219,6 +232,37 @@ json encodeResultValue(const FileWriteOpened& opened) {
     putOptional(out, "window", opened.window);
     if (opened.entry) out["entry"] = toJSON(*opened.entry);
     return out;
+}
+
+json encodeResultValue(const FilePutOutcomes& outcomes) {
+    json files = json::array();
+    for (const FilePutOutcome& file : outcomes.files) {
+        if (!file.code.empty()) {
+            files.push_back(json{{"code", file.code}, {"message", file.message}});
+            continue;
+        }
+        json placed{{"offset", file.offset}};
+        if (file.entry) placed["entry"] = toJSON(*file.entry);
+        files.push_back(std::move(placed));
+    }
+    return json{{"files", std::move(files)}};
+}
+
+// A file without an entry or an error code is a broken reply, for the caller to report.
+void decodeResultValue(const json& result, FilePutOutcomes& out) {
+    const json* files = find(result, "files");
+    if (!files || !files->is_array()) throw DecodingError("a batch's reply without its files");
+    out.files.reserve(files->size());
+    for (const json& file : *files) {
+        FilePutOutcome& outcome = out.files.emplace_back();
+        if (std::optional<std::string> code = optionalString(file, "code")) {
+            outcome.code = *code;
+            outcome.message = optionalString(file, "message").value_or("file transfer failed");
+            continue;
+        }
+        outcome.offset = optionalUnsigned(file, "offset").value_or(0);
+        if (const json* entry = find(file, "entry")) outcome.entry = decodeJSON<FileEntry>(*entry);
+    }
 }
 
 // The opening replies are read leniently: a missing stream is the caller's "internal" error.

@@ -37,6 +37,7 @@ nlohmann::json encodeResultValue(const AgentReport::Result& result);
 nlohmann::json encodeResultValue(const AgentVerdict& verdict);
 nlohmann::json encodeResultValue(const FileReadOpened& opened);
 nlohmann::json encodeResultValue(const FileWriteOpened& opened);
+nlohmann::json encodeResultValue(const FilePutOutcomes& outcomes);
 template <typename T>
 nlohmann::json encodeResultValue(const T& value) {
     return toJSON(value);
@@ -49,6 +50,7 @@ void decodeResultValue(const nlohmann::json& result, AgentReport::Result& out);
 void decodeResultValue(const nlohmann::json& result, AgentVerdict& out);
 void decodeResultValue(const nlohmann::json& result, FileReadOpened& out);
 void decodeResultValue(const nlohmann::json& result, FileWriteOpened& out);
+void decodeResultValue(const nlohmann::json& result, FilePutOutcomes& out);
 template <typename T>
 void decodeResultValue(const nlohmann::json& result, T& out) {
     out = decodeJSON<T>(result);

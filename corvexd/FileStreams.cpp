@@ -27,8 +27,8 @@ constexpr uint64_t smallestCharge = 64u << 10;
 constexpr uint64_t copyStep = 8u << 20;
 // Staged puts wait for their sync in groups of at most this many, each holding a descriptor.
 constexpr size_t largestPlacingGroup = 64;
-// Syncs of one group in flight at once.
-constexpr size_t syncsAtOnce = 8;
+// What a group waits to grow to while more files are coming.
+constexpr size_t syncGroupGoal = 32;
 
 std::string jsonFrame(const json& value) {
     // Names that aren't valid UTF-8 go out with replacement characters, never as a failure.
@@ -76,6 +76,8 @@ struct FileStreams::Stream {
     uint64_t requestID = 0;
     std::string putData;
     std::exception_ptr syncFailure;
+    std::shared_ptr<PutBatch> batch; // the batch it is a file of, if any
+    size_t batchIndex = 0;
 
     // read
     std::shared_ptr<corvex::ChunkReader> reader;
@@ -88,6 +90,14 @@ struct FileStreams::Stream {
         uint64_t piece = std::min({chunk, end - sent, std::max<uint64_t>(window, 1)});
         return window > 0 && sent + piece <= consumed + window;
     }
+};
+
+struct FileStreams::PutBatch {
+    ClientID client = 0;
+    uint64_t requestID = 0;
+    std::mutex lock;
+    protocol::FilePutOutcomes outcomes;
+    size_t unanswered = 0;
 };
 
 FileStreams::FileStreams(Server& server, Limits limits)
@@ -104,6 +114,7 @@ FileStreams::FileStreams(Server& server, Limits limits)
     serveOffThread<protocol::FsStatfs>([](const auto& p) { return FileService::statfs(p.path); });
     serveRead();
     serveWrite();
+    serveBatch();
     serveCancel();
     server_.setFrameHandler(static_cast<uint8_t>(corvex::FrameType::fileData),
                             [this](ClientID client, std::string_view payload) { fileData(client, payload); });
@@ -112,13 +123,14 @@ FileStreams::FileStreams(Server& server, Limits limits)
     server_.addClientGoneHandler([this](ClientID client) { clientGone(client); });
     server_.addFeatures({std::string(corvex::Hello::wireName(corvex::Hello::Feature::fs)),
                          std::string(protocol::fsLocalSourceFeature), std::string(protocol::fsPutFeature),
-                         std::string(protocol::fsPutsFeature)});
+                         std::string(protocol::fsPutsFeature), std::string(protocol::fsPutBatchFeature)});
 }
 
 FileStreams::~FileStreams() {
     std::unique_lock guard(lock_);
     shuttingDown_ = true;
     uploadsChanged_.notify_all();
+    stagedMore_.notify_all();
     for (auto& [id, stream] : streams_) stopLocked(*stream, Stop::quiet);
     workersDone_.wait(guard, [&] { return workers_ == 0; });
 }
@@ -319,17 +331,19 @@ void FileStreams::releaseUpload(Stream& stream) {
 
 // On the serving thread, before any frame that follows the request: its data must find it.
 void FileStreams::beginPut(MethodCall& call, const protocol::FsWrite& params) {
+    std::lock_guard guard(lock_);
+    if (openPuts_[call.client] >= limits_.putsPerClient)
+        throw corvex::fileError(FileErrorCode::tooManyStreams,
+                                "too many puts at once (" + std::to_string(openPuts_[call.client]) + ")");
+    addPut(call, params);
+    call.deferred = true;
+}
+
+std::shared_ptr<FileStreams::Stream> FileStreams::addPut(MethodCall& call, const protocol::FsWrite& params) {
     const uint64_t size = params.options.size.value_or(UINT64_MAX);
-    if (!(*params.put & protocol::fsPutStreamBit) || params.localSource || size > protocol::fsPutLargest)
+    if (!params.put || !(*params.put & protocol::fsPutStreamBit) || params.localSource || size > protocol::fsPutLargest)
         throw corvex::fileError(FileErrorCode::badRequest, "a put takes a stream of its own and at most " +
                                                                 std::to_string(protocol::fsPutLargest) + " bytes");
-    {
-        std::lock_guard guard(lock_);
-        if (openPuts_[call.client] >= limits_.putsPerClient)
-            throw corvex::fileError(FileErrorCode::tooManyStreams, "too many puts at once (" +
-                                                                       std::to_string(openPuts_[call.client]) + ")");
-        ++openPuts_[call.client];
-    }
     auto stream = std::make_shared<Stream>();
     stream->client = call.client;
     stream->write = true;
@@ -338,20 +352,81 @@ void FileStreams::beginPut(MethodCall& call, const protocol::FsWrite& params) {
     stream->window = size;
     stream->requestID = call.requestID;
     stream->put = params;
-    stream->putData.reserve(size);
-    try {
-        charge(*stream, std::max(size, smallestCharge));
-    } catch (...) {
-        std::lock_guard guard(lock_);
-        release(*stream);
-        throw;
-    }
-    std::lock_guard guard(lock_);
-    if (!puts_.emplace(std::pair(call.client, stream->id), stream).second) {
-        release(*stream);
+    // Charged what it may hold, as a streamed write is: the client's share bounds its puts.
+    const uint64_t charge = std::max(size, smallestCharge);
+    Windows& used = windows_[call.client];
+    if (used.write + charge > limits_.writeWindowsPerClient)
+        throw corvex::fileError(FileErrorCode::tooManyStreams, "too many puts at once (" +
+                                                                   std::to_string(openPuts_[call.client]) + ")");
+    if (puts_.count(std::pair(call.client, stream->id)))
         throw corvex::fileError(FileErrorCode::badRequest, "put stream " + std::to_string(stream->id) + " is in use");
+    stream->putData.reserve(size);
+    used.write += charge;
+    stream->charged = charge;
+    ++openPuts_[call.client];
+    puts_.emplace(std::pair(call.client, stream->id), stream);
+    return stream;
+}
+
+void FileStreams::serveBatch() {
+    server_.addMethod(std::string(protocol::FsPutBatch::name), [this](MethodCall& call) -> json {
+        beginBatch(call, protocol::decodeParams<protocol::FsPutBatch>(call.params));
+        return json();
+    });
+}
+
+// A file refused here is answered in the batch's reply; the others go on. The batch as a
+// whole is refused only when it couldn't be taken at all.
+void FileStreams::beginBatch(MethodCall& call, const protocol::FsPutBatch& params) {
+    const size_t count = params.files.size();
+    if (count == 0 || count > static_cast<size_t>(protocol::fsPutBatchLargest))
+        throw corvex::fileError(FileErrorCode::badRequest, "a batch holds 1 to " +
+                                                                std::to_string(protocol::fsPutBatchLargest) + " files");
+    auto batch = std::make_shared<PutBatch>();
+    batch->client = call.client;
+    batch->requestID = call.requestID;
+    batch->outcomes.files.resize(count);
+    batch->unanswered = count;
+    std::vector<std::pair<size_t, BackendError>> refused;
+    {
+        std::lock_guard guard(lock_);
+        if (openPuts_[call.client] + static_cast<int>(count) > limits_.putsPerClient)
+            throw corvex::fileError(FileErrorCode::tooManyStreams,
+                                    "too many puts at once (" + std::to_string(openPuts_[call.client]) + ")");
+        for (size_t index = 0; index < count; ++index) {
+            try {
+                std::shared_ptr<Stream> stream = addPut(call, params.files[index]);
+                stream->batch = batch;
+                stream->batchIndex = index;
+            } catch (const BackendError& error) {
+                refused.emplace_back(index, error);
+            }
+        }
     }
     call.deferred = true;
+    for (auto& [index, error] : refused) {
+        Stream unplaced;
+        unplaced.batch = batch;
+        unplaced.batchIndex = index;
+        if (std::optional<std::string> reply = answerPut(unplaced, error)) server_.sendFrames(call.client, {std::move(*reply)});
+    }
+}
+
+std::optional<std::string> FileStreams::answerPut(Stream& stream, protocol::FilePutOutcome outcome) {
+    if (!stream.batch) {
+        if (!outcome.code.empty()) return errorReply(stream.requestID, outcome.code, outcome.message);
+        protocol::FileWriteOpened placed{std::nullopt, outcome.offset, std::nullopt, std::move(outcome.entry)};
+        return jsonFrame(protocol::resultEnvelope(stream.requestID, protocol::encodeResultValue(placed)));
+    }
+    PutBatch& batch = *stream.batch;
+    std::lock_guard guard(batch.lock);
+    batch.outcomes.files[stream.batchIndex] = std::move(outcome);
+    if (--batch.unanswered > 0) return std::nullopt;
+    return jsonFrame(protocol::resultEnvelope(batch.requestID, protocol::encodeResultValue(batch.outcomes)));
+}
+
+std::optional<std::string> FileStreams::answerPut(Stream& stream, const BackendError& error) {
+    return answerPut(stream, protocol::FilePutOutcome{std::nullopt, 0, error.code(), error.message()});
 }
 
 // A put's data: kept until its end, then the put is queued to be staged. Data that
@@ -377,17 +452,23 @@ void FileStreams::putData(ClientID client, const corvex::FileDataFrame& frame) {
         release(*stream);
         if (refusal.empty()) refusal = "corvexd is stopping";
     }
-    server_.sendFrames(client, {errorReply(stream->requestID, std::string(corvex::wireName(FileErrorCode::badRequest)),
-                                           stream->path + ": " + refusal)});
+    if (auto reply = answerPut(*stream, corvex::fileError(FileErrorCode::badRequest, stream->path + ": " + refusal)))
+        server_.sendFrames(client, {std::move(*reply)});
 }
 
 // A put whose data has all come is staged by one thread, in the order they came: its file is
-// created, written and handed to the disk without waiting. Meanwhile another thread syncs and
-// places every file staged so far, their syncs side by side: the disk then writes a folder's
-// blocks and the inode blocks once for the group rather than once for each file, and a crash
-// leaves staging files, never a name over data that isn't there.
+// created and written. Meanwhile another thread syncs every file staged so far with one sync
+// for the group: the disk then writes the group's data and inode blocks in one pass with one
+// flush rather than once for each file. The staging thread then moves the synced files into
+// place between the files it stages: creating and renaming both lock the folder, and one
+// thread doing both never spins waiting for the other. A crash leaves staging files, never a
+// name over data that isn't there.
 void FileStreams::queuePut(std::shared_ptr<Stream> stream) {
     toStage_.push_back(std::move(stream));
+    startStaging();
+}
+
+void FileStreams::startStaging() {
     if (staging_) return;
     staging_ = true;
     ++workers_;
@@ -397,21 +478,31 @@ void FileStreams::queuePut(std::shared_ptr<Stream> stream) {
 void FileStreams::stagePuts() {
     platform::setCurrentThreadName("corvexd.fs.stage");
     std::unique_lock guard(lock_);
-    while (!toStage_.empty()) {
+    for (;;) {
+        if (!toFinish_.empty()) {
+            placeSynced(guard);
+            continue;
+        }
+        if (toStage_.empty()) break;
+        if (toSync_.size() >= largestPlacingGroup) {
+            syncedOrRoom_.wait(guard, [&] { return toSync_.size() < largestPlacingGroup || !toFinish_.empty(); });
+            continue;
+        }
         std::shared_ptr<Stream> stream = std::move(toStage_.front());
         toStage_.pop_front();
         guard.unlock();
         bool staged = stagePut(stream);
         guard.lock();
+        stagedMore_.notify_all();
         if (!staged) continue;
-        placeRoom_.wait(guard, [&] { return toPlace_.size() < largestPlacingGroup; });
-        toPlace_.push_back(std::move(stream));
-        if (!placing_) {
-            placing_ = true;
+        toSync_.push_back(std::move(stream));
+        if (!syncing_) {
+            syncing_ = true;
             ++workers_;
-            streamThreads_.detach([this] { placePuts(); });
+            streamThreads_.detach([this] { syncPuts(); });
         }
     }
+    stagedMore_.notify_all();
     staging_ = false;
     if (--workers_ == 0) workersDone_.notify_all();
 }
@@ -425,7 +516,6 @@ bool FileStreams::stagePut(const std::shared_ptr<Stream>& stream) {
         std::string_view rest(stream->putData);
         rest.remove_prefix(std::min<uint64_t>(stream->staged->offset(), rest.size()));
         stream->staged->append(corvex::asBytes(rest));
-        stream->staged->startWriteback();
         std::string().swap(stream->putData);
         return true;
     } catch (...) {
@@ -436,80 +526,75 @@ bool FileStreams::stagePut(const std::shared_ptr<Stream>& stream) {
             release(*stream);
             releaseUpload(*stream);
         }
-        server_.sendFrames(stream->client, {errorReply(stream->requestID, error.code(), error.message())});
+        if (auto reply = answerPut(*stream, error)) server_.sendFrames(stream->client, {std::move(*reply)});
         return false;
     }
 }
 
-void FileStreams::placePuts() {
-    platform::setCurrentThreadName("corvexd.fs.place");
+// A sync costs about the same for a few files as for many: while more files wait to be
+// staged, the group waits for them, up to a goal; with none waiting it goes as it is.
+void FileStreams::syncPuts() {
+    platform::setCurrentThreadName("corvexd.fs.sync");
     std::unique_lock guard(lock_);
-    while (!toPlace_.empty()) {
+    while (!toSync_.empty()) {
+        stagedMore_.wait(guard, [&] { return toSync_.size() >= syncGroupGoal || toStage_.empty() || shuttingDown_; });
         std::vector<std::shared_ptr<Stream>> group;
-        group.swap(toPlace_);
-        placeRoom_.notify_all();
+        group.swap(toSync_);
+        syncedOrRoom_.notify_all();
         guard.unlock();
         syncTogether(group);
-        std::map<ClientID, std::vector<std::string>> replies;
-        for (const auto& stream : group) replies[stream->client].push_back(placePut(*stream));
         guard.lock();
-        for (const auto& stream : group) {
-            release(*stream);
-            releaseUpload(*stream);
-        }
-        guard.unlock();
-        for (auto& [client, frames] : replies) server_.sendFrames(client, std::move(frames));
-        guard.lock();
+        toFinish_.push_back(std::move(group));
+        syncedOrRoom_.notify_all();
+        startStaging();
     }
-    placing_ = false;
+    syncing_ = false;
     if (--workers_ == 0) workersDone_.notify_all();
 }
 
-void FileStreams::syncTogether(const std::vector<std::shared_ptr<Stream>>& group) {
-    struct Shared {
-        std::atomic<size_t> next{0};
-        std::mutex lock;
-        std::condition_variable done;
-        size_t helping = 0;
-    };
-    auto shared = std::make_shared<Shared>();
-    auto work = [&group, shared] {
-        for (size_t index = shared->next++; index < group.size(); index = shared->next++) {
-            try {
-                group[index]->staged->sync();
-            } catch (...) {
-                group[index]->syncFailure = std::current_exception();
-            }
-        }
-    };
-    size_t helpers = std::min(group.size(), syncsAtOnce) - 1;
-    shared->helping = helpers;
-    for (size_t count = 0; count < helpers; ++count) {
-        streamThreads_.detach([work, shared] {
-            work();
-            std::lock_guard guard(shared->lock);
-            if (--shared->helping == 0) shared->done.notify_all();
-        });
+// Staging thread: places the oldest synced group and answers its puts, one write per client.
+void FileStreams::placeSynced(std::unique_lock<std::mutex>& guard) {
+    std::vector<std::shared_ptr<Stream>> group = std::move(toFinish_.front());
+    toFinish_.pop_front();
+    guard.unlock();
+    std::map<ClientID, std::vector<std::string>> replies;
+    for (const auto& stream : group) {
+        if (std::optional<std::string> reply = placePut(*stream)) replies[stream->client].push_back(std::move(*reply));
     }
-    work();
-    std::unique_lock guard(shared->lock);
-    shared->done.wait(guard, [&] { return shared->helping == 0; });
+    guard.lock();
+    for (const auto& stream : group) {
+        release(*stream);
+        releaseUpload(*stream);
+    }
+    guard.unlock();
+    for (auto& [client, frames] : replies) server_.sendFrames(client, std::move(frames));
+    guard.lock();
 }
 
-// Moves a synced file into place; the put's reply either way.
-std::string FileStreams::placePut(Stream& stream) {
-    std::string reply;
+void FileStreams::syncTogether(const std::vector<std::shared_ptr<Stream>>& group) {
+    std::vector<corvex::StagedWrite*> writes;
+    writes.reserve(group.size());
+    for (const auto& stream : group) writes.push_back(stream->staged.get());
+    std::vector<std::exception_ptr> failures = corvex::StagedWrite::syncTogether(writes);
+    for (size_t index = 0; index < group.size(); ++index) group[index]->syncFailure = failures[index];
+}
+
+// Moves a synced file into place; the put's answer either way.
+std::optional<std::string> FileStreams::placePut(Stream& stream) {
+    protocol::FilePutOutcome outcome;
     try {
         if (stream.syncFailure) std::rethrow_exception(stream.syncFailure);
-        corvex::FileEntry entry = stream.staged->finish();
-        protocol::FileWriteOpened placed{std::nullopt, stream.staged->offset(), std::nullopt, std::move(entry)};
-        reply = jsonFrame(protocol::resultEnvelope(stream.requestID, protocol::encodeResultValue(placed)));
+        // A batch's reply says only how each file ended: its entry would be looked up, encoded
+        // and decoded for each file, for a client that copies a tree and needs none of them.
+        if (stream.batch) stream.staged->place();
+        else outcome.entry = stream.staged->finish();
+        outcome.offset = stream.staged->offset();
     } catch (...) {
         BackendError error = asFileError(std::current_exception(), stream.path);
-        reply = errorReply(stream.requestID, error.code(), error.message());
+        outcome = {std::nullopt, 0, error.code(), error.message()};
     }
     stream.staged.reset();
-    return reply;
+    return answerPut(stream, std::move(outcome));
 }
 
 void FileStreams::serveCancel() {

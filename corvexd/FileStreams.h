@@ -56,13 +56,25 @@ private:
     void serveCancel();
     // A put: a small file's request with its data right behind it, and one reply at the end.
     void beginPut(MethodCall& call, const corvex::protocol::FsWrite& params);
+    // Many puts in one request, answered together once each has its outcome.
+    struct PutBatch;
+    void serveBatch();
+    void beginBatch(MethodCall& call, const corvex::protocol::FsPutBatch& params);
+    // Registers one put (serving thread, lock_ held); raises what refuses it.
+    std::shared_ptr<Stream> addPut(MethodCall& call, const corvex::protocol::FsWrite& params); // lock_ held
+    // The put's answer: its reply frame, or for a file of a batch the batch's reply once it is
+    // the last to have its outcome, else nothing.
+    std::optional<std::string> answerPut(Stream& stream, corvex::protocol::FilePutOutcome outcome);
+    std::optional<std::string> answerPut(Stream& stream, const corvex::BackendError& error);
     void putData(ClientID client, const corvex::FileDataFrame& frame);
     void queuePut(std::shared_ptr<Stream> stream); // lock_ held
+    void startStaging(); // lock_ held
     void stagePuts();
     bool stagePut(const std::shared_ptr<Stream>& stream);
-    void placePuts();
+    void syncPuts();
+    void placeSynced(std::unique_lock<std::mutex>& guard);
     void syncTogether(const std::vector<std::shared_ptr<Stream>>& group);
-    std::string placePut(Stream& stream);
+    std::optional<std::string> placePut(Stream& stream);
     struct Windows {
         uint64_t read = 0;
         uint64_t write = 0;
@@ -100,13 +112,15 @@ private:
     // Puts whose data is still arriving, by client and the stream the client named.
     std::map<std::pair<ClientID, uint64_t>, std::shared_ptr<Stream>> puts_;
     // Puts whose data has all come, waiting to be staged in the order they came; then staged,
-    // their data on its way to the disk, waiting to be synced and placed. One thread does each
-    // while it has work.
+    // their data on its way to the disk, waiting to be synced; then synced, in groups, waiting
+    // to be placed. One thread stages and places, another syncs, each while it has work.
     std::deque<std::shared_ptr<Stream>> toStage_;
-    std::vector<std::shared_ptr<Stream>> toPlace_;
+    std::vector<std::shared_ptr<Stream>> toSync_;
+    std::deque<std::vector<std::shared_ptr<Stream>>> toFinish_;
     bool staging_ = false;
-    bool placing_ = false;
-    std::condition_variable placeRoom_;
+    bool syncing_ = false;
+    std::condition_variable syncedOrRoom_;
+    std::condition_variable stagedMore_;
     std::condition_variable uploadsChanged_;
     // A stream holds its thread while it waits for its peer, so this has room for far more
     // streams than clients open; its threads are kept for the next streams, since a tree of

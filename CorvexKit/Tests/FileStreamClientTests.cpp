@@ -10,6 +10,7 @@
 #include "Platform/Tests/Support/Eventually.h"
 #include "Support/FakeDaemon.h"
 #include "Support/FileTestSupport.h"
+#include "Support/ForwardingFileBackend.h"
 #include "Support/ScratchDirectory.h"
 
 using namespace corvex;
@@ -188,4 +189,77 @@ TEST_F(FileStreamClient, ASilentDaemonIsStalledAndTheConnectionIsDropped) {
     ASSERT_TRUE(eventually([&] { return backend->isConnected(); }));
     FileReadStream stream = files->read("/x/f", {});
     EXPECT_EQ(failureOf([&] { stream.data(); }).code(), "stalled") << "a read that gets nothing ends";
+}
+
+TEST_F(FileStreamClient, SmallFilesGoInOneBatchToADaemonThatTakesThemAndOneByOneToAnOlderOne) {
+    struct Row {
+        const char* name;
+        json features;
+        std::string method; // what carries the files
+        size_t requests;
+    };
+    const Row rows[] = {
+        {"an older daemon", {"fs", "fs.put", "fs.puts"}, "fs.write", 2},
+        {"a daemon that takes batches", {"fs", "fs.put", "fs.puts", "fs.put_batch"}, "fs.put_batch", 1},
+    };
+    // Each file as the daemon answers it: "/x/a" placed, "/x/b" already there.
+    auto scope = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
+        auto answerFile = [](const json& params) {
+            if (params["path"] == "/x/b") return json{{"code", "exists"}, {"message", "/x/b already exists"}};
+            return json{{"offset", 0}, {"entry", entryJSON(params["path"], params["size"])}};
+        };
+        if (request.method == "fs.put_batch") {
+            json outcomes = json::array();
+            for (const json& file : request.params["files"]) outcomes.push_back(answerFile(file));
+            peer.reply(request.id, {{"files", outcomes}});
+            return true;
+        }
+        if (request.method != "fs.write") return false;
+        json outcome = answerFile(request.params);
+        if (outcome.contains("code")) peer.replyError(request.id, outcome["code"], outcome["message"]);
+        else peer.reply(request.id, outcome);
+        return true;
+    });
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        json hello = FakeDaemon::defaultHello();
+        hello["features"] = row.features;
+        daemon.setHello(hello);
+        auto configuration = CorvexdBackend::Configuration::socket(daemon.socketPath(), "tests");
+        auto connection = CorvexdBackend::make(configuration);
+        connection->start();
+        ASSERT_TRUE(eventually([&] { return connection->isConnected() && connection->lastHello(); }));
+        auto batchFiles = CorvexdFileBackend::attach(connection);
+        EXPECT_EQ(batchFiles->writeBatchLimits(ForwardingFileBackend()).has_value(), row.method == "fs.put_batch");
+
+        const size_t requestsBefore = daemon.requests().size();
+        const size_t framesBefore = daemon.fileData().size();
+        MemorySource a("hello", "a"), b("abc", "b");
+        FileWriteOptions five, three;
+        five.size = 5;
+        three.size = 3;
+        auto outcomes = batchFiles->writeBatch({{"/x/a", five, &a}, {"/x/b", three, &b}}, {});
+        ASSERT_EQ(outcomes.size(), 2u);
+        EXPECT_FALSE(outcomes[0].failure);
+        ASSERT_TRUE(outcomes[1].failure);
+        try {
+            std::rethrow_exception(outcomes[1].failure);
+        } catch (const BackendError& error) {
+            EXPECT_EQ(fileErrorCode(error), FileErrorCode::exists) << error.message();
+        }
+        std::vector<ReceivedRequest> sent = daemon.requests();
+        EXPECT_EQ(std::count_if(sent.begin() + static_cast<long>(requestsBefore), sent.end(),
+                                [&](const auto& request) { return request.method == row.method; }),
+                  static_cast<long>(row.requests));
+        ASSERT_TRUE(eventually([&] { return daemon.fileData().size() == framesBefore + 2; }));
+        const std::vector<FakeDaemon::FileData> frames = daemon.fileData();
+        std::vector<std::string> data;
+        for (size_t index = framesBefore; index < framesBefore + 2; ++index) {
+            const auto& frame = frames[index];
+            EXPECT_TRUE(frame.fin && frame.offset == 0 && (frame.stream & protocol::fsPutStreamBit));
+            data.push_back(frame.bytes);
+        }
+        EXPECT_EQ(data, (std::vector<std::string>{"hello", "abc"})) << "each file whole, in its own put stream";
+        connection->stop();
+    }
 }

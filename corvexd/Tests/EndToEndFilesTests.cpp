@@ -763,6 +763,87 @@ TEST_F(DaemonFiles, APutIsOneRequestWithItsDataAndOneReplyUnderTheWriteRules) {
     EXPECT_FALSE(client.nextEvent(100ms)) << "a put ends with its reply, no event";
 }
 
+TEST_F(DaemonFiles, ABatchAnswersEachFileAsItsOwnPutWouldAndRefusesOnlyWhatItCantTakeAtAll) {
+    corvexd::testing::RawClient client(daemon.socketPath());
+    json features = hello(client)["features"];
+    EXPECT_NE(std::find(features.begin(), features.end(), protocol::fsPutBatchFeature), features.end());
+    const uint64_t own = protocol::fsPutStreamBit;
+    struct Row {
+        const char* name;
+        std::optional<std::string> before; // the target's bytes, if it is there
+        std::string data;
+        uint64_t size;
+        bool overwrite;
+        uint64_t stream;
+        std::optional<std::string> code; // the error, or placed
+    };
+    // Enough placed files that a group of them shares one sync, with failures among them.
+    const Row rows[] = {
+        {"a new file", std::nullopt, "hello", 5, false, own | 1, std::nullopt},
+        {"a target that is there", "old", "hello", 5, false, own | 2, "exists"},
+        {"an empty file", std::nullopt, "", 0, false, own | 3, std::nullopt},
+        {"less data than promised", std::nullopt, "hell", 5, false, own | 4, "io_error"},
+        {"a target that is there, replaced", "old", "hello", 5, true, own | 5, std::nullopt},
+        {"more data than promised", std::nullopt, "hello!", 5, false, own | 6, "bad_request"},
+        {"a stream the daemon hands out", std::nullopt, "hello", 5, false, 7, "bad_request"},
+        {"too big to put", std::nullopt, "", protocol::fsPutLargest + 1, false, own | 8, "bad_request"},
+        {"a stream another file of the batch took", std::nullopt, "hello", 5, false, own | 1, "bad_request"},
+        {"no-such-folder/a file in a folder that isn't there", std::nullopt, "hello", 5, false, own | 11, "not_found"},
+        {"another new file", std::nullopt, patternBytes(70000), 70000, false, own | 9, std::nullopt},
+        {"a last new file", std::nullopt, "bye", 3, false, own | 10, std::nullopt},
+    };
+    json files = json::array();
+    std::string frames;
+    for (const Row& row : rows) {
+        if (row.before) writeBytes(at(row.name), *row.before);
+        files.push_back(putParams(at(row.name), row.stream, row.size, row.overwrite));
+        // A file of a batch whose stream is taken sends nothing of its own.
+        if (row.stream != (own | 1) || std::string(row.name) == "a new file")
+            frames += makeFileDataFrame(row.stream, 0, true, row.data);
+    }
+    auto reply = client.request("fs.put_batch", json{{"files", files}}, 10s, frames);
+    ASSERT_TRUE(reply && reply->contains("result")) << (reply ? reply->dump() : "no reply");
+    const json& outcomes = (*reply)["result"]["files"];
+    ASSERT_EQ(outcomes.size(), std::size(rows));
+    for (size_t index = 0; index < std::size(rows); ++index) {
+        const Row& row = rows[index];
+        SCOPED_TRACE(row.name);
+        const json& outcome = outcomes[index];
+        if (row.code) {
+            EXPECT_EQ(outcome["code"], *row.code) << outcome.dump();
+            if (std::string(row.name) != "a stream another file of the batch took")
+                EXPECT_EQ(fsys::exists(at(row.name)) ? std::optional(readBytes(at(row.name))) : std::nullopt, row.before);
+        } else {
+            EXPECT_EQ(outcome, json({{"offset", 0}})) << "placed, and nothing more to say";
+            EXPECT_EQ(readBytes(at(row.name)), row.data);
+        }
+    }
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
+
+    auto batchOf = [&](size_t count, uint64_t firstStream) {
+        json many = json::array();
+        for (size_t index = 0; index < count; ++index)
+            many.push_back(putParams(at("refused" + std::to_string(firstStream + index)), own | (firstStream + index), 1));
+        return json{{"files", many}};
+    };
+    for (size_t count : {size_t(0), size_t(protocol::fsPutBatchLargest) + 1}) {
+        auto refused = client.request("fs.put_batch", batchOf(count, 100));
+        ASSERT_TRUE(refused);
+        EXPECT_EQ((*refused)["error"]["code"], "bad_request") << count << " files: " << refused->dump();
+    }
+    // Full batches whose data hasn't come hold all of the client's puts.
+    const int held = corvexd::FileStreams::Limits{}.putsPerClient / protocol::fsPutBatchLargest;
+    for (int batch = 0; batch < held; ++batch) {
+        ASSERT_TRUE(client.sendJSON(json{{"id", 900 + batch}, {"method", "fs.put_batch"},
+                                         {"params", batchOf(protocol::fsPutBatchLargest, 200 + 100 * batch)}}));
+    }
+    auto refused = client.request("fs.put_batch", batchOf(1, 100));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ((*refused)["error"]["code"], "too_many_streams") << refused->dump();
+    EXPECT_FALSE(fsys::exists(at("refused0")));
+    EXPECT_FALSE(client.nextEvent(100ms)) << "a batch ends with its reply, no event";
+}
+
 TEST_F(DaemonFiles, APutTakesWhatABrokenWriteStagedAndAClientGoneMidPutPlacesNothing) {
     std::string bytes = patternBytes(200000, 3);
     {
@@ -798,8 +879,8 @@ TEST_F(DaemonFiles, APutTakesWhatABrokenWriteStagedAndAClientGoneMidPutPlacesNot
 }
 
 TEST_F(DaemonFiles, ADaemonKilledWhileSmallFilesWaitForTheirSyncLeavesNoPartFileAndARerunFinishes) {
-    // Many small files at once, sent as puts (a source the daemon can't open itself): the
-    // daemon stages them and syncs and places them in groups.
+    // Many small files at once, sent as batches of puts (a source the daemon can't open
+    // itself): the daemon stages them and syncs and places them in groups.
     std::map<std::string, std::string> tree; // by path under the tree
     for (int index = 0; index < 600; ++index) {
         std::string folder = "d" + std::to_string(index / 50);
@@ -824,7 +905,9 @@ TEST_F(DaemonFiles, ADaemonKilledWhileSmallFilesWaitForTheirSyncLeavesNoPartFile
         SCOPED_TRACE(row.name);
         std::string into = at(std::string("to-") + std::to_string(row.placedBeforeKill));
         fsys::create_directories(into);
-        FileTransfer first(std::make_shared<corvex::testing::ForwardingFileBackend>(), connect());
+        auto destination = connect();
+        ASSERT_TRUE(destination->writeBatchLimits(corvex::testing::ForwardingFileBackend())) << "files go in batches";
+        FileTransfer first(std::make_shared<corvex::testing::ForwardingFileBackend>(), destination);
         first.smallFileStreams = protocol::fsPutsAtOnce;
         first.smallFileSize = protocol::fsPutLargest;
         first.retryDelays = {};

@@ -47,7 +47,8 @@ TEST(CorvexdServer, HelloDescribesThisRunAndOnlyWhatIsImplemented) {
         {"pane.clipboard", ""}, // events only
         {"agents", "agent.ack"}, {"agent.report.pid", ""}, {"agent.mute", "agent.mute"},
         {"agent.history", "agent.history"}, {"agent.decide", "agent.decide"}, {"git", ""}, {"fs", "fs.stat"},
-        {"fs.local_source", "fs.write"}, {"fs.put", "fs.write"}, {"fs.puts", "fs.write"}};
+        {"fs.local_source", "fs.write"}, {"fs.put", "fs.write"}, {"fs.puts", "fs.write"},
+        {"fs.put_batch", "fs.put_batch"}};
     for (const auto& feature : result["features"]) {
         auto method = methodOf.find(feature.get<std::string>());
         ASSERT_NE(method, methodOf.end()) << "announced but not known to this test: " << feature;
