@@ -305,8 +305,10 @@ void BufferLine::compact(CellWordPool* pool) {
     size_t kept = size_t(keptLength());
     storage.cells.resize(kept); // the words past it hold the tail blank
     usedLength = int(kept);
-    // Words much larger than what is kept are swapped for a copy of the right size.
-    if (storage.cells.capacity() <= kept + kept / 4 + CellWordPool::step) return;
+    // A row using at least about half of its words keeps them: copying it would cost every
+    // scrolled row of busy output more than the words it saves. Sparser rows (prompts, short
+    // lines) are swapped for a copy of the right size, which is where the memory goes.
+    if (storage.cells.capacity() <= 2 * kept + CellWordPool::step) return;
     std::vector<PackedCell> words = pool ? pool->take(kept) : std::vector<PackedCell>{};
     if (!pool) words.reserve(kept);
     words.resize(kept);

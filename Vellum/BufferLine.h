@@ -126,8 +126,8 @@ public:
     void erasePackedCells(int start, int end, PackedCell fill);
     void resize(int cols, const CharData& fillData);
     void resize(int cols, PackedCell fill);
-    // Keeps only the used cells, as a row entering the scrollback does; words much larger than
-    // that are exchanged for ones of the right size from `pool`.
+    // Keeps only the used cells, as a row entering the scrollback does; words more than about
+    // twice that are exchanged for ones of the right size from `pool`.
     void compact(CellWordPool* pool = nullptr);
     // Makes this row object a fresh row; gives whether it had images.
     bool recycle(PackedCell with, bool isWrapped, BidiPresentationState bidiState);

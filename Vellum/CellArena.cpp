@@ -91,27 +91,33 @@ std::optional<uint16_t> CellArena::findAttribute(const InternedAttributeKey& key
     }
 }
 
-// Only for identifiers above zero: the zero key is answered before any lookup.
-void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identifier) {
+size_t CellArena::firstFreeSlot(uint64_t hash) const {
+    size_t mask = attributeSlots.size() - 1;
+    size_t i = homeSlot(hash) & mask;
+    while (attributeSlots[i].identifier != 0) i = (i + 1) & mask;
+    return i;
+}
+
+// Only for a key known to be absent and an identifier above zero (the zero key is answered
+// before any lookup). `freeSlot` is where the probe for the key ended, if there was one: a new
+// key goes there unless the slots grow, and is never compared with the keys it passes.
+void CellArena::storeAttribute(const InternedAttributeKey& key, uint64_t hash, uint16_t identifier,
+                               std::optional<size_t> freeSlot) {
     attributeKeys[identifier] = {key.word0, uint32_t(key.word1)};
     size_t used = size_t(identifier) + 1;
     if (attributeSlots.size() < 2 * used) {
         std::vector<AttributeSlot> old =
             std::exchange(attributeSlots, std::vector<AttributeSlot>(std::bit_ceil(2 * used)));
+        // Every stored key is distinct, so each only needs the first free slot from its home.
         for (const AttributeSlot& slot : old) {
             if (slot.identifier == 0) continue;
             const StoredKey& stored = attributeKeys[slot.identifier];
-            auto each = InternedAttributeKey::fromWords(stored.word0, stored.word1);
-            size_t index = 0;
-            findAttribute(each, cacheHash(each), index);
-            attributeSlots[index] = slot;
+            attributeSlots[firstFreeSlot(cacheHash(InternedAttributeKey::fromWords(stored.word0, stored.word1)))] = slot;
         }
+        freeSlot.reset();
     }
-    uint64_t hash = cacheHash(key);
     markPresent(hash);
-    size_t index = 0;
-    if (findAttribute(key, hash, index)) return;
-    attributeSlots[index] = {identifier, fingerprint(hash)};
+    attributeSlots[freeSlot ? *freeSlot : firstFreeSlot(hash)] = {identifier, fingerprint(hash)};
 }
 
 // The two answers that SGR streams give almost every time, a rendition met lately and one never
@@ -119,16 +125,18 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint16_t identif
 // per answer would be mispredicted on every switch between them, each time after waiting for
 // the loads it tests.
 int CellArena::internedIdentifierFromTable(const InternedAttributeKey& key, uint64_t hash) {
-    size_t free = 0;
+    std::optional<size_t> freeSlot;
     if (mayBePresent(hash)) {
+        size_t free = 0;
         if (auto found = findAttribute(key, hash, free)) {
             remember(key, hash, *found);
             return *found;
         }
+        freeSlot = free;
     }
     if (isSnapshotCopy || attributeCountValue > attributeCapacity) return -1;
     uint16_t identifier = uint16_t(attributeCountValue++);
-    storeAttribute(key, identifier);
+    storeAttribute(key, hash, identifier, freeSlot);
     remember(key, hash, identifier);
     return identifier;
 }

@@ -248,7 +248,8 @@ private:
         // the factors' lower bits), and the slot index takes those.
         return size_t(hash >> (64 - std::countr_zero(attributeSlots.size())));
     }
-    void storeAttribute(const InternedAttributeKey& key, uint16_t identifier);
+    size_t firstFreeSlot(uint64_t hash) const;
+    void storeAttribute(const InternedAttributeKey& key, uint64_t hash, uint16_t identifier, std::optional<size_t> freeSlot);
     std::vector<std::unique_ptr<GraphemeBlock>> graphemeBlocks;
     int allocatedGraphemeBlockCount = 0;
     uint32_t graphemeCountValue = 0;

@@ -74,6 +74,21 @@ void CircularBufferLineList::recycle(PackedCell clearCell, bool isWrapped, BidiP
     startIndex = (startIndex + 1) % _count;
     if (owner && row.count() != owner->_cols) row.resize(owner->_cols, clearCell);
     noteImagesDropped(row.recycle(clearCell, isWrapped, bidiState));
+    prefetchNextRecycled();
+}
+
+// The rows recycled next were written a whole scrollback ago and are out of the cache. While the
+// row just recycled is written, the next one's words (which it overwrites) and the row object
+// after it (whose words are fetched the same way next time) are brought in, so that scrolling
+// does not wait for them.
+void CircularBufferLineList::prefetchNextRecycled() {
+    if (_count < 3) return;
+    if (const LinePointer& next = slot(0)) {
+        const std::vector<PackedCell>& words = next->storage.cells;
+        const char* bytes = reinterpret_cast<const char*>(words.data());
+        for (size_t at = 0, size = words.capacity() * sizeof(PackedCell); at < size; at += 64) __builtin_prefetch(bytes + at, 1);
+    }
+    if (const LinePointer& after = slot(1)) __builtin_prefetch(after.get(), 1);
 }
 
 void CircularBufferLineList::splice(int start, int deleteCount, std::span<const LinePointer> items,

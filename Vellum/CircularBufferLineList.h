@@ -43,6 +43,7 @@ public:
     void push(LinePointer line);
     // The scroll fast path of a full ring: the first row becomes the new last row.
     void recycle(PackedCell clearCell, bool isWrapped, BidiPresentationState bidiState);
+    void prefetchNextRecycled();
     void splice(int start, int deleteCount, std::span<const LinePointer> items,
                 const std::function<void(int)>& change = {});
     // Rows top+1..bottom move up one; the row object from top comes back recycled at bottom.

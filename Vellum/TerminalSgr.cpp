@@ -329,6 +329,8 @@ size_t readLaneCsi(const uint8_t* p, size_t from, size_t size, int64_t* pars, in
 // in it), and whenever printing takes more than a plain write. Carriage returns and line feeds
 // are executed in place and the row looked up again. Another plain CSI is dispatched
 // here, since it is read already, and ends the loop: it may move the cursor or change the modes.
+constexpr size_t laneInputLookahead = 1024;
+
 size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
     Buffer& buf = *buffer_;
     if (charset || !readingBuffer.empty() || pendingHyperlink || buf.insertMode) return from;
@@ -363,6 +365,9 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
         }
         if (b == '\r' || b == '\n') {
             // Line ends come once a row: taken here, the lane goes on along the next row.
+            // The input ahead is asked for now, a few rows early: its pages are met one after
+            // another and would otherwise each be waited for when the scanner reaches them.
+            for (size_t ahead = laneInputLookahead; ahead < laneInputLookahead + 192; ahead += 64) __builtin_prefetch(p + i + ahead);
             buf.x = x;
             finishRow();
             dispatchExecute(b);

@@ -159,3 +159,44 @@ TEST(CompactRows, RowEditsMatchTheWidenedRow) {
     EXPECT_EQ(target[11].attribute.bg, Attribute::Color::ansi256(1));
     EXPECT_EQ(target[12].attribute.bg, Attribute::Color::defaultColor());
 }
+
+// A row leaving the screen keeps its words when it uses at least about half of them, and is
+// copied into words of its own size when it uses less; either way it reads back the same, in
+// place and after a reflow.
+TEST(CompactRows, RowsKeepTheirWordsIntoTheScrollbackUnlessSparse) {
+    constexpr int width = 40;
+    struct Case {
+        int written;
+        bool keepsWords;
+    };
+    // A fresh row's words hold the whole width; 2 x 16 + 8 = 40.
+    const Case cases[] = {{0, false}, {3, false}, {15, false}, {16, true}, {25, true}, {width, true}};
+    for (bool fullRing : {false, true}) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(std::to_string(c.written) + (fullRing ? " into a full scrollback" : ""));
+            TerminalHarness h(width, 2, 3);
+            if (fullRing) h.terminal.feed("a\r\nb\r\nc\r\nd\r\ne\r\n");
+            std::string text;
+            for (int i = 0; i < c.written; ++i) text.push_back(char('A' + i % 26));
+            h.terminal.feed("\x1b[2;1H\x1b[K" + text);
+            Buffer& ring = h.terminal.buffer();
+            BufferLine& bottom = ring.lines[ring.yBase + 1];
+            bottom.writableCells(width); // the words as a writer stores them ahead, whatever the ring did before
+            const PackedCell* words = bottom.storage.data();
+            size_t capacity = bottom.storage.cells.capacity();
+            h.terminal.feed("\r\n");
+            BufferLine& left = ring.lines[ring.yBase];
+            EXPECT_EQ(left.translateToString(true), text);
+            EXPECT_EQ(left.storedCount(), c.written);
+            if (c.keepsWords) {
+                EXPECT_EQ(left.storage.data(), words);
+                EXPECT_EQ(left.storage.cells.capacity(), capacity);
+            } else {
+                EXPECT_LE(left.storage.cells.capacity(), size_t(c.written + c.written / 4 + 8));
+            }
+            h.terminal.resize(width / 2, 2); // wraps the longer rows in two, and joins them again below
+            h.terminal.resize(width, 2);
+            EXPECT_EQ(ring.lines[ring.yBase + ring.y - 1].translateToString(true), text);
+        }
+    }
+}
