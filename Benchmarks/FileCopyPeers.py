@@ -30,14 +30,16 @@ def timed(argv, env=None):
     # /usr/bin/time reports the program's own peak, not that of the interpreter it forked from.
     with tempfile.NamedTemporaryFile("r") as peak:
         start = time.monotonic()
-        child = subprocess.run(["/usr/bin/time", "-f", "%M", "-o", peak.name] + argv, env=env,
+        child = subprocess.run(["/usr/bin/time", "-f", "%M %U %S", "-o", peak.name] + argv, env=env,
                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         plain = time.monotonic() - start
         subprocess.run(["sync"])
         synced = time.monotonic() - start
         if child.returncode != 0:
             raise SystemExit("failed: %s\n%s" % (" ".join(argv), child.stderr.decode(errors="replace")))
-        return plain, synced, int(peak.read().split()[-1])
+        # The last line: time writes a note above it when the program was signalled.
+        rss, user, system = peak.read().splitlines()[-1].split()
+        return plain, synced, int(rss), float(user) + float(system)
 
 # ext4 without a journal passes over inodes freed in the last minute (minutes while their table
 # is unwritten) each time it allocates one, so a run that follows the removal of an earlier run's
@@ -196,7 +198,8 @@ def ssh_cases(args, work, corvex):
                 # sync after each program is the fair comparison, and both are reported.
                 case[peer] = {"seconds": round(min(r[0] for r in runs), 3),
                               "seconds_with_sync": round(min(r[1] for r in runs), 3),
-                              "peak_rss_kib": max(r[2] for r in runs)}
+                              "peak_rss_kib": max(r[2] for r in runs),
+                              "client_cpu_seconds": round(min(r[3] for r in runs), 2)}
             for peer in list(case):
                 if peer != "corvex" and "corvex" in case:
                     case["speed_vs_" + peer] = ratio(case[peer], case["corvex"])
