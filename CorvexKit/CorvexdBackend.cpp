@@ -203,7 +203,7 @@ void CorvexdBackend::sendInput(uint64_t pane, ByteView bytes) {
 
 json CorvexdBackend::request(const std::string& method) { return request(method, json()); }
 
-json CorvexdBackend::request(const std::string& method, const json& params, std::optional<uint64_t> subscribing,
+json CorvexdBackend::request(const std::string& method, json params, std::optional<uint64_t> subscribing,
                              ReplyHook onReply, std::string following) {
     auto waiter = std::make_shared<PendingReply>();
     std::shared_ptr<ByteStream> stream;
@@ -219,7 +219,8 @@ json CorvexdBackend::request(const std::string& method, const json& params, std:
     }
     std::string text;
     try {
-        text = protocol::requestEnvelope(id, method, params).dump();
+        // Moved, not copied: a batch of small files is a big object.
+        text = protocol::requestEnvelope(id, method, std::move(params)).dump();
     } catch (const json::exception& error) {
         std::lock_guard guard(lock_);
         pending_.erase(id);

@@ -82,7 +82,7 @@ public:
     // read and before the caller resumes. Blocks until the reply or the loss of the link, so
     // it must never be called from the reader thread (a hook, the file channel). `following`:
     // whole frames that go out right behind the request, in the same write.
-    nlohmann::json request(const std::string& method, const nlohmann::json& params,
+    nlohmann::json request(const std::string& method, nlohmann::json params,
                            std::optional<uint64_t> subscribing = std::nullopt, ReplyHook onReply = {},
                            std::string following = {});
     nlohmann::json request(const std::string& method);

@@ -76,7 +76,7 @@ json withRawPaths(json out) {
     for (const char* key : {"path", "from", "to", "cursor"}) {
         auto found = out.find(key);
         if (found == out.end() || !found->is_string()) continue;
-        const std::string bytes = found->get<std::string>();
+        const std::string& bytes = found->get_ref<const std::string&>();
         if (std::optional<std::string> raw = rawPathText(bytes)) {
             *found = readablePath(bytes);
             out[std::string(key) + "_raw"] = *raw;
@@ -165,7 +165,10 @@ void decodeParams(const json& j, FsRead& c) {
 
 json encodeParams(const FsWrite& c) {
     const FileWriteOptions& o = c.options;
-    json out{{"path", c.path}, {"overwrite", o.overwrite}, {"chunk", o.chunk}, {"window", o.window}};
+    json out{{"path", c.path}, {"overwrite", o.overwrite}};
+    // Left out at their defaults, as the reader assumes: a batch repeats them for every file.
+    if (o.chunk != defaultFileChunk) out["chunk"] = o.chunk;
+    if (o.window != defaultFileWindow) out["window"] = o.window;
     putOptional(out, "size", o.size);
     putOptional(out, "expect_mtime_ns", o.expectMtimeNs);
     putOptional(out, "mode", o.mode);

@@ -93,3 +93,41 @@ TEST(ProtocolEvents, WhatIsDroppedOnTheWayIn) {
               }(), 0}))
         << "absent rev reads 0";
 }
+
+// A batch of small files repeats each file's options: what the reader assumes stays off the
+// wire, and everything else, a path that isn't UTF-8 included, reads back as it was sent.
+TEST(ProtocolFiles, AWriteReadsBackAsSentWithDefaultsLeftOff) {
+    protocol::FsWrite plain;
+    plain.path = "/x/plain";
+    plain.options.size = 5;
+    plain.options.mode = 0644;
+    plain.options.mtimeNs = "1700000000123456789";
+    plain.put = protocol::fsPutStreamBit | 3;
+    protocol::FsWrite tuned = plain;
+    tuned.path = std::string("/x/\xff\xfe-odd");
+    tuned.options.chunk = 65536;
+    tuned.options.window = 1 << 20;
+    tuned.options.overwrite = true;
+
+    protocol::FsPutBatch batch;
+    batch.files = {plain, tuned};
+    json wire = protocol::encodeParams(batch);
+    EXPECT_FALSE(wire["files"][0].contains("chunk") || wire["files"][0].contains("window")) << wire.dump();
+    EXPECT_NO_THROW((void)wire.dump()) << "the odd path goes as text the wire can carry";
+
+    auto back = protocol::decodeParams<protocol::FsPutBatch>(json::parse(wire.dump()));
+    ASSERT_EQ(back.files.size(), 2u);
+    for (size_t index = 0; index < 2; ++index) {
+        const protocol::FsWrite& sent = batch.files[index];
+        const protocol::FsWrite& read = back.files[index];
+        SCOPED_TRACE(sent.path);
+        EXPECT_EQ(read.path, sent.path);
+        EXPECT_EQ(read.options.chunk, sent.options.chunk);
+        EXPECT_EQ(read.options.window, sent.options.window);
+        EXPECT_EQ(read.options.overwrite, sent.options.overwrite);
+        EXPECT_EQ(read.options.size, sent.options.size);
+        EXPECT_EQ(read.options.mode, sent.options.mode);
+        EXPECT_EQ(read.options.mtimeNs, sent.options.mtimeNs);
+        EXPECT_EQ(read.put, sent.put);
+    }
+}
