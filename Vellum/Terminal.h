@@ -264,7 +264,9 @@ private:
     void eraseInLine(int mode, bool selective = false);
     void eraseRow(BufferLine& line, int start, int end, bool selective);
     void selectGraphicRendition(CsiParameters pars, uint64_t colonMask);
-    void applyPlainRendition(const int64_t* pars, int count);
+    // True when the pen's identifier is left for the caller to look up with `resolveStyleID`.
+    bool applyPlainRendition(const int64_t* pars, int count);
+    void resolveStyleID() { curStyleID = uint16_t(std::max(cellArena->internedIdentifier(curKey), 0)); }
     void setModes(CsiParameters pars, bool privateMode, bool value);
     void setPrivateMode(int mode, bool value);
     void deviceStatus(CsiParameters pars, bool privateMode);

@@ -200,10 +200,11 @@ static_assert(Attribute::Color::trueColor(1, 2, 3).internCode() == (trueColourCo
 } // namespace
 
 // A plain SGR (whole numbers, no colons) as the ground lane reads them: a lone 38 or 48 colour
-// or a run of codes from the table is applied to the pen's interning key, and the identifier is
-// looked up by the new key; the pen's attribute is made only when something reads it. Anything
-// else goes the general way.
-void Terminal::applyPlainRendition(const int64_t* pars, int count) {
+// or a run of codes from the table is applied to the pen's interning key; the pen's attribute is
+// made only when something reads it. Anything else goes the general way. True when the key
+// changed: its identifier is then only asked for, and the caller looks it up before the pen
+// prints or anything else interns.
+bool Terminal::applyPlainRendition(const int64_t* pars, int count) {
     using Key = InternedAttributeKey;
     Key before = curKey;
     uint64_t word0 = before.word0, word1 = before.word1;
@@ -218,17 +219,21 @@ void Terminal::applyPlainRendition(const int64_t* pars, int count) {
             const KeyEffect& effect = keyEffects[size_t(std::min<int64_t>(pars[i], keyEffectCount - 1))];
             if (effect.takesParameters) {
                 selectGraphicRendition(CsiParameters(pars, count), 0);
-                return;
+                return false;
             }
             word0 = (word0 & effect.keep) | effect.set;
             word1 &= effect.keepUnderlineColor;
         }
     }
-    if (word0 == before.word0 && word1 == before.word1) return;
+    if (word0 == before.word0 && word1 == before.word1) return false;
     curKey = Key::fromWords(word0, word1);
     penAttributeStale = true;
-    curStyleID = uint16_t(std::max(cellArena->internedIdentifier(curKey), 0));
-    if (((word0 ^ before.word0) >> Key::backgroundShift & Key::codeMask) != 0) updateEraseBlank();
+    bool backgroundChanged = ((word0 ^ before.word0) >> Key::backgroundShift & Key::codeMask) != 0;
+    cellArena->prefetchLookup(curKey);
+    // Interning stays in order with the lookup left to the caller: the codes here only set
+    // default, palette and true-colour backgrounds, whose erase blanks are inline and intern nothing.
+    if (backgroundChanged) updateEraseBlank();
+    return true;
 }
 
 // The common shapes learn whether the pen changed before they write it: comparing the whole pen
@@ -343,18 +348,38 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
     int parsCount = 0;
     size_t i = from;
     int rowEnd = -1; // the end of the last word put on the row, until the row is finished
+    bool lookupPending = false; // the pen's identifier is yet to be looked up
     auto finishRow = [&] {
         if (rowEnd >= 0) Buffer::finishAsciiWrites(*line, rowEnd);
         rowEnd = -1;
     };
+    auto resolvePending = [&] {
+        if (lookupPending) resolveStyleID();
+        lookupPending = false;
+    };
     while (i < size) {
         uint8_t b = p[i];
+        if (b - 0x20u < 0x5Fu) {
+            size_t end = ByteRunScanner::firstNonPrintableByte({p, size}, i + 1);
+            int count = int(end - i);
+            if ((end < size && p[end] >= 0x7F) || count > right - x + 1) break;
+            resolvePending();
+            buf.putAsciiCells(*line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
+            x += count;
+            rowEnd = x;
+            previousScalar = p[end - 1];
+            i = end;
+            continue;
+        }
+        resolvePending();
         if (b == laneEscape) {
             uint8_t final = 0;
             size_t end = readLaneCsi(p, i, size, pars, parsCount, final);
             if (end == 0) break;
             if (final == 'm') {
-                applyPlainRendition(pars, parsCount);
+                // Usually only the word that follows wants the new identifier: its lookup waits
+                // on memory, and reading the word meanwhile hides part of that wait.
+                lookupPending = applyPlainRendition(pars, parsCount);
                 i = end;
                 continue;
             }
@@ -363,30 +388,20 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
             dispatchCsi(final, CsiParameters(pars, parsCount), {});
             return end;
         }
-        if (b == '\r' || b == '\n') {
-            // Line ends come once a row: taken here, the lane goes on along the next row.
-            // The input ahead is asked for now, a few rows early: its pages are met one after
-            // another and would otherwise each be waited for when the scanner reaches them.
-            for (size_t ahead = laneInputLookahead; ahead < laneInputLookahead + 192; ahead += 64) __builtin_prefetch(p + i + ahead);
-            buf.x = x;
-            finishRow();
-            dispatchExecute(b);
-            line = &buf.row(buf.y);
-            right = buf.rightBound();
-            x = buf.x;
-            ++i;
-            continue;
-        }
-        if (b - 0x20u >= 0x5Fu) break;
-        size_t end = ByteRunScanner::firstNonPrintableByte({p, size}, i + 1);
-        int count = int(end - i);
-        if ((end < size && p[end] >= 0x7F) || count > right - x + 1) break;
-        buf.putAsciiCells(*line, x, p + i, count, word | uint64_t(curStyleID) << PackedCell::styleShift);
-        x += count;
-        rowEnd = x;
-        previousScalar = p[end - 1];
-        i = end;
+        if (b != '\r' && b != '\n') break;
+        // Line ends come once a row: taken here, the lane goes on along the next row.
+        // The input ahead is asked for now, a few rows early: its pages are met one after
+        // another and would otherwise each be waited for when the scanner reaches them.
+        for (size_t ahead = laneInputLookahead; ahead < laneInputLookahead + 192; ahead += 64) __builtin_prefetch(p + i + ahead);
+        buf.x = x;
+        finishRow();
+        dispatchExecute(b);
+        line = &buf.row(buf.y);
+        right = buf.rightBound();
+        x = buf.x;
+        ++i;
     }
+    resolvePending();
     buf.x = x;
     finishRow();
     return i;
