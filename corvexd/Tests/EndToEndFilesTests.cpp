@@ -727,6 +727,17 @@ json putParams(const std::string& path, uint64_t stream, uint64_t size, bool ove
     return params;
 }
 
+// One put, alone or in a batch, and how it must end.
+struct PutRow {
+    const char* name;
+    std::optional<std::string> before; // the target's bytes, if it is there
+    std::string data;
+    uint64_t size;
+    bool overwrite;
+    uint64_t stream;
+    std::optional<std::string> code; // the error, or placed
+};
+
 } // namespace
 
 TEST_F(DaemonFiles, APutIsOneRequestWithItsDataAndOneReplyUnderTheWriteRules) {
@@ -734,15 +745,7 @@ TEST_F(DaemonFiles, APutIsOneRequestWithItsDataAndOneReplyUnderTheWriteRules) {
     json features = hello(client)["features"];
     EXPECT_NE(std::find(features.begin(), features.end(), protocol::fsPutFeature), features.end());
     const uint64_t own = protocol::fsPutStreamBit;
-    struct Row {
-        const char* name;
-        std::optional<std::string> before; // the target's bytes, if it is there
-        std::string data;
-        uint64_t size;
-        bool overwrite;
-        uint64_t stream;
-        std::optional<std::string> code; // the error, or placed
-    };
+    using Row = PutRow;
     const Row rows[] = {
         {"a new file", std::nullopt, "hello", 5, false, own | 1, std::nullopt},
         {"an empty file", std::nullopt, "", 0, false, own | 2, std::nullopt},
@@ -779,15 +782,7 @@ TEST_F(DaemonFiles, ABatchAnswersEachFileAsItsOwnPutWouldAndRefusesOnlyWhatItCan
     json features = hello(client)["features"];
     EXPECT_NE(std::find(features.begin(), features.end(), protocol::fsPutBatchFeature), features.end());
     const uint64_t own = protocol::fsPutStreamBit;
-    struct Row {
-        const char* name;
-        std::optional<std::string> before; // the target's bytes, if it is there
-        std::string data;
-        uint64_t size;
-        bool overwrite;
-        uint64_t stream;
-        std::optional<std::string> code; // the error, or placed
-    };
+    using Row = PutRow;
     // Enough placed files that a group of them shares one sync, with failures among them.
     const Row rows[] = {
         {"a new file", std::nullopt, "hello", 5, false, own | 1, std::nullopt},
