@@ -1,6 +1,7 @@
 // The in-process backend on real shells, for what only real processes show: what a spawned
 // program gets, sizes reaching its terminal, and panes whose programs won't go quietly. The
-// session rules themselves are the engine's tests and the backend contract suite.
+// session rules themselves are the engine's tests and the backend contract suite (over the daemon,
+// which runs the same engine and pane host).
 #include <gtest/gtest.h>
 
 #include <chrono>

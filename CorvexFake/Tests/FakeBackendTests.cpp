@@ -33,7 +33,8 @@ using FakeBackendTest = vellum::testing::ProcessLeakCheck;
 
 } // namespace
 
-// A shell's echo through the terminal is the contract suite's; here the real process's end.
+// A shell's echo through the engine and the pane host is the contract suite's, over the daemon
+// that runs the same two; here the real process's end.
 TEST_F(FakeBackendTest, AProgramsEndIsReportedOnceWithItsStatus) {
     auto backend = FakeBackend::create();
     auto events = backend->events();

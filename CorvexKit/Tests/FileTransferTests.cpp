@@ -131,8 +131,8 @@ TEST_F(Transfers, ATreeArrivesWholeWithoutWhatCannotBeCopied) {
         seen.push_back(progress);
     });
 
-    // Contents, hidden files and links to files are held by the file contract suite; here the
-    // modes, times and the entries a copy must leave out.
+    // Contents, hidden files and links to files are held over a real daemon (DaemonFileLayer);
+    // here the modes, times and the entries a copy must leave out.
     EXPECT_FALSE(local->stat(to("tree/link-to-file")).link);
     EXPECT_EQ(readBytes(to("tree/name\xff")), "not text");
     EXPECT_EQ(local->stat(to("tree/sub/small")).mode, 0600);

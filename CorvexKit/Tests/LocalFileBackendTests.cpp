@@ -148,6 +148,14 @@ TEST_F(LocalFiles, ReadsRaiseTinyChunksAndEndEmptyPastTheEnd) {
     drain(finished.data);
     finished.cancel(); // after the end there is nothing to cancel
     EXPECT_EQ(finished.data(), std::nullopt);
+
+    // Cancelled halfway, a read must not end as if it were whole.
+    options = FileReadOptions{};
+    options.chunk = 4096;
+    FileReadStream cancelled = backend.read(at("data"), options);
+    ASSERT_TRUE(cancelled.data());
+    cancelled.cancel();
+    EXPECT_TRUE(isCancellation(failureOf([&] { while (cancelled.data()) {} })));
 }
 
 TEST_F(LocalFiles, AWriteReportsFromZeroAndASourceThatFallsShortPlacesNothing) {

@@ -179,7 +179,7 @@ TEST_F(CoreFixture, IdentifiersFollowCreationOrderAndSpawnGetsTheSplitPanesDirec
     auto sleeper = core->createTab(1, SpawnOptions{.command = std::vector<std::string>{"sleep", "100"}});
     EXPECT_EQ(host->process(sleeper.pane)->launch.launch.executable, "/bin/sleep");
     EXPECT_EQ(host->process(sleeper.pane)->launch.launch.argv0, "sleep");
-    // Unknown identifiers fail alike on both backends: BackendContract.UnknownThingsFailAlike.
+    // Unknown identifiers over the protocol: BackendContract.UnknownThingsFailAlike.
 }
 
 TEST_F(CoreFixture, SplitsHonourDirectionAndClampedRatio) {

@@ -1,5 +1,4 @@
-// One set of behaviours, run against both places sessions live: the in-process backend and
-// the protocol client on a real corvexd. A difference between the two ends fails here.
+// The session behaviours the app relies on, through the protocol client on a real corvexd.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +8,6 @@
 #include <memory>
 #include <string>
 
-#include "CorvexFake/FakeBackend.h"
 #include "CorvexKit/Tests/Support/ScratchDirectory.h"
 #include "CorvexKit/CorvexdBackend.h"
 #include "CorvexKit/Protocol.h"
@@ -23,37 +21,26 @@ using platform::testing::eventually;
 
 namespace {
 
-struct InProcess {
-    std::shared_ptr<SessionBackend> make() { return FakeBackend::create(); }
-};
+// A plain shell that reads no start-up files, so that what it prints is what a test typed.
+const SpawnOptions plainShell = [] {
+    SpawnOptions spawn = corvexd::testing::plainShell();
+    spawn.cols = 80;
+    spawn.rows = 24;
+    return spawn;
+}();
 
-struct OverTheDaemon {
-    corvexd::testing::DaemonHarness daemon;
-
-    std::shared_ptr<SessionBackend> make() {
+class BackendContract : public ::testing::Test {
+protected:
+    void SetUp() override {
         auto configuration = CorvexdBackend::Configuration::socket(daemon.socketPath(), "contract", {}, [this] {
             auto started = daemon.run({"start"});
             if (started.status != 0) throw BackendError("failed", started.err);
         });
-        return CorvexdBackend::make(configuration);
+        session = CorvexdBackend::make(configuration);
+        events = session->events();
+        session->start();
     }
-};
-
-// A plain shell that reads no start-up files, so that what it prints is what a test typed.
-const SpawnOptions plainShell{.command = std::vector<std::string>{"/bin/sh"},
-                              .env = std::map<std::string, std::string>{{"PS1", "$ "}, {"ENV", ""}},
-                              .cols = 80,
-                              .rows = 24};
-
-template <typename Side>
-class BackendContract : public ::testing::Test {
-protected:
-    void SetUp() override {
-        backend = side.make();
-        events = backend->events();
-        backend->start();
-    }
-    void TearDown() override { backend->stop(); }
+    void TearDown() override { session->stop(); }
 
     std::optional<SessionEvent> nextEvent(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
         return events->next(timeout);
@@ -68,22 +55,19 @@ protected:
     }
 
     bool screenShows(uint64_t pane, const std::string& text) {
-        return eventually([&] { return backend->paneText(pane).text().find(text) != std::string::npos; });
+        return eventually([&] { return session->paneText(pane).text().find(text) != std::string::npos; });
     }
 
     // The tab that the focus is on.
-    std::optional<uint64_t> focusedTab() { return backend->getState().focus.tab; }
+    std::optional<uint64_t> focusedTab() { return session->getState().focus.tab; }
 
-    Side side;
-    std::shared_ptr<SessionBackend> backend;
+    corvexd::testing::DaemonHarness daemon;
+    std::shared_ptr<SessionBackend> session;
     std::shared_ptr<SessionEventStream> events;
 };
 
-using Sides = ::testing::Types<InProcess, OverTheDaemon>;
-TYPED_TEST_SUITE(BackendContract, Sides);
-
-TYPED_TEST(BackendContract, HelloAnnouncesTheEngineAndTheStateFollows) {
-    auto connected = this->template nextOf<SessionEvent::Connected>();
+TEST_F(BackendContract, HelloAnnouncesTheEngineAndTheStateFollows) {
+    auto connected = nextOf<SessionEvent::Connected>();
     ASSERT_TRUE(connected);
     EXPECT_EQ(connected->hello.protocol, protocol::version);
     for (auto feature : {Hello::Feature::paneKeys, Hello::Feature::paneSearch, Hello::Feature::paneFocus,
@@ -92,13 +76,13 @@ TYPED_TEST(BackendContract, HelloAnnouncesTheEngineAndTheStateFollows) {
         EXPECT_TRUE(connected->hello.has(feature)) << Hello::wireName(feature);
     }
     EXPECT_FALSE(connected->hello.instance.empty());
-    auto state = this->template nextOf<SessionEvent::State>();
+    auto state = nextOf<SessionEvent::State>();
     ASSERT_TRUE(state);
     EXPECT_TRUE(state->state.workspaces.empty());
 }
 
-TYPED_TEST(BackendContract, TreeOperationsShapeTheSameTree) {
-    auto& backend = *this->backend;
+TEST_F(BackendContract, TreeOperationsShapeTheSameTree) {
+    SessionBackend& backend = *session;
     auto first = backend.createWorkspace("one", plainShell);
     auto second = backend.createTab(first.workspace, plainShell);
     auto split = backend.split(second.pane, Direction::down, 0.3, plainShell);
@@ -132,8 +116,8 @@ TYPED_TEST(BackendContract, TreeOperationsShapeTheSameTree) {
 }
 
 // One successor rule wherever a tab leaves: the tab before it, or the next when it was first.
-TYPED_TEST(BackendContract, ALeavingActiveTabHandsOverToItsPredecessor) {
-    auto& backend = *this->backend;
+TEST_F(BackendContract, ALeavingActiveTabHandsOverToItsPredecessor) {
+    SessionBackend& backend = *session;
     auto work = backend.createWorkspace("work", plainShell);
     auto b = backend.createTab(work.workspace, plainShell);
     auto c = backend.createTab(work.workspace, plainShell);
@@ -141,11 +125,11 @@ TYPED_TEST(BackendContract, ALeavingActiveTabHandsOverToItsPredecessor) {
 
     backend.focus(FocusTarget::tab(c.tab));
     backend.closeTab(c.tab);
-    EXPECT_EQ(this->focusedTab(), b.tab) << "the focused tab closed";
+    EXPECT_EQ(focusedTab(), b.tab) << "the focused tab closed";
 
     backend.focus(FocusTarget::tab(work.tab));
     backend.closeTab(work.tab);
-    EXPECT_EQ(this->focusedTab(), b.tab) << "the first tab closed";
+    EXPECT_EQ(focusedTab(), b.tab) << "the first tab closed";
 
     // In a workspace out of focus.
     auto other = backend.createWorkspace("other", plainShell);
@@ -160,8 +144,8 @@ TYPED_TEST(BackendContract, ALeavingActiveTabHandsOverToItsPredecessor) {
     EXPECT_EQ(backend.getState().workspace(other.workspace)->activeTab, other.tab);
 }
 
-TYPED_TEST(BackendContract, UnknownThingsFailAlike) {
-    auto& backend = *this->backend;
+TEST_F(BackendContract, UnknownThingsFailAlike) {
+    SessionBackend& backend = *session;
     auto made = backend.createWorkspace("w", plainShell);
     expectError([&] { backend.closePane(99); }, "not_found", "no pane 99");
     expectError([&] { backend.closeTab(99); }, "not_found", "no tab 99");
@@ -193,11 +177,11 @@ TYPED_TEST(BackendContract, UnknownThingsFailAlike) {
     }
 }
 
-TYPED_TEST(BackendContract, NamedKeysReachTheShell) {
-    auto& backend = *this->backend;
+TEST_F(BackendContract, NamedKeysReachTheShell) {
+    SessionBackend& backend = *session;
     auto made = backend.createWorkspace("keys", plainShell);
     backend.sendKeys(made.pane, std::string("echo sum-$((6*7))"), {"Enter"});
-    EXPECT_TRUE(this->screenShows(made.pane, "sum-42"));
+    EXPECT_TRUE(screenShows(made.pane, "sum-42"));
 
     // Control-C interrupts the program in the foreground, and the shell takes the next line.
     // The line cat copies shows twice once cat runs: typed, then copied.
@@ -217,14 +201,14 @@ TYPED_TEST(BackendContract, NamedKeysReachTheShell) {
         return interrupted != std::string::npos && text.find("\n$ ", interrupted) != std::string::npos;
     })) << backend.paneText(made.pane).text();
     backend.sendKeys(made.pane, std::string("echo after-$((1+1))"), {"enter"});
-    EXPECT_TRUE(this->screenShows(made.pane, "after-2")) << backend.paneText(made.pane).text();
+    EXPECT_TRUE(screenShows(made.pane, "after-2")) << backend.paneText(made.pane).text();
 }
 
-TYPED_TEST(BackendContract, TextAndSearchReadTheTerminal) {
-    auto& backend = *this->backend;
+TEST_F(BackendContract, TextAndSearchReadTheTerminal) {
+    SessionBackend& backend = *session;
     auto made = backend.createWorkspace("text", plainShell);
     backend.sendKeys(made.pane, std::string("printf 'alpha\\nbeta-%d\\n' 1 2"), {"Enter"});
-    ASSERT_TRUE(this->screenShows(made.pane, "beta-2"));
+    ASSERT_TRUE(screenShows(made.pane, "beta-2"));
 
     auto text = backend.paneText(made.pane);
     EXPECT_EQ(text.cols, 80);
@@ -240,17 +224,17 @@ TYPED_TEST(BackendContract, TextAndSearchReadTheTerminal) {
 
 // A subscriber gets a snapshot of the screen and then the live output, gapless from the
 // snapshot's position.
-TYPED_TEST(BackendContract, ASubscribeStartsWithASnapshotAndContinuesLive) {
-    auto& backend = *this->backend;
+TEST_F(BackendContract, ASubscribeStartsWithASnapshotAndContinuesLive) {
+    SessionBackend& backend = *session;
     auto made = backend.createWorkspace("watch", plainShell);
     backend.sendKeys(made.pane, std::string("echo before-$((2+2))"), {"Enter"});
-    ASSERT_TRUE(this->screenShows(made.pane, "before-4"));
+    ASSERT_TRUE(screenShows(made.pane, "before-4"));
 
     auto subscription = backend.subscribe(made.pane, std::nullopt, 100);
     EXPECT_EQ(subscription.mode, Subscription::Mode::snapshot);
     std::optional<SessionEvent::Snapshot> snapshot;
     while (!snapshot) {
-        auto event = this->nextEvent();
+        auto event = nextEvent();
         ASSERT_TRUE(event) << "no snapshot";
         if (auto* s = event->template as<SessionEvent::Snapshot>(); s && s->pane == made.pane) snapshot = *s;
     }
@@ -262,7 +246,7 @@ TYPED_TEST(BackendContract, ASubscribeStartsWithASnapshotAndContinuesLive) {
     uint64_t next = snapshot->seq;
     std::string live;
     while (live.find("after-6") == std::string::npos) {
-        auto event = this->nextEvent();
+        auto event = nextEvent();
         ASSERT_TRUE(event) << "live output stopped at " << next;
         auto* output = event->template as<SessionEvent::Output>();
         if (!output || output->pane != made.pane) continue;
@@ -276,9 +260,9 @@ TYPED_TEST(BackendContract, ASubscribeStartsWithASnapshotAndContinuesLive) {
 }
 
 // Both sides read an agent off its terminal and follow the pane's repository, by one engine.
-TYPED_TEST(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
-    auto& backend = *this->backend;
-    auto connected = this->template nextOf<SessionEvent::Connected>();
+TEST_F(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
+    SessionBackend& backend = *session;
+    auto connected = nextOf<SessionEvent::Connected>();
     ASSERT_TRUE(connected);
     EXPECT_TRUE(connected->hello.has(Hello::Feature::agents));
     EXPECT_TRUE(connected->hello.has(Hello::Feature::git));
@@ -288,7 +272,7 @@ TYPED_TEST(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
     scratch.writeExecutable("bin/codex", "#!/bin/sh\nsleep 1\necho 'Run the migration now? (y/n)'\nread answer\n");
     auto made = backend.createWorkspace("agent", plainShell);
     auto agent = [&] { return backend.getState().pane(made.pane)->agent; };
-    ASSERT_TRUE(this->screenShows(made.pane, "$ ")) << "typed before its prompt, a line lands after it";
+    ASSERT_TRUE(screenShows(made.pane, "$ ")) << "typed before its prompt, a line lands after it";
     backend.sendKeys(made.pane, "PATH=" + scratch.file("bin") + ":$PATH codex", {"Enter"});
     ASSERT_TRUE(eventually([&] { return agent() && agent()->attention.value_or(false); }));
     EXPECT_EQ(agent()->kind, "codex");
@@ -317,20 +301,20 @@ TYPED_TEST(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
 
 // What a program reports through its terminal reaches the session: copied text only those
 // watching its pane, a folder, a title and a bell; and the folder the shell moves to.
-TYPED_TEST(BackendContract, WhatAProgramReportsReachesTheSession) {
-    auto& backend = *this->backend;
+TEST_F(BackendContract, WhatAProgramReportsReachesTheSession) {
+    SessionBackend& backend = *session;
     auto made = backend.createWorkspace("copy", plainShell);
     backend.sendKeys(made.pane, std::string("printf '\\033]52;c;bm9ib2R5\\007'; echo unseen-$((1+1))"), {"Enter"});
-    ASSERT_TRUE(this->screenShows(made.pane, "unseen-2"));
+    ASSERT_TRUE(screenShows(made.pane, "unseen-2"));
     backend.subscribe(made.pane);
     backend.sendKeys(made.pane, std::string("printf '\\033]52;c;aGVsbG8=\\007'"), {"Enter"});
-    auto copied = this->template nextOf<SessionEvent::Clipboard>();
+    auto copied = nextOf<SessionEvent::Clipboard>();
     ASSERT_TRUE(copied);
     EXPECT_EQ(copied->pane, made.pane);
     EXPECT_EQ(copied->text, "hello") << "what was copied before the subscribe is not told";
 
     auto paneBecomes = [&](const std::function<bool(const Pane&)>& match) {
-        return this->template nextOf<SessionEvent::PaneChanged>([&](const SessionEvent::PaneChanged& changed) {
+        return nextOf<SessionEvent::PaneChanged>([&](const SessionEvent::PaneChanged& changed) {
             return changed.pane.id == made.pane && match(changed.pane);
         }).has_value();
     };
@@ -341,7 +325,7 @@ TYPED_TEST(BackendContract, WhatAProgramReportsReachesTheSession) {
     backend.sendKeys(made.pane, std::string("printf '\\033]2;build\\007'"), {"Enter"});
     EXPECT_TRUE(paneBecomes([](const Pane& pane) { return pane.title == "build"; }));
     backend.sendKeys(made.pane, std::string("printf '\\007'"), {"Enter"});
-    EXPECT_TRUE(this->template nextOf<SessionEvent::Bell>());
+    EXPECT_TRUE(nextOf<SessionEvent::Bell>());
 }
 
 } // namespace

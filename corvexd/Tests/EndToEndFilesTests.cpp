@@ -43,105 +43,101 @@ std::vector<std::string> names(const std::vector<FileEntry>& entries) {
     return found;
 }
 
-struct ThisComputer {
-    std::shared_ptr<FileBackend> make(corvex::testing::ScratchDirectory&) { return std::make_shared<LocalFileBackend>(); }
-};
-
-struct OverTheDaemon {
-    DaemonHarness daemon;
-    std::shared_ptr<CorvexdBackend> connection;
-
-    std::shared_ptr<FileBackend> make(corvex::testing::ScratchDirectory&) {
-        daemon.serve();
-        connection = daemon.connect("files");
-        return CorvexdFileBackend::attach(connection);
-    }
-};
-
-template <typename Side>
-class FileContract : public ::testing::Test {
+class DaemonFiles : public ::testing::Test {
 protected:
-    void SetUp() override { files = side.make(scratch); }
+    void SetUp() override { daemon.serve(); }
+
+    std::shared_ptr<CorvexdFileBackend> connect() { return CorvexdFileBackend::attach(daemon.connect("files")); }
     std::string at(const std::string& name) const { return scratch.file(name); }
 
+    json hello(corvexd::testing::RawClient& client) {
+        return client.request("hello", json{{"protocol", 1}, {"client", "raw"}}).value()["result"];
+    }
+
+    DaemonHarness daemon;
     corvex::testing::ScratchDirectory scratch;
-    Side side;
-    std::shared_ptr<FileBackend> files;
 };
 
-using Sides = ::testing::Types<ThisComputer, OverTheDaemon>;
-TYPED_TEST_SUITE(FileContract, Sides);
+// The daemon's file layer, checked against the file itself.
+class DaemonFileLayer : public DaemonFiles {
+protected:
+    void SetUp() override {
+        DaemonFiles::SetUp();
+        layer = connect();
+    }
+    std::shared_ptr<FileBackend> layer;
+};
 
 } // namespace
 
-TYPED_TEST(FileContract, EntriesListingsAndPagesAreTheSame) {
-    auto& files = *this->files;
-    writeBytes(this->at("text"), "hello\n");
-    writeBytes(this->at("binary"), std::string("a\0b", 3));
-    ::symlink("text", this->at("link").c_str());
-    ::symlink("nowhere", this->at("dangling").c_str());
-    writeBytes(this->at(".hidden"), "x");
+TEST_F(DaemonFileLayer, EntriesListingsAndPagesAreTheSame) {
+    FileBackend& files = *layer;
+    writeBytes(at("text"), "hello\n");
+    writeBytes(at("binary"), std::string("a\0b", 3));
+    ::symlink("text", at("link").c_str());
+    ::symlink("nowhere", at("dangling").c_str());
+    writeBytes(at(".hidden"), "x");
 
-    FileEntry text = files.stat(this->at("text"));
+    FileEntry text = files.stat(at("text"));
     EXPECT_EQ(text.type, FileType::file);
     EXPECT_EQ(text.size, 6u);
     EXPECT_EQ(text.text, true);
-    EXPECT_EQ(files.stat(this->at("binary")).text, false);
-    FileEntry link = files.stat(this->at("link"));
+    EXPECT_EQ(files.stat(at("binary")).text, false);
+    FileEntry link = files.stat(at("link"));
     EXPECT_TRUE(link.link);
     EXPECT_EQ(link.target, "text");
     EXPECT_EQ(link.size, 6u);
-    EXPECT_EQ(files.stat(this->at("dangling")).type, FileType::other);
+    EXPECT_EQ(files.stat(at("dangling")).type, FileType::other);
     EXPECT_EQ(files.stat("/").name, "/");
-    EXPECT_EQ(files.stat(this->at("text")), LocalFileBackend().stat(this->at("text"))) << "the same entry, exactly";
+    EXPECT_EQ(files.stat(at("text")), LocalFileBackend().stat(at("text"))) << "the same entry, exactly";
 
-    EXPECT_EQ(names(files.list(this->scratch.path(), false, {}, {}).entries),
+    EXPECT_EQ(names(files.list(scratch.path(), false, {}, {}).entries),
               (std::vector<std::string>{"binary", "dangling", "link", "text"}));
-    FileListing first = files.list(this->scratch.path(), true, 2, {});
+    FileListing first = files.list(scratch.path(), true, 2, {});
     EXPECT_EQ(names(first.entries), (std::vector<std::string>{".hidden", "binary"}));
     EXPECT_EQ(first.next, "binary");
-    auto [dir, all] = listAll(files, this->scratch.path(), true);
+    auto [dir, all] = listAll(files, scratch.path(), true);
     EXPECT_EQ(all.size(), 5u);
-    EXPECT_EQ(dir.path, this->scratch.path());
+    EXPECT_EQ(dir.path, scratch.path());
 
-    EXPECT_EQ(failureOf([&] { files.stat(this->at("missing")); }).code(), "not_found");
-    EXPECT_EQ(failureOf([&] { files.list(this->at("text"), false, {}, {}); }).code(), "not_a_directory");
+    EXPECT_EQ(failureOf([&] { files.stat(at("missing")); }).code(), "not_found");
+    EXPECT_EQ(failureOf([&] { files.list(at("text"), false, {}, {}); }).code(), "not_a_directory");
     EXPECT_EQ(failureOf([&] { files.stat("relative"); }).code(), "bad_request");
 }
 
-TYPED_TEST(FileContract, DirectoriesAttributesRenamesRemovalAndSpace) {
-    auto& files = *this->files;
-    EXPECT_TRUE(files.mkdir(this->at("a/b/c"), true).isDirectory());
-    EXPECT_EQ(failureOf([&] { files.mkdir(this->at("a"), false); }).code(), "exists");
-    EXPECT_EQ(failureOf([&] { files.mkdir(this->at("x/y"), false); }).code(), "not_found");
+TEST_F(DaemonFileLayer, DirectoriesAttributesRenamesRemovalAndSpace) {
+    FileBackend& files = *layer;
+    EXPECT_TRUE(files.mkdir(at("a/b/c"), true).isDirectory());
+    EXPECT_EQ(failureOf([&] { files.mkdir(at("a"), false); }).code(), "exists");
+    EXPECT_EQ(failureOf([&] { files.mkdir(at("x/y"), false); }).code(), "not_found");
 
-    writeBytes(this->at("f"), "data");
-    FileEntry changed = files.setattr(this->at("f"), std::string("1000000000123456789"), 0640);
+    writeBytes(at("f"), "data");
+    FileEntry changed = files.setattr(at("f"), std::string("1000000000123456789"), 0640);
     EXPECT_EQ(changed.mtimeNs, "1000000000123456789");
     EXPECT_EQ(changed.mode, 0640);
-    BackendError bad = failureOf([&] { files.setattr(this->at("f"), std::string("abc"), {}); });
+    BackendError bad = failureOf([&] { files.setattr(at("f"), std::string("abc"), {}); });
     EXPECT_EQ(bad.code(), "bad_request");
     EXPECT_EQ(bad.message(), "bad mtime_ns abc");
 
-    writeBytes(this->at("g"), "other");
-    EXPECT_EQ(failureOf([&] { files.rename(this->at("f"), this->at("g"), false); }).code(), "exists");
-    EXPECT_EQ(files.rename(this->at("f"), this->at("g"), true).size, 4u);
-    EXPECT_EQ(failureOf([&] { files.remove(this->at("a"), false); }).code(), "not_empty");
-    files.remove(this->at("a"), true);
-    EXPECT_FALSE(fsys::exists(this->at("a")));
-    EXPECT_GT(files.statfs(this->scratch.path()).total, 0u);
+    writeBytes(at("g"), "other");
+    EXPECT_EQ(failureOf([&] { files.rename(at("f"), at("g"), false); }).code(), "exists");
+    EXPECT_EQ(files.rename(at("f"), at("g"), true).size, 4u);
+    EXPECT_EQ(failureOf([&] { files.remove(at("a"), false); }).code(), "not_empty");
+    files.remove(at("a"), true);
+    EXPECT_FALSE(fsys::exists(at("a")));
+    EXPECT_GT(files.statfs(scratch.path()).total, 0u);
 }
 
-TYPED_TEST(FileContract, ReadsWholeRangedAndRefusesWhatChanged) {
-    auto& files = *this->files;
+TEST_F(DaemonFileLayer, ReadsWholeRangedAndRefusesWhatChanged) {
+    FileBackend& files = *layer;
     std::string bytes = patternBytes((1 << 20) + 123);
-    writeBytes(this->at("big"), bytes);
-    FileEntry entry = files.stat(this->at("big"));
+    writeBytes(at("big"), bytes);
+    FileEntry entry = files.stat(at("big"));
 
     FileReadOptions small;
     small.chunk = 65536;
     small.window = 262144; // many acknowledgements on the way
-    FileReadStream whole = files.read(this->at("big"), small);
+    FileReadStream whole = files.read(at("big"), small);
     EXPECT_EQ(whole.size, bytes.size());
     EXPECT_EQ(whole.mtimeNs, entry.mtimeNs);
     EXPECT_EQ(drain(whole.data), bytes);
@@ -149,32 +145,32 @@ TYPED_TEST(FileContract, ReadsWholeRangedAndRefusesWhatChanged) {
     FileReadOptions range;
     range.offset = 1000;
     range.length = 5000;
-    FileReadStream part = files.read(this->at("big"), range);
+    FileReadStream part = files.read(at("big"), range);
     EXPECT_EQ(part.offset, 1000u);
     EXPECT_EQ(drain(part.data), bytes.substr(1000, 5000));
 
-    writeBytes(this->at("empty"), "");
-    FileReadStream empty = files.read(this->at("empty"), {});
+    writeBytes(at("empty"), "");
+    FileReadStream empty = files.read(at("empty"), {});
     EXPECT_EQ(drain(empty.data), "");
 
     FileReadOptions expecting;
     expecting.expectSize = bytes.size() + 1;
-    EXPECT_EQ(failureOf([&] { files.read(this->at("big"), expecting); }).code(), "changed");
+    EXPECT_EQ(failureOf([&] { files.read(at("big"), expecting); }).code(), "changed");
     expecting = {};
     expecting.expectMtimeNs = "1";
-    EXPECT_EQ(failureOf([&] { files.read(this->at("big"), expecting); }).code(), "changed");
-    EXPECT_EQ(failureOf([&] { files.read(this->scratch.path(), {}); }).code(), "is_a_directory");
-    ::mkfifo(this->at("fifo").c_str(), 0600);
-    EXPECT_EQ(failureOf([&] { files.read(this->at("fifo"), {}); }).code(), "bad_request");
+    EXPECT_EQ(failureOf([&] { files.read(at("big"), expecting); }).code(), "changed");
+    EXPECT_EQ(failureOf([&] { files.read(scratch.path(), {}); }).code(), "is_a_directory");
+    ::mkfifo(at("fifo").c_str(), 0600);
+    EXPECT_EQ(failureOf([&] { files.read(at("fifo"), {}); }).code(), "bad_request");
 }
 
-TYPED_TEST(FileContract, ACancelledReadEndsWithACancellation) {
-    auto& files = *this->files;
-    writeBytes(this->at("big"), patternBytes(8 << 20));
+TEST_F(DaemonFileLayer, ACancelledReadEndsWithACancellation) {
+    FileBackend& files = *layer;
+    writeBytes(at("big"), patternBytes(8 << 20));
     FileReadOptions options;
     options.chunk = 65536;
     options.window = 262144;
-    FileReadStream stream = files.read(this->at("big"), options);
+    FileReadStream stream = files.read(at("big"), options);
     ASSERT_TRUE(stream.data());
     stream.cancel();
     stream.cancel();
@@ -187,8 +183,8 @@ TYPED_TEST(FileContract, ACancelledReadEndsWithACancellation) {
     }
 }
 
-TYPED_TEST(FileContract, WritesPlaceWholeFilesAndRefuseToReplace) {
-    auto& files = *this->files;
+TEST_F(DaemonFileLayer, WritesPlaceWholeFilesAndRefuseToReplace) {
+    FileBackend& files = *layer;
     std::string bytes = patternBytes(700000, 3);
     MemorySource source(bytes, "v1", 100000); // blocks that don't match the chunk
     FileWriteOptions options;
@@ -199,33 +195,33 @@ TYPED_TEST(FileContract, WritesPlaceWholeFilesAndRefuseToReplace) {
     options.window = 262144;
     std::vector<uint64_t> progress;
     std::mutex progressLock;
-    FileEntry placed = files.write(this->at("out"), options, source, [&](uint64_t done) {
+    FileEntry placed = files.write(at("out"), options, source, [&](uint64_t done) {
         std::lock_guard guard(progressLock);
         progress.push_back(done);
     });
-    EXPECT_EQ(readBytes(this->at("out")), bytes);
+    EXPECT_EQ(readBytes(at("out")), bytes);
     EXPECT_EQ(placed.mode, 0600);
     EXPECT_EQ(placed.mtimeNs, "1500000000000000000");
     EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
     ASSERT_FALSE(progress.empty());
     EXPECT_EQ(progress.back(), bytes.size());
-    EXPECT_TRUE(stagingFiles(this->scratch.path()).empty());
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
 
     MemorySource again("new");
-    EXPECT_EQ(failureOf([&] { files.write(this->at("out"), {}, again, {}); }).code(), "exists");
-    EXPECT_EQ(readBytes(this->at("out")), bytes);
+    EXPECT_EQ(failureOf([&] { files.write(at("out"), {}, again, {}); }).code(), "exists");
+    EXPECT_EQ(readBytes(at("out")), bytes);
     FileWriteOptions replace;
     replace.overwrite = true;
-    files.write(this->at("out"), replace, again, {});
-    EXPECT_EQ(readBytes(this->at("out")), "new");
+    files.write(at("out"), replace, again, {});
+    EXPECT_EQ(readBytes(at("out")), "new");
 
     MemorySource nothing("");
-    EXPECT_EQ(files.write(this->at("empty"), {}, nothing, {}).size, 0u);
-    EXPECT_EQ(failureOf([&] { files.write(this->scratch.path(), replace, nothing, {}); }).code(), "is_a_directory");
+    EXPECT_EQ(files.write(at("empty"), {}, nothing, {}).size, 0u);
+    EXPECT_EQ(failureOf([&] { files.write(scratch.path(), replace, nothing, {}); }).code(), "is_a_directory");
 }
 
-TYPED_TEST(FileContract, ABrokenResumableWriteContinuesWhereItStopped) {
-    auto& files = *this->files;
+TEST_F(DaemonFileLayer, ABrokenResumableWriteContinuesWhereItStopped) {
+    FileBackend& files = *layer;
     std::string bytes = patternBytes(600000, 5);
     FileWriteOptions options;
     options.size = bytes.size();
@@ -235,23 +231,23 @@ TYPED_TEST(FileContract, ABrokenResumableWriteContinuesWhereItStopped) {
     options.window = 1 << 20;
     MemorySource broken(bytes, "v1", 65536);
     broken.failAfter = 300000;
-    EXPECT_EQ(failureOf([&] { files.write(this->at("out"), options, broken, {}); }).code(), "disconnected");
-    EXPECT_FALSE(fsys::exists(this->at("out")));
+    EXPECT_EQ(failureOf([&] { files.write(at("out"), options, broken, {}); }).code(), "disconnected");
+    EXPECT_FALSE(fsys::exists(at("out")));
     // The daemon sees the cancel after what was sent; what it kept is where the next one starts.
-    ASSERT_TRUE(eventually([&] { return stagingFiles(this->scratch.path()).size() == 2; }));
+    ASSERT_TRUE(eventually([&] { return stagingFiles(scratch.path()).size() == 2; }));
 
     MemorySource rest(bytes, "v1", 65536);
-    files.write(this->at("out"), options, rest, {});
+    files.write(at("out"), options, rest, {});
     ASSERT_EQ(rest.openedAt.size(), 1u);
     EXPECT_GT(rest.openedAt[0], 0u) << "continued, not started again";
     EXPECT_LE(rest.openedAt[0], 300000u);
-    EXPECT_EQ(readBytes(this->at("out")), bytes);
-    EXPECT_TRUE(stagingFiles(this->scratch.path()).empty());
+    EXPECT_EQ(readBytes(at("out")), bytes);
+    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
 }
 
-TYPED_TEST(FileContract, ATreeCopiesWithItsHiddenFilesAndWithoutLinksToFoldersOrFifos) {
-    auto& files = this->files;
-    std::string from = this->at("from");
+TEST_F(DaemonFileLayer, ATreeCopiesWithItsHiddenFilesAndWithoutLinksToFoldersOrFifos) {
+    std::shared_ptr<FileBackend> files = layer;
+    std::string from = at("from");
     fsys::create_directories(from + "/sub/deeper");
     writeBytes(from + "/top", patternBytes(300000, 7));
     writeBytes(from + "/.hidden", "secret");
@@ -259,11 +255,11 @@ TYPED_TEST(FileContract, ATreeCopiesWithItsHiddenFilesAndWithoutLinksToFoldersOr
     ::symlink("top", (from + "/link-to-file").c_str());
     ::symlink("sub", (from + "/link-to-dir").c_str());
     ::mkfifo((from + "/fifo").c_str(), 0600);
-    fsys::create_directories(this->at("to"));
+    fsys::create_directories(at("to"));
 
     FileTransfer copy(std::make_shared<LocalFileBackend>(), files);
-    copy.copy({from}, this->at("to"), FileTransfer::Conflict::fail);
-    std::string into = this->at("to/from");
+    copy.copy({from}, at("to"), FileTransfer::Conflict::fail);
+    std::string into = at("to/from");
     EXPECT_EQ(readBytes(into + "/top"), readBytes(from + "/top"));
     EXPECT_EQ(readBytes(into + "/.hidden"), "secret");
     EXPECT_EQ(readBytes(into + "/sub/deeper/leaf"), "leaf");
@@ -271,14 +267,14 @@ TYPED_TEST(FileContract, ATreeCopiesWithItsHiddenFilesAndWithoutLinksToFoldersOr
     EXPECT_FALSE(fsys::exists(fsys::symlink_status(into + "/link-to-dir")));
     EXPECT_FALSE(fsys::exists(fsys::symlink_status(into + "/fifo")));
     EXPECT_EQ(copy.progress().totalFiles, 4);
-    EXPECT_TRUE(stagingFiles(this->at("to")).empty());
+    EXPECT_TRUE(stagingFiles(at("to")).empty());
 
     // Back again, from the daemon's side to this computer's.
-    fsys::create_directories(this->at("back"));
+    fsys::create_directories(at("back"));
     FileTransfer back(files, std::make_shared<LocalFileBackend>());
-    back.copy({into}, this->at("back"), FileTransfer::Conflict::fail);
-    EXPECT_EQ(readBytes(this->at("back/from/top")), readBytes(from + "/top"));
-    EXPECT_EQ(readBytes(this->at("back/from/sub/deeper/leaf")), "leaf");
+    back.copy({into}, at("back"), FileTransfer::Conflict::fail);
+    EXPECT_EQ(readBytes(at("back/from/top")), readBytes(from + "/top"));
+    EXPECT_EQ(readBytes(at("back/from/sub/deeper/leaf")), "leaf");
 }
 
 // ---------------------------------------------------------------- the daemon's own duties
@@ -336,20 +332,6 @@ uint64_t stagedBytes(const std::string& directory) {
     return 0;
 }
 
-class DaemonFiles : public ::testing::Test {
-protected:
-    void SetUp() override { daemon.serve(); }
-
-    std::shared_ptr<CorvexdFileBackend> connect() { return CorvexdFileBackend::attach(daemon.connect("files")); }
-    std::string at(const std::string& name) const { return scratch.file(name); }
-
-    json hello(corvexd::testing::RawClient& client) {
-        return client.request("hello", json{{"protocol", 1}, {"client", "raw"}}).value()["result"];
-    }
-
-    DaemonHarness daemon;
-    corvex::testing::ScratchDirectory scratch;
-};
 
 json writeParams(const std::string& path, std::optional<std::string> upload = std::nullopt) {
     json params{{"path", path}, {"overwrite", false}, {"chunk", 65536}, {"window", 1 << 20}};

@@ -87,10 +87,39 @@ TEST(CorvexdServer, RequestsAreAnsweredByIdAndBadOnesWithErrors) {
     EXPECT_EQ(client.replies()[2]["id"], 77);
     EXPECT_EQ(errorCode(client.replies()[3]), "bad_request");
 
-    // Unknown frame kinds and input for panes that don't exist leave the connection alone.
+    // Parameters of the wrong kind, or none at all, are the client's fault; a method's own
+    // failure keeps its code.
+    EXPECT_EQ(errorCode(client.request("pane.subscribe", {{"pane", "seven"}})), "bad_request");
+    EXPECT_EQ(errorCode(client.request("pane.subscribe")), "bad_request");
+    EXPECT_EQ(errorCode(client.request("pane.subscribe", {{"pane", 424242}})), "not_found");
+    client.drain(200ms);
+    EXPECT_TRUE(client.outputs().empty()) << "a failed request sends nothing after its reply";
+
+    // Unknown frame kinds, input frames too short for their header and input for panes that
+    // don't exist leave the connection alone.
     ASSERT_TRUE(client.sendBytes(corvex::makeFrame(static_cast<corvex::FrameType>(42), "future")));
+    ASSERT_TRUE(client.sendBytes(corvex::makeFrame(corvex::FrameType::input, "short")));
     ASSERT_TRUE(client.sendBytes(corvex::makeInputFrame(12345, "echo hi\r")));
     EXPECT_TRUE(client.request("ping"));
+}
+
+TEST(CorvexdServer, PaneBytesFollowTheSubscribeReplyAndStopAtUnsubscribe) {
+    DaemonHarness daemon;
+    ASSERT_EQ(daemon.run({"start"}).status, 0);
+    RawClient leaving(daemon.socketPath()), staying(daemon.socketPath()), typist(daemon.socketPath());
+    uint64_t pane = createPane(typist, shell());
+    for (RawClient* watcher : {&leaving, &staying}) result(watcher->request("pane.subscribe", {{"pane", pane}}));
+    ASSERT_TRUE(typist.sendBytes(corvex::makeInputFrame(pane, "echo one$((1))\r")));
+    ASSERT_TRUE(leaving.untilOutput(pane, "one1"));
+    EXPECT_GE(leaving.outputs().front().afterReplies, 1u) << "the reply comes before the subscription's bytes";
+
+    result(leaving.request("pane.unsubscribe", {{"pane", pane}}));
+    ASSERT_TRUE(typist.sendBytes(corvex::makeInputFrame(pane, "echo two$((1))\r")));
+    ASSERT_TRUE(staying.untilOutput(pane, "two1"));
+    leaving.drain(300ms);
+    EXPECT_EQ(leaving.outputOf(pane).find("two1"), std::string::npos);
+    typist.drain(100ms);
+    EXPECT_TRUE(typist.outputs().empty()) << "bytes only for those that subscribed";
 }
 
 TEST(CorvexdServer, AClientThatBreaksTheProtocolIsClosedAlone) {
