@@ -1,5 +1,6 @@
 #include "Platform/ProcessInfo.h"
 #include "Platform/Tests/Support/Eventually.h"
+#include "Platform/Tests/Support/ScopedEnvironment.h"
 #include "Vellum/LocalProcess.h"
 #include "Vellum/LocalProcessChildReaper.h"
 #include "Vellum/PseudoTerminalHelpers.h"
@@ -113,9 +114,7 @@ TEST_F(LocalProcessTest, ExitCodesAndRefusedStarts) {
 
 TEST_F(LocalProcessTest, ChildSeesItsNameDirectorySizeAndEnvironment) {
     std::string folder = fs::canonical(fs::temp_directory_path()).string();
-    const char* user = std::getenv("USER");
-    std::string savedUser = user ? user : "";
-    setenv("USER", "corvex-test", 1);
+    platform::testing::ScopedEnvironment user("USER", "corvex-test");
     auto process = LocalProcess::create(recorder);
     // A login shell is told so by a "-" in front of its name.
     ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "echo \"name=$0\"; stty size; pwd"}, std::nullopt,
@@ -139,11 +138,6 @@ TEST_F(LocalProcessTest, ChildSeesItsNameDirectorySizeAndEnvironment) {
         ++users;
     }
     EXPECT_EQ(users, 2u) << "the default environment names USER twice";
-    if (user) {
-        setenv("USER", savedUser.c_str(), 1);
-    } else {
-        unsetenv("USER");
-    }
 
     // A given environment is used as it is, and the running child's directory can be read.
     ASSERT_EQ(process->startProcessChecked("/bin/sh", {"-c", "echo \"[$TERM][$HOME]\"; exec cat"},

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <sys/wait.h>
@@ -25,61 +26,51 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Collects what the pipeline parses, in order, with the thread it came on.
+// Collects what the pipeline parses, in order, and the ends of file it is told of.
 class Collector : public TerminalFeedTarget {
 public:
+    struct Seen {
+        std::string text;
+        size_t deliveries = 0;
+        int eofs = 0;
+        bool bytesAfterEOF = false;
+    };
+
     void feed(std::span<const unsigned char> bytes) override {
         lock->preconditionLocked();
-        std::lock_guard guard(mutex_);
-        text_.append(bytes.begin(), bytes.end());
-        ++deliveries_;
-        if (eofSeen_) bytesAfterEOF_ = true;
-        changed_.notify_all();
+        update([&](Seen& seen) {
+            seen.text.append(bytes.begin(), bytes.end());
+            ++seen.deliveries;
+            seen.bytesAfterEOF |= seen.eofs > 0;
+        });
     }
-    void reachedEOF() {
-        std::lock_guard guard(mutex_);
-        ++eofs_;
-        eofSeen_ = true;
-        changed_.notify_all();
-    }
-    template <typename Pred>
-    bool waitFor(Pred pred, std::chrono::milliseconds timeout = 10s) {
+    void reachedEOF() { update([](Seen& seen) { ++seen.eofs; }); }
+    bool waitFor(const std::function<bool(const Seen&)>& done, std::chrono::milliseconds timeout = 10s) {
         std::unique_lock guard(mutex_);
-        return changed_.wait_for(guard, timeout, [&] { return pred(); });
+        return changed_.wait_for(guard, timeout, [&] { return done(seen_); });
     }
     bool waitForText(const std::string& text) {
-        return waitFor([&] { return text_.find(text) != std::string::npos; });
+        return waitFor([&](const Seen& seen) { return seen.text.find(text) != std::string::npos; });
     }
-    bool waitForEOF() {
-        return waitFor([&] { return eofs_ > 0; });
-    }
-    std::string text() {
+    bool waitForEOF() { return waitFor([](const Seen& seen) { return seen.eofs > 0; }); }
+    Seen seen() {
         std::lock_guard guard(mutex_);
-        return text_;
+        return seen_;
     }
-    size_t deliveries() {
-        std::lock_guard guard(mutex_);
-        return deliveries_;
-    }
-    int eofs() {
-        std::lock_guard guard(mutex_);
-        return eofs_;
-    }
-    bool bytesAfterEOF() {
-        std::lock_guard guard(mutex_);
-        return bytesAfterEOF_;
-    }
+    std::string text() { return seen().text; }
 
     std::shared_ptr<TerminalLock> lock = std::make_shared<TerminalLock>();
 
 private:
+    void update(const std::function<void(Seen&)>& change) {
+        std::lock_guard guard(mutex_);
+        change(seen_);
+        changed_.notify_all();
+    }
+
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::string text_;
-    size_t deliveries_ = 0;
-    int eofs_ = 0;
-    bool eofSeen_ = false;
-    bool bytesAfterEOF_ = false;
+    Seen seen_;
 };
 
 size_t entriesIn(const char* folder) {
@@ -148,7 +139,7 @@ TEST_F(TerminalIOPipelineTest, EchoIsHandedOnAtOnceWithoutWaitingForMore) {
 
     ASSERT_TRUE(pipeline->requestShutdown());
     EXPECT_TRUE(pipeline->waitUntilFinished());
-    EXPECT_EQ(collector->eofs(), 0) << "a shutdown is not an end of file";
+    EXPECT_EQ(collector->seen().eofs, 0) << "a shutdown is not an end of file";
 }
 
 TEST_F(TerminalIOPipelineTest, AFloodFillsTheFourSlotsThenBlocksTheChildUntilTheParserCatchesUp) {
@@ -181,9 +172,9 @@ TEST_F(TerminalIOPipelineTest, AFloodFillsTheFourSlotsThenBlocksTheChildUntilThe
     }
     ASSERT_TRUE(collector->waitForEOF());
     EXPECT_EQ(collector->text(), content);
-    EXPECT_EQ(collector->eofs(), 1);
+    EXPECT_EQ(collector->seen().eofs, 1);
     // Gathered into large batches, not handed on read by read.
-    EXPECT_LT(collector->deliveries(), content.size() / 4096);
+    EXPECT_LT(collector->seen().deliveries, content.size() / 4096);
     EXPECT_GE(pipeline->counters().pauses, 1u);
     EXPECT_TRUE(pipeline->waitUntilFinished());
     fs::remove(path);
@@ -213,8 +204,8 @@ TEST_F(TerminalIOPipelineTest, TheLastOutputIsParsedBeforeTheEndIsReportedOnce) 
     ASSERT_TRUE(collector->waitForEOF());
     EXPECT_EQ(collector->text(), "first\r\nlast words");
     EXPECT_TRUE(pipeline->waitUntilFinished());
-    EXPECT_EQ(collector->eofs(), 1);
-    EXPECT_FALSE(collector->bytesAfterEOF());
+    EXPECT_EQ(collector->seen().eofs, 1);
+    EXPECT_FALSE(collector->seen().bytesAfterEOF);
 }
 
 TEST_F(TerminalIOPipelineTest, ShutdownFromThePipelinesOwnThreadDoesNotWaitForItself) {
@@ -252,7 +243,7 @@ TEST_F(TerminalIOPipelineTest, AnUnusableDescriptorEndsAtOnceAndALateSinkHearsNo
                                                          [collector = collector] { collector->reachedEOF(); });
     auto broken = TerminalIOPipeline::create(-1, feed);
     broken->start();
-    EXPECT_EQ(collector->eofs(), 1);
+    EXPECT_EQ(collector->seen().eofs, 1);
     EXPECT_TRUE(broken->waitUntilFinished(std::chrono::steady_clock::now()));
 
     // Never started: a drain closes the descriptor and the owner may go at once.

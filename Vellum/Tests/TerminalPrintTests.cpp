@@ -87,6 +87,16 @@ namespace {
 std::u32string cellScalars(Terminal& terminal, int col, int row) { return terminal.getCharData(col, row).getCharacter(); }
 CellWidthState widthAt(Terminal& terminal, int col, int row) { return terminal.buffer().row(row).packedCell(col).widthState(); }
 
+// Fed a byte at a time, text takes none of the shortcuts a whole chunk may: both feeds must
+// leave the same cells and cursor.
+void expectSameFedBytewise(int cols, int rows, std::string_view text, const std::string& trace) {
+    TerminalHarness whole(cols, rows), bytewise(cols, rows);
+    whole.terminal.feed(text);
+    for (char c : text) bytewise.terminal.feed(std::string_view(&c, 1));
+    ASSERT_EQ(whole.cells(), bytewise.cells()) << trace;
+    ASSERT_EQ(whole.x(), bytewise.x()) << trace;
+}
+
 } // namespace
 
 TEST(TerminalPrint, LongRunsWrapRowByRowAndScrollIntoHistory) {
@@ -215,12 +225,11 @@ TEST(TerminalPrint, PresentationSelectorsChangeTheWidth) {
              {4, "\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f|", {"\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f", "|", ""}, 2, 0},
              {3, "\xe4\xb8\xad\xe2\x9d\xa4\xef\xb8\x8f|", {"\xe4\xb8\xad", "\xe2\x9d\xa4\xef\xb8\x8f|", ""}, 0, 1},
          }) {
-        TerminalHarness whole(c.cols, 3), bytewise(c.cols, 3);
+        TerminalHarness whole(c.cols, 3);
         whole.terminal.feed(c.text);
-        for (const char* p = c.text; *p; ++p) bytewise.terminal.feed(std::string_view(p, 1));
         EXPECT_EQ(whole.screen(), c.screen) << c.cols;
         EXPECT_EQ(widthAt(whole.terminal, c.heartCol, c.heartRow), CellWidthState::wide) << c.cols;
-        EXPECT_EQ(whole.cells(), bytewise.cells()) << c.cols;
+        expectSameFedBytewise(c.cols, 3, c.text, std::to_string(c.cols));
     }
 
     // VS15 narrows a wide emoji and the cursor steps back.
@@ -284,12 +293,8 @@ TEST(TerminalPrint, AnOddByteAnywhereInAShortWordIsFound) {
             for (size_t at = 0; at < length; ++at) {
                 std::string word(length, 'a');
                 word.replace(at, 1, odd);
-                std::string text = "\x1b[1m" + word + "\x1b[m";
-                TerminalHarness whole(40, 2), bytewise(40, 2);
-                whole.terminal.feed(text);
-                for (char c : text) bytewise.terminal.feed(std::string_view(&c, 1));
-                ASSERT_EQ(whole.screen(), bytewise.screen()) << length << "," << at;
-                ASSERT_EQ(whole.x(), bytewise.x()) << length << "," << at;
+                ASSERT_NO_FATAL_FAILURE(expectSameFedBytewise(40, 2, "\x1b[1m" + word + "\x1b[m",
+                                                              std::to_string(length) + "," + std::to_string(at)));
             }
         }
     }
@@ -303,10 +308,7 @@ TEST(TerminalPrint, RunsOfEveryLengthWriteExactlyTheirCells) {
             std::string word;
             for (int i = 0; i < length; ++i) word += char('a' + i);
             std::string text = std::string(24, '.') + "\x1b[" + std::to_string(column + 1) + "G\x1b[1m" + word + "\x1b[m";
-            TerminalHarness whole(24, 3), bytewise(24, 3);
-            whole.terminal.feed(text);
-            for (char c : text) bytewise.terminal.feed(std::string_view(&c, 1));
-            ASSERT_EQ(whole.cells(), bytewise.cells()) << length << "," << column;
+            ASSERT_NO_FATAL_FAILURE(expectSameFedBytewise(24, 3, text, std::to_string(length) + "," + std::to_string(column)));
         }
     }
 }
@@ -344,11 +346,6 @@ TEST(TerminalPrint, WideRunsLeaveTheShortRoadForAnythingThatMayJoin) {
         "\xe4\xb8\xad\xe4\xb8\xad\xe4\xb8\xad\xf0\x9f\x98\x80\xf0\x9f\x98\x80\xe6\x96\x87\xe6\x96\x87", // wraps
     };
     for (const char* text : cases) {
-        std::string line = std::string("ab") + text + "\r\n";
-        TerminalHarness whole(9, 4), bytewise(9, 4);
-        whole.terminal.feed(line);
-        for (char c : line) bytewise.terminal.feed(std::string_view(&c, 1));
-        ASSERT_EQ(whole.cells(), bytewise.cells()) << text;
-        ASSERT_EQ(whole.x(), bytewise.x()) << text;
+        ASSERT_NO_FATAL_FAILURE(expectSameFedBytewise(9, 4, std::string("ab") + text + "\r\n", text));
     }
 }

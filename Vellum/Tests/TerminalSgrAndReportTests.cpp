@@ -53,14 +53,10 @@ TEST(TerminalSgr, UnderlineForms) {
 // shapes; cut anywhere it takes the general one. Both must leave the same pen.
 TEST(TerminalSgr, SequencesCutAnywhereAgree) {
     using Color = Attribute::Color;
-    Attribute boldRed;
-    boldRed.style = CharacterStyle::bold;
-    boldRed.fg = Color::ansi256(1);
-    auto with = [&](auto change) {
-        Attribute a = boldRed;
-        change(a);
-        return a;
-    };
+    using Underline = UnderlineStyle;
+    constexpr Color red = Color::ansi256(1);
+    constexpr CharacterStyle bold = CharacterStyle::bold, underline = CharacterStyle::underline;
+    constexpr Attribute boldRed{.fg = red, .style = bold};
     struct Case {
         std::string_view sgr;
         Attribute expected;
@@ -68,90 +64,42 @@ TEST(TerminalSgr, SequencesCutAnywhereAgree) {
     const Case cases[] = {
         {"\x1b[m", Attribute::empty},
         {"\x1b[22;39m", Attribute::empty},
-        {"\x1b[38;5;200m", with([](Attribute& a) { a.fg = Color::ansi256(200); })},
+        {"\x1b[38;5;200m", {.fg = Color::ansi256(200), .style = bold}},
         {"\x1b[38;5;1m", boldRed}, // the colour the pen already has
-        {"\x1b[48;5;7m", with([](Attribute& a) { a.bg = Color::ansi256(7); })},
-        {"\x1b[48;2;1;22;133m", with([](Attribute& a) { a.bg = Color::trueColor(1, 22, 133); })},
-        {"\x1b[38;2;999;0;99999999999m", with([](Attribute& a) { a.fg = Color::trueColor(255, 0, 255); })},
-        {"\x1b[38:2::1:2:3m", with([](Attribute& a) { a.fg = Color::trueColor(1, 2, 3); })},
-        {"\x1b[38:2:4:5:6m", with([](Attribute& a) { a.fg = Color::trueColor(4, 5, 6); })}, // no colour space
-        {"\x1b[48:5:9m", with([](Attribute& a) { a.bg = Color::ansi256(9); })},
-        {"\x1b[58;2;4;5;6m", with([](Attribute& a) { a.underlineColor = Color::trueColor(4, 5, 6); })},
+        {"\x1b[48;5;7m", {.fg = red, .bg = Color::ansi256(7), .style = bold}},
+        {"\x1b[48;2;1;22;133m", {.fg = red, .bg = Color::trueColor(1, 22, 133), .style = bold}},
+        {"\x1b[38;2;999;0;99999999999m", {.fg = Color::trueColor(255, 0, 255), .style = bold}},
+        {"\x1b[38:2::1:2:3m", {.fg = Color::trueColor(1, 2, 3), .style = bold}},
+        {"\x1b[38:2:4:5:6m", {.fg = Color::trueColor(4, 5, 6), .style = bold}}, // no colour space
+        {"\x1b[48:5:9m", {.fg = red, .bg = Color::ansi256(9), .style = bold}},
+        {"\x1b[58;2;4;5;6m", {.fg = red, .style = bold, .underlineColor = Color::trueColor(4, 5, 6)}},
         // Shapes next to the common ones, which must not be taken for them.
-        {"\x1b[38;5;3;4m", with([](Attribute& a) {
-             a.fg = Color::ansi256(3);
-             a.style.insert(CharacterStyle::underline);
-             a.underlineStyle = UnderlineStyle::single;
-         })},
+        {"\x1b[38;5;3;4m", {.fg = Color::ansi256(3), .style = bold | underline, .underlineStyle = Underline::single}},
         {"\x1b[48;2;1;2m", boldRed},
         {"\x1b[38;6;1m", boldRed},
-        {"\x1b[28;5;2m", with([](Attribute& a) { a.style.insert(CharacterStyle::blink | CharacterStyle::dim); })},
+        {"\x1b[28;5;2m", {.fg = red, .style = bold | CharacterStyle::blink | CharacterStyle::dim}},
         {"\x1b[48;5m", boldRed},
-        {"\x1b[38;3;1;2;3m", with([](Attribute& a) { a.style.insert(CharacterStyle::dim | CharacterStyle::italic); })},
-        {"\x1b[39;2;1;2;3m", with([](Attribute& a) {
-             a.fg = Color::defaultColor();
-             a.style.insert(CharacterStyle::dim | CharacterStyle::italic);
-         })},
+        {"\x1b[38;3;1;2;3m", {.fg = red, .style = bold | CharacterStyle::dim | CharacterStyle::italic}},
+        {"\x1b[39;2;1;2;3m", {.style = bold | CharacterStyle::dim | CharacterStyle::italic}},
         // Marked or with an intermediate, it is no SGR and the pen stays.
         {"\x1b[?0m", boldRed},
         {"\x1b[0 m", boldRed},
         // Lists of the common renditions, read together.
-        {"\x1b[0;1;32;44m", [] {
-             Attribute a;
-             a.style = CharacterStyle::bold;
-             a.fg = Color::ansi256(2);
-             a.bg = Color::ansi256(4);
-             return a;
-         }()},
-        {"\x1b[;1m", [] {
-             Attribute a;
-             a.style = CharacterStyle::bold;
-             return a;
-         }()},
-        {"\x1b[22;92;103m", [] {
-             Attribute a;
-             a.fg = Color::ansi256(10);
-             a.bg = Color::ansi256(11);
-             return a;
-         }()},
-        {"\x1b[49;39;1m", with([](Attribute& a) { a.fg = Color::defaultColor(); })},
-        {"\x1b[38;2;100;200;250;48;5;300m", with([](Attribute& a) {
-             a.fg = Color::trueColor(100, 200, 250);
-             a.bg = Color::ansi256(255);
-         })},
-        {"\x1b[48;2;1;2;3;38;5;9;1m", with([](Attribute& a) {
-             a.bg = Color::trueColor(1, 2, 3);
-             a.fg = Color::ansi256(9);
-         })},
-        {"\x1b[0;58;5;3;1m", [] {
-             Attribute a;
-             a.underlineColor = Color::ansi256(3);
-             a.style = CharacterStyle::bold;
-             return a;
-         }()},
-        {"\x1b[0;4;7m", [] {
-             Attribute a;
-             a.style = CharacterStyle::underline | CharacterStyle::inverse;
-             a.underlineStyle = UnderlineStyle::single;
-             return a;
-         }()},
+        {"\x1b[0;1;32;44m", {.fg = Color::ansi256(2), .bg = Color::ansi256(4), .style = bold}},
+        {"\x1b[;1m", {.style = bold}},
+        {"\x1b[22;92;103m", {.fg = Color::ansi256(10), .bg = Color::ansi256(11)}},
+        {"\x1b[49;39;1m", {.style = bold}},
+        {"\x1b[38;2;100;200;250;48;5;300m", {.fg = Color::trueColor(100, 200, 250), .bg = Color::ansi256(255), .style = bold}},
+        {"\x1b[48;2;1;2;3;38;5;9;1m", {.fg = Color::ansi256(9), .bg = Color::trueColor(1, 2, 3), .style = bold}},
+        {"\x1b[0;58;5;3;1m", {.style = bold, .underlineColor = Color::ansi256(3)}},
+        {"\x1b[0;4;7m", {.style = underline | CharacterStyle::inverse, .underlineStyle = Underline::single}},
         {"\x1b[1;38;5m", boldRed},
         {"\x1b[0;48;2;1;2m", Attribute::empty},
         // Past what is read as plain: a five-digit number, more than sixteen numbers, a colon.
-        {"\x1b[00032m", with([](Attribute& a) { a.fg = Color::ansi256(2); })},
-        {"\x1b[38;2;65536;000255;1m", with([](Attribute& a) { a.fg = Color::trueColor(255, 255, 1); })},
-        {"\x1b[0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;1;33m", [] {
-             Attribute a;
-             a.style = CharacterStyle::bold;
-             a.fg = Color::ansi256(3);
-             return a;
-         }()},
-        {"\x1b[0;4:3m", [] {
-             Attribute a;
-             a.style = CharacterStyle::underline;
-             a.underlineStyle = UnderlineStyle::curly;
-             return a;
-         }()},
+        {"\x1b[00032m", {.fg = Color::ansi256(2), .style = bold}},
+        {"\x1b[38;2;65536;000255;1m", {.fg = Color::trueColor(255, 255, 1), .style = bold}},
+        {"\x1b[0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;1;33m", {.fg = Color::ansi256(3), .style = bold}},
+        {"\x1b[0;4:3m", {.style = underline, .underlineStyle = Underline::curly}},
     };
     for (const Case& c : cases) {
         for (bool padded : {false, true}) {
