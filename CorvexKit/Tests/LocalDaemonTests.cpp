@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "Platform/System.h"
+#include "Platform/Tests/Support/ScopedEnvironment.h"
 #include "Support/ScratchDirectory.h"
 
 using namespace corvex;
@@ -64,17 +65,15 @@ TEST(LocalDaemon, RunInPlaceNeverInstalls) {
 
 TEST(LocalDaemon, ChildGetsNoCorvexOrDroverVariablesAndAnIsolatedRun) {
     ScratchDirectory scratch;
-    ::setenv("CORVEX_PANE", "7", 1);
-    ::setenv("DROVER_TOKEN", "secret", 1);
-    ::setenv("CORVEXD_CONFIG", "/elsewhere.toml", 1);
+    platform::testing::ScopedEnvironment environment;
+    environment.set("CORVEX_PANE", "7");
+    environment.set("DROVER_TOKEN", "secret");
+    environment.set("CORVEXD_CONFIG", "/elsewhere.toml");
     LocalDaemon daemon;
     daemon.source = scratch.writeExecutable("env-corvexd", "#!/bin/sh\nenv\n");
     daemon.runtimeDir = scratch.path() + "/run/";
     auto env = daemon.environment();
     auto printed = daemon.run(daemon.source, {});
-    ::unsetenv("CORVEX_PANE");
-    ::unsetenv("DROVER_TOKEN");
-    ::unsetenv("CORVEXD_CONFIG");
 
     EXPECT_FALSE(contains(env, "CORVEX_PANE=7"));
     EXPECT_FALSE(contains(env, "DROVER_TOKEN=secret"));

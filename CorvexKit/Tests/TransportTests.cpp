@@ -15,6 +15,7 @@
 #include "CorvexKit/UnixSocketTransport.h"
 #include "Platform/Channel.h"
 #include "Platform/System.h"
+#include "Platform/Tests/Support/ScopedEnvironment.h"
 #include "Support/ScratchDirectory.h"
 
 using namespace corvex;
@@ -253,30 +254,21 @@ TEST(UnixSocketTransport, FailedStartsAndRetries) {
 }
 
 TEST(UnixSocketTransport, DefaultSocketPath) {
-    std::string savedRuntime = platform::environmentValue("CORVEXD_RUNTIME_DIR");
-    std::string savedTmp = platform::environmentValue("TMPDIR");
-
+    platform::testing::ScopedEnvironment environment;
     EXPECT_EQ(defaultCorvexdSocketPath("/run/x"), "/run/x/corvexd.sock");
-    ::setenv("CORVEXD_RUNTIME_DIR", "/var/run/c", 1);
+    environment.set("CORVEXD_RUNTIME_DIR", "/var/run/c");
     EXPECT_EQ(defaultCorvexdSocketPath(), "/var/run/c/corvexd.sock");
     EXPECT_EQ(defaultCorvexdSocketPath("/given"), "/given/corvexd.sock");
-    ::unsetenv("CORVEXD_RUNTIME_DIR");
-    ::setenv("TMPDIR", "/short/", 1);
+    environment.set("CORVEXD_RUNTIME_DIR", nullptr);
+    environment.set("TMPDIR", "/short/");
     std::string own = "/tmp/corvexd-" + std::to_string(::getuid()) + "/corvexd.sock";
 #ifdef __APPLE__
     EXPECT_EQ(defaultCorvexdSocketPath(), "/short/corvexd/corvexd.sock");
 #else
     EXPECT_EQ(defaultCorvexdSocketPath(), own) << "what the daemon itself uses, whatever TMPDIR says";
 #endif
-    ::setenv("TMPDIR", ("/" + std::string(80, 'd')).c_str(), 1);
+    environment.set("TMPDIR", ("/" + std::string(80, 'd')).c_str());
     EXPECT_EQ(defaultCorvexdSocketPath(), own);
-
-    auto restore = [](const char* name, const std::string& value) {
-        if (value.empty()) ::unsetenv(name);
-        else ::setenv(name, value.c_str(), 1);
-    };
-    restore("CORVEXD_RUNTIME_DIR", savedRuntime);
-    restore("TMPDIR", savedTmp);
 }
 
 // ---------------------------------------------------------------- StderrTail
