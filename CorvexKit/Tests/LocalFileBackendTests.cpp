@@ -62,8 +62,8 @@ protected:
 
 } // namespace
 
-// What every file backend must do is held by the file contract suite, on this computer and
-// over the daemon; these are the local backend's own edges.
+// The file rules both backends share are held over a real daemon (DaemonFileLayer); these are
+// the local backend's own edges.
 
 TEST_F(LocalFiles, StatDescribesDanglingLinksTrailingSlashesAndHome) {
     writeBytes(at("notes.txt"), "hello\n");
