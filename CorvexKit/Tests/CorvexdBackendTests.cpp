@@ -9,13 +9,16 @@
 #include "CorvexKit/SessionCodecJSON.h"
 #include "CorvexKit/UnixSocketTransport.h"
 #include "Platform/Locked.h"
+#include "Platform/Tests/Support/Eventually.h"
 #include "Support/FakeDaemon.h"
+#include "Support/FileTestSupport.h"
 #include "Support/ScratchDirectory.h"
 
 using namespace corvex;
 using namespace corvex::testing;
 using namespace std::chrono_literals;
 using json = nlohmann::json;
+using platform::testing::eventually;
 
 namespace {
 
@@ -148,28 +151,10 @@ protected:
         return logs->withLock([&](auto& all) { return std::find(all.begin(), all.end(), line) != all.end(); });
     }
 
-    bool waitUntil(const std::function<bool()>& done, platform::Duration timeout = 5s) {
-        auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(2ms);
-        }
-        return true;
-    }
-
     std::vector<std::string> methods() {
         std::vector<std::string> out;
         for (const auto& request : daemon.requests()) out.push_back(request.method);
         return out;
-    }
-
-    BackendError failure(const std::function<void()>& call) {
-        try {
-            call();
-        } catch (const BackendError& error) {
-            return error;
-        }
-        return BackendError("none", "no error");
     }
 };
 
@@ -279,7 +264,7 @@ TEST_F(CorvexdBackendTest, RepliesAndEventsAreToldApartAndJunkIsDropped) {
 }
 
 TEST_F(CorvexdBackendTest, ErrorsFromTheDaemonAndFromNoConnection) {
-    EXPECT_EQ(failure([&] { backend->getState(); }), BackendError("disconnected", "not connected to corvexd"));
+    EXPECT_EQ(failureOf([&] { backend->getState(); }), BackendError("disconnected", "not connected to corvexd"));
     auto handler = daemon.setHandler([](FakePeer& peer, const ReceivedRequest& request) {
         if (request.method == "workspace.close") {
             peer.replyError(request.id, "not_found", "no workspace 3");
@@ -293,8 +278,8 @@ TEST_F(CorvexdBackendTest, ErrorsFromTheDaemonAndFromNoConnection) {
         return true;
     });
     startConnected();
-    EXPECT_EQ(failure([&] { backend->closeWorkspace(3); }), BackendError("not_found", "no workspace 3"));
-    EXPECT_EQ(failure([&] { backend->closeTab(3); }), BackendError("internal", "corvexd error"));
+    EXPECT_EQ(failureOf([&] { backend->closeWorkspace(3); }), BackendError("not_found", "no workspace 3"));
+    EXPECT_EQ(failureOf([&] { backend->closeTab(3); }), BackendError("internal", "corvexd error"));
     // No result reads as an empty object, which is no CreatedWorkspace.
     EXPECT_THROW(backend->createWorkspace("w"), DecodingError);
     EXPECT_EQ(backend->request("ping"), json::object());
@@ -432,7 +417,7 @@ TEST_F(CorvexdBackendTest, FailedSubscribeRaisesPushesNothingAndIsRetriedAtRecon
         return true;
     });
     startConnected();
-    EXPECT_EQ(failure([&] { backend->subscribe(11); }), BackendError("not_found", "no pane 11"));
+    EXPECT_EQ(failureOf([&] { backend->subscribe(11); }), BackendError("not_found", "no pane 11"));
     backend->reconnectNow();
     std::vector<SessionEvent> got;
     ASSERT_TRUE(next<SessionEvent::Subscribed>(&got));
@@ -442,7 +427,7 @@ TEST_F(CorvexdBackendTest, FailedSubscribeRaisesPushesNothingAndIsRetriedAtRecon
     ASSERT_TRUE(again);
     EXPECT_EQ(again->connection, 2);
     EXPECT_EQ(again->params, (json{{"pane", 11}}));
-    EXPECT_TRUE(waitUntil([&] { return logged("resubscribed pane 11 from nothing: snapshot at 0"); }));
+    EXPECT_TRUE(eventually([&] { return logged("resubscribed pane 11 from nothing: snapshot at 0"); }));
 }
 
 TEST_F(CorvexdBackendTest, ResubscribesWithHaveSeqOnlyForTheSameInstance) {
@@ -452,7 +437,7 @@ TEST_F(CorvexdBackendTest, ResubscribesWithHaveSeqOnlyForTheSameInstance) {
     backend->subscribe(8);
     backend->subscribe(9);
     peer->sendRaw(makeOutputFrame(7, 0, std::string(1000, 'x')));
-    ASSERT_TRUE(waitUntil([&] { return backend->deliveredSeq(7) == 1000u; }));
+    ASSERT_TRUE(eventually([&] { return backend->deliveredSeq(7) == 1000u; }));
     backend->setViewport(7, Size{100, 40});
     backend->unsubscribe(9);
     EXPECT_FALSE(backend->deliveredSeq(9));
@@ -476,19 +461,19 @@ TEST_F(CorvexdBackendTest, ResubscribesWithHaveSeqOnlyForTheSameInstance) {
     };
 
     backend->reconnectNow();
-    ASSERT_TRUE(waitUntil([&] { return resubscriptions(2).size() == 2; }));
+    ASSERT_TRUE(eventually([&] { return resubscriptions(2).size() == 2; }));
     auto same = resubscriptions(2);
     EXPECT_EQ(same[7], (json{{"pane", 7}, {"have_seq", 1000}, {"scrollback", 2000}, {"viewport", {{"cols", 100}, {"rows", 40}}}}));
     EXPECT_EQ(same[8], (json{{"pane", 8}, {"have_seq", 0}})) << "the reply's seq stands when no frame came";
-    EXPECT_TRUE(waitUntil([&] { return logged("resubscribed pane 7 from 1000: live at 1000"); }));
+    EXPECT_TRUE(eventually([&] { return logged("resubscribed pane 7 from 1000: live at 1000"); }));
 
     daemon.setHello(FakeDaemon::defaultHello("B"));
     backend->reconnectNow();
-    ASSERT_TRUE(waitUntil([&] { return resubscriptions(3).size() == 2; }));
+    ASSERT_TRUE(eventually([&] { return resubscriptions(3).size() == 2; }));
     auto fresh = resubscriptions(3);
     EXPECT_FALSE(fresh[7].contains("have_seq"));
     EXPECT_FALSE(fresh[8].contains("have_seq"));
-    EXPECT_TRUE(waitUntil([&] { return logged("resubscribed pane 7 from nothing: snapshot at 0"); }));
+    EXPECT_TRUE(eventually([&] { return logged("resubscribed pane 7 from nothing: snapshot at 0"); }));
 }
 
 TEST_F(CorvexdBackendTest, InputFramesAreQueuedInOrderAndDroppedWithoutAConnection) {
@@ -531,7 +516,7 @@ TEST_F(CorvexdBackendTest, WaitingCallsFailWithTheCloseReasonAndTheLinkComesBack
     startConnected();
     for (size_t i = 0; i < cases.size(); ++i) {
         current = i;
-        EXPECT_EQ(failure([&] { backend->getState(); }), BackendError("disconnected", cases[i].reason)) << i;
+        EXPECT_EQ(failureOf([&] { backend->getState(); }), BackendError("disconnected", cases[i].reason)) << i;
         std::vector<SessionEvent> got;
         ASSERT_TRUE(next<SessionEvent::Connected>(&got)) << i;
         ASSERT_FALSE(got.empty());
@@ -539,7 +524,7 @@ TEST_F(CorvexdBackendTest, WaitingCallsFailWithTheCloseReasonAndTheLinkComesBack
         EXPECT_TRUE(logged("disconnected: " + cases[i].reason));
         // A link lost while the loop is still finishing its connect is retried by that loop,
         // without a disconnected event; wait for the loop to end so each case stands alone.
-        ASSERT_TRUE(waitUntil([&] { return backend->isConnected() && !backend->isReconnecting(); }));
+        ASSERT_TRUE(eventually([&] { return backend->isConnected() && !backend->isReconnecting(); }));
     }
     EXPECT_EQ(transport->gaps(), (std::vector<double>{0, 0, 0})) << "a lost link is retried at once";
 }
@@ -551,13 +536,13 @@ TEST_F(CorvexdBackendTest, StopFailsWaitingCallsAndStartRestoresSubscriptions) {
     backend->subscribe(7);
 
     std::promise<BackendError> waited;
-    std::thread caller([&] { waited.set_value(failure([&] { backend->getState(); })); });
+    std::thread caller([&] { waited.set_value(failureOf([&] { backend->getState(); })); });
     ASSERT_TRUE(daemon.nextRequest("state.get"));
     backend->stop();
     backend->stop();
     EXPECT_EQ(waited.get_future().get(), BackendError("disconnected", "the backend was stopped"));
     caller.join();
-    EXPECT_EQ(failure([&] { backend->getState(); }), BackendError("disconnected", "not connected to corvexd"));
+    EXPECT_EQ(failureOf([&] { backend->getState(); }), BackendError("disconnected", "not connected to corvexd"));
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(daemon.connectionCount(), 1) << "a stopped backend doesn't reconnect";
 
@@ -617,7 +602,7 @@ TEST_F(CorvexdBackendTest, ALinkThatDiesRightAfterConnectingIsRetriedWithoutWait
     });
     daemon.listen();
     backend->start();
-    ASSERT_TRUE(waitUntil([&] { return daemon.connectionCount() == 3 && backend->isConnected(); }));
+    ASSERT_TRUE(eventually([&] { return daemon.connectionCount() == 3 && backend->isConnected(); }));
     EXPECT_EQ(transport->gaps(), (std::vector<double>{0, 0}));
 }
 
@@ -629,10 +614,10 @@ TEST(RetryPolicy, ALongRunOfFailuresStaysAtTheLongestWait) {
 }
 
 TEST_F(CorvexdBackendTest, AFailedFirstStartRaisesThenRetriesWithBackOffUntilTheDaemonComes) {
-    BackendError error = failure([&] { backend->start(); });
+    BackendError error = failureOf([&] { backend->start(); });
     EXPECT_EQ(error, BackendError("disconnected", "can't connect to " + daemon.socketPath() + ": No such file or directory"));
     EXPECT_EQ(backend->retryPolicy(), (RetryPolicy{std::nullopt, 0.1, 2.0})) << "the transport's longest wait";
-    ASSERT_TRUE(waitUntil([&] { return transport->openCount() >= 8; }));
+    ASSERT_TRUE(eventually([&] { return transport->openCount() >= 8; }));
     daemon.listen();
     std::vector<SessionEvent> got;
     ASSERT_TRUE(next<SessionEvent::Connected>(&got));
@@ -648,7 +633,7 @@ TEST_F(CorvexdBackendTest, AFailedFirstStartRaisesThenRetriesWithBackOffUntilThe
 
 TEST_F(CorvexdBackendTest, RemotePolicyPausesAndReconnectNowTriesOnceMore) {
     makeBackend(RetryPolicy::remote());
-    EXPECT_EQ(failure([&] { backend->start(); }).code(), "disconnected");
+    EXPECT_EQ(failureOf([&] { backend->start(); }).code(), "disconnected");
     auto paused = next<SessionEvent::RetryPaused>();
     ASSERT_TRUE(paused);
     EXPECT_EQ(paused->reason, "can't connect to " + daemon.socketPath() + ": No such file or directory");
@@ -741,7 +726,7 @@ TEST_F(CorvexdBackendTest, AFailedHandshakeFailsTheAttemptAndTheLoopTriesAgain) 
     daemon.setHello(json{{"protocol", 1}, {"daemon", "corvexd"}});
     daemon.listen();
     EXPECT_THROW(backend->start(), DecodingError);
-    ASSERT_TRUE(waitUntil([&] { return daemon.connectionCount() >= 2; }));
+    ASSERT_TRUE(eventually([&] { return daemon.connectionCount() >= 2; }));
 
     std::atomic<bool> refuse{true};
     auto handler = daemon.setHandler([&](FakePeer& peer, const ReceivedRequest& request) {

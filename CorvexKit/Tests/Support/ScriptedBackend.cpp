@@ -7,11 +7,6 @@ std::vector<std::string> ScriptedBackend::calls() const {
     return calls_;
 }
 
-void ScriptedBackend::clearCalls() {
-    std::lock_guard guard(mutex_);
-    calls_.clear();
-}
-
 void ScriptedBackend::failStart(std::optional<BackendError> error) {
     std::lock_guard guard(mutex_);
     startError_ = std::move(error);
@@ -35,11 +30,6 @@ void ScriptedBackend::failSubscribe(std::optional<BackendError> error) {
 void ScriptedBackend::scriptSettings(DaemonSettings settings) {
     std::lock_guard guard(mutex_);
     settings_ = std::move(settings);
-}
-
-void ScriptedBackend::scriptService(DaemonService service) {
-    std::lock_guard guard(mutex_);
-    service_ = std::move(service);
 }
 
 void ScriptedBackend::record(std::string call) {

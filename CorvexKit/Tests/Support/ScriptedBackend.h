@@ -16,7 +16,6 @@ class ScriptedBackend final : public SessionBackend {
 public:
     void push(SessionEvent event) { stream_->push(std::move(event)); }
     std::vector<std::string> calls() const;
-    void clearCalls();
 
     // Raised by the next calls of that operation while set.
     void failStart(std::optional<BackendError> error);
@@ -24,7 +23,6 @@ public:
     void failMove(std::optional<BackendError> error);
     void failSubscribe(std::optional<BackendError> error);
     void scriptSettings(DaemonSettings settings);
-    void scriptService(DaemonService service);
 
     std::shared_ptr<SessionEventStream> events() override { return stream_; }
     void start() override;
