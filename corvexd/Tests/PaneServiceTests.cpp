@@ -6,11 +6,13 @@
 #include <thread>
 
 #include "CorvexKit/Frame.h"
+#include "Platform/Tests/Support/Eventually.h"
 #include "Support/DaemonHarness.h"
 #include "Support/RawReplies.h"
 #include "Vellum/Terminal.h"
 
 using namespace corvexd::testing;
+using platform::testing::eventually;
 
 namespace {
 
@@ -198,13 +200,10 @@ TEST(PaneService, TheTreeComesBackAfterAStopButNotAfterAShutdown) {
         std::filesystem::create_directory(moved);
         uint64_t first = created["pane"];
         type(client, first, "cd '" + moved + "'\r");
-        auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (std::chrono::steady_clock::now() < deadline) {
+        ASSERT_TRUE(eventually([&] {
             before = result(client.request("state.get"));
-            if (before["panes"][0]["cwd"] == moved) break;
-            std::this_thread::sleep_for(100ms);
-        }
-        ASSERT_EQ(before["panes"][0]["cwd"], moved);
+            return before["panes"][0]["cwd"] == moved;
+        })) << before["panes"][0]["cwd"];
     }
     ASSERT_EQ(daemon.run({"stop"}).status, 0);
     ASSERT_EQ(daemon.run({"start"}).status, 0);

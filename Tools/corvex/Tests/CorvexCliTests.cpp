@@ -5,6 +5,8 @@
 
 #include "CorvexKit/CorvexdBackend.h"
 #include "CorvexKit/SessionCodecJSON.h"
+#include "Platform/System.h"
+#include "Platform/Tests/Support/ScopedEnvironment.h"
 #include "Support/FakeDaemon.h"
 #include "Support/ScratchDirectory.h"
 #include "Tools/corvex/AttachKeys.h"
@@ -287,8 +289,7 @@ TEST_F(CorvexCliTest, SSHTargetsGoThroughTheSSHProgramOnPath) {
     if (std::system("python3 -c pass >/dev/null 2>&1") != 0) GTEST_SKIP() << "the relay needs python3";
     ScratchDirectory bin;
     bin.writeExecutable("ssh", relayingSSH);
-    std::string savedPath = std::getenv("PATH") ? std::getenv("PATH") : "";
-    ::setenv("PATH", (bin.path() + ":" + savedPath).c_str(), 1);
+    platform::testing::ScopedEnvironment path("PATH", (bin.path() + ":" + platform::environmentValue("PATH")).c_str());
     daemon.listen();
 
     Result hello = corvexBare({"--ssh", "devbox", "--remote-command", daemon.socketPath(), "hello"});
@@ -298,5 +299,4 @@ TEST_F(CorvexCliTest, SSHTargetsGoThroughTheSSHProgramOnPath) {
     Result unreachable = corvexBare({"--ssh", "devbox", "--remote-command", "unreachable", "state"});
     EXPECT_EQ(unreachable.status, 1);
     EXPECT_EQ(unreachable.err, "corvex: disconnected: Can't reach devbox over SSH: Permission denied (publickey).\n");
-    ::setenv("PATH", savedPath.c_str(), 1);
 }
