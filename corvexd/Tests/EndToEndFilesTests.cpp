@@ -63,81 +63,78 @@ class DaemonFileLayer : public DaemonFiles {
 protected:
     void SetUp() override {
         DaemonFiles::SetUp();
-        layer = connect();
+        files = connect();
     }
-    std::shared_ptr<FileBackend> layer;
+    std::shared_ptr<FileBackend> files;
 };
 
 } // namespace
 
 TEST_F(DaemonFileLayer, EntriesListingsAndPagesAreTheSame) {
-    FileBackend& files = *layer;
     writeBytes(at("text"), "hello\n");
     writeBytes(at("binary"), std::string("a\0b", 3));
     ::symlink("text", at("link").c_str());
     ::symlink("nowhere", at("dangling").c_str());
     writeBytes(at(".hidden"), "x");
 
-    FileEntry text = files.stat(at("text"));
+    FileEntry text = files->stat(at("text"));
     EXPECT_EQ(text.type, FileType::file);
     EXPECT_EQ(text.size, 6u);
     EXPECT_EQ(text.text, true);
-    EXPECT_EQ(files.stat(at("binary")).text, false);
-    FileEntry link = files.stat(at("link"));
+    EXPECT_EQ(files->stat(at("binary")).text, false);
+    FileEntry link = files->stat(at("link"));
     EXPECT_TRUE(link.link);
     EXPECT_EQ(link.target, "text");
     EXPECT_EQ(link.size, 6u);
-    EXPECT_EQ(files.stat(at("dangling")).type, FileType::other);
-    EXPECT_EQ(files.stat("/").name, "/");
-    EXPECT_EQ(files.stat(at("text")), LocalFileBackend().stat(at("text"))) << "the same entry, exactly";
+    EXPECT_EQ(files->stat(at("dangling")).type, FileType::other);
+    EXPECT_EQ(files->stat("/").name, "/");
+    EXPECT_EQ(files->stat(at("text")), LocalFileBackend().stat(at("text"))) << "the same entry, exactly";
 
-    EXPECT_EQ(names(files.list(scratch.path(), false, {}, {}).entries),
+    EXPECT_EQ(names(files->list(scratch.path(), false, {}, {}).entries),
               (std::vector<std::string>{"binary", "dangling", "link", "text"}));
-    FileListing first = files.list(scratch.path(), true, 2, {});
+    FileListing first = files->list(scratch.path(), true, 2, {});
     EXPECT_EQ(names(first.entries), (std::vector<std::string>{".hidden", "binary"}));
     EXPECT_EQ(first.next, "binary");
-    auto [dir, all] = listAll(files, scratch.path(), true);
+    auto [dir, all] = listAll(*files, scratch.path(), true);
     EXPECT_EQ(all.size(), 5u);
     EXPECT_EQ(dir.path, scratch.path());
 
-    EXPECT_EQ(failureOf([&] { files.stat(at("missing")); }).code(), "not_found");
-    EXPECT_EQ(failureOf([&] { files.list(at("text"), false, {}, {}); }).code(), "not_a_directory");
-    EXPECT_EQ(failureOf([&] { files.stat("relative"); }).code(), "bad_request");
+    EXPECT_EQ(failureOf([&] { files->stat(at("missing")); }).code(), "not_found");
+    EXPECT_EQ(failureOf([&] { files->list(at("text"), false, {}, {}); }).code(), "not_a_directory");
+    EXPECT_EQ(failureOf([&] { files->stat("relative"); }).code(), "bad_request");
 }
 
 TEST_F(DaemonFileLayer, DirectoriesAttributesRenamesRemovalAndSpace) {
-    FileBackend& files = *layer;
-    EXPECT_TRUE(files.mkdir(at("a/b/c"), true).isDirectory());
-    EXPECT_EQ(failureOf([&] { files.mkdir(at("a"), false); }).code(), "exists");
-    EXPECT_EQ(failureOf([&] { files.mkdir(at("x/y"), false); }).code(), "not_found");
+    EXPECT_TRUE(files->mkdir(at("a/b/c"), true).isDirectory());
+    EXPECT_EQ(failureOf([&] { files->mkdir(at("a"), false); }).code(), "exists");
+    EXPECT_EQ(failureOf([&] { files->mkdir(at("x/y"), false); }).code(), "not_found");
 
     writeBytes(at("f"), "data");
-    FileEntry changed = files.setattr(at("f"), std::string("1000000000123456789"), 0640);
+    FileEntry changed = files->setattr(at("f"), std::string("1000000000123456789"), 0640);
     EXPECT_EQ(changed.mtimeNs, "1000000000123456789");
     EXPECT_EQ(changed.mode, 0640);
-    BackendError bad = failureOf([&] { files.setattr(at("f"), std::string("abc"), {}); });
+    BackendError bad = failureOf([&] { files->setattr(at("f"), std::string("abc"), {}); });
     EXPECT_EQ(bad.code(), "bad_request");
     EXPECT_EQ(bad.message(), "bad mtime_ns abc");
 
     writeBytes(at("g"), "other");
-    EXPECT_EQ(failureOf([&] { files.rename(at("f"), at("g"), false); }).code(), "exists");
-    EXPECT_EQ(files.rename(at("f"), at("g"), true).size, 4u);
-    EXPECT_EQ(failureOf([&] { files.remove(at("a"), false); }).code(), "not_empty");
-    files.remove(at("a"), true);
+    EXPECT_EQ(failureOf([&] { files->rename(at("f"), at("g"), false); }).code(), "exists");
+    EXPECT_EQ(files->rename(at("f"), at("g"), true).size, 4u);
+    EXPECT_EQ(failureOf([&] { files->remove(at("a"), false); }).code(), "not_empty");
+    files->remove(at("a"), true);
     EXPECT_FALSE(fsys::exists(at("a")));
-    EXPECT_GT(files.statfs(scratch.path()).total, 0u);
+    EXPECT_GT(files->statfs(scratch.path()).total, 0u);
 }
 
 TEST_F(DaemonFileLayer, ReadsWholeRangedAndRefusesWhatChanged) {
-    FileBackend& files = *layer;
     std::string bytes = patternBytes((1 << 20) + 123);
     writeBytes(at("big"), bytes);
-    FileEntry entry = files.stat(at("big"));
+    FileEntry entry = files->stat(at("big"));
 
     FileReadOptions small;
     small.chunk = 65536;
     small.window = 262144; // many acknowledgements on the way
-    FileReadStream whole = files.read(at("big"), small);
+    FileReadStream whole = files->read(at("big"), small);
     EXPECT_EQ(whole.size, bytes.size());
     EXPECT_EQ(whole.mtimeNs, entry.mtimeNs);
     EXPECT_EQ(drain(whole.data), bytes);
@@ -145,32 +142,31 @@ TEST_F(DaemonFileLayer, ReadsWholeRangedAndRefusesWhatChanged) {
     FileReadOptions range;
     range.offset = 1000;
     range.length = 5000;
-    FileReadStream part = files.read(at("big"), range);
+    FileReadStream part = files->read(at("big"), range);
     EXPECT_EQ(part.offset, 1000u);
     EXPECT_EQ(drain(part.data), bytes.substr(1000, 5000));
 
     writeBytes(at("empty"), "");
-    FileReadStream empty = files.read(at("empty"), {});
+    FileReadStream empty = files->read(at("empty"), {});
     EXPECT_EQ(drain(empty.data), "");
 
     FileReadOptions expecting;
     expecting.expectSize = bytes.size() + 1;
-    EXPECT_EQ(failureOf([&] { files.read(at("big"), expecting); }).code(), "changed");
+    EXPECT_EQ(failureOf([&] { files->read(at("big"), expecting); }).code(), "changed");
     expecting = {};
     expecting.expectMtimeNs = "1";
-    EXPECT_EQ(failureOf([&] { files.read(at("big"), expecting); }).code(), "changed");
-    EXPECT_EQ(failureOf([&] { files.read(scratch.path(), {}); }).code(), "is_a_directory");
+    EXPECT_EQ(failureOf([&] { files->read(at("big"), expecting); }).code(), "changed");
+    EXPECT_EQ(failureOf([&] { files->read(scratch.path(), {}); }).code(), "is_a_directory");
     ::mkfifo(at("fifo").c_str(), 0600);
-    EXPECT_EQ(failureOf([&] { files.read(at("fifo"), {}); }).code(), "bad_request");
+    EXPECT_EQ(failureOf([&] { files->read(at("fifo"), {}); }).code(), "bad_request");
 }
 
 TEST_F(DaemonFileLayer, ACancelledReadEndsWithACancellation) {
-    FileBackend& files = *layer;
     writeBytes(at("big"), patternBytes(8 << 20));
     FileReadOptions options;
     options.chunk = 65536;
     options.window = 262144;
-    FileReadStream stream = files.read(at("big"), options);
+    FileReadStream stream = files->read(at("big"), options);
     ASSERT_TRUE(stream.data());
     stream.cancel();
     stream.cancel();
@@ -184,7 +180,6 @@ TEST_F(DaemonFileLayer, ACancelledReadEndsWithACancellation) {
 }
 
 TEST_F(DaemonFileLayer, WritesPlaceWholeFilesAndRefuseToReplace) {
-    FileBackend& files = *layer;
     std::string bytes = patternBytes(700000, 3);
     MemorySource source(bytes, "v1", 100000); // blocks that don't match the chunk
     FileWriteOptions options;
@@ -195,7 +190,7 @@ TEST_F(DaemonFileLayer, WritesPlaceWholeFilesAndRefuseToReplace) {
     options.window = 262144;
     std::vector<uint64_t> progress;
     std::mutex progressLock;
-    FileEntry placed = files.write(at("out"), options, source, [&](uint64_t done) {
+    FileEntry placed = files->write(at("out"), options, source, [&](uint64_t done) {
         std::lock_guard guard(progressLock);
         progress.push_back(done);
     });
@@ -208,20 +203,19 @@ TEST_F(DaemonFileLayer, WritesPlaceWholeFilesAndRefuseToReplace) {
     EXPECT_TRUE(stagingFiles(scratch.path()).empty());
 
     MemorySource again("new");
-    EXPECT_EQ(failureOf([&] { files.write(at("out"), {}, again, {}); }).code(), "exists");
+    EXPECT_EQ(failureOf([&] { files->write(at("out"), {}, again, {}); }).code(), "exists");
     EXPECT_EQ(readBytes(at("out")), bytes);
     FileWriteOptions replace;
     replace.overwrite = true;
-    files.write(at("out"), replace, again, {});
+    files->write(at("out"), replace, again, {});
     EXPECT_EQ(readBytes(at("out")), "new");
 
     MemorySource nothing("");
-    EXPECT_EQ(files.write(at("empty"), {}, nothing, {}).size, 0u);
-    EXPECT_EQ(failureOf([&] { files.write(scratch.path(), replace, nothing, {}); }).code(), "is_a_directory");
+    EXPECT_EQ(files->write(at("empty"), {}, nothing, {}).size, 0u);
+    EXPECT_EQ(failureOf([&] { files->write(scratch.path(), replace, nothing, {}); }).code(), "is_a_directory");
 }
 
 TEST_F(DaemonFileLayer, ABrokenResumableWriteContinuesWhereItStopped) {
-    FileBackend& files = *layer;
     std::string bytes = patternBytes(600000, 5);
     FileWriteOptions options;
     options.size = bytes.size();
@@ -231,13 +225,13 @@ TEST_F(DaemonFileLayer, ABrokenResumableWriteContinuesWhereItStopped) {
     options.window = 1 << 20;
     MemorySource broken(bytes, "v1", 65536);
     broken.failAfter = 300000;
-    EXPECT_EQ(failureOf([&] { files.write(at("out"), options, broken, {}); }).code(), "disconnected");
+    EXPECT_EQ(failureOf([&] { files->write(at("out"), options, broken, {}); }).code(), "disconnected");
     EXPECT_FALSE(fsys::exists(at("out")));
     // The daemon sees the cancel after what was sent; what it kept is where the next one starts.
     ASSERT_TRUE(eventually([&] { return stagingFiles(scratch.path()).size() == 2; }));
 
     MemorySource rest(bytes, "v1", 65536);
-    files.write(at("out"), options, rest, {});
+    files->write(at("out"), options, rest, {});
     ASSERT_EQ(rest.openedAt.size(), 1u);
     EXPECT_GT(rest.openedAt[0], 0u) << "continued, not started again";
     EXPECT_LE(rest.openedAt[0], 300000u);
@@ -246,7 +240,6 @@ TEST_F(DaemonFileLayer, ABrokenResumableWriteContinuesWhereItStopped) {
 }
 
 TEST_F(DaemonFileLayer, ATreeCopiesWithItsHiddenFilesAndWithoutLinksToFoldersOrFifos) {
-    std::shared_ptr<FileBackend> files = layer;
     std::string from = at("from");
     fsys::create_directories(from + "/sub/deeper");
     writeBytes(from + "/top", patternBytes(300000, 7));
