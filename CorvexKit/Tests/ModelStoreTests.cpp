@@ -112,7 +112,7 @@ TEST_F(ModelStoreTest, StartsTheBackendAndAppliesEventsInOrder) {
 
 TEST_F(ModelStoreTest, StartFailurePassesToTheCaller) {
     auto other = std::make_shared<testkit::ScriptedBackend>();
-    other->failStart(BackendError("disconnected", "no daemon"));
+    other->fail("start", BackendError("disconnected", "no daemon"));
     ModelStore failing(other, queue, worker.executor());
     std::string result;
     failing.start([&](std::exception_ptr error) { result = errorCode(error); });
@@ -188,7 +188,7 @@ TEST_F(ModelStoreTest, LocalFocusOutlivesStaleStatesUntilTheDaemonCatchesUpOrTim
 
 TEST_F(ModelStoreTest, AFailedFocusRollsBackToWhereTheDaemonWasBeforeTheFirstOfAChain) {
     connectWithState();
-    backend->failFocus(BackendError("not_found", "no pane 6"));
+    backend->fail("focus", BackendError("not_found", "no pane 6"));
     std::vector<std::string> results;
     auto record = [&](std::exception_ptr error) { results.push_back(errorCode(error)); };
     store.focus(FocusTarget::pane(6), record);
@@ -232,7 +232,7 @@ TEST_F(ModelStoreTest, AFailedMoveIsTakenOutAndTheOthersStay) {
     connectWithState();
     store.move(MoveRequest::moveWorkspace(8, 0));
     worker.runAll(); // the workspace move succeeds but its completion waits on the main queue
-    backend->failMove(BackendError("not_found", "no tab 4"));
+    backend->fail("move", BackendError("not_found", "no tab 4"));
     std::string result;
     store.move(MoveRequest::moveTab(4, 8, 0), [&](std::exception_ptr error) { result = errorCode(error); });
     EXPECT_EQ(tabIDs(store.state(), 0), (std::vector<uint64_t>{4, 9}));

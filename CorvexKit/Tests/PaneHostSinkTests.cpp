@@ -178,7 +178,7 @@ TEST_F(PaneHostSinkTest, OnlyAShownPaneWritesTheClipboard) {
 }
 
 TEST_F(PaneHostSinkTest, AFailedSubscribeIsLogged) {
-    backend->failSubscribe(BackendError("disconnected", "link down"));
+    backend->fail("subscribe", BackendError("disconnected", "link down"));
     subscribeAt(812, 492);
     ASSERT_FALSE(logLines.empty());
     EXPECT_EQ(logLines.back(), "subscribe pane 7 failed: link down");

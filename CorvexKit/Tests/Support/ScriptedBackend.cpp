@@ -7,24 +7,14 @@ std::vector<std::string> ScriptedBackend::calls() const {
     return calls_;
 }
 
-void ScriptedBackend::failStart(std::optional<BackendError> error) {
+void ScriptedBackend::fail(const std::string& operation, BackendError error) {
     std::lock_guard guard(mutex_);
-    startError_ = std::move(error);
+    failures_.insert_or_assign(operation, std::move(error));
 }
 
-void ScriptedBackend::failFocus(std::optional<BackendError> error) {
+void ScriptedBackend::raiseIfFailing(const std::string& operation) {
     std::lock_guard guard(mutex_);
-    focusError_ = std::move(error);
-}
-
-void ScriptedBackend::failMove(std::optional<BackendError> error) {
-    std::lock_guard guard(mutex_);
-    moveError_ = std::move(error);
-}
-
-void ScriptedBackend::failSubscribe(std::optional<BackendError> error) {
-    std::lock_guard guard(mutex_);
-    subscribeError_ = std::move(error);
+    if (auto failure = failures_.find(operation); failure != failures_.end()) throw failure->second;
 }
 
 void ScriptedBackend::scriptSettings(DaemonSettings settings) {
@@ -44,22 +34,19 @@ void ScriptedBackend::unscripted(const std::string& call) {
 
 void ScriptedBackend::start() {
     record("start");
-    std::lock_guard guard(mutex_);
-    if (startError_) throw *startError_;
+    raiseIfFailing("start");
 }
 
 void ScriptedBackend::stop() { record("stop"); }
 
 void ScriptedBackend::focus(const FocusTarget& target) {
     record("focus " + target.description());
-    std::lock_guard guard(mutex_);
-    if (focusError_) throw *focusError_;
+    raiseIfFailing("focus");
 }
 
 void ScriptedBackend::move(const MoveRequest& request) {
     record("move " + request.description());
-    std::lock_guard guard(mutex_);
-    if (moveError_) throw *moveError_;
+    raiseIfFailing("move");
 }
 
 void ScriptedBackend::focusPane(uint64_t pane) { record("focusPane " + std::to_string(pane)); }
@@ -137,8 +124,7 @@ Subscription ScriptedBackend::subscribe(uint64_t pane, std::optional<uint64_t> h
                                         std::optional<Size> viewport) {
     record("subscribe " + std::to_string(pane) + " have " + (haveSeq ? std::to_string(*haveSeq) : "none") +
            " viewport " + cells(viewport));
-    std::lock_guard guard(mutex_);
-    if (subscribeError_) throw *subscribeError_;
+    raiseIfFailing("subscribe");
     return {};
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -17,11 +18,9 @@ public:
     void push(SessionEvent event) { stream_->push(std::move(event)); }
     std::vector<std::string> calls() const;
 
-    // Raised by the next calls of that operation while set.
-    void failStart(std::optional<BackendError> error);
-    void failFocus(std::optional<BackendError> error);
-    void failMove(std::optional<BackendError> error);
-    void failSubscribe(std::optional<BackendError> error);
+    // Raised by the next calls of that operation ("start", "focus", "move" or "subscribe")
+    // while set.
+    void fail(const std::string& operation, BackendError error);
     void scriptSettings(DaemonSettings settings);
 
     std::shared_ptr<SessionEventStream> events() override { return stream_; }
@@ -59,15 +58,13 @@ public:
 
 private:
     void record(std::string call);
+    void raiseIfFailing(const std::string& operation);
     [[noreturn]] void unscripted(const std::string& call);
 
     std::shared_ptr<SessionEventStream> stream_ = std::make_shared<SessionEventStream>();
     mutable std::mutex mutex_;
     std::vector<std::string> calls_;
-    std::optional<BackendError> startError_;
-    std::optional<BackendError> focusError_;
-    std::optional<BackendError> moveError_;
-    std::optional<BackendError> subscribeError_;
+    std::map<std::string, BackendError> failures_;
     DaemonSettings settings_;
     DaemonService service_;
 };
