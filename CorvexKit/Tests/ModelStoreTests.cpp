@@ -14,6 +14,7 @@ using namespace std::chrono_literals;
 using testkit::RecordingSink;
 using testkit::samplePane;
 using testkit::sampleState;
+using testkit::tabIDs;
 
 namespace {
 
@@ -25,12 +26,6 @@ Hello hello(std::string instance) {
     h.instance = std::move(instance);
     h.featureNames = std::vector<std::string>{"pane.keys", "move", "no.such.thing"};
     return h;
-}
-
-std::vector<uint64_t> tabIDs(const ModelState& state, size_t workspace) {
-    std::vector<uint64_t> ids;
-    for (const auto& tab : state.workspaces.at(workspace).tabs) ids.push_back(tab.id);
-    return ids;
 }
 
 std::string errorCode(std::exception_ptr error) {
@@ -210,12 +205,12 @@ TEST_F(ModelStoreTest, AFailedFocusRollsBackToWhereTheDaemonWasBeforeTheFirstOfA
 TEST_F(ModelStoreTest, MovesAreReplayedOverStatesUntilConfirmed) {
     connectWithState();
     store.move(MoveRequest::moveTab(4, std::nullopt, 0));
-    EXPECT_EQ(tabIDs(store.state(), 0), (std::vector<uint64_t>{4, 2}));
+    EXPECT_EQ(tabIDs(store.state().workspaces.at(0)), (std::vector<uint64_t>{4, 2}));
     EXPECT_TRUE(store.isMoveLocal());
 
     // A state without the move gets it laid over; one that already has it is left as it is.
     deliver(SessionEvent::State{sampleState(2)});
-    EXPECT_EQ(tabIDs(store.state(), 0), (std::vector<uint64_t>{4, 2}));
+    EXPECT_EQ(tabIDs(store.state().workspaces.at(0)), (std::vector<uint64_t>{4, 2}));
     auto moved = *sampleState(3).moving(MoveRequest::moveTab(4, std::nullopt, 0));
     deliver(SessionEvent::State{moved});
     EXPECT_EQ(store.state(), moved);
@@ -224,7 +219,7 @@ TEST_F(ModelStoreTest, MovesAreReplayedOverStatesUntilConfirmed) {
     EXPECT_EQ(backend->calls().back(), "move tab 4 to index 0");
     queue.advance(500ms);
     deliver(SessionEvent::State{sampleState(4)});
-    EXPECT_EQ(tabIDs(store.state(), 0), (std::vector<uint64_t>{2, 4}));
+    EXPECT_EQ(tabIDs(store.state().workspaces.at(0)), (std::vector<uint64_t>{2, 4}));
     EXPECT_FALSE(store.isMoveLocal());
 }
 
@@ -235,7 +230,7 @@ TEST_F(ModelStoreTest, AFailedMoveIsTakenOutAndTheOthersStay) {
     backend->fail("move", BackendError("not_found", "no tab 4"));
     std::string result;
     store.move(MoveRequest::moveTab(4, 8, 0), [&](std::exception_ptr error) { result = errorCode(error); });
-    EXPECT_EQ(tabIDs(store.state(), 0), (std::vector<uint64_t>{4, 9}));
+    EXPECT_EQ(tabIDs(store.state().workspaces.at(0)), (std::vector<uint64_t>{4, 9}));
     finishCalls();
     EXPECT_EQ(result, "not_found: no tab 4");
     EXPECT_EQ(store.state(), *sampleState().moving(MoveRequest::moveWorkspace(8, 0)));

@@ -5,16 +5,7 @@
 
 using namespace corvex;
 using testkit::sampleState;
-
-namespace {
-
-std::vector<uint64_t> tabIDs(const Workspace& workspace) {
-    std::vector<uint64_t> ids;
-    for (const auto& tab : workspace.tabs) ids.push_back(tab.id);
-    return ids;
-}
-
-} // namespace
+using testkit::tabIDs;
 
 TEST(ModelState, FocusingAPaneOrTabActivatesItsTabAndWorkspaceButKeepsRevAndPanes) {
     auto state = sampleState();

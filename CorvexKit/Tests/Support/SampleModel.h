@@ -30,4 +30,11 @@ inline ModelState sampleState(uint64_t rev = 1) {
     return state;
 }
 
+// A workspace's tabs by identifier, in their order.
+inline std::vector<uint64_t> tabIDs(const Workspace& workspace) {
+    std::vector<uint64_t> ids;
+    for (const auto& tab : workspace.tabs) ids.push_back(tab.id);
+    return ids;
+}
+
 } // namespace corvex::testkit
