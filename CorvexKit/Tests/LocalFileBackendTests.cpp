@@ -17,16 +17,11 @@ using corvex::testing::failureOf;
 using corvex::testing::drain;
 using corvex::testing::readBytes;
 using corvex::testing::ScratchDirectory;
+using corvex::testing::names;
 using corvex::testing::stagingFiles;
 using corvex::testing::writeBytes;
 
 namespace {
-
-std::vector<std::string> names(const FileListing& listing) {
-    std::vector<std::string> found;
-    for (const FileEntry& entry : listing.entries) found.push_back(entry.name);
-    return found;
-}
 
 FileWriteOptions resumable(const std::string& id, std::optional<std::string> source) {
     FileWriteOptions options;

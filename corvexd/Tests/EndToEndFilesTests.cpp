@@ -25,6 +25,7 @@ using namespace corvex;
 using namespace std::chrono_literals;
 using namespace corvexd::testing;
 using corvex::testing::MemorySource;
+using corvex::testing::names;
 using corvex::testing::patternBytes;
 using corvex::testing::failureOf;
 using corvex::testing::drain;
@@ -36,12 +37,6 @@ using nlohmann::json;
 namespace fsys = std::filesystem;
 
 namespace {
-
-std::vector<std::string> names(const std::vector<FileEntry>& entries) {
-    std::vector<std::string> found;
-    for (const FileEntry& entry : entries) found.push_back(entry.name);
-    return found;
-}
 
 class DaemonFiles : public ::testing::Test {
 protected:
@@ -90,10 +85,10 @@ TEST_F(DaemonFileLayer, EntriesListingsAndPagesAreTheSame) {
     EXPECT_EQ(files->stat("/").name, "/");
     EXPECT_EQ(files->stat(at("text")), LocalFileBackend().stat(at("text"))) << "the same entry, exactly";
 
-    EXPECT_EQ(names(files->list(scratch.path(), false, {}, {}).entries),
+    EXPECT_EQ(names(files->list(scratch.path(), false, {}, {})),
               (std::vector<std::string>{"binary", "dangling", "link", "text"}));
     FileListing first = files->list(scratch.path(), true, 2, {});
-    EXPECT_EQ(names(first.entries), (std::vector<std::string>{".hidden", "binary"}));
+    EXPECT_EQ(names(first), (std::vector<std::string>{".hidden", "binary"}));
     EXPECT_EQ(first.next, "binary");
     auto [dir, all] = listAll(*files, scratch.path(), true);
     EXPECT_EQ(all.size(), 5u);

@@ -12,6 +12,13 @@
 
 namespace corvex::testing {
 
+// The names of a listing's entries, in its order.
+inline std::vector<std::string> names(const FileListing& listing) {
+    std::vector<std::string> found;
+    for (const FileEntry& entry : listing.entries) found.push_back(entry.name);
+    return found;
+}
+
 // Deterministic bytes, so a copy can be compared byte for byte.
 inline std::string patternBytes(size_t size, unsigned seed = 1) {
     std::string bytes(size, '\0');
