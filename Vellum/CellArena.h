@@ -200,6 +200,7 @@ private:
     };
     static_assert(sizeof(AttributeSlot) == 4);
     std::vector<AttributeSlot> attributeSlots = std::vector<AttributeSlot>(1024);
+    int attributeSlotShift = 64 - 10; // 64 less the bits of the slot count: the lookup reads one number
     struct StoredKey { // word1 fits 32 bits
         uint64_t word0;
         uint32_t word1;
@@ -254,7 +255,7 @@ private:
     size_t homeSlot(uint64_t hash) const {
         // Only the top bits of the hash are well mixed (a low bit of a product depends only on
         // the factors' lower bits), and the slot index takes those.
-        return size_t(hash >> (64 - std::countr_zero(attributeSlots.size())));
+        return size_t(hash >> attributeSlotShift);
     }
     size_t firstFreeSlot(uint64_t hash) const;
     void storeAttribute(const InternedAttributeKey& key, uint64_t hash, uint16_t identifier, std::optional<size_t> freeSlot);
