@@ -279,7 +279,9 @@ private:
     void eraseRow(BufferLine& line, int start, int end, bool selective);
     void selectGraphicRendition(CsiParameters pars, uint64_t colonMask);
     // True when the pen's identifier is left for the caller to look up with `resolveStyleID`.
-    bool applyPlainRendition(const int64_t* pars, int count);
+    // Inlined into the ground lane, its one caller: as a call it cost the lane its registers,
+    // the byte scanner's constants included, at every rendition.
+    [[gnu::always_inline]] inline bool applyPlainRendition(const int64_t* pars, int count);
     void resolveStyleID() { curStyleID = uint16_t(std::max(cellArena->internedIdentifier(curKey), 0)); }
     void setModes(CsiParameters pars, bool privateMode, bool value);
     void setPrivateMode(int mode, bool value);
