@@ -102,14 +102,6 @@ public:
     // The same by key, for a writer that keeps its rendition as one: the identifier, or -1 when
     // the table is full. Inline: every SGR that changes the pen asks, and most are answered here.
     int internedIdentifier(const InternedAttributeKey& key);
-    // Asks for the memory that `internedIdentifier` will read for this key, so that a writer
-    // can do other work (read the word that follows a rendition) while it arrives.
-    void prefetchLookup(const InternedAttributeKey& key) const {
-        uint64_t hash = cacheHash(key);
-        __builtin_prefetch(&attributeCache[cacheIndex(hash)]);
-        __builtin_prefetch(&attributePresence[presenceWord(remix(hash))]);
-        __builtin_prefetch(&attributeSlots[homeSlot(hash)]);
-    }
     std::optional<uint32_t> intern(std::u32string_view graphemes);
 
     std::optional<PackedCell> pack(const CharData& data);
