@@ -108,6 +108,7 @@ void CellArena::storeAttribute(const InternedAttributeKey& key, uint64_t hash, u
     if (attributeSlots.size() < 2 * used) {
         std::vector<AttributeSlot> old =
             std::exchange(attributeSlots, std::vector<AttributeSlot>(std::bit_ceil(2 * used)));
+        attributeSlotShift = 64 - std::countr_zero(attributeSlots.size());
         // Every stored key is distinct, so each only needs the first free slot from its home.
         for (const AttributeSlot& slot : old) {
             if (slot.identifier == 0) continue;

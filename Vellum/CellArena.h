@@ -102,14 +102,6 @@ public:
     // The same by key, for a writer that keeps its rendition as one: the identifier, or -1 when
     // the table is full. Inline: every SGR that changes the pen asks, and most are answered here.
     int internedIdentifier(const InternedAttributeKey& key);
-    // Asks for the memory that `internedIdentifier` will read for this key, so that a writer
-    // can do other work (read the word that follows a rendition) while it arrives.
-    void prefetchLookup(const InternedAttributeKey& key) const {
-        uint64_t hash = cacheHash(key);
-        __builtin_prefetch(&attributeCache[cacheIndex(hash)]);
-        __builtin_prefetch(&attributePresence[presenceWord(remix(hash))]);
-        __builtin_prefetch(&attributeSlots[homeSlot(hash)]);
-    }
     std::optional<uint32_t> intern(std::u32string_view graphemes);
 
     std::optional<PackedCell> pack(const CharData& data);
@@ -200,6 +192,7 @@ private:
     };
     static_assert(sizeof(AttributeSlot) == 4);
     std::vector<AttributeSlot> attributeSlots = std::vector<AttributeSlot>(1024);
+    int attributeSlotShift = 64 - 10; // 64 less the bits of the slot count: the lookup reads one number
     struct StoredKey { // word1 fits 32 bits
         uint64_t word0;
         uint32_t word1;
@@ -254,7 +247,7 @@ private:
     size_t homeSlot(uint64_t hash) const {
         // Only the top bits of the hash are well mixed (a low bit of a product depends only on
         // the factors' lower bits), and the slot index takes those.
-        return size_t(hash >> (64 - std::countr_zero(attributeSlots.size())));
+        return size_t(hash >> attributeSlotShift);
     }
     size_t firstFreeSlot(uint64_t hash) const;
     void storeAttribute(const InternedAttributeKey& key, uint64_t hash, uint16_t identifier, std::optional<size_t> freeSlot);

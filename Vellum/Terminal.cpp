@@ -151,20 +151,16 @@ PackedCell Terminal::eraseSpaceCell() {
     return cellArena->pack(erase, U" ", 0).value_or(PackedCell::make(PackedCell::scalarTag, 32, 0, 0, false, 0, 0));
 }
 
-// Erased cells keep only the background, which an empty cell carries inline: no style is
-// interned for it, so a colour change costs nothing here.
-void Terminal::updateEraseBlank() {
-    // From the key, which is never stale.
-    auto bg = Attribute::Color::fromInternCode(uint32_t(curKey.word0 >> InternedAttributeKey::backgroundShift & InternedAttributeKey::codeMask));
-    if (bg == Attribute::Color::defaultColor()) {
-        currentEraseBlankCell = PackedCell{};
-    } else if (auto inlined = CellArena::inlineBackgroundCell(bg)) {
-        currentEraseBlankCell = *inlined;
-    } else {
-        Attribute erase = Attribute::empty;
-        erase.bg = bg;
-        currentEraseBlankCell = cellArena->pack(erase, std::u32string_view(U"\0", 1), 0).value_or(PackedCell{});
-    }
+// The colour codes as updateEraseBlank reads them.
+static_assert(Attribute::Color::defaultColor().internCode() == 0 && Attribute::Color::defaultInvertedColor().internCode() == 0x1000000);
+static_assert(Attribute::Color::ansi256(7).internCode() == 0x2000007 && Attribute::Color::trueColor(1, 2, 3).internCode() == 0x3010203);
+
+// Erased cells keep only the background, which an empty cell carries inline except for the
+// inverted default: no style is interned for the others, so a colour change costs nothing there.
+void Terminal::updateEraseBlankInverted() {
+    Attribute erase = Attribute::empty;
+    erase.bg = Attribute::Color::defaultInvertedColor();
+    currentEraseBlankCell = cellArena->pack(erase, std::u32string_view(U"\0", 1), 0).value_or(PackedCell{});
 }
 
 // ---- C0 and ESC

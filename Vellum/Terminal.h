@@ -244,7 +244,21 @@ private:
     PackedCell printBase();
     int printWidth(char32_t scalar) const;
     void updateEraseWords();
-    void updateEraseBlank();
+    // The erase blank follows the pen's background, read from the key. Inline and without a
+    // branch on the colour's kind, which coloured output switches at random: default, palette
+    // and true-colour backgrounds are held in the empty cell's word itself; only the inverted
+    // default is interned.
+    void updateEraseBlank() {
+        using Key = InternedAttributeKey;
+        uint32_t code = uint32_t(curKey.word0 >> Key::backgroundShift & Key::codeMask);
+        uint32_t kind = code >> 24; // 0 default, 1 inverted default, 2 palette, 3 true colour
+        if (kind == 1) return updateEraseBlankInverted();
+        // A true colour's code is red, green, blue from the top; the cell's value is the reverse.
+        uint32_t value = kind == 3 ? __builtin_bswap32(code << 8) : code & 0xFF;
+        uint8_t tag = kind == 3 ? PackedCell::trueColorBackgroundTag : PackedCell::paletteBackgroundTag;
+        currentEraseBlankCell = kind != 0 ? PackedCell::make(tag, value, 0, 0, false, 0, 0) : PackedCell{};
+    }
+    void updateEraseBlankInverted();
     // The erase word with a space in it, for the operations that erase to spaces.
     PackedCell eraseSpaceCell();
     PackedCell blank() const { return currentEraseBlankCell; }
@@ -265,7 +279,9 @@ private:
     void eraseRow(BufferLine& line, int start, int end, bool selective);
     void selectGraphicRendition(CsiParameters pars, uint64_t colonMask);
     // True when the pen's identifier is left for the caller to look up with `resolveStyleID`.
-    bool applyPlainRendition(const int64_t* pars, int count);
+    // Inlined into the ground lane, its one caller: as a call it cost the lane its registers,
+    // the byte scanner's constants included, at every rendition.
+    [[gnu::always_inline]] inline bool applyPlainRendition(const int64_t* pars, int count);
     void resolveStyleID() { curStyleID = uint16_t(std::max(cellArena->internedIdentifier(curKey), 0)); }
     void setModes(CsiParameters pars, bool privateMode, bool value);
     void setPrivateMode(int mode, bool value);

@@ -229,7 +229,6 @@ bool Terminal::applyPlainRendition(const int64_t* pars, int count) {
     curKey = Key::fromWords(word0, word1);
     penAttributeStale = true;
     bool backgroundChanged = ((word0 ^ before.word0) >> Key::backgroundShift & Key::codeMask) != 0;
-    cellArena->prefetchLookup(curKey);
     // Interning stays in order with the lookup left to the caller: the codes here only set
     // default, palette and true-colour backgrounds, whose erase blanks are inline and intern nothing.
     if (backgroundChanged) updateEraseBlank();
@@ -377,8 +376,8 @@ size_t Terminal::consumeGroundLane(const uint8_t* p, size_t from, size_t size) {
             size_t end = readLaneCsi(p, i, size, pars, parsCount, final);
             if (end == 0) break;
             if (final == 'm') {
-                // Usually only the word that follows wants the new identifier: its lookup waits
-                // on memory, and reading the word meanwhile hides part of that wait.
+                // The identifier is looked up when the next byte that is not text comes, or
+                // before the word that follows is written.
                 lookupPending = applyPlainRendition(pars, parsCount);
                 i = end;
                 continue;

@@ -261,6 +261,10 @@ TEST(TerminalPrint, ErasedCellsKeepOnlyTheBackground) {
     EXPECT_EQ(erased.attribute.bg, Attribute::Color::ansi256(2));
     EXPECT_EQ(erased.attribute.fg, Attribute::Color::defaultColor());
     EXPECT_TRUE(erased.attribute.style.isEmpty());
+    // A true colour keeps its channels in order; the default background erases to the plain blank.
+    h.terminal.feed("\x1b[48;2;1;2;3m\x1b[5G\x1b[K\x1b[49m\x1b[8G\x1b[K");
+    EXPECT_EQ(h.terminal.getCharData(5, 1).attribute.bg, Attribute::Color::trueColor(1, 2, 3));
+    EXPECT_EQ(h.terminal.getCharData(8, 1).attribute, Attribute::empty);
 }
 
 TEST(TerminalPrint, HowTheBytesAreChunkedNeverChangesTheScreen) {
