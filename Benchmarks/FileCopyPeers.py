@@ -182,9 +182,15 @@ def ssh_cases(args, work, corvex):
                 os.chown(remote(folder), entry.pw_uid, entry.pw_gid)
                 subprocess.run(["sync"])
             case = {}
-            peers = {"scp": lambda d: ["scp", "-q", "-r", "-F", config, src, "%s:%s/" % (target, remote(d))]}
+            # corvex puts AES-GCM first where the processor has AES instructions; the "-gcm" peers
+            # run scp and rsync with that cipher too, so the cipher alone doesn't decide.
+            gcm = "aes128-gcm@openssh.com"
+            peers = {"scp": lambda d: ["scp", "-q", "-r", "-F", config, src, "%s:%s/" % (target, remote(d))],
+                     "scp-gcm": lambda d: ["scp", "-q", "-r", "-c", gcm, "-F", config, src, "%s:%s/" % (target, remote(d))]}
             if shutil.which("rsync"):
                 peers["rsync"] = lambda d: ["rsync", "-a", "-e", "ssh -F " + config, src, "%s:%s/" % (target, remote(d))]
+                peers["rsync-gcm"] = lambda d: ["rsync", "-a", "-e", "ssh -c %s -F %s" % (gcm, config), src,
+                                                "%s:%s/" % (target, remote(d))]
             peers["corvex"] = lambda d: [corvex] + ssh_args + ["cp", "--streams", str(args.streams), src, ":" + remote(d)]
             for peer in [name for name in args.peers if name in peers]:
                 argv = peers[peer]
@@ -226,7 +232,8 @@ def main():
     parser.add_argument("--ssh", action="store_true")
     parser.add_argument("--cases", default="local-big,local-tree,ssh-big,ssh-tree",
                         help="comma-separated: local-big, local-tree, ssh-big, ssh-tree")
-    parser.add_argument("--peers", default="scp,rsync,corvex", help="over ssh: which of scp, rsync, corvex run, in this order")
+    parser.add_argument("--peers", default="scp,rsync,corvex",
+                        help="over ssh: which of scp, scp-gcm, rsync, rsync-gcm, corvex run, in this order")
     args = parser.parse_args()
     args.peers = args.peers.split(",") # in the order given
     args.cases = set(args.cases.split(","))

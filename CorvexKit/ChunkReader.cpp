@@ -40,6 +40,22 @@ std::optional<Bytes> ChunkReader::next() {
     return block;
 }
 
+size_t ChunkReader::readInto(char* into, size_t most) {
+    std::lock_guard guard(lock_);
+    if (cancelled_) throw cancellationError();
+    size_t amount = static_cast<size_t>(amountLocked(most));
+    size_t done = 0;
+    while (fd_ >= 0 && done < amount) {
+        ssize_t count = ::pread(fd_, into + done, amount - done, static_cast<off_t>(position_));
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) throw std::system_error(errno, std::generic_category(), "read");
+        if (count == 0) break;
+        done += static_cast<size_t>(count);
+        position_ += static_cast<uint64_t>(count);
+    }
+    return done;
+}
+
 uint64_t ChunkReader::amountLocked(uint64_t most) const {
     if (!end_) return most;
     return *end_ > position_ ? std::min(most, *end_ - position_) : 0;

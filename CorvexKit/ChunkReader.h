@@ -23,6 +23,9 @@ public:
 
     // The next block, nothing at the end; raises cancellationError() after a close.
     std::optional<Bytes> next();
+    // Reads up to `most` bytes from where the reader stands into `into`, fewer only at the
+    // end; raises as next() does.
+    size_t readInto(char* into, size_t most);
     // Copies up to `most` bytes from where the reader stands into `fd` at `at`, inside the
     // kernel where the file systems allow it; 0 at the end. Raises as next() does.
     uint64_t copyInto(int fd, uint64_t at, uint64_t most);

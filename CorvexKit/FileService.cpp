@@ -144,6 +144,23 @@ void removeIfThere(const std::string& path) {
     if (::lstat(path.c_str(), &record) == 0) ::unlink(path.c_str());
 }
 
+// A new staging file is this write's own: never one that appeared at the name meanwhile.
+int createExclusive(const std::string& path) { return ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_CREAT | O_EXCL, 0600); }
+
+// Where an earlier attempt's staging file ends, when it holds a beginning of this same source.
+std::optional<uint64_t> resumableOffset(const std::string& staging, const std::string& sideFile,
+                                        const FileWriteOptions& options) {
+    struct stat held {};
+    if (::lstat(staging.c_str(), &held) != 0 || !S_ISREG(held.st_mode)) return std::nullopt;
+    std::optional<std::string> recorded = readWholeFile(sideFile);
+    bool sameSource = recorded ? recorded == options.source : !options.source;
+    // More than the source promises can't be a beginning of it.
+    uint64_t size = static_cast<uint64_t>(held.st_size);
+    bool fits = !options.size || size <= *options.size;
+    if (!sameSource || !fits) return std::nullopt;
+    return size;
+}
+
 std::optional<FileEntry> entryIfAny(const std::string& path) {
     // Most often nothing is there: answered without building an error to throw away.
     struct stat record {};
@@ -571,38 +588,31 @@ std::unique_ptr<StagedWrite> FileService::beginWrite(const std::string& path, co
     std::string sideFile = sideFileName(staging);
 
     std::optional<uint64_t> resumeAt;
+    int fd = -1;
     if (options.uploadID) {
-        struct stat held {};
-        const bool staged = ::lstat(staging.c_str(), &held) == 0;
-        if (staged && S_ISREG(held.st_mode)) {
-            std::optional<std::string> recorded = readWholeFile(sideFile);
-            bool sameSource = recorded ? recorded == options.source : !options.source;
-            // More than the source promises can't be a beginning of it.
-            uint64_t size = static_cast<uint64_t>(held.st_size);
-            bool fits = !options.size || size <= *options.size;
-            if (sameSource && fits) resumeAt = size;
-        }
-        if (!resumeAt) {
-            // Looked at before removed: a removal locks the folder even for nothing, and many
-            // small files are written into one folder at once.
-            if (staged) ::unlink(staging.c_str());
-            // A small file's fingerprint is only written should the write break: a tree of
-            // small files then costs no extra file per file. A crash before that leaves a
-            // staging file without one, which the next attempt starts again, as it must. A
-            // fingerprint is only ever left beside a staging file.
-            if (options.source && isSmall(options)) {
-                if (staged) removeIfThere(sideFile);
-            } else if (options.source) {
-                writeSideFileAtomically(sideFile, *options.source);
+        // Most often no earlier attempt left anything: the staging file is made at once, and a
+        // name already taken is looked at only then. Many small files are written into one
+        // folder at once, and each look at a name that isn't there searches the folder.
+        fd = createExclusive(staging);
+        if (fd < 0 && errno == EEXIST) {
+            resumeAt = resumableOffset(staging, sideFile, options);
+            if (!resumeAt) {
+                ::unlink(staging.c_str());
+                // A small file's fingerprint is only written should the write break: a tree
+                // of small files then costs no extra file per file. A crash before that leaves
+                // a staging file without one, which the next attempt starts again, as it must.
+                // A fingerprint is only ever left beside a staging file.
+                if (options.source && isSmall(options)) removeIfThere(sideFile);
             }
+            fd = resumeAt ? ::open(staging.c_str(), O_WRONLY | O_CLOEXEC) : createExclusive(staging);
         }
+        // Written once the staging file stands: a crash between the two leaves a staging file
+        // without a fingerprint, which the next attempt starts again.
+        if (fd >= 0 && !resumeAt && options.source && !isSmall(options)) writeSideFileAtomically(sideFile, *options.source);
     } else {
         removeIfThere(staging);
+        fd = createExclusive(staging);
     }
-
-    // A new staging file is this write's own: never one that appeared at the name meanwhile.
-    int flags = O_WRONLY | O_CLOEXEC | (resumeAt ? 0 : O_CREAT | O_EXCL);
-    int fd = ::open(staging.c_str(), flags, 0600);
     if (fd < 0) {
         int error = errno;
         if (!options.uploadID) ::unlink(staging.c_str());

@@ -13,6 +13,7 @@
 #include "CorvexKit/ProcessRun.h"
 #include "CorvexKit/SessionBackend.h"
 #include "Platform/SerialQueue.h"
+#include "Platform/System.h"
 
 namespace corvex {
 
@@ -179,6 +180,19 @@ void ignoreSigpipeOnce() {
     std::call_once(once, [] { ::signal(SIGPIPE, SIG_IGN); });
 }
 
+// A whole piece of a file fits the pipes to and from ssh, so the side that writes a piece
+// doesn't wait for ssh to take it in 64 KiB steps. Above the system's limit the default
+// stays, which only costs speed.
+constexpr int pipeBuffer = 1 << 20;
+
+void enlargePipe(int fd) {
+#ifdef F_SETPIPE_SZ
+    (void)::fcntl(fd, F_SETPIPE_SZ, pipeBuffer);
+#else
+    (void)fd;
+#endif
+}
+
 pid_t spawn(const std::string& program, const std::vector<std::string>& arguments, Pipe in, Pipe out, Pipe err) {
     try {
         return spawnChild(program, arguments, std::nullopt, in.read, out.write, err.write);
@@ -199,8 +213,21 @@ const std::vector<std::string>& SSHProcessTransport::baseOptions() {
     return *options;
 }
 
+const std::vector<std::string>& SSHProcessTransport::cipherOptions() {
+    // Files cross this connection in bulk, and ssh and sshd spend most of their time on
+    // the cipher: with AES instructions AES-GCM costs about half of ssh's default
+    // ChaCha20-Poly1305 per byte, on both ends. "^" keeps the rest of the defaults behind it,
+    // so a server without AES-GCM still agrees on one of them.
+    static const auto* options = new std::vector<std::string>(
+        platform::hasAESInstructions()
+            ? std::vector<std::string>{"-o", "Ciphers=^aes128-gcm@openssh.com,aes256-gcm@openssh.com"}
+            : std::vector<std::string>{});
+    return *options;
+}
+
 std::vector<std::string> SSHProcessTransport::arguments(const std::string& command) const {
     std::vector<std::string> arguments = baseOptions();
+    arguments.insert(arguments.end(), cipherOptions().begin(), cipherOptions().end());
     arguments.insert(arguments.end(), extraOptions.begin(), extraOptions.end());
     arguments.push_back("--");
     arguments.push_back(target);
@@ -239,6 +266,8 @@ std::shared_ptr<ByteStream> SSHProcessTransport::open(const ProgressHandler& pro
         closeAll({in.read, in.write, out.read, out.write});
         throw;
     }
+    enlargePipe(in.write);
+    enlargePipe(out.read);
     pid_t pid = spawn(sshPath, arguments(command), in, out, err);
     closeAll({in.read, out.write, err.write});
 

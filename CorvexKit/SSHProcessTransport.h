@@ -40,6 +40,9 @@ public:
     using ExitHandler = std::function<void(int status, const std::string& stderrText)>;
 
     static const std::vector<std::string>& baseOptions();
+    // The ciphers this machine runs fastest ahead of ssh's defaults, which stay as the
+    // fallback; empty where the defaults are already the fastest.
+    static const std::vector<std::string>& cipherOptions();
 
     std::string target;
     // Asked at each open; may raise.

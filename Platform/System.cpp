@@ -5,6 +5,10 @@
 #include <fstream>
 #include <pwd.h>
 #include <unistd.h>
+#if defined(__aarch64__) && defined(__linux__)
+#include <asm/hwcap.h>
+#include <sys/auxv.h>
+#endif
 #include <vector>
 
 namespace platform {
@@ -57,6 +61,18 @@ std::string temporaryDirectory() {
 }
 
 uid_t userId() { return getuid(); }
+
+bool hasAESInstructions() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("aes") && __builtin_cpu_supports("pclmul");
+#elif defined(__aarch64__) && defined(__linux__)
+    const unsigned long capabilities = getauxval(AT_HWCAP);
+    return (capabilities & HWCAP_AES) && (capabilities & HWCAP_PMULL);
+#else
+    return false;
+#endif
+}
 
 std::string hostName() {
     if (auto pretty = prettyHostName(); !pretty.empty()) return pretty;

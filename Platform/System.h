@@ -16,5 +16,7 @@ std::string hostName();
 std::string userShell();
 // The value of an environment variable, or empty when unset.
 std::string environmentValue(const char* name);
+// Whether this processor has instructions for AES and the carry-less multiply of GCM.
+bool hasAESInstructions();
 
 } // namespace platform

@@ -493,14 +493,17 @@ void FileStreams::stagePuts() {
         guard.unlock();
         bool staged = stagePut(stream);
         guard.lock();
-        stagedMore_.notify_all();
-        if (!staged) continue;
-        toSync_.push_back(std::move(stream));
-        if (!syncing_) {
-            syncing_ = true;
-            ++workers_;
-            streamThreads_.detach([this] { syncPuts(); });
+        if (staged) {
+            toSync_.push_back(std::move(stream));
+            if (!syncing_) {
+                syncing_ = true;
+                ++workers_;
+                streamThreads_.detach([this] { syncPuts(); });
+            }
         }
+        // The sync thread waits for a whole group or for the files to stop coming: woken for
+        // each file, it would only take the lock and sleep again.
+        if (toSync_.size() >= syncGroupGoal || toStage_.empty()) stagedMore_.notify_all();
     }
     stagedMore_.notify_all();
     staging_ = false;

@@ -347,9 +347,11 @@ TEST(SSHProcessTransport, RunsSSHWithItsArgumentsInOrderAndRelaysBytes) {
     stream->shutdown();
     EXPECT_EQ(reading.waitReason(), "reconnecting");
 
+    std::string ciphers;
+    for (const std::string& option : SSHProcessTransport::cipherOptions()) ciphers += option + "\n";
     EXPECT_EQ(readFile(fake.dir.file("args")),
-              "-T\n-o\nBatchMode=yes\n-o\nConnectTimeout=10\n-o\nServerAliveInterval=15\n-o\nServerAliveCountMax=3\n"
-              "-o\nControlPath=/tmp/cp\n--\nhost\necho\n");
+              "-T\n-o\nBatchMode=yes\n-o\nConnectTimeout=10\n-o\nServerAliveInterval=15\n-o\nServerAliveCountMax=3\n" +
+                  ciphers + "-o\nControlPath=/tmp/cp\n--\nhost\necho\n");
 }
 
 TEST(SSHProcessTransport, ExitStatusBecomesTheCloseReason) {

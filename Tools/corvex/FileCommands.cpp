@@ -148,6 +148,15 @@ private:
     bool drawn_ = false;
 };
 
+bool isOneFile(FileBackend& files, const std::vector<std::string>& paths) {
+    if (paths.size() != 1) return false;
+    try {
+        return files.stat(paths.front()).type == FileType::file;
+    } catch (const BackendError&) {
+        return false; // the copy itself says what is wrong with it
+    }
+}
+
 } // namespace
 
 CommandRun parseLs(Arguments& args) {
@@ -228,11 +237,16 @@ CommandRun parseCp(Arguments& args) {
             transfer.smallFileStreams = std::max(streams, protocol::fsPutsAtOnce);
             transfer.smallFileSize = protocol::fsPutLargest;
         }
-        // Larger pieces than the app's default: fewer frames and wake-ups for the same bytes,
-        // still four to a window.
+        // Larger pieces than the app's default: fewer frames and wake-ups for the same bytes.
         transfer.chunk = 1 << 20;
         std::vector<std::string> paths;
         for (const auto& source : sources) paths.push_back(resolvedPath(source));
+        // One file from here to a daemon is one stream that carries everything, paced by its
+        // window: each piece crosses ssh, sshd and the bridge before the daemon's ack comes
+        // back, and the default 4 MiB in flight leaves that pipeline idle between acks. It
+        // gets the most a daemon grants a write. A tree keeps the default: its streams fill
+        // the pipeline together, within what the daemon holds for one client.
+        if (destination.remote && !sources.front().remote && isOneFile(*from, paths)) transfer.window = 16 << 20;
         std::string into = resolvedPath(destination);
         // "cp FILE NEWNAME": a destination that isn't a directory names the one copy.
         std::optional<FileEntry> target;
