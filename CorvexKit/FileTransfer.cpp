@@ -199,21 +199,31 @@ void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
                 if (group.isCancelled()) return;
                 ++slots->bigInFlight;
             }
-            for (bool again = true; again;) {
+            // A batch's files that have not ended yet: a retry sends only these.
+            std::vector<size_t> pending = unit.files;
+            for (bool again = true, first = true; again; first = false) {
                 again = false;
                 {
                     std::lock_guard guard(slots->lock);
                     ++slots->inFlight;
                 }
+                const size_t pendingBefore = pending.size();
                 std::exception_ptr failed;
                 try {
-                    if (unit.batched) copyBatch(files, unit.files, conflict, group);
+                    // A later round may follow a batch whose reply was lost with files placed.
+                    if (unit.batched) copyBatch(files, pending, conflict, group, !first);
                     else copyFile(files[unit.files.front()], conflict, group);
                 } catch (...) {
                     failed = std::current_exception();
                 }
                 std::unique_lock guard(slots->lock);
                 --slots->inFlight;
+                // Some files of the batch have ended, and what they held at the far end is free
+                // again: the rest go at once. Each such round ends at least one file.
+                if (failed && pending.size() < pendingBefore && isTooManyStreams(failed)) {
+                    again = !group.isCancelled();
+                    continue;
+                }
                 // The far end has fewer streams than this copy keeps going: the file waits for
                 // another one to end and tries again, as long as another one is still going.
                 if (failed && slots->inFlight > 0 && isTooManyStreams(failed)) {
@@ -252,54 +262,78 @@ void FileTransfer::copyFiles(const std::vector<Item>& files, Conflict conflict,
 }
 
 // Each file of the batch ends as its own write would: done, skipped, or failed. One that met
-// a broken connection is tried again on its own, with the retries of a single file.
-void FileTransfer::copyBatch(const std::vector<Item>& files, const std::vector<size_t>& batch, Conflict conflict,
-                             const platform::CancellationToken& cancel) {
+// a broken connection is tried again on its own, with the retries of a single file. One the
+// far end had no room for stays in `pending` for the caller to send again, and the batch
+// raises "too_many_streams" once the others have ended: a file already placed is never sent
+// again, where it would now be in its own way, nor counted twice.
+void FileTransfer::copyBatch(const std::vector<Item>& files, std::vector<size_t>& pending, Conflict conflict,
+                             const platform::CancellationToken& cancel, bool mayBePlaced) {
     std::vector<std::unique_ptr<StreamedSource>> sources;
     std::vector<SmallFileWrite> writes;
-    sources.reserve(batch.size());
-    writes.reserve(batch.size());
-    for (size_t index : batch) {
+    sources.reserve(pending.size());
+    writes.reserve(pending.size());
+    for (size_t index : pending) {
         const Item& item = files[index];
         sources.push_back(std::make_unique<StreamedSource>(*source_, item.entry, chunk, window));
         writes.push_back(SmallFileWrite{item.target, writeOptions(item, *sources.back(), conflict), sources.back().get()});
     }
-    setCurrent(files[batch.back()].target);
+    setCurrent(files[pending.back()].target);
     std::vector<SmallFileOutcome> outcomes;
     try {
         outcomes = destination_->writeBatch(writes, cancel);
     } catch (const BackendError& error) {
         if (!isRetryable(error)) throw;
-        for (size_t index : batch) copyFile(files[index], conflict, cancel);
+        // The reply went with the connection, not necessarily the files: the far end may
+        // have placed any of them before it noticed.
+        while (!pending.empty()) {
+            copyFile(files[pending.front()], conflict, cancel, true);
+            pending.erase(pending.begin());
+        }
         return;
     }
-    for (size_t position = 0; position < batch.size(); ++position) {
-        const Item& item = files[batch[position]];
-        if (!outcomes[position].failure) {
-            countDone(item.target, item.entry.size, false);
-            continue;
-        }
-        try {
-            std::rethrow_exception(outcomes[position].failure);
-        } catch (const BackendError& error) {
-            if (conflict == Conflict::skip && fileErrorCode(error) == FileErrorCode::exists) {
-                countDone(item.target, item.entry.size, true);
+    std::vector<size_t> left; // refused for want of room
+    std::exception_ptr noRoom;
+    size_t position = 0;
+    try {
+        for (; position < pending.size(); ++position) {
+            const Item& item = files[pending[position]];
+            if (!outcomes[position].failure) {
+                countDone(item.target, item.entry.size, false);
                 continue;
             }
-            if (!isRetryable(error)) throw;
-            copyFile(item, conflict, cancel);
+            try {
+                std::rethrow_exception(outcomes[position].failure);
+            } catch (const BackendError& error) {
+                if (fileErrorCode(error) == FileErrorCode::exists && endsAsThere(item, conflict, mayBePlaced)) continue;
+                if (fileErrorCode(error) == FileErrorCode::tooManyStreams) {
+                    left.push_back(pending[position]);
+                    if (!noRoom) noRoom = outcomes[position].failure;
+                    continue;
+                }
+                if (!isRetryable(error)) throw;
+                copyFile(item, conflict, cancel, true);
+            }
         }
+    } catch (...) {
+        left.insert(left.end(), pending.begin() + static_cast<std::ptrdiff_t>(position), pending.end());
+        pending = std::move(left);
+        throw;
     }
+    pending = std::move(left);
+    if (noRoom) std::rethrow_exception(noRoom);
 }
 
-void FileTransfer::copyFile(const Item& item, Conflict conflict, const platform::CancellationToken& cancel) {
+void FileTransfer::copyFile(const Item& item, Conflict conflict, const platform::CancellationToken& cancel,
+                            bool mayBePlaced) {
     setCurrent(item.target);
     for (int attempt = 1;; ++attempt) {
         try {
-            copyFileOnce(item, conflict, cancel);
+            copyFileOnce(item, conflict, cancel, mayBePlaced);
             return;
         } catch (const BackendError& error) {
             if (!isRetryable(error) || attempt > static_cast<int>(retryDelays.size())) throw;
+            // The far end may have placed the file and lost only its answer.
+            mayBePlaced = true;
             if (onRetry) onRetry(item.target, error, attempt + 1);
             auto delay = std::chrono::duration<double>(retryDelays[static_cast<size_t>(attempt - 1)]);
             if (!cancel.sleepFor(std::chrono::duration_cast<std::chrono::steady_clock::duration>(delay)))
@@ -322,17 +356,40 @@ FileWriteOptions FileTransfer::writeOptions(const Item& item, const FileDataSour
     return options;
 }
 
-void FileTransfer::copyFileOnce(const Item& item, Conflict conflict, const platform::CancellationToken& cancel) {
+void FileTransfer::copyFileOnce(const Item& item, Conflict conflict, const platform::CancellationToken& cancel,
+                                bool mayBePlaced) {
     StreamedSource source(*source_, item.entry, chunk, window);
     try {
         destination_->write(item.target, writeOptions(item, source, conflict), source,
                             [this, &item](uint64_t bytes) { setWritten(item.target, bytes); }, cancel);
     } catch (const BackendError& error) {
-        if (conflict != Conflict::skip || fileErrorCode(error) != FileErrorCode::exists) throw;
-        countDone(item.target, item.entry.size, true);
+        if (fileErrorCode(error) != FileErrorCode::exists || !endsAsThere(item, conflict, mayBePlaced)) throw;
         return;
     }
     countDone(item.target, item.entry.size, false);
+}
+
+// A target in the way ends the file as done when it is this copy's own, as skipped when
+// skipping; false leaves the "exists" to be raised.
+bool FileTransfer::endsAsThere(const Item& item, Conflict conflict, bool mayBePlaced) {
+    const bool own = mayBePlaced && holdsThisCopy(item);
+    if (!own && conflict != Conflict::skip) return false;
+    countDone(item.target, item.entry.size, !own);
+    return true;
+}
+
+// A placed file whose answer was lost leaves nothing else behind: its upload's staging file
+// became the target. It is known by what the write gave it, the source's size and exact
+// time; a file that stood there before with both the same is a copy of this very version.
+bool FileTransfer::holdsThisCopy(const Item& item) {
+    FileEntry found;
+    try {
+        found = destination_->stat(item.target);
+    } catch (const BackendError& error) {
+        if (isRetryable(error)) throw;
+        return false;
+    }
+    return found.type == FileType::file && found.size == item.entry.size && found.mtimeNs == item.entry.mtimeNs;
 }
 
 void FileTransfer::setWritten(const std::string& path, uint64_t bytes) {

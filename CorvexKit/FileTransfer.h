@@ -86,11 +86,17 @@ private:
     };
     std::vector<Unit> plan(const std::vector<Item>& files) const;
     void copyFiles(const std::vector<Item>& files, Conflict conflict, const platform::CancellationToken& cancel);
-    void copyBatch(const std::vector<Item>& files, const std::vector<size_t>& batch, Conflict conflict,
-                   const platform::CancellationToken& cancel);
+    // Sends the files of `pending` as one batch; each that ends is taken out of it.
+    void copyBatch(const std::vector<Item>& files, std::vector<size_t>& pending, Conflict conflict,
+                   const platform::CancellationToken& cancel, bool mayBePlaced);
     FileWriteOptions writeOptions(const Item& item, const FileDataSource& source, Conflict conflict) const;
-    void copyFile(const Item& item, Conflict conflict, const platform::CancellationToken& cancel);
-    void copyFileOnce(const Item& item, Conflict conflict, const platform::CancellationToken& cancel);
+    // `mayBePlaced`: an earlier attempt broke after the far end may have placed the file.
+    void copyFile(const Item& item, Conflict conflict, const platform::CancellationToken& cancel,
+                  bool mayBePlaced = false);
+    void copyFileOnce(const Item& item, Conflict conflict, const platform::CancellationToken& cancel,
+                      bool mayBePlaced);
+    bool endsAsThere(const Item& item, Conflict conflict, bool mayBePlaced);
+    bool holdsThisCopy(const Item& item);
     void setWritten(const std::string& path, uint64_t bytes);
     void countDone(const std::string& path, uint64_t size, bool skipped);
     void setCurrent(const std::string& path);

@@ -83,6 +83,19 @@ public:
     bool together = false; // once, and the small reads no longer wait
 };
 
+// Takes batches and writes every file of each, but the reply is lost with the connection.
+class LosesBatchReplies final : public corvex::testing::ForwardingFileBackend {
+public:
+    std::optional<WriteBatchLimits> writeBatchLimits(const FileBackend&) const override {
+        return WriteBatchLimits{16, 1u << 20};
+    }
+    std::vector<SmallFileOutcome> writeBatch(const std::vector<SmallFileWrite>& files,
+                                             const platform::CancellationToken& cancel) override {
+        FileBackend::writeBatch(files, cancel);
+        throw BackendError("disconnected", "the connection dropped before the reply");
+    }
+};
+
 class Transfers : public ::testing::Test {
 protected:
     ScratchDirectory scratch;
@@ -198,6 +211,26 @@ TEST_F(Transfers, ADroppedConnectionIsRetriedFromTheStagingOffset) {
     EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
     EXPECT_EQ(done.back(), 100000u);
     EXPECT_TRUE(stagingFiles(to()).empty());
+}
+
+TEST_F(Transfers, ABatchWhoseReplyIsLostEndsWithWhatItPlacedAndStillRefusesAnotherFileInTheWay) {
+    ::mkdir(from("tree").c_str(), 0755);
+    for (const char* name : {"a", "b", "c"}) writeBytes(from(std::string("tree/") + name), patternBytes(3000, name[0]));
+    FileTransfer transfer(local, std::make_shared<LosesBatchReplies>());
+    transfer.retryDelays = {};
+    transfer.copy({from("tree")}, to(), FileTransfer::Conflict::fail);
+    EXPECT_EQ(readBytes(to("tree/c")), patternBytes(3000, 'c'));
+    EXPECT_EQ(transfer.progress().doneFiles, 3);
+    EXPECT_EQ(transfer.progress().skippedFiles, 0);
+    EXPECT_EQ(transfer.progress().doneBytes, 9000u);
+
+    // The same name from another source: not this copy's file.
+    ::mkdir(from("other").c_str(), 0755);
+    writeBytes(from("other/b"), patternBytes(3000, 'x'));
+    local->setattr(from("other/b"), "1000000000000000000", std::nullopt);
+    EXPECT_EQ(failureOf([&] { transfer.copy({from("other/b")}, to("tree"), FileTransfer::Conflict::fail); }).code(),
+              "exists");
+    EXPECT_EQ(readBytes(to("tree/b")), patternBytes(3000, 'b'));
 }
 
 TEST_F(Transfers, RetriesEndAfterTheLastDelay) {

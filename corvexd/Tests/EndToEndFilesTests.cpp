@@ -269,8 +269,8 @@ TEST_F(DaemonFileLayer, ATreeCopiesWithItsHiddenFilesAndWithoutLinksToFoldersOrF
 
 namespace {
 
-// This computer's files, with reads that can be held at a byte count until let go, and the
-// offsets every read began at.
+// This computer's files, with reads (of every file, or of one) that can be held at a byte
+// count until let go, and the offsets every read began at.
 class HeldFiles final : public corvex::testing::ForwardingFileBackend {
 public:
     FileReadStream read(const std::string& path, const FileReadOptions& options) override {
@@ -279,6 +279,7 @@ public:
             std::lock_guard guard(lock);
             offsets.push_back(options.offset);
         }
+        if (!onlyPath.empty() && path != onlyPath) return stream;
         auto position = std::make_shared<uint64_t>(options.offset);
         stream.data = [this, position, inner = stream.data]() -> std::optional<Bytes> {
             {
@@ -305,6 +306,7 @@ public:
     std::mutex lock;
     std::condition_variable released;
     std::optional<uint64_t> holdAt;
+    std::string onlyPath; // the one file held, when set
     std::vector<uint64_t> offsets;
 };
 
@@ -819,6 +821,95 @@ TEST_F(DaemonFiles, ABatchAnswersEachFileAsItsOwnPutWouldAndRefusesOnlyWhatItCan
     EXPECT_EQ((*refused)["error"]["code"], "too_many_streams") << refused->dump();
     EXPECT_FALSE(fsys::exists(at("refused0")));
     EXPECT_FALSE(client.nextEvent(100ms)) << "a batch ends with its reply, no event";
+}
+
+namespace {
+
+// Promises a big file and sends nothing of it until `until` is cancelled: its write holds its
+// whole window at the daemon meanwhile.
+class SilentSource final : public FileDataSource {
+public:
+    explicit SilentSource(platform::CancellationToken until) : until_(std::move(until)) {}
+    uint64_t size() const override { return 16u << 20; }
+    std::string fingerprint() const override { return "silent"; }
+    ByteBlocks open(uint64_t) override {
+        return [until = until_]() -> std::optional<Bytes> {
+            until.sleepFor(std::chrono::minutes(1));
+            return Bytes(1, 0);
+        };
+    }
+
+private:
+    platform::CancellationToken until_;
+};
+
+} // namespace
+
+TEST_F(DaemonFiles, FilesOfABatchTheDaemonHadNoRoomForAreSentAgainWithoutThoseItPlaced) {
+    // Sixteen small files make one batch; a seventeenth, whose read is held, makes a second
+    // that keeps the copy going while the first waits for room.
+    std::map<std::string, std::string> tree;
+    fsys::create_directories(at("tree"));
+    fsys::create_directories(at("to"));
+    for (int index = 0; index < 17; ++index) {
+        std::string name = index < 16 ? "f" + std::string(index < 10 ? "0" : "") + std::to_string(index) : "z-held";
+        tree[name] = patternBytes(1000, static_cast<unsigned>(index));
+        writeBytes(at("tree/" + name), tree[name]);
+    }
+    auto files = connect();
+    // Writes on the same connection that hold all of its write windows but room for two and a
+    // half small files, each of which is charged 64 KiB.
+    const corvexd::FileStreams::Limits limits;
+    const uint64_t room = 5 * (64u << 10) / 2;
+    platform::CancellationToken hogsGone;
+    std::vector<std::thread> hogs;
+    for (uint64_t held = 0; held < limits.writeWindowsPerClient - room;) {
+        const uint64_t window = std::min(limits.largestWriteWindow, limits.writeWindowsPerClient - room - held);
+        held += window;
+        hogs.emplace_back([&, window, path = at("hog" + std::to_string(hogs.size()))] {
+            SilentSource silent(hogsGone);
+            FileWriteOptions options;
+            options.size = silent.size();
+            options.window = static_cast<int>(window);
+            try {
+                files->write(path, options, silent, {}, hogsGone);
+            } catch (const std::exception&) {
+            }
+        });
+    }
+    const size_t hogCount = hogs.size();
+    bool hogging = eventually([&] { return files->openStreams() == hogCount; });
+
+    auto source = std::make_shared<HeldFiles>();
+    source->holdAt = 0;
+    source->onlyPath = at("tree/z-held");
+    FileTransfer transfer(source, files);
+    transfer.retryDelays = {};
+    std::optional<BackendError> failure;
+    std::thread copying([&] {
+        try {
+            transfer.copy({at("tree")}, at("to"), FileTransfer::Conflict::fail);
+        } catch (const BackendError& error) {
+            failure = error;
+        }
+    });
+    // Two placed, the rest refused for want of room.
+    bool placed = eventually([&] { return transfer.progress().doneFiles >= 2; });
+    hogsGone.cancel();
+    for (std::thread& hog : hogs) hog.join();
+    bool roomAgain = eventually([&] { return files->openStreams() == 0; });
+    source->release();
+    copying.join();
+    ASSERT_TRUE(hogging && placed && roomAgain) << hogging << placed << roomAgain;
+    EXPECT_GT(source->readOffsets().size(), tree.size()) << "files refused for want of room were sent again";
+
+    ASSERT_FALSE(failure) << failure->code() << ": " << failure->message();
+    for (const auto& [name, bytes] : tree) EXPECT_EQ(readBytes(at("to/tree/" + name)), bytes) << name;
+    FileTransfer::Progress progress = transfer.progress();
+    EXPECT_EQ(progress.doneFiles, 17) << "each file counted once";
+    EXPECT_EQ(progress.skippedFiles, 0);
+    EXPECT_EQ(progress.doneBytes, 17000u);
+    EXPECT_TRUE(stagingFiles(at("to")).empty());
 }
 
 TEST_F(DaemonFiles, APutTakesWhatABrokenWriteStagedAndAClientGoneMidPutPlacesNothing) {
