@@ -1,11 +1,14 @@
 #include "CorvexKit/SSHProcessTransport.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
+#include <poll.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -202,6 +205,62 @@ pid_t spawn(const std::string& program, const std::vector<std::string>& argument
     }
 }
 
+// What `ssh -G` prints, or nothing when it fails or takes too long. It reads the configuration
+// and exits without connecting, but a "Match exec" line may run a command of the user's.
+std::optional<std::string> sshConfiguration(const std::string& ssh, const std::vector<std::string>& arguments) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) < 0) return std::nullopt;
+    int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    pid_t pid = -1;
+    try {
+        pid = spawnChild(ssh, arguments, std::nullopt, -1, fds[1], null >= 0 ? null : fds[1]);
+    } catch (const std::runtime_error&) {
+    }
+    closeAll({fds[1], null});
+    if (pid < 0) {
+        ::close(fds[0]);
+        return std::nullopt;
+    }
+    std::string text;
+    bool whole = false;
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) break;
+        pollfd wait{fds[0], POLLIN, 0};
+        int ready = ::poll(&wait, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) break;
+        char buffer[4096];
+        ssize_t count = ::read(fds[0], buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) {
+            whole = count == 0;
+            break;
+        }
+        text.append(buffer, static_cast<size_t>(count));
+    }
+    ::close(fds[0]);
+    if (!whole) ::kill(pid, SIGKILL); // not yet reaped, so still this child
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!whole || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return std::nullopt;
+    return text;
+}
+
+std::optional<std::string> ciphersLine(const std::optional<std::string>& configuration) {
+    if (!configuration) return std::nullopt;
+    std::string_view text = *configuration;
+    while (!text.empty()) {
+        size_t end = std::min(text.find('\n'), text.size());
+        std::string_view line = text.substr(0, end);
+        if (line.starts_with("ciphers ")) return std::string(line.substr(8));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------- SSHProcessTransport
@@ -225,9 +284,43 @@ const std::vector<std::string>& SSHProcessTransport::cipherOptions() {
     return *options;
 }
 
+// ssh takes the first value it obtains for an option, and the command line comes before any
+// configuration file: the preference would silently replace a Ciphers line of the user's or
+// of the system's. So it goes only where ssh would use its built-in list, which is what it
+// reports with no configuration at all. Asked once per target and options in a process.
+std::vector<std::string> SSHProcessTransport::cipherPreference() const {
+    const std::vector<std::string>& preferred = cipherOptions();
+    if (preferred.empty()) return {};
+    std::string key = sshPath;
+    for (const std::string& option : extraOptions) key += '\0' + option;
+    key += '\0' + target;
+    // Never destroyed, as baseOptions().
+    static auto* lock = new std::mutex;
+    static auto* decided = new std::map<std::string, bool>;
+    std::optional<bool> prefer;
+    {
+        std::lock_guard guard(*lock);
+        if (auto found = decided->find(key); found != decided->end()) prefer = found->second;
+    }
+    if (!prefer) {
+        std::vector<std::string> effective{"-G"};
+        effective.insert(effective.end(), baseOptions().begin(), baseOptions().end());
+        effective.insert(effective.end(), extraOptions.begin(), extraOptions.end());
+        effective.insert(effective.end(), {"--", target});
+        std::optional<std::string> chosen = ciphersLine(sshConfiguration(sshPath, effective));
+        std::optional<std::string> builtIn;
+        if (chosen) builtIn = ciphersLine(sshConfiguration(sshPath, {"-G", "-F", "/dev/null", "--", target}));
+        prefer = chosen && builtIn && *chosen == *builtIn;
+        std::lock_guard guard(*lock);
+        decided->emplace(key, *prefer);
+    }
+    return *prefer ? preferred : std::vector<std::string>{};
+}
+
 std::vector<std::string> SSHProcessTransport::arguments(const std::string& command) const {
     std::vector<std::string> arguments = baseOptions();
-    arguments.insert(arguments.end(), cipherOptions().begin(), cipherOptions().end());
+    std::vector<std::string> ciphers = cipherPreference();
+    arguments.insert(arguments.end(), ciphers.begin(), ciphers.end());
     arguments.insert(arguments.end(), extraOptions.begin(), extraOptions.end());
     arguments.push_back("--");
     arguments.push_back(target);

@@ -41,7 +41,7 @@ public:
 
     static const std::vector<std::string>& baseOptions();
     // The ciphers this machine runs fastest ahead of ssh's defaults, which stay as the
-    // fallback; empty where the defaults are already the fastest.
+    // fallback; empty where the defaults are already the fastest. See cipherPreference().
     static const std::vector<std::string>& cipherOptions();
 
     std::string target;
@@ -61,6 +61,9 @@ public:
 
     // The ssh argument vector after the program name.
     std::vector<std::string> arguments(const std::string& command) const;
+    // cipherOptions() where the configuration ssh reads for this target leaves the ciphers at
+    // ssh's defaults; nothing where it chose its own, or where `ssh -G` can't tell.
+    std::vector<std::string> cipherPreference() const;
 
     // The close reason for a child that exited with this status and said this on stderr.
     static std::optional<std::string> exitReason(const std::string& target, int status, const std::string& stderrText);

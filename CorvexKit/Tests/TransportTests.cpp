@@ -3,6 +3,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <future>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -300,8 +301,10 @@ TEST(StderrTail, KeepsTheLastBytesAndReportsWholeLines) {
 
 namespace {
 
-// Stands in for ssh: records its arguments, then behaves as the remote command asks.
+// Stands in for ssh: records its arguments, then behaves as the remote command asks. Asked
+// for its configuration (-G), it has the same ciphers with or without a file.
 const char* fakeSSH = R"(#!/bin/sh
+if [ "$1" = -G ]; then echo "ciphers chacha20-poly1305@openssh.com,aes128-ctr"; exit 0; fi
 printf '%s\n' "$@" > "$(dirname "$0")/args"
 echo $$ > "$(dirname "$0")/pid"
 for last; do :; done
@@ -352,6 +355,29 @@ TEST(SSHProcessTransport, RunsSSHWithItsArgumentsInOrderAndRelaysBytes) {
     EXPECT_EQ(readFile(fake.dir.file("args")),
               "-T\n-o\nBatchMode=yes\n-o\nConnectTimeout=10\n-o\nServerAliveInterval=15\n-o\nServerAliveCountMax=3\n" +
                   ciphers + "-o\nControlPath=/tmp/cp\n--\nhost\necho\n");
+}
+
+// ssh's own reading of a configuration, without connecting anywhere.
+TEST(SSHProcessTransport, PrefersItsCiphersOnlyWhereTheConfigurationLeavesSSHsDefaults) {
+    if (SSHProcessTransport::cipherOptions().empty()) GTEST_SKIP() << "no AES instructions: nothing is preferred";
+    if (::access("/usr/bin/ssh", X_OK) != 0) GTEST_SKIP() << "no ssh here";
+    ScratchDirectory dir;
+    struct Row {
+        const char* name;
+        const char* configuration;
+        bool preferred;
+    };
+    for (const Row& row : {Row{"plain", "Host *\n  Compression no\n", true},
+                           Row{"chosen", "Host other\n  Compression no\nHost *.example\n  Ciphers aes256-ctr\n", false},
+                           Row{"unreadable", "NoSuchKeyword yes\n", false}}) {
+        std::ofstream(dir.file(row.name)) << row.configuration;
+        SSHProcessTransport transport;
+        transport.target = "box.example";
+        transport.extraOptions = {"-F", dir.file(row.name)};
+        std::vector<std::string> expected;
+        if (row.preferred) expected = SSHProcessTransport::cipherOptions();
+        EXPECT_EQ(transport.cipherPreference(), expected) << row.name;
+    }
 }
 
 TEST(SSHProcessTransport, ExitStatusBecomesTheCloseReason) {
