@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <map>
-#include <poll.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -205,48 +204,19 @@ pid_t spawn(const std::string& program, const std::vector<std::string>& argument
     }
 }
 
-// What `ssh -G` prints, or nothing when it fails or takes too long. It reads the configuration
-// and exits without connecting, but a "Match exec" line may run a command of the user's.
+// What `ssh -G` prints, or nothing when it fails. It reads the configuration and exits
+// without connecting.
 std::optional<std::string> sshConfiguration(const std::string& ssh, const std::vector<std::string>& arguments) {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) < 0) return std::nullopt;
-    int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    pid_t pid = -1;
     try {
-        pid = spawnChild(ssh, arguments, std::nullopt, -1, fds[1], null >= 0 ? null : fds[1]);
+        ProcessRequest request;
+        request.program = ssh;
+        request.arguments = arguments;
+        ProcessResult result = runProcess(request);
+        if (result.status != 0) return std::nullopt;
+        return std::move(result.out);
     } catch (const std::runtime_error&) {
-    }
-    closeAll({fds[1], null});
-    if (pid < 0) {
-        ::close(fds[0]);
         return std::nullopt;
     }
-    std::string text;
-    bool whole = false;
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) break;
-        pollfd wait{fds[0], POLLIN, 0};
-        int ready = ::poll(&wait, 1, static_cast<int>(left.count()));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) break;
-        char buffer[4096];
-        ssize_t count = ::read(fds[0], buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) {
-            whole = count == 0;
-            break;
-        }
-        text.append(buffer, static_cast<size_t>(count));
-    }
-    ::close(fds[0]);
-    if (!whole) ::kill(pid, SIGKILL); // not yet reaped, so still this child
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (!whole || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return std::nullopt;
-    return text;
 }
 
 std::optional<std::string> ciphersLine(const std::optional<std::string>& configuration) {
