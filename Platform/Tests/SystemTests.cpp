@@ -32,9 +32,3 @@ TEST(System, HomeFallsBackToThePasswordDatabase) {
     EXPECT_FALSE(homeDirectory().empty());
     EXPECT_EQ(homeDirectory().front(), '/');
 }
-
-TEST(System, IdentityFacts) {
-    EXPECT_EQ(userId(), getuid());
-    EXPECT_FALSE(hostName().empty());
-    EXPECT_EQ(userShell().front(), '/');
-}

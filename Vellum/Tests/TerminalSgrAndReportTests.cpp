@@ -183,19 +183,6 @@ TEST(TerminalSgr, TheGroundLaneAgreesWithTheGeneralPaths) {
     }
 }
 
-TEST(TerminalSgr, TheGroundLaneAgreesWhereverAPairIsCut) {
-    const std::string text = "ab \x1b[38;2;10;200;7mword \x1b[1;31mx\x1b[mend\x1b[48;5;12m  \x1b[;1mlast\r\x1b[4hin\x1b[7mserted\x1b[4l\n";
-    TerminalHarness general(12, 3, 10);
-    general.terminal.setGroundLane(false);
-    general.terminal.feed(text + text);
-    for (size_t cut = 1; cut < text.size() * 2; ++cut) {
-        TerminalHarness lane(12, 3, 10);
-        lane.terminal.feed(std::string_view(text + text).substr(0, cut));
-        lane.terminal.feed(std::string_view(text + text).substr(cut));
-        expectSameState(lane, general, "cut at " + std::to_string(cut));
-    }
-}
-
 // The lane applies plain renditions to the pen's interning key, code by code from a table. Every
 // code, alone and followed by others, from pens with and without an underline colour, must give
 // the cells and the pen that the general path gives.
