@@ -66,10 +66,8 @@ TEST(TerminalPrint, CharsetsInsertModeAndRepeat) {
     EXPECT_EQ(h.screen()[2], "abbbb45");
 }
 
-TEST(TerminalPrint, ScreenAlignmentAndClampedCursor) {
+TEST(TerminalPrint, ClampedCursorAndSize) {
     TerminalHarness h(3, 2);
-    h.terminal.feed("\x1b#8");
-    EXPECT_EQ(h.screen(), (Rows{"EEE", "EEE"}));
     h.terminal.feed("\x1b[99;99H");
     EXPECT_EQ(h.x(), 2);
     EXPECT_EQ(h.y(), 1);
