@@ -137,22 +137,6 @@ TEST(PaneGit, TextHelpers) {
     EXPECT_EQ(git.searchText(), "main wt-spine #12");
 }
 
-TEST(PaneRestore, NoteNamesTheResumedAgent) {
-    PaneRestore restore;
-    EXPECT_EQ(restore.note(), "Restored after restart");
-    restore.agent = "claude";
-    EXPECT_EQ(restore.note(), "Restored after restart · resumed Claude Code session");
-    restore.continued = true;
-    EXPECT_EQ(restore.note(), "Continued the latest conversation in this folder");
-}
-
-TEST(AgentInfo, KindNames) {
-    EXPECT_EQ(AgentInfo::kindName("claude"), "Claude Code");
-    EXPECT_EQ(AgentInfo::kindName("CODEX"), "Codex");
-    EXPECT_EQ(AgentInfo::kindName(""), "Agent");
-    EXPECT_EQ(AgentInfo::shortName(""), "Agent");
-}
-
 TEST(PaneDisplayTitle, DropsALeadingStatusGlyph) {
     auto shown = [](std::optional<std::string> title, std::optional<std::string> cwd = std::nullopt) {
         return Pane::displayTitle(title, cwd);
