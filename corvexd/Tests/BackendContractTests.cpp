@@ -66,21 +66,6 @@ protected:
     std::shared_ptr<SessionEventStream> events;
 };
 
-TEST_F(BackendContract, HelloAnnouncesTheEngineAndTheStateFollows) {
-    auto connected = nextOf<SessionEvent::Connected>();
-    ASSERT_TRUE(connected);
-    EXPECT_EQ(connected->hello.protocol, protocol::version);
-    for (auto feature : {Hello::Feature::paneKeys, Hello::Feature::paneSearch, Hello::Feature::paneFocus,
-                         Hello::Feature::clientColors, Hello::Feature::move, Hello::Feature::paneMove,
-                         Hello::Feature::splitSetRatio, Hello::Feature::restore}) {
-        EXPECT_TRUE(connected->hello.has(feature)) << Hello::wireName(feature);
-    }
-    EXPECT_FALSE(connected->hello.instance.empty());
-    auto state = nextOf<SessionEvent::State>();
-    ASSERT_TRUE(state);
-    EXPECT_TRUE(state->state.workspaces.empty());
-}
-
 TEST_F(BackendContract, TreeOperationsShapeTheSameTree) {
     SessionBackend& backend = *session;
     auto first = backend.createWorkspace("one", plainShell);
@@ -262,10 +247,15 @@ TEST_F(BackendContract, ASubscribeStartsWithASnapshotAndContinuesLive) {
 // Both sides read an agent off its terminal and follow the pane's repository, by one engine.
 TEST_F(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
     SessionBackend& backend = *session;
+    // Every announced feature is served: CorvexdServer.HelloDescribesThisRunAndOnlyWhatIsImplemented.
     auto connected = nextOf<SessionEvent::Connected>();
     ASSERT_TRUE(connected);
+    EXPECT_EQ(connected->hello.protocol, protocol::version);
     EXPECT_TRUE(connected->hello.has(Hello::Feature::agents));
     EXPECT_TRUE(connected->hello.has(Hello::Feature::git));
+    auto state = nextOf<SessionEvent::State>();
+    ASSERT_TRUE(state) << "the state follows the greeting";
+    EXPECT_TRUE(state->state.workspaces.empty());
 
     corvex::testing::ScratchDirectory scratch;
     std::filesystem::create_directories(scratch.file("bin"));
