@@ -207,43 +207,6 @@ TEST_F(BackendContract, TextAndSearchReadTheTerminal) {
     EXPECT_GT(found.seq, 0u);
 }
 
-// A subscriber gets a snapshot of the screen and then the live output, gapless from the
-// snapshot's position.
-TEST_F(BackendContract, ASubscribeStartsWithASnapshotAndContinuesLive) {
-    SessionBackend& backend = *session;
-    auto made = backend.createWorkspace("watch", plainShell);
-    backend.sendKeys(made.pane, std::string("echo before-$((2+2))"), {"Enter"});
-    ASSERT_TRUE(screenShows(made.pane, "before-4"));
-
-    auto subscription = backend.subscribe(made.pane, std::nullopt, 100);
-    EXPECT_EQ(subscription.mode, Subscription::Mode::snapshot);
-    std::optional<SessionEvent::Snapshot> snapshot;
-    while (!snapshot) {
-        auto event = nextEvent();
-        ASSERT_TRUE(event) << "no snapshot";
-        if (auto* s = event->template as<SessionEvent::Snapshot>(); s && s->pane == made.pane) snapshot = *s;
-    }
-    EXPECT_EQ(snapshot->seq, subscription.seq);
-    std::string shown(snapshot->bytes.begin(), snapshot->bytes.end());
-    EXPECT_NE(shown.find("before-4"), std::string::npos);
-
-    backend.sendKeys(made.pane, std::string("echo after-$((3+3))"), {"Enter"});
-    uint64_t next = snapshot->seq;
-    std::string live;
-    while (live.find("after-6") == std::string::npos) {
-        auto event = nextEvent();
-        ASSERT_TRUE(event) << "live output stopped at " << next;
-        auto* output = event->template as<SessionEvent::Output>();
-        if (!output || output->pane != made.pane) continue;
-        ASSERT_EQ(output->seq, next) << "output must follow the snapshot without gap or overlap";
-        next += output->bytes.size();
-        live.append(output->bytes.begin(), output->bytes.end());
-    }
-
-    // Holding what was delivered, a subscriber needs no snapshot again.
-    EXPECT_NE(backend.subscribe(made.pane, next).mode, Subscription::Mode::snapshot);
-}
-
 // Both sides read an agent off its terminal and follow the pane's repository, by one engine.
 TEST_F(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
     SessionBackend& backend = *session;
