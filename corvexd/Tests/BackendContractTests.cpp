@@ -189,24 +189,6 @@ TEST_F(BackendContract, NamedKeysReachTheShell) {
     EXPECT_TRUE(screenShows(made.pane, "after-2")) << backend.paneText(made.pane).text();
 }
 
-TEST_F(BackendContract, TextAndSearchReadTheTerminal) {
-    SessionBackend& backend = *session;
-    auto made = backend.createWorkspace("text", plainShell);
-    backend.sendKeys(made.pane, std::string("printf 'alpha\\nbeta-%d\\n' 1 2"), {"Enter"});
-    ASSERT_TRUE(screenShows(made.pane, "beta-2"));
-
-    auto text = backend.paneText(made.pane);
-    EXPECT_EQ(text.cols, 80);
-    EXPECT_EQ(text.rows, 24);
-    EXPECT_EQ(text.lines.size(), 24u);
-
-    auto found = backend.searchPane(made.pane, "beta-[0-9]", PaneSearchOptions{.regex = true});
-    ASSERT_GE(found.matches.size(), 2u);
-    EXPECT_EQ(found.matches[0].text, "beta-2") << "newest first";
-    EXPECT_EQ(found.matches[1].text, "beta-1");
-    EXPECT_GT(found.seq, 0u);
-}
-
 // Both sides read an agent off its terminal and follow the pane's repository, by one engine.
 TEST_F(BackendContract, AgentsAndGitFactsAreReadOffThePane) {
     SessionBackend& backend = *session;
