@@ -388,22 +388,14 @@ TEST_F(CoreFixture, ReportsLeaveAgentAttentionAloneAndKeystrokesClearIt) {
     core->sendInput(99, asBytes("dropped")); // a pane that has gone takes writes silently
 }
 
-TEST_F(CoreFixture, AgentRequestsMutingAndRestoreNotes) {
+// Deciding once and only once, muting and dismissing a restore note are checked through a real
+// daemon by AgentHooks.APermissionRequestWaitsForADecisionFromAnyClient,
+// AgentHooks.ClaudeReportsThroughItsHooksAndTheDaemonKeepsTheHistory and
+// PaneService.TheTreeComesBackAfterAStopButNotAfterAShutdown.
+TEST_F(CoreFixture, MutingAPaneWithoutAnAgentIsRefused) {
     auto created = core->createWorkspace("w", {});
-    uint64_t pane = created.pane;
-    expectError([&] { core->muteAgent(pane, true); }, "not_found", "no agent in pane " + std::to_string(pane));
-    AgentInfo agent{.kind = "claude"};
-    agent.requests = std::vector<PermissionRequest>{{"r1", "Bash", std::nullopt}};
-    core->setAgent(pane, agent);
-    core->decide(pane, "r1");
-    EXPECT_TRUE(core->state().pane(pane)->agent->requests->empty());
-    expectError([&] { core->decide(pane, "r1"); }, "not_found", "r1 was already answered or retired");
-    core->muteAgent(pane, true);
-    EXPECT_EQ(core->state().pane(pane)->agent->muted, true);
-
-    core->setRestored(pane, PaneRestore{.at = 1, .agent = "claude"});
-    core->dismissRestored(pane);
-    EXPECT_FALSE(core->state().pane(pane)->restored);
+    expectError([&] { core->muteAgent(created.pane, true); }, "not_found",
+                "no agent in pane " + std::to_string(created.pane));
 }
 
 TEST_F(CoreFixture, ProcessEndRemovesThePaneOnceAndLateReportsAreHarmless) {
