@@ -88,26 +88,18 @@ TEST(AgentAfterReport, CodexTurnsAndMutedAgentsAcrossSessions) {
 
 TEST(AgentHistoryEntry, NamesTheChange) {
     auto waiting = agentAfterReport(std::nullopt, claude("SessionStart"), 1);
+    // The names a turn leaves in the daemon's history, with the reporter's pid, are checked by
+    // AgentHooks.ClaudeReportsThroughItsHooksAndTheDaemonKeepsTheHistory.
     auto first = historyEntry(std::nullopt, waiting, 1, 4242);
-    EXPECT_EQ(first->eventName, "state");
     EXPECT_FALSE(first->fromName);
-    EXPECT_EQ(first->pid, 4242);
     EXPECT_FALSE(first->guess);
     EXPECT_EQ(first->source, "hook");
 
     auto running = agentAfterReport(waiting, claude("UserPromptSubmit"), 2);
     EXPECT_EQ(historyEntry(waiting, running, 2)->fromName, "waiting");
-    auto acked = running;
-    acked->attention = true;
-    EXPECT_EQ(historyEntry(running, acked, 3)->eventName, "attention");
     auto muted = running;
     muted->muted = true;
-    EXPECT_EQ(historyEntry(running, muted, 3)->eventName, "mute");
     EXPECT_EQ(historyEntry(muted, running, 3)->eventName, "unmute");
-    auto told = running;
-    told->message = "thinking";
-    EXPECT_EQ(historyEntry(running, told, 3)->eventName, "update");
-    EXPECT_EQ(historyEntry(running, std::nullopt, 4)->eventName, "gone");
     EXPECT_FALSE(historyEntry(running, running, 5));
 
     AgentInfo guessed;

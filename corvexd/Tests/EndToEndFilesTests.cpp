@@ -210,30 +210,6 @@ TEST_F(DaemonFileLayer, WritesPlaceWholeFilesAndRefuseToReplace) {
     EXPECT_EQ(failureOf([&] { files->write(scratch.path(), replace, nothing, {}); }).code(), "is_a_directory");
 }
 
-TEST_F(DaemonFileLayer, ABrokenResumableWriteContinuesWhereItStopped) {
-    std::string bytes = patternBytes(600000, 5);
-    FileWriteOptions options;
-    options.size = bytes.size();
-    options.uploadID = "u1";
-    options.source = "v1";
-    options.chunk = 65536;
-    options.window = 1 << 20;
-    MemorySource broken(bytes, "v1", 65536);
-    broken.failAfter = 300000;
-    EXPECT_EQ(failureOf([&] { files->write(at("out"), options, broken, {}); }).code(), "disconnected");
-    EXPECT_FALSE(fsys::exists(at("out")));
-    // The daemon sees the cancel after what was sent; what it kept is where the next one starts.
-    ASSERT_TRUE(eventually([&] { return stagingFiles(scratch.path()).size() == 2; }));
-
-    MemorySource rest(bytes, "v1", 65536);
-    files->write(at("out"), options, rest, {});
-    ASSERT_EQ(rest.openedAt.size(), 1u);
-    EXPECT_GT(rest.openedAt[0], 0u) << "continued, not started again";
-    EXPECT_LE(rest.openedAt[0], 300000u);
-    EXPECT_EQ(readBytes(at("out")), bytes);
-    EXPECT_TRUE(stagingFiles(scratch.path()).empty());
-}
-
 TEST_F(DaemonFileLayer, ATreeCopiesWithItsHiddenFilesAndWithoutLinksToFoldersOrFifos) {
     std::string from = at("from");
     fsys::create_directories(from + "/sub/deeper");
